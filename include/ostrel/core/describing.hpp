@@ -1,0 +1,126 @@
+#pragma once
+
+// The abstract interfaces behind the public schema wrappers. The library's own implementations
+// are the Proto* classes of the schema store; another store only has to implement these.
+//
+// Schema lookups materialise schemas lazily and cache them, so they are const but mutate hidden
+// state: one store, and everything reached from it, must be used by one thread at a time.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/core/bytes.hpp"
+#include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
+
+namespace ostrel {
+
+class FieldSchemaDescribing;
+class OneofSchemaDescribing;
+
+class SchemaDescribing {
+ public:
+  virtual ~SchemaDescribing() = default;
+  // The fully qualified type name for messages and enums, the simple name for fields and oneofs.
+  virtual const std::string& name() const noexcept = 0;
+  virtual std::string typeDescription() const = 0;
+};
+
+// The values of one field that buildData writes: none, one, or (for a repeated field) several,
+// written one after another.
+using FieldValues = std::vector<AnyValueImpl>;
+
+// Asked once per field by buildData; returns the values to write for it (empty: nothing).
+using ValueForField = std::function<FieldValues(const FieldSchemaDescribing& field)>;
+
+class MessageSchemaDescribing : public virtual SchemaDescribing {
+ public:
+  // Options as schematized data of google.protobuf.MessageOptions, when the message has any.
+  virtual const std::optional<SchematizedData>& options() const noexcept = 0;
+  // Field names in ascending order of field number.
+  virtual const std::vector<std::string>& allFieldNames() const noexcept = 0;
+  // Oneof names in ascending text order.
+  virtual const std::vector<std::string>& allOneofNames() const noexcept = 0;
+  // Materialises every field; returns them by number.
+  virtual const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>& fieldsByNumber()
+      const = 0;
+  // Materialises every oneof; returns them in declaration order.
+  virtual std::vector<std::shared_ptr<OneofSchemaDescribing>> allOneofs() const = 0;
+  virtual const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(std::string_view name) const = 0;
+  virtual const std::shared_ptr<FieldSchemaDescribing>& fieldWithNumber(int64_t number) const = 0;
+  virtual const std::shared_ptr<OneofSchemaDescribing>& oneofNamed(std::string_view name) const = 0;
+  // Pairs this schema with an owned copy of `data`.
+  virtual SchematizedData schematizedData(Bytes data) const = 0;
+  // Pairs this schema with borrowed bytes; the caller keeps them alive.
+  virtual UnsafeSchematizedData unsafeSchematizedData(ByteView bytes) const = 0;
+  // Writes a new message, asking `valueForField` for each field in ascending order of field name.
+  virtual SchematizedData buildData(const ValueForField& valueForField) const = 0;
+};
+
+class FieldSchemaDescribing : public virtual SchemaDescribing {
+ public:
+  virtual bool isRepeated() const noexcept = 0;
+  // Every field reports itself optional.
+  virtual bool isOptional() const noexcept = 0;
+  virtual const std::optional<SchematizedData>& options() const noexcept = 0;
+  virtual std::optional<int32_t> oneofIndex() const noexcept = 0;
+  virtual int64_t fieldNumber() const = 0;
+  // The resolved type; resolves message and enum types through the store on first call.
+  virtual const TypeSchemaDescription& type() const = 0;
+};
+
+class EnumSchemaDescribing : public virtual SchemaDescribing {
+ public:
+  virtual const std::set<int64_t>& valueSet() const noexcept = 0;
+  virtual const std::optional<SchematizedData>& options() const noexcept = 0;
+  virtual const std::map<int64_t, SchematizedData>& valueOptions() const noexcept = 0;
+  virtual int64_t valueNamed(std::string_view name) const = 0;
+  virtual const std::string& valueNameFor(int64_t number) const = 0;
+  // The name of `number`, or null when the enum has no such value.
+  virtual const std::string* findValueNameFor(int64_t number) const noexcept = 0;
+};
+
+class OneofSchemaDescribing : public virtual SchemaDescribing {
+ public:
+  virtual const std::optional<SchematizedData>& options() const noexcept = 0;
+  virtual const std::set<int64_t>& allFieldNumbers() const noexcept = 0;
+  virtual const std::set<std::string>& allFieldNames() const noexcept = 0;
+  virtual const std::string& fieldNameFor(int64_t number) const = 0;
+  virtual int64_t fieldNumberNamed(std::string_view name) const = 0;
+};
+
+class SchemaStoreDescribing {
+ public:
+  virtual ~SchemaStoreDescribing() = default;
+  // All message names, looked up or not; built afresh on each call.
+  virtual std::set<std::string> messageSchemaNames() const = 0;
+  virtual std::set<std::string> enumSchemaNames() const = 0;
+  virtual std::shared_ptr<MessageSchemaDescribing> messageSchema(std::string_view name) const = 0;
+  virtual std::shared_ptr<EnumSchemaDescribing> enumSchema(std::string_view name) const = 0;
+
+  // Whether messageSchemaNames() holds `name`; stores override this with a direct lookup.
+  virtual bool hasMessageSchemaNamed(std::string_view name) const {
+    return messageSchemaNames().contains(std::string(name));
+  }
+
+  // The options messages of descriptor.proto, as far as this store knows them.
+  bool hasMessageOptionsSchema() const;
+  bool hasFieldOptionsSchema() const;
+  bool hasOneofOptionsSchema() const;
+  bool hasEnumOptionsSchema() const;
+  bool hasEnumValueOptionsSchema() const;
+  std::shared_ptr<MessageSchemaDescribing> messageOptionsSchema() const;
+  std::shared_ptr<MessageSchemaDescribing> fieldOptionsSchema() const;
+  std::shared_ptr<MessageSchemaDescribing> oneofOptionsSchema() const;
+  std::shared_ptr<MessageSchemaDescribing> enumOptionsSchema() const;
+  std::shared_ptr<MessageSchemaDescribing> enumValueOptionsSchema() const;
+};
+
+}  // namespace ostrel

@@ -1,0 +1,238 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "ostrel/core/bytes.hpp"
+#include "ostrel/core/data_value.hpp"
+#include "ostrel/core/field_types.hpp"
+
+namespace ostrel {
+
+class EnumSchemaDescribing;
+class FieldSchemaDescribing;
+class MessageSchemaDescribing;
+class MessageSchema;
+class AnyValue;
+
+// Encoded bytes paired with the schema of the message they hold, as seen by the library's
+// internals.
+class SchematizedDataDescribing {
+ public:
+  virtual ~SchematizedDataDescribing() = default;
+
+  // The encoded message, borrowed; valid while this object and the buffer it refers to are alive.
+  virtual ByteView bytes() const noexcept = 0;
+  virtual const std::shared_ptr<MessageSchemaDescribing>& messageSchema() const noexcept = 0;
+  // An owned copy of the encoded message.
+  virtual Bytes data() const { return toBytes(bytes()); }
+};
+
+// Bytes paired with their schema without a copy: typically a nested message inside its parent's
+// buffer. Valid only while the borrowed buffer is alive and unchanged; it never frees it.
+class UnsafeSchematizedData final : public SchematizedDataDescribing {
+ public:
+  UnsafeSchematizedData(std::shared_ptr<MessageSchemaDescribing> schema, ByteView bytes) noexcept
+      : schema_(std::move(schema)), bytes_(bytes) {}
+
+  ByteView bytes() const noexcept override { return bytes_; }
+  const std::shared_ptr<MessageSchemaDescribing>& messageSchema() const noexcept override {
+    return schema_;
+  }
+
+ private:
+  std::shared_ptr<MessageSchemaDescribing> schema_;
+  ByteView bytes_;
+};
+
+// Encoded bytes paired with their message schema; owns its bytes. Copies share the buffer.
+class SchematizedData {
+ public:
+  SchematizedData(std::shared_ptr<MessageSchemaDescribing> schema, Bytes data)
+      : schema_(std::move(schema)), data_(std::move(data)) {}
+  // Takes the schema and an owned copy of the bytes of any schematized data.
+  explicit SchematizedData(const SchematizedDataDescribing& other)
+      : SchematizedData(other.messageSchema(), other.data()) {}
+
+  const std::shared_ptr<MessageSchemaDescribing>& messageSchemaImpl() const noexcept {
+    return schema_;
+  }
+  // The public wrapper of the message schema.
+  MessageSchema messageSchema() const;
+  const Bytes& data() const noexcept { return data_.bytes(); }
+  ByteView bytes() const noexcept { return data_.view(); }
+
+  // A borrowing view of this data, valid while this object (or a copy of it) is alive.
+  UnsafeSchematizedData unsafe() const noexcept { return {schema_, data_.view()}; }
+
+  // Reads the value at a property path such as "a.b[2].c"; no value when the bytes do not hold
+  // it. Throws PropertyPathUtil::Error for a malformed path, SchematizerError for a path the
+  // schema does not have, SerializationError for malformed bytes.
+  std::optional<AnyValue> value(std::string_view propertyPath) const;
+
+  // Same schema name and the same bytes.
+  friend bool operator==(const SchematizedData& a, const SchematizedData& b);
+
+ private:
+  std::shared_ptr<MessageSchemaDescribing> schema_;
+  OwnedData data_;
+};
+
+// An enum value as the library handles it internally: the enum's schema and either a value name
+// or a value number.
+struct EnumValueImpl {
+  using Container = std::variant<std::string, int64_t>;
+
+  std::shared_ptr<EnumSchemaDescribing> type;
+  Container container;
+
+  // The number: held, or looked up by name in the enum schema (which throws
+  // SchematizerError::enumValueNotFound for an unknown name).
+  int64_t number() const;
+};
+
+// A typed value as the library's internals handle it. Bytes and nested messages borrow from the
+// buffer they were decoded from; only strings are copied.
+class AnyValueImpl {
+ public:
+  enum class Case : uint8_t {
+    int32,
+    uint32,
+    int64,
+    uint64,
+    float_,
+    double_,
+    bool_,
+    enum_,
+    string,
+    bytes,
+    message,
+  };
+
+  static AnyValueImpl int32(int32_t v) { return AnyValueImpl(std::in_place_index<0>, v); }
+  static AnyValueImpl uint32(uint32_t v) { return AnyValueImpl(std::in_place_index<1>, v); }
+  static AnyValueImpl int64(int64_t v) { return AnyValueImpl(std::in_place_index<2>, v); }
+  static AnyValueImpl uint64(uint64_t v) { return AnyValueImpl(std::in_place_index<3>, v); }
+  static AnyValueImpl float_(float v) { return AnyValueImpl(std::in_place_index<4>, v); }
+  static AnyValueImpl double_(double v) { return AnyValueImpl(std::in_place_index<5>, v); }
+  static AnyValueImpl bool_(bool v) { return AnyValueImpl(std::in_place_index<6>, v); }
+  static AnyValueImpl enum_(EnumValueImpl v) {
+    return AnyValueImpl(std::in_place_index<7>, std::move(v));
+  }
+  static AnyValueImpl string(std::string v) {
+    return AnyValueImpl(std::in_place_index<8>, std::move(v));
+  }
+  static AnyValueImpl bytes(ByteView v) { return AnyValueImpl(std::in_place_index<9>, v); }
+  static AnyValueImpl message(UnsafeSchematizedData v) {
+    return AnyValueImpl(std::in_place_index<10>, std::move(v));
+  }
+
+  Case kind() const noexcept { return static_cast<Case>(value_.index()); }
+
+  // Accessors of the payload; each requires kind() to be the matching case.
+  int32_t int32Value() const { return std::get<0>(value_); }
+  uint32_t uint32Value() const { return std::get<1>(value_); }
+  int64_t int64Value() const { return std::get<2>(value_); }
+  uint64_t uint64Value() const { return std::get<3>(value_); }
+  float floatValue() const { return std::get<4>(value_); }
+  double doubleValue() const { return std::get<5>(value_); }
+  bool boolValue() const { return std::get<6>(value_); }
+  const EnumValueImpl& enumValue() const { return std::get<7>(value_); }
+  const std::string& stringValue() const { return std::get<8>(value_); }
+  const DataValueDescribing& bytesValue() const { return std::get<9>(value_); }
+  const UnsafeSchematizedData& messageValue() const { return std::get<10>(value_); }
+
+  // A short rendering for error texts and test output, for example "int32(5)".
+  std::string describe() const;
+
+ private:
+  template <size_t I, typename T>
+  AnyValueImpl(std::in_place_index_t<I> index, T&& v) : value_(index, std::forward<T>(v)) {}
+
+  std::variant<int32_t, uint32_t, int64_t, uint64_t, float, double, bool, EnumValueImpl,
+               std::string, BorrowedData, UnsafeSchematizedData>
+      value_;
+};
+
+// A value paired with the schema of the field it belongs to.
+struct FieldValueImpl {
+  std::shared_ptr<FieldSchemaDescribing> fieldSchema;
+  AnyValueImpl value;
+};
+
+// An enum value handed to library users.
+class EnumValue {
+ public:
+  explicit EnumValue(EnumValueImpl impl) : impl_(std::move(impl)) {}
+
+  const EnumValueImpl& impl() const noexcept { return impl_; }
+  // The number; a value held by name is looked up (throws enumValueNotFound when unknown).
+  int64_t number() const { return impl_.number(); }
+  // The name; a value held by number is looked up (throws enumValueNotFound when unknown).
+  std::string name() const;
+  // The name, or no value when the enum does not know the number.
+  std::optional<std::string> findName() const;
+
+  // Same enum name and the same number.
+  friend bool operator==(const EnumValue& a, const EnumValue& b);
+
+ private:
+  EnumValueImpl impl_;
+};
+
+// A typed value handed to library users; it owns everything it holds.
+class AnyValue {
+ public:
+  using Case = AnyValueImpl::Case;
+
+  AnyValue(int32_t v) : value_(std::in_place_index<0>, v) {}
+  AnyValue(uint32_t v) : value_(std::in_place_index<1>, v) {}
+  AnyValue(int64_t v) : value_(std::in_place_index<2>, v) {}
+  AnyValue(uint64_t v) : value_(std::in_place_index<3>, v) {}
+  AnyValue(float v) : value_(std::in_place_index<4>, v) {}
+  AnyValue(double v) : value_(std::in_place_index<5>, v) {}
+  AnyValue(bool v) : value_(std::in_place_index<6>, v) {}
+  AnyValue(EnumValue v) : value_(std::in_place_index<7>, std::move(v)) {}
+  AnyValue(std::string v) : value_(std::in_place_index<8>, std::move(v)) {}
+  AnyValue(const char* v) : value_(std::in_place_index<8>, v) {}
+  AnyValue(Bytes v) : value_(std::in_place_index<9>, std::move(v)) {}
+  AnyValue(SchematizedData v) : value_(std::in_place_index<10>, std::move(v)) {}
+
+  // The owned form of an internal value: bytes and nested messages are copied.
+  static AnyValue from(const AnyValueImpl& impl);
+  // The internal form, borrowing this value's bytes and nested message; valid while this value
+  // is alive and unchanged.
+  AnyValueImpl impl() const;
+
+  Case kind() const noexcept { return static_cast<Case>(value_.index()); }
+
+  int32_t int32Value() const { return std::get<0>(value_); }
+  uint32_t uint32Value() const { return std::get<1>(value_); }
+  int64_t int64Value() const { return std::get<2>(value_); }
+  uint64_t uint64Value() const { return std::get<3>(value_); }
+  float floatValue() const { return std::get<4>(value_); }
+  double doubleValue() const { return std::get<5>(value_); }
+  bool boolValue() const { return std::get<6>(value_); }
+  const EnumValue& enumValue() const { return std::get<7>(value_); }
+  const std::string& stringValue() const { return std::get<8>(value_); }
+  const Bytes& bytesValue() const { return std::get<9>(value_); }
+  const SchematizedData& messageValue() const { return std::get<10>(value_); }
+
+  // A short rendering for messages and test output, for example "string(\"x\")".
+  std::string describe() const;
+
+  friend bool operator==(const AnyValue& a, const AnyValue& b) = default;
+
+ private:
+  std::variant<int32_t, uint32_t, int64_t, uint64_t, float, double, bool, EnumValue, std::string,
+               Bytes, SchematizedData>
+      value_;
+};
+
+// The case name of a value case, for example "uint64".
+std::string_view caseName(AnyValueImpl::Case kind) noexcept;
+
+}  // namespace ostrel
