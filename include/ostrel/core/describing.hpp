@@ -38,7 +38,8 @@ class SchemaDescribing {
 using FieldValues = std::vector<AnyValueImpl>;
 
 // Asked once per field by buildData; returns the values to write for it (empty: nothing).
-using ValueForField = std::function<FieldValues(const FieldSchemaDescribing& field)>;
+using ValueForField =
+    std::function<FieldValues(const std::shared_ptr<FieldSchemaDescribing>& field)>;
 
 class MessageSchemaDescribing : public virtual SchemaDescribing {
  public:

@@ -1,0 +1,190 @@
+#pragma once
+
+// The public schema types. Each is a small value holding one shared `impl` behind an abstract
+// interface; copying a wrapper copies the reference, not the schema. Only SchemaStore keeps a store
+// alive: the other wrappers keep their schema alive but not the store it came from.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/core/describing.hpp"
+#include "ostrel/manifest/manifest.hpp"
+
+namespace ostrel {
+
+class EnumSchema {
+ public:
+  explicit EnumSchema(std::shared_ptr<EnumSchemaDescribing> impl) : impl_(std::move(impl)) {}
+
+  const std::shared_ptr<EnumSchemaDescribing>& impl() const noexcept { return impl_; }
+  const std::string& name() const noexcept { return impl_->name(); }
+  const std::set<int64_t>& valueSet() const noexcept { return impl_->valueSet(); }
+  const std::optional<SchematizedData>& options() const noexcept { return impl_->options(); }
+  const std::map<int64_t, SchematizedData>& valueOptions() const noexcept {
+    return impl_->valueOptions();
+  }
+  int64_t valueNamed(std::string_view name) const { return impl_->valueNamed(name); }
+  const std::string& valueNameFor(int64_t number) const { return impl_->valueNameFor(number); }
+
+  // The same schema object.
+  friend bool operator==(const EnumSchema& a, const EnumSchema& b) { return a.impl_ == b.impl_; }
+
+ private:
+  std::shared_ptr<EnumSchemaDescribing> impl_;
+};
+
+class MessageSchema;
+
+// A resolved field type; the enum and message cases carry their schema.
+class TypeSchema {
+ public:
+  using Case = TypeSchemaDescription::Case;
+
+  // Wraps the schemas of the internal form.
+  explicit TypeSchema(TypeSchemaDescription description) : description_(std::move(description)) {}
+
+  Case kind() const noexcept { return description_.kind(); }
+  // The enum schema of the enum case; no value otherwise.
+  std::optional<EnumSchema> enumSchema() const;
+  // The message schema of the message case; no value otherwise.
+  std::optional<MessageSchema> messageSchema() const;
+  // The internal form, handing over the wrapped schemas.
+  const TypeSchemaDescription& description() const noexcept { return description_; }
+
+  // A text for developer tooling: "signed integer 32", "message of a.M schema",
+  // "a.E enum (try .ostrel describe enum a.E)".
+  std::string descriptionText() const;
+
+  // Same case and, for enum and message, the same schema name (not the same object).
+  friend bool operator==(const TypeSchema& a, const TypeSchema& b) {
+    return a.description_ == b.description_;
+  }
+
+ private:
+  TypeSchemaDescription description_;
+};
+
+class FieldSchema {
+ public:
+  explicit FieldSchema(std::shared_ptr<FieldSchemaDescribing> impl) : impl_(std::move(impl)) {}
+
+  const std::shared_ptr<FieldSchemaDescribing>& impl() const noexcept { return impl_; }
+  const std::string& name() const noexcept { return impl_->name(); }
+  bool isRepeated() const noexcept { return impl_->isRepeated(); }
+  bool isOptional() const noexcept { return impl_->isOptional(); }
+  const std::optional<SchematizedData>& options() const noexcept { return impl_->options(); }
+  std::optional<int32_t> oneofIndex() const noexcept { return impl_->oneofIndex(); }
+  int64_t fieldNumber() const { return impl_->fieldNumber(); }
+  // Resolves the type on first use; throws "Store is destroyed" when that needs a store that is
+  // gone.
+  TypeSchema type() const { return TypeSchema(impl_->type()); }
+
+  friend bool operator==(const FieldSchema& a, const FieldSchema& b) { return a.impl_ == b.impl_; }
+
+ private:
+  std::shared_ptr<FieldSchemaDescribing> impl_;
+};
+
+class OneofSchema {
+ public:
+  explicit OneofSchema(std::shared_ptr<OneofSchemaDescribing> impl) : impl_(std::move(impl)) {}
+
+  const std::shared_ptr<OneofSchemaDescribing>& impl() const noexcept { return impl_; }
+  const std::string& name() const noexcept { return impl_->name(); }
+  const std::optional<SchematizedData>& options() const noexcept { return impl_->options(); }
+  const std::set<int64_t>& allFieldNumbers() const noexcept { return impl_->allFieldNumbers(); }
+  const std::set<std::string>& allFieldNames() const noexcept { return impl_->allFieldNames(); }
+  const std::string& fieldNameFor(int64_t number) const { return impl_->fieldNameFor(number); }
+  int64_t fieldNumberNamed(std::string_view name) const { return impl_->fieldNumberNamed(name); }
+
+  friend bool operator==(const OneofSchema& a, const OneofSchema& b) { return a.impl_ == b.impl_; }
+
+ private:
+  std::shared_ptr<OneofSchemaDescribing> impl_;
+};
+
+// A value paired with the schema of its field.
+struct FieldValue {
+  FieldSchema fieldSchema;
+  AnyValue value;
+};
+
+class MessageSchema {
+ public:
+  // The values to write for one field: none, one, or several for a repeated field.
+  using ValueForField = std::function<std::vector<AnyValue>(const FieldSchema& field)>;
+
+  explicit MessageSchema(std::shared_ptr<MessageSchemaDescribing> impl) : impl_(std::move(impl)) {}
+
+  const std::shared_ptr<MessageSchemaDescribing>& impl() const noexcept { return impl_; }
+  const std::string& name() const noexcept { return impl_->name(); }
+  const std::optional<SchematizedData>& options() const noexcept { return impl_->options(); }
+  // Field names in ascending order of field number.
+  const std::vector<std::string>& allFieldNames() const noexcept { return impl_->allFieldNames(); }
+  // Oneof names in text order.
+  const std::vector<std::string>& allOneofNames() const noexcept { return impl_->allOneofNames(); }
+  std::map<int64_t, FieldSchema> fieldsByNumber() const;
+  // Oneofs in declaration order.
+  std::vector<OneofSchema> allOneofs() const;
+  // Throws SchematizerError::fieldNotFound.
+  FieldSchema fieldNamed(std::string_view name) const {
+    return FieldSchema(impl_->fieldNamed(name));
+  }
+  FieldSchema fieldWithNumber(int64_t number) const {
+    return FieldSchema(impl_->fieldWithNumber(number));
+  }
+  // The field, or no value when the message has no field of that name.
+  std::optional<FieldSchema> findFieldNamed(std::string_view name) const;
+  // Throws SchematizerError::oneofNotFound.
+  OneofSchema oneofNamed(std::string_view name) const {
+    return OneofSchema(impl_->oneofNamed(name));
+  }
+
+  // Pairs this schema with an owned copy of `data`.
+  SchematizedData schematizedData(Bytes data) const {
+    return impl_->schematizedData(std::move(data));
+  }
+  SchematizedData schematizedData(std::string_view data) const {
+    return impl_->schematizedData(toBytes(data));
+  }
+
+  // Writes a new message: `valueForField` is asked for the values of each field, in ascending
+  // order of field name, and each value is written as the field's type requires.
+  SchematizedData buildData(const ValueForField& valueForField) const;
+
+  friend bool operator==(const MessageSchema& a, const MessageSchema& b) {
+    return a.impl_ == b.impl_;
+  }
+
+ private:
+  std::shared_ptr<MessageSchemaDescribing> impl_;
+};
+
+class SchemaStore {
+ public:
+  explicit SchemaStore(std::shared_ptr<SchemaStoreDescribing> impl) : impl_(std::move(impl)) {}
+  // A store of `manifest` merged into the built-in descriptor manifest. Throws MergeConflict.
+  explicit SchemaStore(const SchemaManifest& manifest);
+
+  const std::shared_ptr<SchemaStoreDescribing>& impl() const noexcept { return impl_; }
+  std::set<std::string> messageSchemaNames() const { return impl_->messageSchemaNames(); }
+  std::set<std::string> enumSchemaNames() const { return impl_->enumSchemaNames(); }
+  // Throws SchematizerError::schemaNotFound, or the error of creating the schema.
+  MessageSchema messageSchema(std::string_view name) const {
+    return MessageSchema(impl_->messageSchema(name));
+  }
+  // Throws SchematizerError::enumNotFound, or the error of creating the schema.
+  EnumSchema enumSchema(std::string_view name) const { return EnumSchema(impl_->enumSchema(name)); }
+
+ private:
+  std::shared_ptr<SchemaStoreDescribing> impl_;
+};
+
+}  // namespace ostrel

@@ -1,0 +1,211 @@
+#include <algorithm>
+#include <new>
+
+#include "ostrel/core/fatal.hpp"
+#include "ostrel/output/protobuf_writing.hpp"
+#include "ostrel/store/proto_schemas.hpp"
+#include "store/options.hpp"
+
+namespace ostrel {
+namespace {
+
+[[noreturn]] void duplicateKey(const std::string& key) {
+  detail::fatal("Duplicate values for key: '" + key + "'");
+}
+
+int64_t fieldNumberOf(const ProtoMessageSchema::FieldContainer& slot) {
+  if (const auto* manifest = std::get_if<FieldManifest>(&slot)) return manifest->fieldNumber;
+  return std::get<1>(slot)->fieldNumber();
+}
+
+std::optional<int32_t> oneofIndexOf(const ProtoMessageSchema::FieldContainer& slot) {
+  if (const auto* manifest = std::get_if<FieldManifest>(&slot)) return manifest->oneofIndex;
+  return std::get<1>(slot)->oneofIndex();
+}
+
+}  // namespace
+
+std::shared_ptr<ProtoMessageSchema> ProtoMessageSchema::make(
+    std::string name, const MessageManifest& manifest,
+    const std::shared_ptr<SchemaStoreDescribing>& store) {
+  std::shared_ptr<ProtoMessageSchema> schema(new ProtoMessageSchema(std::move(name)));
+
+  std::vector<std::pair<int64_t, std::string>> byNumber;
+  byNumber.reserve(manifest.fields.size());
+  schema->fields_.reserve(manifest.fields.size());
+  for (const auto& [fieldName, field] : manifest.fields) {
+    byNumber.emplace_back(field.fieldNumber, fieldName);
+    schema->fields_.emplace(fieldName, field);
+  }
+  std::stable_sort(byNumber.begin(), byNumber.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  schema->allFieldNames_.reserve(byNumber.size());
+  for (auto& entry : byNumber) schema->allFieldNames_.push_back(std::move(entry.second));
+
+  if (manifest.oneofs.size() > static_cast<size_t>(INT32_MAX)) {
+    detail::fatal("Oneof index out of range");
+  }
+  for (size_t i = 0; i < manifest.oneofs.size(); ++i) {
+    const OneofManifest& oneof = manifest.oneofs[i];
+    const bool inserted =
+        schema->oneofs_.try_emplace(oneof.name, OneofContainer{static_cast<int32_t>(i), oneof})
+            .second;
+    if (!inserted) duplicateKey(oneof.name);
+    schema->allOneofNames_.push_back(oneof.name);
+  }
+  std::sort(schema->allOneofNames_.begin(), schema->allOneofNames_.end());
+
+  schema->uninitializedCount_ =
+      static_cast<int64_t>(schema->allFieldNames_.size() + schema->oneofs_.size());
+  schema->options_ = detail::schematizeOptions(manifest.options, *store,
+                                               &SchemaStoreDescribing::hasMessageOptionsSchema,
+                                               &SchemaStoreDescribing::messageOptionsSchema);
+  // A message with nothing to materialise never needs its store.
+  if (schema->uninitializedCount_ > 0) schema->store_ = store;
+  return schema;
+}
+
+std::shared_ptr<SchemaStoreDescribing> ProtoMessageSchema::lockStore() const {
+  std::shared_ptr<SchemaStoreDescribing> store = store_.lock();
+  if (!store) throw SchematizerError::notInitialized();
+  return store;
+}
+
+void ProtoMessageSchema::countMaterialised() const {
+  if (--uninitializedCount_ == 0) store_.reset();
+}
+
+const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::materialiseField(
+    FieldContainer& slot, const std::string& fieldName) const {
+  if (const auto* field = std::get_if<1>(&slot)) return *field;
+  const std::shared_ptr<SchemaStoreDescribing> store = lockStore();
+  std::shared_ptr<FieldSchemaDescribing> field =
+      ProtoFieldSchema::make(fieldName, std::get<FieldManifest>(slot), store);
+  // With two fields of one number, the first one materialised keeps the number.
+  fieldsCache_.try_emplace(field->fieldNumber(), field);
+  slot = std::move(field);
+  countMaterialised();
+  return std::get<1>(slot);
+}
+
+const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldNamed(
+    std::string_view fieldName) const {
+  const auto it = fields_.find(fieldName);
+  if (it == fields_.end()) {
+    throw SchematizerError::fieldNotFound("Schema \"" + name() + "\" property with name \"" +
+                                          std::string(fieldName) + "\"");
+  }
+  return materialiseField(it->second, it->first);
+}
+
+const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldWithNumber(
+    int64_t number) const {
+  if (const auto cached = fieldsCache_.find(number); cached != fieldsCache_.end()) {
+    return cached->second;
+  }
+  for (auto& [fieldName, slot] : fields_) {
+    if (fieldNumberOf(slot) == number) return materialiseField(slot, fieldName);
+  }
+  throw SchematizerError::fieldNotFound("With number " + std::to_string(number));
+}
+
+const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::materialiseOneof(
+    OneofContainer& slot) const {
+  if (const auto* oneof = std::get_if<1>(&slot.value)) return *oneof;
+  const std::shared_ptr<SchemaStoreDescribing> store = lockStore();
+  std::map<std::string, int64_t, std::less<>> members;
+  for (const auto& [fieldName, field] : fields_) {
+    if (oneofIndexOf(field) == slot.index) {
+      if (!members.emplace(fieldName, fieldNumberOf(field)).second) duplicateKey(fieldName);
+    }
+  }
+  slot.value =
+      ProtoOneOfSchema::make(std::get<OneofManifest>(slot.value), std::move(members), *store);
+  countMaterialised();
+  return std::get<1>(slot.value);
+}
+
+const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::oneofNamed(
+    std::string_view oneofName) const {
+  const auto it = oneofs_.find(oneofName);
+  if (it == oneofs_.end()) throw SchematizerError::oneofNotFound();
+  return materialiseOneof(it->second);
+}
+
+const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>&
+ProtoMessageSchema::fieldsByNumber() const {
+  if (uninitializedCount_ != 0) {
+    for (const std::string& fieldName : allFieldNames_) fieldNamed(fieldName);
+  }
+  return fieldsCache_;
+}
+
+std::vector<std::shared_ptr<OneofSchemaDescribing>> ProtoMessageSchema::allOneofs() const {
+  std::vector<std::pair<int32_t, std::shared_ptr<OneofSchemaDescribing>>> indexed;
+  indexed.reserve(oneofs_.size());
+  for (auto& [oneofName, slot] : oneofs_) indexed.emplace_back(slot.index, materialiseOneof(slot));
+  std::sort(indexed.begin(), indexed.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<std::shared_ptr<OneofSchemaDescribing>> result;
+  result.reserve(indexed.size());
+  for (auto& entry : indexed) result.push_back(std::move(entry.second));
+  return result;
+}
+
+SchematizedData ProtoMessageSchema::schematizedData(Bytes data) const {
+  return SchematizedData(std::const_pointer_cast<ProtoMessageSchema>(shared_from_this()),
+                         std::move(data));
+}
+
+UnsafeSchematizedData ProtoMessageSchema::unsafeSchematizedData(ByteView bytes) const {
+  return UnsafeSchematizedData(std::const_pointer_cast<ProtoMessageSchema>(shared_from_this()),
+                               bytes);
+}
+
+SchematizedData ProtoMessageSchema::buildData(const ValueForField& valueForField) const {
+  std::optional<WireDataWriter> writer;
+  try {
+    writer.emplace();
+  } catch (const std::bad_alloc&) {
+    throw SchematizerError::internalError("Insufficient memory");
+  }
+  // Fields are written in name order, not number order; readers do not care about field order.
+  std::vector<std::string> names = allFieldNames_;
+  std::sort(names.begin(), names.end());
+  for (const std::string& fieldName : names) {
+    const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
+    for (const AnyValueImpl& value : valueForField(field)) writeFieldValue(value, *field, *writer);
+  }
+  return schematizedData(writer->data());
+}
+
+MessageManifest ProtoMessageSchema::manifest() const {
+  MessageManifest manifest;
+  for (const auto& [fieldName, slot] : fields_) {
+    if (const auto* field = std::get_if<FieldManifest>(&slot)) {
+      manifest.fields.emplace(fieldName, *field);
+      continue;
+    }
+    const auto& field = static_cast<const ProtoFieldSchema&>(*std::get<1>(slot));
+    manifest.fields.emplace(fieldName,
+                            FieldManifest{.type = field.manifestType(),
+                                          .typeName = field.typeName(),
+                                          .fieldNumber = field.fieldNumber(),
+                                          .isRepeated = field.isRepeated(),
+                                          .oneofIndex = field.oneofIndex(),
+                                          .options = detail::rawOptions(field.options())});
+  }
+  manifest.oneofs.resize(oneofs_.size());
+  for (const auto& [oneofName, slot] : oneofs_) {
+    OneofManifest& oneof = manifest.oneofs[static_cast<size_t>(slot.index)];
+    if (const auto* unmaterialised = std::get_if<OneofManifest>(&slot.value)) {
+      oneof = *unmaterialised;
+    } else {
+      oneof = {oneofName, detail::rawOptions(std::get<1>(slot.value)->options())};
+    }
+  }
+  manifest.options = detail::rawOptions(options_);
+  return manifest;
+}
+
+}  // namespace ostrel

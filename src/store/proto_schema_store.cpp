@@ -1,0 +1,91 @@
+#include "ostrel/store/proto_schema_store.hpp"
+
+#include "ostrel/manifest/builtin_manifest.hpp"
+
+namespace ostrel {
+namespace {
+
+// Removes `name` from the set of schemas being created when the creation ends, however it ends.
+class CreationGuard {
+ public:
+  CreationGuard(std::set<std::string, std::less<>>& creating, std::string_view name)
+      : creating_(creating), it_(creating.emplace(name).first) {}
+  ~CreationGuard() { creating_.erase(it_); }
+  CreationGuard(const CreationGuard&) = delete;
+  CreationGuard& operator=(const CreationGuard&) = delete;
+
+ private:
+  std::set<std::string, std::less<>>& creating_;
+  std::set<std::string, std::less<>>::iterator it_;
+};
+
+}  // namespace
+
+std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& manifest) {
+  const SchemaManifest& builtin = builtinDescriptorManifest();
+  auto messages = builtin.messages;
+  merge(messages, manifest.messages, MergePolicy::keepExisting);
+  auto enums = builtin.enums;
+  merge(enums, manifest.enums, MergePolicy::keepExisting);
+
+  std::shared_ptr<ProtoSchemaStore> store(new ProtoSchemaStore());
+  store->enumSchemas_.reserve(enums.size());
+  for (auto& [name, value] : enums) store->enumSchemas_.emplace(name, std::move(value));
+  store->messageSchemas_.reserve(messages.size());
+  for (auto& [name, value] : messages) store->messageSchemas_.emplace(name, std::move(value));
+  return store;
+}
+
+std::set<std::string> ProtoSchemaStore::messageSchemaNames() const {
+  std::set<std::string> names;
+  for (const auto& entry : messageSchemas_) names.insert(entry.first);
+  return names;
+}
+
+std::set<std::string> ProtoSchemaStore::enumSchemaNames() const {
+  std::set<std::string> names;
+  for (const auto& entry : enumSchemas_) names.insert(entry.first);
+  return names;
+}
+
+bool ProtoSchemaStore::hasMessageSchemaNamed(std::string_view name) const {
+  return messageSchemas_.find(name) != messageSchemas_.end();
+}
+
+std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
+    std::string_view name) const {
+  const auto it = messageSchemas_.find(name);
+  if (it == messageSchemas_.end()) throw SchematizerError::schemaNotFound(std::string(name));
+  MessageContainer& slot = it->second;
+  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
+  if (creating_.contains(name)) {
+    throw SchematizerError::internalError("Schema \"" + it->first +
+                                          "\" needs itself to be created");
+  }
+  std::shared_ptr<ProtoMessageSchema> schema;
+  {
+    CreationGuard guard(creating_, name);
+    schema =
+        ProtoMessageSchema::make(it->first, std::get<MessageManifest>(slot),
+                                 std::const_pointer_cast<ProtoSchemaStore>(shared_from_this()));
+  }
+  slot = schema;
+  return schema;
+}
+
+std::shared_ptr<EnumSchemaDescribing> ProtoSchemaStore::enumSchema(std::string_view name) const {
+  const auto it = enumSchemas_.find(name);
+  if (it == enumSchemas_.end()) throw SchematizerError::enumNotFound(std::string(name));
+  EnumContainer& slot = it->second;
+  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
+  std::shared_ptr<ProtoEnumSchema> schema =
+      ProtoEnumSchema::make(it->first, std::get<EnumManifest>(slot), *this);
+  slot = schema;
+  return schema;
+}
+
+std::string ProtoSchemaStore::description() const {
+  return "MessageSchema store size: " + std::to_string(messageSchemas_.size());
+}
+
+}  // namespace ostrel

@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include "ostrel/store/proto_schema_store.hpp"
+#include "ostrel/store/schemas.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+using testing_support::catchError;
+
+// shop.Order: fields numbered out of name order, two oneofs declared out of text order.
+SchemaManifest orderManifest() {
+  SchemaManifest manifest;
+  MessageManifest& order = manifest.messages["shop.Order"];
+  order.fields["zeta"] = {.type = TypeManifest::string, .fieldNumber = 1};
+  order.fields["alpha"] = {.type = TypeManifest::int32, .fieldNumber = 3};
+  order.fields["mid"] = {.type = TypeManifest::uint64, .fieldNumber = 2, .oneofIndex = 0};
+  order.fields["card"] = {.type = TypeManifest::string, .fieldNumber = 5, .oneofIndex = 0};
+  order.fields["cash"] = {.type = TypeManifest::bool_, .fieldNumber = 4, .oneofIndex = 1};
+  order.fields["item"] = {.type = TypeManifest::message, .typeName = "shop.Item", .fieldNumber = 6};
+  order.fields["state"] = {.type = TypeManifest::enum_, .typeName = "shop.State", .fieldNumber = 7};
+  order.oneofs = {{.name = "payment"}, {.name = "delivery"}};
+  manifest.messages["shop.Item"].fields["sku"] = {.type = TypeManifest::string, .fieldNumber = 1};
+  manifest.messages["shop.Empty"];
+  manifest.messages["shop.Broken"].fields["dangling"] = {
+      .type = TypeManifest::message, .typeName = "shop.Missing", .fieldNumber = 1};
+  manifest.messages["shop.Broken"].fields["untyped"] = {.type = TypeManifest::message,
+                                                        .fieldNumber = 2};
+  manifest.messages["shop.Broken"].fields["unnamedEnum"] = {.type = TypeManifest::enum_,
+                                                            .fieldNumber = 3};
+  manifest.messages["shop.Broken"].fields["relative"] = {
+      .type = TypeManifest::message, .typeName = ".shop.Item", .fieldNumber = 4};
+  manifest.enums["shop.State"].values = {{"OPEN", 0}, {"PAID", 1}, {"SETTLED", 1}};
+  return manifest;
+}
+
+TEST(MessageSchemaTest, NamesAreListedInTheirFixedOrders) {
+  SchemaStore store(orderManifest());
+  const MessageSchema order = store.messageSchema("shop.Order");
+  EXPECT_EQ(order.allFieldNames(),
+            (std::vector<std::string>{"zeta", "mid", "alpha", "cash", "card", "item", "state"}));
+  EXPECT_EQ(order.allOneofNames(), (std::vector<std::string>{"delivery", "payment"}));
+  std::vector<std::string> declared;
+  for (const OneofSchema& oneof : order.allOneofs()) declared.push_back(oneof.name());
+  EXPECT_EQ(declared, (std::vector<std::string>{"payment", "delivery"}));
+  std::vector<int64_t> numbers;
+  for (const auto& [number, field] : order.fieldsByNumber()) {
+    EXPECT_EQ(field.fieldNumber(), number);
+    numbers.push_back(number);
+  }
+  EXPECT_EQ(numbers, (std::vector<int64_t>{1, 2, 3, 4, 5, 6, 7}));
+}
+
+TEST(MessageSchemaTest, LookupFailuresCarryTheirExactTexts) {
+  SchemaStore store(orderManifest());
+  const MessageSchema order = store.messageSchema("shop.Order");
+  EXPECT_EQ(catchError([&] { order.fieldNamed("x"); }),
+            SchematizerError::fieldNotFound("Schema \"shop.Order\" property with name \"x\""));
+  EXPECT_EQ(catchError([&] { order.fieldWithNumber(8); }),
+            SchematizerError::fieldNotFound("With number 8"));
+  EXPECT_EQ(catchError([&] { order.oneofNamed("nope"); }), SchematizerError::oneofNotFound());
+  EXPECT_FALSE(order.findFieldNamed("x"));
+  EXPECT_EQ(order.findFieldNamed("mid")->fieldNumber(), 2);
+}
+
+TEST(MessageSchemaTest, FieldsAreMaterialisedOnceWhicheverWayTheyAreAskedFor) {
+  const auto store = ProtoSchemaStore::make(orderManifest());
+  const auto order =
+      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order"));
+  ASSERT_TRUE(order);
+  EXPECT_EQ(order->uninitializedCount(), 9);
+  const auto& byNumber = order->fieldWithNumber(3);
+  EXPECT_EQ(byNumber->name(), "alpha");
+  EXPECT_EQ(order->fieldNamed("alpha"), byNumber);
+  EXPECT_EQ(order->fieldsCache().size(), 1u);
+  EXPECT_EQ(order->uninitializedCount(), 8);
+  EXPECT_EQ(order->fieldWithNumber(3), byNumber);
+  EXPECT_EQ(order->uninitializedCount(), 8);
+}
+
+TEST(MessageSchemaTest, FieldSchemasReportTheirManifest) {
+  SchemaStore store(orderManifest());
+  const MessageSchema order = store.messageSchema("shop.Order");
+  const FieldSchema mid = order.fieldNamed("mid");
+  EXPECT_EQ(mid.name(), "mid");
+  EXPECT_EQ(mid.fieldNumber(), 2);
+  EXPECT_FALSE(mid.isRepeated());
+  EXPECT_TRUE(mid.isOptional());
+  EXPECT_EQ(mid.oneofIndex(), 0);
+  EXPECT_EQ(mid.type().kind(), TypeSchema::Case::uint64);
+  EXPECT_EQ(mid.impl()->typeDescription(), "");
+  EXPECT_EQ(order.fieldNamed("item").type().messageSchema()->name(), "shop.Item");
+  EXPECT_EQ(order.fieldNamed("state").type().enumSchema()->valueNamed("PAID"), 1);
+}
+
+TEST(MessageSchemaTest, TypeResolutionFailuresAreRetriedAndReported) {
+  SchemaStore store(orderManifest());
+  const MessageSchema broken = store.messageSchema("shop.Broken");
+  const FieldSchema dangling = broken.fieldNamed("dangling");
+  EXPECT_EQ(catchError([&] { dangling.type(); }), SchematizerError::schemaNotFound("shop.Missing"));
+  EXPECT_EQ(catchError([&] { dangling.type(); }), SchematizerError::schemaNotFound("shop.Missing"));
+  EXPECT_EQ(catchError([&] { broken.fieldNamed("untyped").type(); }),
+            SchematizerError::missingFieldSchemaName());
+  EXPECT_EQ(catchError([&] { broken.fieldNamed("unnamedEnum").type(); }),
+            SchematizerError::missingFieldEnumName());
+  EXPECT_EQ(catchError([&] { broken.fieldNamed("relative").type(); }),
+            SchematizerError::schemaNotFound(".shop.Item"));
+}
+
+TEST(MessageSchemaTest, OneofsKnowTheirMembers) {
+  SchemaStore store(orderManifest());
+  const OneofSchema payment = store.messageSchema("shop.Order").oneofNamed("payment");
+  EXPECT_EQ(payment.allFieldNames(), (std::set<std::string>{"card", "mid"}));
+  EXPECT_EQ(payment.allFieldNumbers(), (std::set<int64_t>{2, 5}));
+  EXPECT_EQ(payment.fieldNumberNamed("card"), 5);
+  EXPECT_EQ(payment.fieldNameFor(2), "mid");
+  EXPECT_EQ(catchError([&] { payment.fieldNumberNamed("cash"); }),
+            SchematizerError::fieldNotFound("One of property with name: cash"));
+  EXPECT_EQ(catchError([&] { payment.fieldNameFor(4); }),
+            SchematizerError::fieldNotFound("One of field with field number: 4"));
+
+  SchemaManifest manifest;
+  manifest.messages["a.M"].oneofs = {{.name = "empty"}};
+  SchemaStore other(manifest);
+  const OneofSchema empty = other.messageSchema("a.M").oneofNamed("empty");
+  EXPECT_TRUE(empty.allFieldNames().empty());
+  EXPECT_TRUE(empty.allFieldNumbers().empty());
+  EXPECT_EQ(catchError([&] { empty.fieldNameFor(1); }),
+            SchematizerError::fieldNotFound("One of field with field number: 1"));
+}
+
+TEST(MessageSchemaTest, EnumsMapNamesAndNumbersBothWays) {
+  SchemaStore store(orderManifest());
+  const EnumSchema state = store.enumSchema("shop.State");
+  EXPECT_EQ(state.valueSet(), (std::set<int64_t>{0, 1}));
+  EXPECT_EQ(state.valueNamed("PAID"), 1);
+  EXPECT_EQ(state.valueNamed("SETTLED"), 1);
+  EXPECT_EQ(state.valueNameFor(1), "PAID");
+  EXPECT_EQ(catchError([&] { state.valueNamed("LOST"); }),
+            SchematizerError::enumValueNotFound("Enum: shop.State, LOST value"));
+  EXPECT_EQ(catchError([&] { state.valueNameFor(-3); }),
+            SchematizerError::enumValueNotFound("Enum: shop.State, -3 value"));
+}
+
+TEST(MessageSchemaLifetimeTest, MaterialisedMembersOutliveTheStore) {
+  std::optional<SchemaStore> store(orderManifest());
+  const MessageSchema order = store->messageSchema("shop.Order");
+  const FieldSchema zeta = order.fieldNamed("zeta");
+  const FieldSchema item = order.fieldNamed("item");
+  const FieldSchema state = order.fieldNamed("state");
+  state.type();
+  const OneofSchema payment = order.oneofNamed("payment");
+  store.reset();
+
+  EXPECT_EQ(order.fieldNamed("zeta"), zeta);
+  EXPECT_EQ(zeta.fieldNumber(), 1);
+  // Even a scalar type is resolved through the store, on first use.
+  EXPECT_EQ(catchError([&] { zeta.type(); }),
+            SchematizerError::internalError("Store is destroyed"));
+  EXPECT_TRUE(item.isRepeated() == false);
+  EXPECT_EQ(state.type().enumSchema()->valueNamed("OPEN"), 0);
+  EXPECT_EQ(payment.fieldNumberNamed("mid"), 2);
+  EXPECT_EQ(catchError([&] { item.type(); }),
+            SchematizerError::internalError("Store is destroyed"));
+  EXPECT_EQ(catchError([&] { order.fieldNamed("alpha"); }), SchematizerError::notInitialized());
+  EXPECT_EQ(catchError([&] { order.fieldWithNumber(3); }), SchematizerError::notInitialized());
+  EXPECT_EQ(catchError([&] { order.oneofNamed("delivery"); }), SchematizerError::notInitialized());
+  // An unknown name is still an unknown name.
+  EXPECT_EQ(catchError([&] { order.fieldNamed("x"); }),
+            SchematizerError::fieldNotFound("Schema \"shop.Order\" property with name \"x\""));
+}
+
+TEST(MessageSchemaLifetimeTest, FullyMaterialisedMessageLetsGoOfItsStore) {
+  std::optional<SchemaStore> store(orderManifest());
+  const auto order =
+      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order").impl());
+  order->fieldsByNumber();
+  EXPECT_EQ(order->uninitializedCount(), 2);  // the oneofs
+  EXPECT_TRUE(order->refersToStore());
+  order->fieldsByNumber();  // walks the names again, all materialised
+  order->allOneofs();
+  EXPECT_EQ(order->uninitializedCount(), 0);
+  EXPECT_FALSE(order->refersToStore());
+  store.reset();
+  EXPECT_EQ(order->oneofNamed("delivery")->allFieldNames(), std::set<std::string>{"cash"});
+  EXPECT_EQ(order->fieldsByNumber().size(), 7u);
+  EXPECT_EQ(order->allOneofs().size(), 2u);
+
+  SchemaStore other(orderManifest());
+  const auto empty =
+      std::dynamic_pointer_cast<ProtoMessageSchema>(other.messageSchema("shop.Empty").impl());
+  EXPECT_EQ(empty->uninitializedCount(), 0);
+  EXPECT_FALSE(empty->refersToStore());
+  EXPECT_EQ(catchError([&] { empty->fieldNamed("a"); }),
+            SchematizerError::fieldNotFound("Schema \"shop.Empty\" property with name \"a\""));
+}
+
+TEST(MessageSchemaTest, ManifestIsRebuiltFromMaterialisedAndPendingMembers) {
+  SchemaManifest manifest = orderManifest();
+  manifest.messages["shop.Order"].options = testing_support::bytesOf({0x38, 0x01});
+  manifest.messages["shop.Order"].fields["mid"].options = Bytes{};
+  manifest.messages["shop.Order"].oneofs[1].options = testing_support::bytesOf({0x08, 0x00});
+  const auto store = ProtoSchemaStore::make(manifest);
+  const auto order =
+      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order"));
+  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
+  order->fieldNamed("mid");
+  order->oneofNamed("delivery");
+  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
+  order->fieldsByNumber();
+  order->allOneofs();
+  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
+}
+
+using MessageSchemaDeathTest = ::testing::Test;
+
+TEST(MessageSchemaDeathTest, DuplicateOneofNamesStopTheProcess) {
+  SchemaManifest manifest;
+  manifest.messages["a.M"].oneofs = {{.name = "kind"}, {.name = "kind"}};
+  const auto store = ProtoSchemaStore::make(manifest);
+  EXPECT_DEATH(store->messageSchema("a.M"), "Duplicate values for key: 'kind'");
+}
+
+}  // namespace
+}  // namespace ostrel

@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include "ostrel/store/proto_schema_store.hpp"
+#include "ostrel/store/schemas.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+using testing_support::catchError;
+
+FieldManifest scalar(TypeManifest type, int64_t number) {
+  return {.type = type, .fieldNumber = number};
+}
+
+SchemaManifest shopManifest() {
+  SchemaManifest manifest;
+  MessageManifest& order = manifest.messages["shop.Order"];
+  order.fields["id"] = scalar(TypeManifest::uint64, 1);
+  order.fields["item"] = {
+      .type = TypeManifest::message, .typeName = "shop.Item", .fieldNumber = 2, .isRepeated = true};
+  order.fields["state"] = {.type = TypeManifest::enum_, .typeName = "shop.State", .fieldNumber = 3};
+  manifest.messages["shop.Item"].fields["sku"] = scalar(TypeManifest::string, 1);
+  manifest.enums["shop.State"].values = {{"OPEN", 0}, {"PAID", 1}};
+  return manifest;
+}
+
+TEST(SchemaStoreTest, EmptyManifestHoldsTheBuiltInDescriptorSchemas) {
+  const auto store = ProtoSchemaStore::make(SchemaManifest{});
+  EXPECT_EQ(store->description(), "MessageSchema store size: 12");
+  EXPECT_EQ(store->messageSchemaNames(),
+            (std::set<std::string>{
+                "google.protobuf.FileDescriptorSet", "google.protobuf.FileDescriptorProto",
+                "google.protobuf.DescriptorProto", "google.protobuf.EnumDescriptorProto",
+                "google.protobuf.EnumValueDescriptorProto", "google.protobuf.FieldDescriptorProto",
+                "google.protobuf.OneofDescriptorProto", "google.protobuf.MessageOptions",
+                "google.protobuf.FieldOptions", "google.protobuf.OneofOptions",
+                "google.protobuf.EnumOptions", "google.protobuf.EnumValueOptions"}));
+  EXPECT_EQ(store->enumSchemaNames(),
+            (std::set<std::string>{"google.protobuf.FieldDescriptorProto.Label",
+                                   "google.protobuf.FieldDescriptorProto.Type"}));
+  const auto set = store->messageSchema("google.protobuf.FileDescriptorSet");
+  EXPECT_EQ(set->allFieldNames(), std::vector<std::string>{"file"});
+  const auto type = store->enumSchema("google.protobuf.FieldDescriptorProto.Type");
+  EXPECT_EQ(type->valueNamed("TYPE_GROUP"), 10);
+  EXPECT_EQ(type->valueSet().size(), 18u);
+  EXPECT_TRUE(store->hasMessageOptionsSchema());
+  EXPECT_TRUE(store->hasEnumValueOptionsSchema());
+}
+
+TEST(SchemaStoreTest, DescriptorFieldsHaveTheirDescriptorNumbersAndTypes) {
+  SchemaStore store{SchemaManifest{}};
+  const MessageSchema field = store.messageSchema("google.protobuf.FieldDescriptorProto");
+  EXPECT_EQ(field.allFieldNames(),
+            (std::vector<std::string>{"name", "extendee", "number", "label", "type", "type_name",
+                                      "options", "oneof_index"}));
+  EXPECT_EQ(field.fieldNamed("type").type().descriptionText(),
+            "google.protobuf.FieldDescriptorProto.Type enum (try .ostrel describe enum "
+            "google.protobuf.FieldDescriptorProto.Type)");
+  EXPECT_EQ(field.fieldNamed("options").type().descriptionText(),
+            "message of google.protobuf.FieldOptions schema");
+  EXPECT_EQ(field.fieldNamed("oneof_index").fieldNumber(), 9);
+  const MessageSchema message = store.messageSchema("google.protobuf.DescriptorProto");
+  EXPECT_EQ(message.fieldNamed("oneof_decl").fieldNumber(), 8);
+  EXPECT_TRUE(message.fieldNamed("oneof_decl").isRepeated());
+}
+
+TEST(SchemaStoreTest, UnknownNamesAreReportedAsAskedFor) {
+  SchemaStore store(shopManifest());
+  for (const std::string name : {"", ".shop.Order", "shop.order", "Order"}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(catchError([&] { store.messageSchema(name); }),
+              SchematizerError::schemaNotFound(name));
+    EXPECT_EQ(catchError([&] { store.enumSchema(name); }), SchematizerError::enumNotFound(name));
+  }
+}
+
+TEST(SchemaStoreTest, LookupsMaterialiseOnceAndReturnTheSameObject) {
+  const auto store = ProtoSchemaStore::make(shopManifest());
+  EXPECT_EQ(store->description(), "MessageSchema store size: 14");
+  EXPECT_TRUE(store->messageSchemaNames().contains("shop.Item"));
+  EXPECT_TRUE(store->enumSchemaNames().contains("shop.State"));
+  EXPECT_EQ(store->messageSchemas().at("shop.Order").index(), 0u);
+
+  const auto first = store->messageSchema("shop.Order");
+  EXPECT_EQ(store->messageSchemas().at("shop.Order").index(), 1u);
+  EXPECT_EQ(store->messageSchema("shop.Order"), first);
+  EXPECT_EQ(store->messageSchemas().at("shop.Item").index(), 0u);
+
+  const auto state = store->enumSchema("shop.State");
+  EXPECT_EQ(store->enumSchema("shop.State"), state);
+  SchemaStore wrapper(store);
+  EXPECT_EQ(wrapper.messageSchema("shop.Order"), wrapper.messageSchema("shop.Order"));
+}
+
+TEST(SchemaStoreTest, CallerFieldsAreAddedToTheBuiltInOptionsMessages) {
+  SchemaManifest manifest;
+  manifest.messages["google.protobuf.FieldOptions"].fields["packed"] =
+      scalar(TypeManifest::bool_, 2);
+  // A clash with a built-in descriptor field keeps the built-in one.
+  manifest.messages["google.protobuf.FileDescriptorSet"].fields["file"] =
+      scalar(TypeManifest::int32, 1);
+  SchemaStore store(manifest);
+  EXPECT_EQ(store.messageSchema("google.protobuf.FieldOptions").allFieldNames(),
+            std::vector<std::string>{"packed"});
+  EXPECT_EQ(store.messageSchema("google.protobuf.FileDescriptorSet").fieldNamed("file").type(),
+            TypeSchema(TypeSchemaDescription::messageType(
+                store.messageSchema("google.protobuf.FileDescriptorProto").impl())));
+}
+
+TEST(SchemaStoreTest, OptionsAreKeptAsDataOfTheirOptionsMessage) {
+  SchemaManifest manifest = shopManifest();
+  manifest.messages["shop.Order"].options = testing_support::bytesOf({0x38, 0x01});
+  manifest.messages["shop.Order"].fields["id"].options = testing_support::bytesOf({0x10, 0x01});
+  manifest.enums["shop.State"].options = Bytes{};
+  manifest.enums["shop.State"].valueOptions[1] = testing_support::bytesOf({0x08, 0x01});
+  SchemaStore store(manifest);
+
+  const MessageSchema order = store.messageSchema("shop.Order");
+  ASSERT_TRUE(order.options());
+  EXPECT_EQ(order.options()->messageSchema().name(), "google.protobuf.MessageOptions");
+  EXPECT_EQ(order.options()->data(), testing_support::bytesOf({0x38, 0x01}));
+  const auto idOptions = order.fieldNamed("id").options();
+  ASSERT_TRUE(idOptions);
+  EXPECT_EQ(idOptions->messageSchema().name(), "google.protobuf.FieldOptions");
+  EXPECT_FALSE(order.fieldNamed("state").options());
+
+  const EnumSchema state = store.enumSchema("shop.State");
+  ASSERT_TRUE(state.options());  // an empty buffer is not the same as no options
+  EXPECT_TRUE(state.options()->data().empty());
+  ASSERT_EQ(state.valueOptions().size(), 1u);
+  EXPECT_EQ(state.valueOptions().at(1).messageSchema().name(), "google.protobuf.EnumValueOptions");
+}
+
+TEST(SchemaStoreTest, SchemaThatCannotBeCreatedStaysInManifestForm) {
+  // An options message carrying options of its own kind would need itself to be created.
+  SchemaManifest manifest;
+  manifest.messages["google.protobuf.MessageOptions"].options = Bytes{};
+  const auto store = ProtoSchemaStore::make(manifest);
+  const auto expected = SchematizerError::internalError(
+      "Schema \"google.protobuf.MessageOptions\" needs itself to be created");
+  EXPECT_EQ(catchError([&] { store->messageSchema("google.protobuf.MessageOptions"); }), expected);
+  EXPECT_EQ(store->messageSchemas().at("google.protobuf.MessageOptions").index(), 0u);
+  EXPECT_EQ(catchError([&] { store->messageSchema("google.protobuf.MessageOptions"); }), expected);
+}
+
+struct DescriptionRow {
+  TypeManifest type;
+  std::string description;
+};
+
+TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
+  const std::vector<DescriptionRow> rows = {
+      {TypeManifest::int32, "signed integer 32"},
+      {TypeManifest::uint32, "unsigned integer 32"},
+      {TypeManifest::sint32, "ZigZag encoded signed integer 32"},
+      {TypeManifest::fixed32, "fixed unsigned integer 32"},
+      {TypeManifest::sfixed32, "fixed signed integer 32"},
+      {TypeManifest::int64, "signed integer 64"},
+      {TypeManifest::uint64, "unsigned integer 64"},
+      {TypeManifest::sint64, "ZigZag encoded signed integer 64"},
+      {TypeManifest::fixed64, "fixed unsigned integer 64"},
+      {TypeManifest::sfixed64, "fixed signed integer 64"},
+      {TypeManifest::double_, "double floating point"},
+      {TypeManifest::float_, "floating point"},
+      {TypeManifest::bool_, "boolean"},
+      {TypeManifest::string, "text string"},
+      {TypeManifest::bytes, "binary data"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    const auto kind = TypeSchemaDescription::scalarCaseOf(row.type);
+    ASSERT_TRUE(kind);
+    EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(*kind)).descriptionText(), row.description);
+  }
+  SchemaStore store(shopManifest());
+  const MessageSchema order = store.messageSchema("shop.Order");
+  EXPECT_EQ(order.fieldNamed("item").type().descriptionText(), "message of shop.Item schema");
+  EXPECT_EQ(order.fieldNamed("state").type().descriptionText(),
+            "shop.State enum (try .ostrel describe enum shop.State)");
+}
+
+TEST(TypeSchemaTest, EqualityComparesCaseAndSchemaNameNotIdentity) {
+  SchemaStore one(shopManifest());
+  SchemaStore two(shopManifest());
+  const TypeSchema itemInOne = one.messageSchema("shop.Order").fieldNamed("item").type();
+  const TypeSchema itemInTwo = two.messageSchema("shop.Order").fieldNamed("item").type();
+  EXPECT_NE(itemInOne.messageSchema()->impl(), itemInTwo.messageSchema()->impl());
+  EXPECT_EQ(itemInOne, itemInTwo);
+  EXPECT_NE(itemInOne, one.messageSchema("shop.Order").fieldNamed("state").type());
+  EXPECT_NE(TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::sint32)),
+            TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::int32)));
+  EXPECT_FALSE(itemInOne.enumSchema());
+}
+
+}  // namespace
+}  // namespace ostrel
