@@ -102,6 +102,11 @@ AnyValue AnyValue::from(const AnyValueImpl& impl) {
   return impl.int32Value();  // unreachable: every case returns above
 }
 
+AnyValue AnyValue::from(AnyValueImpl&& impl) {
+  if (impl.kind() == Case::string) return std::move(impl.stringValue());
+  return from(static_cast<const AnyValueImpl&>(impl));
+}
+
 AnyValueImpl AnyValue::impl() const {
   switch (kind()) {
     case Case::int32:

@@ -3,8 +3,6 @@
 #include <array>
 #include <vector>
 
-#include "ostrel/core/fatal.hpp"
-
 namespace ostrel {
 
 std::string FieldTag::describe() const {
@@ -28,34 +26,6 @@ uint64_t Reader::readVarintSlow() {
     }
   }
   throw SerializationError::malformedProtobuf();
-}
-
-void Reader::advance(int64_t count) {
-  int64_t next;
-  if (__builtin_add_overflow(position_, count, &next)) detail::fatal("Reader position overflow");
-  position_ = next;
-}
-
-void Reader::skipField(FieldTag tag) {
-  switch (tag.wireType()) {
-    case ProtoWireType::varInt:
-      readVarint();
-      return;
-    case ProtoWireType::fixed64:
-      advance(8);
-      return;
-    case ProtoWireType::lengthDelimited:
-      advance(readLength());
-      return;
-    case ProtoWireType::startGroup:
-      skipGroup(tag.fieldNumber());
-      return;
-    case ProtoWireType::endGroup:
-      throw SerializationError::malformedProtobuf();
-    case ProtoWireType::fixed32:
-      advance(4);
-      return;
-  }
 }
 
 namespace {

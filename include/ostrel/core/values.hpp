@@ -43,6 +43,9 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
     return schema_;
   }
 
+  // Reads the value at a property path such as "a.b[2].c", as SchematizedData::value does.
+  std::optional<AnyValue> value(std::string_view propertyPath) const;
+
  private:
   std::shared_ptr<MessageSchemaDescribing> schema_;
   ByteView bytes_;
@@ -142,6 +145,7 @@ class AnyValueImpl {
   bool boolValue() const { return std::get<6>(value_); }
   const EnumValueImpl& enumValue() const { return std::get<7>(value_); }
   const std::string& stringValue() const { return std::get<8>(value_); }
+  std::string& stringValue() { return std::get<8>(value_); }
   const DataValueDescribing& bytesValue() const { return std::get<9>(value_); }
   const UnsafeSchematizedData& messageValue() const { return std::get<10>(value_); }
 
@@ -203,6 +207,8 @@ class AnyValue {
 
   // The owned form of an internal value: bytes and nested messages are copied.
   static AnyValue from(const AnyValueImpl& impl);
+  // The same, moving a string instead of copying it.
+  static AnyValue from(AnyValueImpl&& impl);
   // The internal form, borrowing this value's bytes and nested message; valid while this value
   // is alive and unchanged.
   AnyValueImpl impl() const;

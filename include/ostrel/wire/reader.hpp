@@ -13,6 +13,7 @@
 
 #include "ostrel/core/bytes.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/fatal.hpp"
 #include "ostrel/core/wire_type.hpp"
 
 namespace ostrel {
@@ -150,7 +151,27 @@ class Reader {
   // without checking that their bytes exist: a skip may leave position() beyond the buffer, where
   // the next read or loop test stops the caller. Throws malformedProtobuf for an end-group tag and
   // for the faults of varints, lengths and groups.
-  void skipField(FieldTag tag);
+  void skipField(FieldTag tag) {
+    switch (tag.wireType()) {
+      case ProtoWireType::varInt:
+        readVarint();
+        return;
+      case ProtoWireType::fixed64:
+        advance(8);
+        return;
+      case ProtoWireType::lengthDelimited:
+        advance(readLength());
+        return;
+      case ProtoWireType::startGroup:
+        skipGroup(tag.fieldNumber());
+        return;
+      case ProtoWireType::endGroup:
+        throw SerializationError::malformedProtobuf();
+      case ProtoWireType::fixed32:
+        advance(4);
+        return;
+    }
+  }
 
   // Steps over everything up to and including the end-group tag matching the start-group tag of
   // `fieldNumber` already read. Iterative: groups may nest to any depth without using the stack.
@@ -160,7 +181,13 @@ class Reader {
  private:
   uint8_t byteAt(int64_t index) const noexcept { return static_cast<uint8_t>(data_[index]); }
   uint64_t readVarintSlow();
-  void advance(int64_t count);
+  // Moves position() forward without a bounds check; only an overflow of the position stops the
+  // process, which no buffer that fits in memory can cause.
+  void advance(int64_t count) {
+    if (__builtin_add_overflow(position_, count, &position_)) [[unlikely]] {
+      detail::fatal("Reader position overflow");
+    }
+  }
 
   void loadFixed(void* out, int64_t width) {
     if (position_ > size_ || size_ - position_ < width) [[unlikely]] {

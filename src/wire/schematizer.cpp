@@ -1,0 +1,127 @@
+#include "ostrel/wire/schematizer.hpp"
+
+#include <limits>
+#include <vector>
+
+#include "ostrel/wire/field_path.hpp"
+#include "ostrel/wire/value_decoding.hpp"
+
+namespace ostrel {
+
+std::optional<AnyValue> Schematizer::value(ByteView data, int64_t fieldNumber,
+                                           const TypeSchema& type) {
+  const int64_t numbers[] = {fieldNumber};
+  return value(data, numbers, type);
+}
+
+std::optional<AnyValue> Schematizer::value(ByteView data, std::span<const int64_t> fieldNumbers,
+                                           const TypeSchema& type) {
+  std::vector<FieldPathComponent> path;
+  path.reserve(fieldNumbers.size());
+  for (int64_t number : fieldNumbers) path.push_back(FieldPathComponent::fieldNumber(number));
+  Reader reader(data);
+  std::optional<AnyValueImpl> found = readValue(reader, path, type.description());
+  if (!found) return std::nullopt;
+  return AnyValue::from(std::move(*found));
+}
+
+Schematizer::RepeatableFieldIterator::RepeatableFieldIterator(OwnedData data, int64_t fieldNumber,
+                                                              TypeSchema elementType)
+    : state_(IterationState{std::nullopt, std::move(data), fieldNumber, std::move(elementType)}) {}
+
+std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
+  auto* iterating = std::get_if<IterationState>(&state_);
+  if (!iterating) return std::nullopt;
+  // The step works on the bookmark alone, so a failure leaves the state as it was.
+  const std::optional<Bookmark> before = iterating->bookmark;
+  std::optional<AnyValue> value;
+  try {
+    value = step(*iterating);
+  } catch (...) {
+    iterating->bookmark = before;
+    throw;
+  }
+  if (!value) state_ = Done{};
+  return value;
+}
+
+std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationState& state) const {
+  const TypeSchemaDescription& type = state.type.description();
+  Reader reader(state.data.view());
+
+  if (!state.bookmark) {
+    const FieldPathComponent path[] = {
+        FieldPathComponent::repeatableFieldNumber(state.fieldNumber, 0)};
+    std::optional<AnyValueImpl> first = readValue(reader, path, type);
+    Bookmark bookmark{ArrayType::regular, 0, reader.position()};
+    if (const auto end = reader.lastComponentCompactedArrayEndPosition()) {
+      bookmark.arrayType = ArrayType::compacted;
+      bookmark.compactedEndPosition = *end;
+    }
+    state.bookmark = bookmark;
+    if (!first) return std::nullopt;
+    return AnyValue::from(std::move(*first));
+  }
+
+  Bookmark& bookmark = *state.bookmark;
+  if (bookmark.arrayType == ArrayType::compacted) {
+    if (bookmark.compactedEndPosition <= bookmark.startPosition) return std::nullopt;
+    reader.setPosition(bookmark.startPosition);
+    reader.setEndPosition(bookmark.compactedEndPosition);
+    AnyValueImpl element = decodePackedElement(reader, type);
+    bookmark.startPosition = reader.position();
+    return AnyValue::from(std::move(element));
+  }
+
+  reader.setPosition(bookmark.startPosition);
+  if (!reader.hasMoreFields()) return std::nullopt;
+  FieldTag tag = reader.readTag();
+  while (tag.fieldNumber() != state.fieldNumber) {
+    reader.skipField(tag);
+    if (!reader.hasMoreFields()) {
+      bookmark.startPosition = reader.position();
+      return std::nullopt;
+    }
+    tag = reader.readTag();
+  }
+  AnyValueImpl element = decodeValue(reader, type, tag.wireType());
+  bookmark.startPosition = reader.position();
+  return AnyValue::from(std::move(element));
+}
+
+std::optional<int64_t> ProtoFirstOfHelper::firstOf(const std::set<int64_t>& fieldNumbers,
+                                                   std::span<const int64_t> path, ByteView data) {
+  Reader reader(data);
+  for (int64_t number : path) {
+    std::optional<FieldTag> found;
+    while (reader.hasMoreFields()) {
+      const FieldTag tag = reader.readTag();
+      if (tag.fieldNumber() == number) {
+        found = tag;
+        break;
+      }
+      reader.skipField(tag);
+    }
+    if (!found) return std::nullopt;
+    if (found->wireType() != ProtoWireType::lengthDelimited) {
+      throw SchematizerError::protocolBufferError("Unexpected PB type reading message: " +
+                                                  std::string(caseName(found->wireType())));
+    }
+    // The length is taken whole; one claiming more than the buffer holds lets the search run to
+    // the buffer's end, where the next tag read fails.
+    const uint64_t length = reader.readVarint();
+    const int64_t start = reader.position();
+    const int64_t end = length > static_cast<uint64_t>(std::numeric_limits<int64_t>::max() - start)
+                            ? std::numeric_limits<int64_t>::max()
+                            : start + static_cast<int64_t>(length);
+    reader = reader.narrowed(start, end);
+  }
+  while (reader.hasMoreFields()) {
+    const FieldTag tag = reader.readTag();
+    if (fieldNumbers.contains(tag.fieldNumber())) return tag.fieldNumber();
+    reader.skipField(tag);
+  }
+  return std::nullopt;
+}
+
+}  // namespace ostrel
