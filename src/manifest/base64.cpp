@@ -1,0 +1,81 @@
+#include "manifest/base64.hpp"
+
+#include <array>
+#include <cstdint>
+
+namespace ostrel::detail {
+namespace {
+
+constexpr std::string_view kAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Character to its six-bit value; -1 for characters outside the alphabet (including "=").
+constexpr std::array<int8_t, 256> kDecodeTable = [] {
+  std::array<int8_t, 256> table{};
+  table.fill(-1);
+  for (size_t i = 0; i < kAlphabet.size(); ++i) {
+    table[static_cast<unsigned char>(kAlphabet[i])] = static_cast<int8_t>(i);
+  }
+  return table;
+}();
+
+}  // namespace
+
+std::string base64Encode(ByteView bytes) {
+  std::string out;
+  out.reserve((bytes.size() + 2) / 3 * 4);
+  size_t i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    const uint32_t group = std::to_integer<uint32_t>(bytes[i]) << 16 |
+                           std::to_integer<uint32_t>(bytes[i + 1]) << 8 |
+                           std::to_integer<uint32_t>(bytes[i + 2]);
+    out += kAlphabet[group >> 18];
+    out += kAlphabet[(group >> 12) & 0x3F];
+    out += kAlphabet[(group >> 6) & 0x3F];
+    out += kAlphabet[group & 0x3F];
+  }
+  const size_t rest = bytes.size() - i;
+  if (rest > 0) {
+    uint32_t group = std::to_integer<uint32_t>(bytes[i]) << 16;
+    if (rest == 2) group |= std::to_integer<uint32_t>(bytes[i + 1]) << 8;
+    out += kAlphabet[group >> 18];
+    out += kAlphabet[(group >> 12) & 0x3F];
+    out += rest == 2 ? kAlphabet[(group >> 6) & 0x3F] : '=';
+    out += '=';
+  }
+  return out;
+}
+
+std::optional<Bytes> base64Decode(std::string_view text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  Bytes out;
+  out.reserve(text.size() / 4 * 3);
+  for (size_t i = 0; i < text.size(); i += 4) {
+    const bool lastGroup = i + 4 == text.size();
+    uint32_t group = 0;
+    int padding = 0;
+    for (size_t j = 0; j < 4; ++j) {
+      const char c = text[i + j];
+      int value = 0;
+      if (c == '=') {
+        // Padding stands only in the last two places of the last group.
+        if (!lastGroup || j < 2) return std::nullopt;
+        ++padding;
+      } else {
+        if (padding > 0) return std::nullopt;
+        value = kDecodeTable[static_cast<unsigned char>(c)];
+        if (value < 0) return std::nullopt;
+      }
+      group = group << 6 | static_cast<uint32_t>(value);
+    }
+    // The bits under the padding must be zero, or two texts would decode to the same bytes.
+    if (padding == 2 && (group & 0xFFFF) != 0) return std::nullopt;
+    if (padding == 1 && (group & 0xFF) != 0) return std::nullopt;
+    out.push_back(static_cast<std::byte>(group >> 16));
+    if (padding < 2) out.push_back(static_cast<std::byte>((group >> 8) & 0xFF));
+    if (padding < 1) out.push_back(static_cast<std::byte>(group & 0xFF));
+  }
+  return out;
+}
+
+}  // namespace ostrel::detail
