@@ -1,0 +1,147 @@
+#include "ostrel/paths/key_path.hpp"
+
+#include <gtest/gtest.h>
+
+#include "ostrel/store/schemas.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+using testing_support::bytesOf;
+using testing_support::catchError;
+
+// a.Root { int32 x = 1; a.Node node = 2; repeated a.Node nodes = 3; repeated int32 r = 4;
+//          a.Kind kind = 5; }  a.Node { string name = 1; a.Node next = 2; }
+SchemaManifest treeManifest() {
+  SchemaManifest manifest;
+  MessageManifest& root = manifest.messages["a.Root"];
+  root.fields["x"] = {.type = TypeManifest::int32, .fieldNumber = 1};
+  root.fields["node"] = {.type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 2};
+  root.fields["nodes"] = {
+      .type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 3, .isRepeated = true};
+  root.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
+  root.fields["kind"] = {.type = TypeManifest::enum_, .typeName = "a.Kind", .fieldNumber = 5};
+  MessageManifest& node = manifest.messages["a.Node"];
+  node.fields["name"] = {.type = TypeManifest::string, .fieldNumber = 1};
+  node.fields["next"] = {.type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 2};
+  manifest.enums["a.Kind"].values = {{"LEAF", 0}, {"TREE", 1}};
+  return manifest;
+}
+
+struct ResolveRow {
+  std::string path;
+  std::vector<FieldPathComponent> components;
+  TypeSchemaDescription::Case type;
+};
+
+TEST(KeyPathTest, ResolvesNamesToFieldNumbersAndTheLastType) {
+  using C = TypeSchemaDescription::Case;
+  const auto f = FieldPathComponent::fieldNumber;
+  const auto r = FieldPathComponent::repeatableFieldNumber;
+  const std::vector<ResolveRow> rows = {
+      {"x", {f(1)}, C::int32},
+      {"node", {f(2)}, C::message},
+      {"node.next.next.name", {f(2), f(2), f(2), f(1)}, C::string},
+      {"nodes[3].name", {r(3, 3), f(1)}, C::string},
+      {"r[0]", {r(4, 0)}, C::int32},
+      {"r[+2]", {r(4, 2)}, C::int32},
+      {"kind", {f(5)}, C::enum_},
+  };
+  SchemaStore store(treeManifest());
+  const MessageSchema root = store.messageSchema("a.Root");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    const FieldPathAndType resolved = resolveKeyPath(*root.impl(), row.path);
+    EXPECT_EQ(resolved.fieldPath, row.components);
+    EXPECT_EQ(resolved.type.kind(), row.type);
+  }
+}
+
+struct FailureRow {
+  std::string path;
+  SchematizerError error;
+};
+
+TEST(KeyPathTest, ReportsEachFaultOfThePath) {
+  const auto noField = [](const std::string& message, const std::string& name) {
+    return SchematizerError::fieldNotFound("Schema \"" + message + "\" property with name \"" +
+                                           name + "\"");
+  };
+  const std::vector<FailureRow> rows = {
+      {"x.y", SchematizerError::nonMessageTypeInKeypath()},
+      {"kind.y", SchematizerError::nonMessageTypeInKeypath()},
+      {"nodes", SchematizerError::repeatedValueAccessNoIndex()},
+      {"x[0]", SchematizerError::scalarValueAccessWithIndex()},
+      {"nodes[]", SchematizerError::invalidIndexInKeypath()},
+      {"nodes[x]", SchematizerError::invalidIndexInKeypath()},
+      {"nodes[-1]", SchematizerError::invalidIndexInKeypath()},
+      {"nodes[ 1]", SchematizerError::invalidIndexInKeypath()},
+      {"nodes]1[", SchematizerError::invalidIndexInKeypath()},
+      {"nodes[1]x", SchematizerError::invalidIndexInKeypath()},
+      {"nodes[99999999999999999999]", SchematizerError::invalidIndexInKeypath()},
+      {"missing", noField("a.Root", "missing")},
+      {"", noField("a.Root", "")},
+      {"node..name", noField("a.Node", "")},
+      {"node.name.", SchematizerError::nonMessageTypeInKeypath()},
+      {"node.nope", noField("a.Node", "nope")},
+      {"missing[0]", noField("a.Root", "missing")},
+  };
+  SchemaStore store(treeManifest());
+  const MessageSchema root = store.messageSchema("a.Root");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    EXPECT_EQ(catchError([&] { resolveKeyPath(*root.impl(), row.path); }), row.error);
+  }
+}
+
+TEST(KeyPathTest, ReadsByPropertyPathFromOwnedAndBorrowedData) {
+  SchemaStore store(treeManifest());
+  const MessageSchema root = store.messageSchema("a.Root");
+  // x = 7, node { name "n1" next { name "n2" } }, nodes [{name "a"}, {name "b"}], r [5, 6] packed,
+  // kind = 1
+  const Bytes bytes =
+      bytesOf({0x08, 7,    0x12, 10,  0x0a, 2, 'n',  '1', 0x12, 4,    0x0a, 2, 'n', '2',  0x1a,
+               3,    0x0a, 1,    'a', 0x1a, 3, 0x0a, 1,   'b',  0x22, 2,    5, 6,   0x28, 1});
+  const SchematizedData data = root.schematizedData(bytes);
+  EXPECT_EQ(data.value("x"), AnyValue(int32_t{7}));
+  EXPECT_EQ(data.value("node.name"), AnyValue("n1"));
+  EXPECT_EQ(data.value("node.next.name"), AnyValue("n2"));
+  EXPECT_EQ(data.value("node.next.next.name"), std::nullopt);
+  EXPECT_EQ(data.value("nodes[1].name"), AnyValue("b"));
+  EXPECT_EQ(data.value("nodes[2].name"), std::nullopt);
+  EXPECT_EQ(data.value("r[1]"), AnyValue(int32_t{6}));
+  EXPECT_EQ(data.value("kind")->enumValue().name(), "TREE");
+  const std::optional<AnyValue> node = data.value("nodes[0]");
+  ASSERT_TRUE(node);
+  EXPECT_EQ(node->messageValue().data(), bytesOf({0x0a, 1, 'a'}));
+  EXPECT_EQ(node->messageValue().value("name"), AnyValue("a"));
+
+  const UnsafeSchematizedData borrowed = root.impl()->unsafeSchematizedData(bytes);
+  EXPECT_EQ(borrowed.value("node.next.name"), AnyValue("n2"));
+  EXPECT_EQ(catchError([&] { data.value("nodes"); }),
+            SchematizerError::repeatedValueAccessNoIndex());
+
+  const SchematizedData broken = root.schematizedData(bytesOf({0x12, 5, 0x0a}));
+  EXPECT_EQ(catchError([&] { broken.value("node.name"); }),
+            SerializationError::malformedProtobuf());
+}
+
+TEST(KeyPathTest, LongPathsResolveBeyondTheInlineBuffer) {
+  SchemaStore store(treeManifest());
+  const MessageSchema node = store.messageSchema("a.Node");
+  // 40 nested nodes, the innermost named "deep".
+  Bytes bytes = bytesOf({0x0a, 4, 'd', 'e', 'e', 'p'});
+  std::string path = "name";
+  for (int i = 0; i < 40; ++i) {
+    Bytes outer = bytesOf({0x12, static_cast<int>(bytes.size())});
+    outer.insert(outer.end(), bytes.begin(), bytes.end());
+    bytes = std::move(outer);
+    path = "next." + path;
+  }
+  EXPECT_EQ(node.schematizedData(bytes).value(path), AnyValue("deep"));
+  EXPECT_EQ(resolveKeyPath(*node.impl(), path).fieldPath.size(), 41u);
+}
+
+}  // namespace
+}  // namespace ostrel
