@@ -22,6 +22,10 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       manifestType_(manifest.type),
       typeName_(manifest.typeName) {}
 
+void ProtoFieldSchema::releaseType() const {
+  if (resolvedType()) info_ = Config{manifestType_, typeName_, {}};
+}
+
 const TypeSchemaDescription& ProtoFieldSchema::type() const {
   if (const auto* resolved = std::get_if<TypeSchemaDescription>(&info_)) [[likely]] {
     return *resolved;

@@ -224,3 +224,63 @@ TEST(MessageSchemaDeathTest, DuplicateOneofNamesStopTheProcess) {
 
 }  // namespace
 }  // namespace ostrel
+
+namespace ostrel {
+namespace {
+
+// t.Node { t.Node next = 1; repeated t.Node children = 2; t.Leaf leaf = 3; }
+// t.Leaf { t.Back back = 1; }  t.Back { t.Leaf leaf = 1; }  (a two-message cycle)
+SchemaManifest recursiveManifest() {
+  SchemaManifest manifest;
+  MessageManifest& node = manifest.messages["t.Node"];
+  node.fields["next"] = {.type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 1};
+  node.fields["children"] = {
+      .type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 2, .isRepeated = true};
+  node.fields["leaf"] = {.type = TypeManifest::message, .typeName = "t.Leaf", .fieldNumber = 3};
+  manifest.messages["t.Leaf"].fields["back"] = {
+      .type = TypeManifest::message, .typeName = "t.Back", .fieldNumber = 1};
+  manifest.messages["t.Back"].fields["leaf"] = {
+      .type = TypeManifest::message, .typeName = "t.Leaf", .fieldNumber = 1};
+  return manifest;
+}
+
+// Resolves every field type reachable from t.Node, closing every cycle of the schema.
+void resolveAll(const MessageSchema& node) {
+  for (const auto& [number, field] : node.fieldsByNumber()) field.type();
+  const MessageSchema leaf = *node.fieldNamed("leaf").type().messageSchema();
+  leaf.fieldNamed("back").type().messageSchema()->fieldNamed("leaf").type();
+}
+
+TEST(MessageSchemaLifetimeTest, RecursiveSchemasAreFreedWithTheirStore) {
+  std::weak_ptr<MessageSchemaDescribing> watched;
+  {
+    SchemaStore store(recursiveManifest());
+    const MessageSchema node = store.messageSchema("t.Node");
+    resolveAll(node);
+    watched = node.impl();
+  }
+  // Without releasing the cycles, t.Node would keep itself alive (and LeakSanitizer would say so).
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(MessageSchemaLifetimeTest, RecursiveSchemaOutlivingItsStoreForgetsOnlyItsCycles) {
+  std::optional<SchemaStore> store(recursiveManifest());
+  const MessageSchema node = store->messageSchema("t.Node");
+  resolveAll(node);
+  const FieldSchema leafField = node.fieldNamed("leaf");
+  std::weak_ptr<MessageSchemaDescribing> watched = node.impl();
+  store.reset();
+
+  // The edge out of the cycle still resolves; the edges that closed a cycle are released.
+  const MessageSchema leaf = *leafField.type().messageSchema();
+  EXPECT_EQ(leaf.name(), "t.Leaf");
+  EXPECT_EQ(catchError([&] { node.fieldNamed("next").type(); }),
+            SchematizerError::internalError("Store is destroyed"));
+  EXPECT_EQ(catchError([&] { leaf.fieldNamed("back").type(); }),
+            SchematizerError::internalError("Store is destroyed"));
+  EXPECT_EQ(node.fieldNamed("children").fieldNumber(), 2);
+  EXPECT_FALSE(watched.expired());
+}
+
+}  // namespace
+}  // namespace ostrel

@@ -26,6 +26,12 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   // records win every clash; the caller's fields are added to them). Nothing is validated here.
   static std::shared_ptr<ProtoSchemaStore> make(const SchemaManifest& manifest);
 
+  // Schemas refer to each other strongly (a field to its type, a schema to its options' schema),
+  // so recursive types form reference cycles. When the store goes, the references that close a
+  // cycle are released: afterwards such a field's type() reports the store as destroyed, while
+  // every other materialised schema keeps working for whoever still holds it.
+  ~ProtoSchemaStore() override;
+
   std::set<std::string> messageSchemaNames() const override;
   std::set<std::string> enumSchemaNames() const override;
   bool hasMessageSchemaNamed(std::string_view name) const override;

@@ -75,6 +75,16 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   TypeManifest manifestType() const noexcept { return manifestType_; }
   const std::optional<std::string>& typeName() const noexcept { return typeName_; }
 
+  // The resolved type, or null while the type is unresolved.
+  const TypeSchemaDescription* resolvedType() const noexcept {
+    return std::get_if<TypeSchemaDescription>(&info_);
+  }
+  // Drops the references that close a cycle of schemas when their store goes: the resolved type
+  // falls back to its unresolved form (so type() reports the store as destroyed) and the options
+  // are dropped.
+  void releaseType() const;
+  void releaseOptions() const { options_.reset(); }
+
  private:
   ProtoFieldSchema(std::string name, const FieldManifest& manifest,
                    const std::shared_ptr<SchemaStoreDescribing>& store);
@@ -82,7 +92,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   mutable FieldContainer info_;
   bool isRepeated_;
   int64_t fieldNumber_;
-  std::optional<SchematizedData> options_;
+  mutable std::optional<SchematizedData> options_;
   std::optional<int32_t> oneofIndex_;
   TypeManifest manifestType_;
   std::optional<std::string> typeName_;
@@ -186,6 +196,21 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
 
   // The manifest this schema describes, rebuilt from its fields and oneofs (materialised or not).
   MessageManifest manifest() const;
+
+  // Calls `visit` with each materialised field.
+  template <typename Visit>
+  void forEachMaterialisedField(Visit&& visit) const {
+    for (const auto& entry : fields_) {
+      if (const auto* field = std::get_if<1>(&entry.second)) visit(**field);
+    }
+  }
+  // Calls `visit` with each materialised oneof.
+  template <typename Visit>
+  void forEachMaterialisedOneof(Visit&& visit) const {
+    for (const auto& entry : oneofs_) {
+      if (const auto* oneof = std::get_if<1>(&entry.second.value)) visit(**oneof);
+    }
+  }
 
  private:
   explicit ProtoMessageSchema(std::string name) : ProtoBaseSchema(std::move(name)) {}
