@@ -55,8 +55,9 @@ std::shared_ptr<ProtoMessageSchema> ProtoMessageSchema::make(
   }
   std::sort(schema->allOneofNames_.begin(), schema->allOneofNames_.end());
 
+  schema->uninitializedFieldCount_ = static_cast<int64_t>(schema->allFieldNames_.size());
   schema->uninitializedCount_ =
-      static_cast<int64_t>(schema->allFieldNames_.size() + schema->oneofs_.size());
+      schema->uninitializedFieldCount_ + static_cast<int64_t>(schema->oneofs_.size());
   schema->options_ = detail::schematizeOptions(manifest.options, *store,
                                                &SchemaStoreDescribing::hasMessageOptionsSchema,
                                                &SchemaStoreDescribing::messageOptionsSchema);
@@ -84,6 +85,7 @@ const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::materialiseFie
   // With two fields of one number, the first one materialised keeps the number.
   fieldsCache_.try_emplace(field->fieldNumber(), field);
   slot = std::move(field);
+  --uninitializedFieldCount_;
   countMaterialised();
   return std::get<1>(slot);
 }
@@ -134,7 +136,9 @@ const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::oneofNamed(
 
 const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>&
 ProtoMessageSchema::fieldsByNumber() const {
-  if (uninitializedCount_ != 0) {
+  // Walking the names once every field is materialised would change nothing, even while oneofs
+  // are still pending.
+  if (uninitializedFieldCount_ != 0) {
     for (const std::string& fieldName : allFieldNames_) fieldNamed(fieldName);
   }
   return fieldsCache_;

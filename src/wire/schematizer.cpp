@@ -5,6 +5,7 @@
 
 #include "ostrel/wire/field_path.hpp"
 #include "ostrel/wire/value_decoding.hpp"
+#include "wire/scalar_decoding.hpp"
 
 namespace ostrel {
 
@@ -32,17 +33,37 @@ Schematizer::RepeatableFieldIterator::RepeatableFieldIterator(OwnedData data, in
 std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
   auto* iterating = std::get_if<IterationState>(&state_);
   if (!iterating) return std::nullopt;
-  // The step works on the bookmark alone, so a failure leaves the state as it was.
-  const std::optional<Bookmark> before = iterating->bookmark;
-  std::optional<AnyValue> value;
-  try {
-    value = step(*iterating);
-  } catch (...) {
-    iterating->bookmark = before;
-    throw;
+  // The elements of a packed run after its first, most of the work of iterating packed fields,
+  // are decoded here in place, without the general step's bookkeeping: the bookmark moves past an
+  // element only once it has decoded, so a failure leaves the state as it was.
+  if (iterating->bookmark && iterating->bookmark->arrayType == ArrayType::compacted) {
+    Bookmark& bookmark = *iterating->bookmark;
+    if (bookmark.compactedEndPosition <= bookmark.startPosition) {
+      state_ = Done{};
+      return std::nullopt;
+    }
+    Reader reader(iterating->data.view());
+    reader.setPosition(bookmark.startPosition);
+    reader.setEndPosition(bookmark.compactedEndPosition);
+    AnyValue element =
+        detail::decodeFixedEncodingAs(reader, iterating->type.description(), detail::MakeValue{});
+    bookmark.startPosition = reader.position();
+    return element;
   }
-  if (!value) state_ = Done{};
-  return value;
+  // Everything else, out of line so that the path above keeps a small frame.
+  return [this, iterating]() __attribute__((noinline)) -> std::optional<AnyValue> {
+    // The step works on the bookmark alone, so a failure leaves the state as it was.
+    const std::optional<Bookmark> before = iterating->bookmark;
+    std::optional<AnyValue> value;
+    try {
+      value = step(*iterating);
+    } catch (...) {
+      iterating->bookmark = before;
+      throw;
+    }
+    if (!value) state_ = Done{};
+    return value;
+  }();
 }
 
 std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationState& state) const {

@@ -229,6 +229,8 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   mutable std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>> fieldsCache_;
   mutable detail::StringMap<OneofContainer> oneofs_;
   mutable int64_t uninitializedCount_ = 0;
+  // The fields among them: once none is left, fieldsByNumber() has nothing to materialise.
+  mutable int64_t uninitializedFieldCount_ = 0;
 };
 
 }  // namespace ostrel

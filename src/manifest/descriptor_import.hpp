@@ -1,0 +1,65 @@
+#pragma once
+
+// What the two descriptor-set importers (over serialized bytes and over libprotobuf's parsed
+// objects) and the export share, so that they cannot drift apart: naming, the field type table,
+// and how records enter the manifest.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "ostrel/core/field_types.hpp"
+#include "ostrel/manifest/manifest.hpp"
+
+namespace ostrel::detail {
+
+// The components of a fully qualified name.
+using NamePath = std::vector<std::string>;
+
+// `name` split at "." with the empty pieces dropped: "a.b" and ".a..b." both give {a, b}.
+NamePath splitName(std::string_view name);
+
+// `path` with `name` as its last component, joined with "."; no leading dot.
+std::string fullName(const NamePath& path, std::string_view name);
+
+// `path` extended by `name`: the path of the types declared inside the message `name`.
+NamePath nestedPath(const NamePath& path, std::string_view name);
+
+// A type reference without its leading dot and empty components: ".a.b.M" gives "a.b.M".
+std::string normalizedTypeName(std::string_view name);
+
+// The descriptor's field type numbers 1 to 18, by name, with their manifest types. TYPE_GROUP (10)
+// has none: groups are not supported.
+struct DescriptorType {
+  std::string_view name;
+  int32_t number;
+  std::optional<TypeManifest> manifestType;
+};
+
+inline constexpr int32_t kDescriptorGroupType = 10;
+inline constexpr int32_t kDescriptorRepeatedLabel = 3;
+
+// The row of `number`, or null outside 1 to 18.
+const DescriptorType* descriptorTypeWithNumber(int64_t number) noexcept;
+// The row of "TYPE_..." `name`, or null for any other name.
+const DescriptorType* descriptorTypeNamed(std::string_view name) noexcept;
+// The descriptor's type number of a manifest type.
+int32_t descriptorTypeNumber(TypeManifest type) noexcept;
+
+// The value table of an enum from its values in declaration order. Aliases (names sharing a number)
+// are fine; one name twice stops the process, as a descriptor with it is not a valid enum.
+std::map<std::string, int64_t, std::less<>> uniqueEnumValues(
+    std::vector<std::pair<std::string, int64_t>> values);
+
+// Puts a message into the manifest: taken as it is under a new name, merged into an earlier
+// definition (or an entry made by an extension) under MergePolicy::requireEqual otherwise, which
+// keeps the earlier entry's oneofs. Throws MergeConflict.
+void addMessage(SchemaManifest& manifest, const std::string& name, MessageManifest&& message);
+
+// The entry of the extendee `name`, created empty when the manifest has none yet.
+MessageManifest& extendeeEntry(SchemaManifest& manifest, const std::string& name);
+
+}  // namespace ostrel::detail

@@ -1,0 +1,148 @@
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "manifest/descriptor_import.hpp"
+#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/store/proto_schema_store.hpp"
+
+namespace ostrel {
+namespace {
+
+// The values of one descriptor message, by descriptor field name.
+using Values = std::map<std::string, FieldValues, std::less<>>;
+
+// A number as an int32 value when it fits; otherwise as an int64 value, which the writer refuses
+// for the int32 descriptor fields with SerializationError::invalidIntType.
+AnyValueImpl int32Value(int64_t number) {
+  if (number >= std::numeric_limits<int32_t>::min() &&
+      number <= std::numeric_limits<int32_t>::max()) {
+    return AnyValueImpl::int32(static_cast<int32_t>(number));
+  }
+  return AnyValueImpl::int64(number);
+}
+
+// Options go out as they came in: raw bytes, written as the length-delimited options field.
+void addOptions(Values& values, const RawOptions& options) {
+  if (options) values["options"].push_back(AnyValueImpl::bytes(*options));
+}
+
+// Writes the descriptor messages through the built-in descriptor schemas of a store of its own.
+// Values refer to the manifest and to the already written sub-messages, which outlive each write.
+class DescriptorSetWriter {
+ public:
+  DescriptorSetWriter() : store_(ProtoSchemaStore::make(SchemaManifest{})) {}
+
+  Bytes write(const SchemaManifest& manifest) {
+    Values set;
+    std::vector<SchematizedData> file;
+    if (!manifest.messages.empty() || !manifest.enums.empty()) {
+      file.push_back(writeFile(manifest));
+      set["file"].push_back(AnyValueImpl::message(file.back().unsafe()));
+    }
+    return build("FileDescriptorSet", set).data();
+  }
+
+ private:
+  SchematizedData writeFile(const SchemaManifest& manifest) {
+    Values file;
+    std::vector<SchematizedData> parts;
+    parts.reserve(manifest.messages.size() + manifest.enums.size());
+    for (const auto& [name, message] : manifest.messages) {
+      parts.push_back(writeMessage(name, message));
+      file["message_type"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+    }
+    for (const auto& [name, enumManifest] : manifest.enums) {
+      parts.push_back(writeEnum(name, enumManifest));
+      file["enum_type"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+    }
+    return build("FileDescriptorProto", file);
+  }
+
+  SchematizedData writeMessage(const std::string& name, const MessageManifest& message) {
+    Values values;
+    values["name"].push_back(AnyValueImpl::string(name));
+    addOptions(values, message.options);
+    std::vector<SchematizedData> parts;
+    parts.reserve(message.fields.size() + message.oneofs.size());
+    for (const auto& [fieldName, field] : message.fields) {
+      parts.push_back(writeField(fieldName, field));
+      values["field"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+    }
+    // The list order is the oneof index the fields refer to.
+    for (const OneofManifest& oneof : message.oneofs) {
+      Values oneofValues;
+      oneofValues["name"].push_back(AnyValueImpl::string(oneof.name));
+      addOptions(oneofValues, oneof.options);
+      parts.push_back(build("OneofDescriptorProto", oneofValues));
+      values["oneof_decl"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+    }
+    return build("DescriptorProto", values);
+  }
+
+  SchematizedData writeField(const std::string& name, const FieldManifest& field) {
+    Values values;
+    values["name"].push_back(AnyValueImpl::string(name));
+    values["number"].push_back(int32Value(field.fieldNumber));
+    values["label"].push_back(AnyValueImpl::int32(field.isRepeated ? 3 : 1));
+    values["type"].push_back(AnyValueImpl::int32(detail::descriptorTypeNumber(field.type)));
+    // Fully qualified with a leading dot, as protoc writes references; importing strips it.
+    if (field.typeName) values["type_name"].push_back(AnyValueImpl::string("." + *field.typeName));
+    if (field.oneofIndex) values["oneof_index"].push_back(AnyValueImpl::int32(*field.oneofIndex));
+    addOptions(values, field.options);
+    return build("FieldDescriptorProto", values);
+  }
+
+  SchematizedData writeEnum(const std::string& name, const EnumManifest& enumManifest) {
+    Values values;
+    values["name"].push_back(AnyValueImpl::string(name));
+    addOptions(values, enumManifest.options);
+    std::vector<std::pair<int64_t, const std::string*>> ordered;
+    ordered.reserve(enumManifest.values.size());
+    for (const auto& [valueName, number] : enumManifest.values) {
+      ordered.emplace_back(number, &valueName);
+    }
+    std::sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) {
+      return std::tie(a.first, *a.second) < std::tie(b.first, *b.second);
+    });
+    std::vector<SchematizedData> parts;
+    parts.reserve(ordered.size());
+    for (const auto& [number, valueName] : ordered) {
+      Values valueValues;
+      valueValues["name"].push_back(AnyValueImpl::string(*valueName));
+      valueValues["number"].push_back(int32Value(number));
+      if (const auto it = enumManifest.valueOptions.find(number);
+          it != enumManifest.valueOptions.end()) {
+        valueValues["options"].push_back(AnyValueImpl::bytes(it->second));
+      }
+      parts.push_back(build("EnumValueDescriptorProto", valueValues));
+      values["value"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+    }
+    return build("EnumDescriptorProto", values);
+  }
+
+  SchematizedData build(std::string_view descriptor, const Values& values) {
+    const std::shared_ptr<MessageSchemaDescribing> schema =
+        store_->messageSchema("google.protobuf." + std::string(descriptor));
+    return schema->buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
+      const auto it = values.find(field->name());
+      return it == values.end() ? FieldValues{} : it->second;
+    });
+  }
+
+  std::shared_ptr<ProtoSchemaStore> store_;
+};
+
+}  // namespace
+
+Bytes descriptorSetFromManifest(const SchemaManifest& manifest) {
+  return DescriptorSetWriter().write(manifest);
+}
+
+}  // namespace ostrel

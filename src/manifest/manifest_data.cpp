@@ -1,0 +1,160 @@
+#include "ostrel/manifest/manifest_data.hpp"
+
+#include <memory>
+#include <string>
+
+#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/json_manifest.hpp"
+#include "ostrel/store/proto_schema_store.hpp"
+
+namespace ostrel {
+namespace {
+
+RawOptions rawOptions(const std::optional<SchematizedData>& options) {
+  if (!options) return std::nullopt;
+  return options->data();
+}
+
+std::map<int64_t, Bytes> rawValueOptions(const std::map<int64_t, SchematizedData>& options) {
+  std::map<int64_t, Bytes> raw;
+  for (const auto& [number, data] : options) raw.emplace(number, data.data());
+  return raw;
+}
+
+TypeManifest manifestTypeOf(TypeSchemaDescription::Case kind) {
+  using C = TypeSchemaDescription::Case;
+  switch (kind) {
+    case C::enum_:
+      return TypeManifest::enum_;
+    case C::message:
+      return TypeManifest::message;
+    case C::int32:
+      return TypeManifest::int32;
+    case C::uint32:
+      return TypeManifest::uint32;
+    case C::sint32:
+      return TypeManifest::sint32;
+    case C::fixed32:
+      return TypeManifest::fixed32;
+    case C::sfixed32:
+      return TypeManifest::sfixed32;
+    case C::int64:
+      return TypeManifest::int64;
+    case C::uint64:
+      return TypeManifest::uint64;
+    case C::sint64:
+      return TypeManifest::sint64;
+    case C::fixed64:
+      return TypeManifest::fixed64;
+    case C::sfixed64:
+      return TypeManifest::sfixed64;
+    case C::double_:
+      return TypeManifest::double_;
+    case C::float_:
+      return TypeManifest::float_;
+    case C::bool_:
+      return TypeManifest::bool_;
+    case C::string:
+      return TypeManifest::string;
+    case C::bytes:
+      return TypeManifest::bytes;
+  }
+  return TypeManifest::int32;  // unreachable: every case is listed
+}
+
+FieldManifest fieldManifestOf(const FieldSchemaDescribing& field) {
+  const TypeSchemaDescription& type = field.type();
+  FieldManifest manifest{.type = manifestTypeOf(type.kind()),
+                         .fieldNumber = field.fieldNumber(),
+                         .isRepeated = field.isRepeated(),
+                         .oneofIndex = field.oneofIndex(),
+                         .options = rawOptions(field.options())};
+  if (type.kind() == TypeSchemaDescription::Case::message) {
+    manifest.typeName = type.messageSchema()->name();
+  } else if (type.kind() == TypeSchemaDescription::Case::enum_) {
+    manifest.typeName = type.enumSchema()->name();
+  }
+  return manifest;
+}
+
+MessageManifest messageManifestOf(const MessageSchemaDescribing& schema) {
+  MessageManifest manifest;
+  // By name rather than fieldsByNumber(): a message may hold two fields of one number, and the
+  // manifest keeps both.
+  for (const std::string& name : schema.allFieldNames()) {
+    manifest.fields.emplace(name, fieldManifestOf(*schema.fieldNamed(name)));
+  }
+  for (const auto& oneof : schema.allOneofs()) {
+    manifest.oneofs.push_back({.name = oneof->name(), .options = rawOptions(oneof->options())});
+  }
+  manifest.options = rawOptions(schema.options());
+  return manifest;
+}
+
+EnumManifest enumManifestOf(const EnumSchemaDescribing& schema) {
+  EnumManifest manifest;
+  // The interface names each number once; the library's own schema also knows the aliases.
+  if (const auto* own = dynamic_cast<const ProtoEnumSchema*>(&schema)) {
+    manifest.values = own->allValues();
+  } else {
+    for (const int64_t number : schema.valueSet()) {
+      manifest.values.emplace(schema.valueNameFor(number), number);
+    }
+  }
+  manifest.options = rawOptions(schema.options());
+  manifest.valueOptions = rawValueOptions(schema.valueOptions());
+  return manifest;
+}
+
+}  // namespace
+
+SchemaManifest schemaManifestFromData(const SchemaManifestData& data) {
+  switch (data.type) {
+    case SchemaManifestType::jsonProto:
+      return schemaManifestFromJSON(asText(data.data));
+    case SchemaManifestType::dscProto:
+      return schemaManifestFromDescriptorSet(ByteView(data.data));
+  }
+  throw SchematizerError::internalError("Unsupported schema manifest type");
+}
+
+SchemaStore schemaStoreFromData(const SchemaManifestData& data) {
+  return schemaStoreFromManifest(schemaManifestFromData(data));
+}
+
+SchemaStore schemaStoreFromManifest(const SchemaManifest& manifest) {
+  return SchemaStore(ProtoSchemaStore::make(manifest));
+}
+
+SchemaManifest fullManifest(const SchemaStore& store) {
+  const SchemaStoreDescribing& impl = *store.impl();
+  SchemaManifest manifest;
+  for (const std::string& name : impl.messageSchemaNames()) {
+    manifest.messages.emplace(name, messageManifestOf(*impl.messageSchema(name)));
+  }
+  for (const std::string& name : impl.enumSchemaNames()) {
+    manifest.enums.emplace(name, enumManifestOf(*impl.enumSchema(name)));
+  }
+  return manifest;
+}
+
+SchemaManifest manifestEngagementsOnly(const SchemaStore& store) {
+  const auto* own = dynamic_cast<const ProtoSchemaStore*>(store.impl().get());
+  if (!own) throw SchematizerError::internalError("Unsupported manifestEngagementsOnly");
+  SchemaManifest manifest;
+  for (const auto& [name, slot] : own->messageSchemas()) {
+    if (const auto* schema = std::get_if<1>(&slot))
+      manifest.messages.emplace(name, (*schema)->manifest());
+  }
+  for (const auto& [name, slot] : own->enumSchemas()) {
+    if (const auto* schema = std::get_if<1>(&slot)) {
+      manifest.enums.emplace(
+          name, EnumManifest{.values = (*schema)->allValues(),
+                             .options = rawOptions((*schema)->options()),
+                             .valueOptions = rawValueOptions((*schema)->valueOptions())});
+    }
+  }
+  return manifest;
+}
+
+}  // namespace ostrel

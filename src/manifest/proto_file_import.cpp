@@ -1,0 +1,90 @@
+#include <google/protobuf/compiler/importer.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ostrel/manifest/descriptor_set.hpp"
+
+#ifndef OSTREL_PROTOBUF_INCLUDE_DIR
+#define OSTREL_PROTOBUF_INCLUDE_DIR "/usr/include"
+#endif
+
+namespace ostrel {
+namespace {
+
+namespace pb = google::protobuf;
+
+// Keeps the first error, in the "file:line:column: message" form compilers print; the parser's
+// later errors are mostly consequences of the first.
+class FirstErrorCollector final : public pb::compiler::MultiFileErrorCollector {
+ public:
+  void AddError(const std::string& filename, int line, int column,
+                const std::string& message) override {
+    if (first_) return;
+    if (line < 0) {
+      first_ = filename + ": " + message;
+    } else {
+      first_ = filename + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " +
+               message;
+    }
+  }
+
+  [[noreturn]] void fail(const std::string& file) const {
+    throw SchemaManifestJSONError::invalidValueType(first_ ? *first_
+                                                           : file + ": Cannot import the file");
+  }
+
+ private:
+  std::optional<std::string> first_;
+};
+
+// Dependencies before the files that import them, each file once, as protoc's
+// --include_imports writes them.
+void collect(const pb::FileDescriptor* file, std::set<const pb::FileDescriptor*>& seen,
+             pb::FileDescriptorSet& set) {
+  if (!seen.insert(file).second) return;
+  for (int i = 0; i < file->dependency_count(); ++i) collect(file->dependency(i), seen, set);
+  file->CopyTo(set.add_file());
+}
+
+}  // namespace
+
+SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& files,
+                                            const std::vector<std::string>& includePaths) {
+  pb::compiler::DiskSourceTree sourceTree;
+  for (const std::string& path : includePaths) sourceTree.MapPath("", path);
+  // Mapped last, so that an include path of the caller's providing them wins.
+  sourceTree.MapPath("google/protobuf", OSTREL_PROTOBUF_INCLUDE_DIR "/google/protobuf");
+
+  FirstErrorCollector errors;
+  pb::compiler::Importer importer(&sourceTree, &errors);
+  std::set<const pb::FileDescriptor*> seen;
+  pb::FileDescriptorSet set;
+  for (const std::string& file : files) {
+    // A disk path inside an include path is imported under its name relative to that path.
+    std::string virtualFile = file;
+    std::error_code error;
+    if (std::filesystem::is_regular_file(file, error)) {
+      std::string mapped;
+      std::string shadowing;
+      if (sourceTree.DiskFileToVirtualFile(file, &mapped, &shadowing) ==
+          pb::compiler::DiskSourceTree::SUCCESS) {
+        virtualFile = mapped;
+      }
+    }
+    const pb::FileDescriptor* descriptor = importer.Import(virtualFile);
+    if (!descriptor) errors.fail(virtualFile);
+    collect(descriptor, seen, set);
+  }
+  // Read back through the serialized form, so that these files give exactly what their
+  // descriptor set compiled by protoc gives.
+  const std::string bytes = set.SerializeAsString();
+  return schemaManifestFromDescriptorSet(asBytes(bytes));
+}
+
+}  // namespace ostrel

@@ -1,0 +1,122 @@
+#include "ostrel/manifest/typed_import.hpp"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "manifest/descriptor_import.hpp"
+#include "ostrel/core/fatal.hpp"
+
+namespace ostrel {
+namespace {
+
+namespace pb = google::protobuf;
+using detail::NamePath;
+
+[[noreturn]] void invalidValue(const char* text) {
+  throw SchemaManifestJSONError::invalidValueType(text);
+}
+
+template <typename Options>
+Bytes serialized(const Options& options) {
+  return toBytes(options.SerializeAsString());
+}
+
+// Walks the parsed descriptors in the order their serialized form has (messages, enums, then
+// extensions of a file; fields, nested messages, enums, extensions, then oneofs of a message), so
+// that replacements and merges come out as in the import of the serialized set.
+class TypedDescriptorReader {
+ public:
+  SchemaManifest read(const pb::FileDescriptorSet& set) {
+    for (const pb::FileDescriptorProto& file : set.file()) readFile(file);
+    return std::move(manifest_);
+  }
+
+ private:
+  void readFile(const pb::FileDescriptorProto& file) {
+    const NamePath path = detail::splitName(file.package());
+    for (const pb::DescriptorProto& message : file.message_type()) readMessage(path, message);
+    for (const pb::EnumDescriptorProto& enumType : file.enum_type()) readEnum(path, enumType);
+    for (const pb::FieldDescriptorProto& extension : file.extension()) readExtension(extension);
+  }
+
+  void readMessage(const NamePath& path, const pb::DescriptorProto& descriptor) {
+    MessageManifest message;
+    for (const pb::FieldDescriptorProto& field : descriptor.field()) {
+      readField(field, message.fields);
+    }
+    const NamePath inner = detail::nestedPath(path, descriptor.name());
+    for (const pb::DescriptorProto& nested : descriptor.nested_type()) readMessage(inner, nested);
+    for (const pb::EnumDescriptorProto& enumType : descriptor.enum_type()) {
+      readEnum(inner, enumType);
+    }
+    for (const pb::FieldDescriptorProto& extension : descriptor.extension()) {
+      readExtension(extension);
+    }
+    if (descriptor.has_options()) message.options = serialized(descriptor.options());
+    for (const pb::OneofDescriptorProto& oneof : descriptor.oneof_decl()) {
+      if (!oneof.has_name()) invalidValue("Enum name");
+      OneofManifest oneofManifest{.name = oneof.name()};
+      if (oneof.has_options()) oneofManifest.options = serialized(oneof.options());
+      message.oneofs.push_back(std::move(oneofManifest));
+    }
+    if (descriptor.name().empty()) invalidValue("Fields descriptor is incomplete");
+    detail::addMessage(manifest_, detail::fullName(path, descriptor.name()), std::move(message));
+  }
+
+  void readEnum(const NamePath& path, const pb::EnumDescriptorProto& descriptor) {
+    EnumManifest enumManifest;
+    std::vector<std::pair<std::string, int64_t>> values;
+    for (const pb::EnumValueDescriptorProto& value : descriptor.value()) {
+      if (value.name().empty() || !value.has_number()) invalidValue("Enum value is missing");
+      if (value.has_options()) {
+        enumManifest.valueOptions.insert_or_assign(value.number(), serialized(value.options()));
+      }
+      values.emplace_back(value.name(), value.number());
+    }
+    if (descriptor.has_options()) enumManifest.options = serialized(descriptor.options());
+    if (!descriptor.has_name()) invalidValue("Enum descriptor is incomplete");
+    enumManifest.values = detail::uniqueEnumValues(std::move(values));
+    manifest_.enums.insert_or_assign(detail::fullName(path, descriptor.name()),
+                                     std::move(enumManifest));
+  }
+
+  static void readField(const pb::FieldDescriptorProto& descriptor,
+                        std::map<std::string, FieldManifest, std::less<>>& fields) {
+    std::optional<TypeManifest> type;
+    if (descriptor.has_type()) {
+      const detail::DescriptorType* row = detail::descriptorTypeWithNumber(descriptor.type());
+      if (!row) detail::fatal("Field type number out of range");
+      if (!row->manifestType) invalidValue("Group is deprecated");
+      type = row->manifestType;
+    }
+    if (!type || !descriptor.has_name() || !descriptor.has_number()) {
+      invalidValue("Enum value is missing");
+    }
+    FieldManifest field{.type = *type,
+                        .fieldNumber = descriptor.number(),
+                        .isRepeated = descriptor.label() == detail::kDescriptorRepeatedLabel};
+    if (descriptor.has_type_name()) {
+      field.typeName = detail::normalizedTypeName(descriptor.type_name());
+    }
+    if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
+    if (descriptor.has_options()) field.options = serialized(descriptor.options());
+    fields.insert_or_assign(descriptor.name(), std::move(field));
+  }
+
+  void readExtension(const pb::FieldDescriptorProto& descriptor) {
+    const std::string target = detail::normalizedTypeName(descriptor.extendee());
+    if (target.empty()) invalidValue("Invalid extendee");
+    readField(descriptor, detail::extendeeEntry(manifest_, target).fields);
+  }
+
+  SchemaManifest manifest_;
+};
+
+}  // namespace
+
+SchemaManifest schemaManifestFromDescriptorSet(const google::protobuf::FileDescriptorSet& set) {
+  return TypedDescriptorReader().read(set);
+}
+
+}  // namespace ostrel

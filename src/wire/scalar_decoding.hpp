@@ -1,0 +1,137 @@
+#pragma once
+
+// The decoding of values whose encoding follows from their declared type alone (every type but
+// message, string and bytes), shared by value decoding and by field path navigation, which expands
+// it in place for the last step of a scalar read.
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <utility>
+
+#include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/wire/reader.hpp"
+
+namespace ostrel::detail {
+
+using Case = TypeSchemaDescription::Case;
+
+// The one wire type each declared type is accepted with, indexed by case.
+inline constexpr std::array<ProtoWireType, 17> kRequiredWireType = [] {
+  std::array<ProtoWireType, 17> table{};
+  auto set = [&](Case kind, ProtoWireType wireType) {
+    table[static_cast<size_t>(kind)] = wireType;
+  };
+  for (Case kind : {Case::enum_, Case::int32, Case::uint32, Case::sint32, Case::int64, Case::uint64,
+                    Case::sint64, Case::bool_}) {
+    set(kind, ProtoWireType::varInt);
+  }
+  for (Case kind : {Case::fixed32, Case::sfixed32, Case::float_}) {
+    set(kind, ProtoWireType::fixed32);
+  }
+  for (Case kind : {Case::fixed64, Case::sfixed64, Case::double_}) {
+    set(kind, ProtoWireType::fixed64);
+  }
+  for (Case kind : {Case::message, Case::string, Case::bytes}) {
+    set(kind, ProtoWireType::lengthDelimited);
+  }
+  return table;
+}();
+
+inline int32_t low32Signed(uint64_t value) noexcept {
+  return static_cast<int32_t>(static_cast<uint32_t>(value));
+}
+
+inline int32_t zigZag32(uint32_t n) noexcept {
+  return static_cast<int32_t>((n >> 1) ^ (0u - (n & 1u)));
+}
+
+inline int64_t zigZag64(uint64_t n) noexcept {
+  return static_cast<int64_t>((n >> 1) ^ (uint64_t{0} - (n & 1u)));
+}
+
+// Decodes a value whose encoding follows from its type alone: every type but message, string and
+// bytes, which the callers handle before coming here. The decoded value is handed to `make` with
+// its exact C++ type (int32_t, uint32_t, int64_t, uint64_t, float, double, bool or EnumValueImpl),
+// so that the value can be built in its final form directly. Expanded in place: after navigation
+// it is the whole of a scalar read, and in packed runs it is paid once per element.
+template <typename Make>
+[[gnu::always_inline]] inline auto decodeFixedEncodingAs(Reader& reader,
+                                                         const TypeSchemaDescription& type,
+                                                         const Make& make) {
+  switch (type.kind()) {
+    case Case::int32:
+      return make(low32Signed(reader.readVarint()));
+    case Case::uint32:
+      return make(static_cast<uint32_t>(reader.readVarint()));
+    case Case::sint32:
+      return make(zigZag32(static_cast<uint32_t>(reader.readVarint())));
+    case Case::int64:
+      return make(static_cast<int64_t>(reader.readVarint()));
+    case Case::uint64:
+      return make(reader.readVarint());
+    case Case::sint64:
+      return make(zigZag64(reader.readVarint()));
+    case Case::bool_:
+      return make(reader.readVarint() != 0);
+    case Case::enum_: {
+      const int64_t number = low32Signed(reader.readVarint());
+      return make(EnumValueImpl{type.enumSchema(), number});
+    }
+    case Case::fixed32:
+      return make(reader.readFixed32());
+    case Case::sfixed32:
+      return make(static_cast<int32_t>(reader.readFixed32()));
+    case Case::float_:
+      return make(std::bit_cast<float>(reader.readFixed32()));
+    case Case::fixed64:
+      return make(reader.readFixed64());
+    case Case::sfixed64:
+      return make(static_cast<int64_t>(reader.readFixed64()));
+    case Case::double_:
+      return make(std::bit_cast<double>(reader.readFixed64()));
+    case Case::message:
+    case Case::string:
+    case Case::bytes:
+      break;
+  }
+  throw SerializationError::malformedProtobuf();
+}
+
+// Builds the internal value of each decoded C++ type.
+struct MakeValueImpl {
+  AnyValueImpl operator()(int32_t v) const { return AnyValueImpl::int32(v); }
+  AnyValueImpl operator()(uint32_t v) const { return AnyValueImpl::uint32(v); }
+  AnyValueImpl operator()(int64_t v) const { return AnyValueImpl::int64(v); }
+  AnyValueImpl operator()(uint64_t v) const { return AnyValueImpl::uint64(v); }
+  AnyValueImpl operator()(float v) const { return AnyValueImpl::float_(v); }
+  AnyValueImpl operator()(double v) const { return AnyValueImpl::double_(v); }
+  AnyValueImpl operator()(bool v) const { return AnyValueImpl::bool_(v); }
+  AnyValueImpl operator()(EnumValueImpl v) const { return AnyValueImpl::enum_(std::move(v)); }
+};
+
+// Builds the public value of each decoded C++ type, as AnyValue::from converts the internal one.
+struct MakeValue {
+  AnyValue operator()(int32_t v) const { return AnyValue(v); }
+  AnyValue operator()(uint32_t v) const { return AnyValue(v); }
+  AnyValue operator()(int64_t v) const { return AnyValue(v); }
+  AnyValue operator()(uint64_t v) const { return AnyValue(v); }
+  AnyValue operator()(float v) const { return AnyValue(v); }
+  AnyValue operator()(double v) const { return AnyValue(v); }
+  AnyValue operator()(bool v) const { return AnyValue(v); }
+  AnyValue operator()(EnumValueImpl v) const { return AnyValue(EnumValue(std::move(v))); }
+};
+
+// decodeFixedEncodingAs building the internal value.
+[[gnu::always_inline]] inline AnyValueImpl decodeFixedEncoding(Reader& reader,
+                                                                const TypeSchemaDescription& type) {
+  return decodeFixedEncodingAs(reader, type, MakeValueImpl{});
+}
+
+// Whether values of `kind` are decoded by decodeFixedEncoding.
+inline bool hasFixedEncoding(Case kind) noexcept {
+  return kind != Case::message && kind != Case::string && kind != Case::bytes;
+}
+
+}  // namespace ostrel::detail

@@ -1,0 +1,63 @@
+#pragma once
+
+// Shared by the descriptor-set and manifest-data tests: the compiled test descriptor sets, and
+// readable failure output for manifests.
+
+#include <google/protobuf/descriptor.pb.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+
+#include "ostrel/manifest/json_manifest.hpp"
+#include "ostrel/manifest/manifest.hpp"
+
+namespace ostrel {
+
+// Manifests print as their JSON form, so that a failed comparison shows what differs.
+inline void PrintTo(const SchemaManifest& manifest, std::ostream* os) {
+  try {
+    *os << schemaManifestToJSON(manifest, true);
+  } catch (const Error& error) {
+    *os << "<manifest: " << error.what() << ">";
+  }
+}
+
+namespace testing_support {
+
+// A descriptor set compiled from tests/data, for example "rich.desc" or "import/catalog.desc".
+inline std::string generatedPath(const std::string& name) {
+  return std::string(OSTREL_TEST_GENERATED) + "/" + name;
+}
+
+inline std::string readText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in.good()) << "cannot open " << path;
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline Bytes readGenerated(const std::string& name) {
+  return toBytes(readText(generatedPath(name)));
+}
+
+inline google::protobuf::FileDescriptorSet parseSet(ByteView bytes) {
+  google::protobuf::FileDescriptorSet set;
+  EXPECT_TRUE(set.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())));
+  return set;
+}
+
+inline Bytes serialize(const google::protobuf::Message& message) {
+  return toBytes(message.SerializeAsString());
+}
+
+// The descriptor sets every importer test runs over: descriptor.proto itself, the reading-test
+// schemas and the import-test schemas.
+inline const char* const kDescriptorSets[] = {
+    "descriptor.desc",     "rich.desc",          "legacy.desc",       "import/options.desc",
+    "import/catalog.desc", "import/shapes.desc", "import/plain.desc",
+};
+
+}  // namespace testing_support
+}  // namespace ostrel

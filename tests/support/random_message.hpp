@@ -1,0 +1,171 @@
+#pragma once
+
+// Fills libprotobuf messages with seeded random content through reflection: every field kind,
+// nesting to a bounded depth, repeated fields of random length, oneofs, maps, enums with numbers
+// the enum does not know, empty and long strings, and the float specials.
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/reflection.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+
+namespace ostrel::testing_support {
+
+class RandomMessageFiller {
+ public:
+  explicit RandomMessageFiller(uint32_t seed) : rng_(seed) {}
+
+  void fill(google::protobuf::Message& message, int depth = 0) {
+    const auto* descriptor = message.GetDescriptor();
+    for (int i = 0; i < descriptor->field_count(); ++i) {
+      const auto* field = descriptor->field(i);
+      if (chance(depth == 0 ? 0.3 : 0.45)) continue;  // leave some fields absent
+      if (field->real_containing_oneof() && chance(0.5)) continue;
+      if (field->is_repeated()) {
+        const int count = static_cast<int>(below(depth < 2 ? 6 : 3));
+        for (int n = 0; n < count; ++n) addValue(message, field, depth);
+      } else if (field->cpp_type() != google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE ||
+                 depth < kMaxDepth) {
+        setValue(message, field, depth);
+      }
+    }
+  }
+
+  std::mt19937& rng() { return rng_; }
+
+ private:
+  static constexpr int kMaxDepth = 4;
+  using Field = google::protobuf::FieldDescriptor;
+
+  bool chance(double p) { return std::uniform_real_distribution<double>(0, 1)(rng_) < p; }
+  uint64_t below(uint64_t n) { return std::uniform_int_distribution<uint64_t>(0, n - 1)(rng_); }
+
+  // Integers spread over every varint length, with the edges of each range.
+  uint64_t bits64() {
+    switch (below(6)) {
+      case 0:
+        return 0;
+      case 1:
+        return below(128);
+      case 2:
+        return std::numeric_limits<uint64_t>::max() - below(3);
+      case 3:
+        return uint64_t{1} << below(64);
+      default:
+        return std::uniform_int_distribution<uint64_t>()(rng_) >> below(64);
+    }
+  }
+
+  double real() {
+    switch (below(8)) {
+      case 0:
+        return std::numeric_limits<double>::quiet_NaN();
+      case 1:
+        return chance(0.5) ? std::numeric_limits<double>::infinity()
+                           : -std::numeric_limits<double>::infinity();
+      case 2:
+        return 0.0;
+      case 3:
+        return std::numeric_limits<double>::denorm_min();
+      default:
+        return std::ldexp(std::uniform_real_distribution<double>(-1, 1)(rng_),
+                          static_cast<int>(below(200)) - 100);
+    }
+  }
+
+  std::string text() {
+    static const char* const kPieces[] = {"a",
+                                          "Z",
+                                          "0",
+                                          " ",
+                                          "\"",
+                                          "\\",
+                                          "/",
+                                          "\n",
+                                          "\t",
+                                          "\x7f",
+                                          "\xC3\xA9",
+                                          "\xE2\x82\xAC",
+                                          "\xF0\x9F\x98\x80",
+                                          "<",
+                                          "\x01"};
+    std::string out;
+    const uint64_t length = chance(0.05) ? 300 + below(700) : below(12);
+    for (uint64_t i = 0; i < length; ++i) out += kPieces[below(std::size(kPieces))];
+    return out;
+  }
+
+  std::string bytes() {
+    std::string out(chance(0.05) ? 200 + below(300) : below(10), '\0');
+    for (char& c : out) c = static_cast<char>(below(256));
+    return out;
+  }
+
+  int enumNumber(const Field* field) {
+    const auto* type = field->enum_type();
+    if (chance(0.15)) return static_cast<int>(below(1000)) + 100;  // unknown to the enum
+    return type->value(static_cast<int>(below(static_cast<uint64_t>(type->value_count()))))
+        ->number();
+  }
+
+  void setValue(google::protobuf::Message& message, const Field* field, int depth) {
+    const auto* r = message.GetReflection();
+    switch (field->cpp_type()) {
+      case Field::CPPTYPE_INT32:
+        return r->SetInt32(&message, field, static_cast<int32_t>(bits64()));
+      case Field::CPPTYPE_INT64:
+        return r->SetInt64(&message, field, static_cast<int64_t>(bits64()));
+      case Field::CPPTYPE_UINT32:
+        return r->SetUInt32(&message, field, static_cast<uint32_t>(bits64()));
+      case Field::CPPTYPE_UINT64:
+        return r->SetUInt64(&message, field, bits64());
+      case Field::CPPTYPE_DOUBLE:
+        return r->SetDouble(&message, field, real());
+      case Field::CPPTYPE_FLOAT:
+        return r->SetFloat(&message, field, static_cast<float>(real()));
+      case Field::CPPTYPE_BOOL:
+        return r->SetBool(&message, field, chance(0.5));
+      case Field::CPPTYPE_ENUM:
+        return r->SetEnumValue(&message, field, enumNumber(field));
+      case Field::CPPTYPE_STRING:
+        return r->SetString(&message, field, field->type() == Field::TYPE_BYTES ? bytes() : text());
+      case Field::CPPTYPE_MESSAGE:
+        return fill(*r->MutableMessage(&message, field), depth + 1);
+    }
+  }
+
+  void addValue(google::protobuf::Message& message, const Field* field, int depth) {
+    const auto* r = message.GetReflection();
+    switch (field->cpp_type()) {
+      case Field::CPPTYPE_INT32:
+        return r->AddInt32(&message, field, static_cast<int32_t>(bits64()));
+      case Field::CPPTYPE_INT64:
+        return r->AddInt64(&message, field, static_cast<int64_t>(bits64()));
+      case Field::CPPTYPE_UINT32:
+        return r->AddUInt32(&message, field, static_cast<uint32_t>(bits64()));
+      case Field::CPPTYPE_UINT64:
+        return r->AddUInt64(&message, field, bits64());
+      case Field::CPPTYPE_DOUBLE:
+        return r->AddDouble(&message, field, real());
+      case Field::CPPTYPE_FLOAT:
+        return r->AddFloat(&message, field, static_cast<float>(real()));
+      case Field::CPPTYPE_BOOL:
+        return r->AddBool(&message, field, chance(0.5));
+      case Field::CPPTYPE_ENUM:
+        return r->AddEnumValue(&message, field, enumNumber(field));
+      case Field::CPPTYPE_STRING:
+        return r->AddString(&message, field, field->type() == Field::TYPE_BYTES ? bytes() : text());
+      case Field::CPPTYPE_MESSAGE:
+        if (depth < kMaxDepth) fill(*r->AddMessage(&message, field), depth + 1);
+        return;
+    }
+  }
+
+  std::mt19937 rng_;
+};
+
+}  // namespace ostrel::testing_support

@@ -1,0 +1,102 @@
+#include "ostrel/core/errors.hpp"
+#include "ostrel/paths/key_path.hpp"
+#include "ostrel/paths/property_path.hpp"
+#include "ostrel/wire/schematizer.hpp"
+#include "tool.hpp"
+
+namespace ostrel::tool {
+namespace {
+
+constexpr std::string_view kUsage =
+    R"usage(usage: ostrel [SCHEMAS] iterate -m MSG [-i FILE] [--input FORMAT] PATH
+
+Prints every element of the repeated field that PATH names in one encoded MSG message, one JSON
+value a line (as get prints values), in the order the elements are encoded, packed or not. The
+elements are printed as they are read: a large field streams.
+
+PATH is a property path whose last component names a repeated field and has no index:
+items, or orders[2].items to go through element 2 of a repeated message field first. A field
+the message does not hold prints nothing.
+
+  -m, --message MSG       the message type of the data, fully qualified (e.g. shop.Order)
+  -i, --input-file FILE   read the data from FILE rather than standard input
+  --input FORMAT          how the data is written: binary (default), hex or base64
+)usage";
+
+int run(Arguments& args, GlobalOptions& globals) {
+  std::optional<std::string> message;
+  std::optional<std::string> file;
+  DataFormat format = DataFormat::binary;
+  std::optional<std::string> path;
+  std::string value;
+  while (!args.done()) {
+    if (globals.parse(args)) continue;
+    if (args.value({"-m", "--message"}, value)) {
+      message = value;
+    } else if (args.value({"-i", "--input-file"}, value)) {
+      file = value;
+    } else if (args.value({"--input"}, value)) {
+      format = parseDataFormat(value, "--input");
+    } else if (!path) {
+      path = args.positional();
+    } else {
+      throw UsageError("unexpected argument \"" + args.positional() + "\"");
+    }
+  }
+  require(message, "-m MSG");
+  require(path, "PATH");
+
+  const LoadedSchemas schemas = loadSchemas(globals);
+  const MessageSchema schema = schemas.store.messageSchema(*message);
+  const std::vector<PropertyPathElement> elements = PropertyPathUtil::parse(*path);
+  if (elements.back().index) {
+    throw ToolError(*path + ": the repeated field to iterate is named without an index");
+  }
+  // The parser accepted the path, so its last dot separates the containing message's path from
+  // the name of the repeated field.
+  const size_t lastDot = path->rfind('.');
+  const std::string prefix = lastDot == std::string::npos ? "" : path->substr(0, lastDot);
+
+  MessageSchema container = schema;
+  std::optional<FieldSchema> found;
+  try {
+    if (!prefix.empty()) {
+      const FieldPathAndType resolved = resolveKeyPath(*schema.impl(), prefix);
+      if (resolved.type.kind() != TypeSchemaDescription::Case::message) {
+        throw SchematizerError::nonMessageTypeInKeypath();
+      }
+      container = MessageSchema(resolved.type.messageSchema());
+    }
+    found = container.fieldNamed(elements.back().propertyName);
+  } catch (const SchematizerError& error) {
+    throw ToolError(*path + ": " + error.what());
+  }
+  const FieldSchema& field = *found;
+  if (!field.isRepeated()) {
+    throw ToolError(*path + ": " + field.name() + " is not a repeated field of " +
+                    container.name());
+  }
+
+  const SchematizedData data = schema.schematizedData(decodeData(readAll(file), format));
+  try {
+    ByteView bytes = data.bytes();
+    std::optional<AnyValue> containing;
+    if (!prefix.empty()) {
+      containing = data.value(prefix);
+      if (!containing) return kExitSuccess;
+      bytes = containing->messageValue().bytes();
+    }
+    Schematizer::RepeatableFieldIterator elementsOf(bytes, field.fieldNumber(), field.type());
+    for (const AnyValue& element : elementsOf) writeOut(valueJSON(element) + "\n");
+  } catch (const Error& error) {
+    throw ToolError(*path + ": " + error.what());
+  }
+  return kExitSuccess;
+}
+
+}  // namespace
+
+const Command kIterateCommand{"iterate", "the elements of a repeated field, one JSON value a line",
+                              kUsage, &run};
+
+}  // namespace ostrel::tool

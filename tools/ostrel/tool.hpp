@@ -1,0 +1,139 @@
+#pragma once
+
+// What the commands of the ostrel tool share: the two kinds of failure and their exit codes, a
+// small argument cursor, the global options and the schemas they load, data input and output, and
+// the JSON text of a single value.
+
+#include <initializer_list>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/core/bytes.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/manifest/manifest.hpp"
+#include "ostrel/store/schemas.hpp"
+
+namespace ostrel::tool {
+
+inline constexpr int kExitSuccess = 0;
+// A schema or data error: anything the library throws, a file that cannot be read, bytes that are
+// not what --input says.
+inline constexpr int kExitFailure = 1;
+// The command line itself is wrong; the usage is printed with the error.
+inline constexpr int kExitUsage = 2;
+
+// A wrong command line: unknown command or option, missing argument or value.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A schema or data error found by the tool itself rather than by the library.
+class ToolError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Walks the arguments of one command, left to right. Options are recognised as "-x VALUE",
+// "--name VALUE" and "--name=VALUE"; after "--" everything is positional.
+class Arguments {
+ public:
+  explicit Arguments(std::vector<std::string> args) : args_(std::move(args)) {}
+
+  // Whether every argument has been consumed.
+  bool done();
+
+  // Whether "-h" or "--help" occurs before any "--": help wins over every other fault of the line.
+  bool asksForHelp() const;
+
+  // Consumes the current argument when it is one of `names` and stores its value in `value`.
+  // Throws UsageError when the value is missing.
+  bool value(std::initializer_list<std::string_view> names, std::string& value);
+  // Consumes the current argument when it is one of `names` (which take no value).
+  bool flag(std::initializer_list<std::string_view> names);
+  // Consumes the current argument as a positional one. Throws UsageError for an option nobody
+  // recognised.
+  std::string positional();
+
+ private:
+  // Steps over a first "--", which only switches to positionals.
+  void settle();
+
+  std::vector<std::string> args_;
+  size_t next_ = 0;
+  bool afterDashDash_ = false;
+};
+
+// The options that say where schemas come from; accepted before and after the command.
+struct GlobalOptions {
+  std::vector<std::string> schemaFiles;
+  std::vector<std::string> protoFiles;
+  std::vector<std::string> includePaths;
+
+  // Consumes a global option at the cursor, if there is one.
+  bool parse(Arguments& args);
+};
+
+// The schemas the global options name, merged: `defined` holds exactly what they define (the
+// first definition of a name wins), `store` that merged into the built-in descriptor schemas.
+struct LoadedSchemas {
+  SchemaManifest defined;
+  SchemaStore store;
+};
+
+// Reads every -s file and every --proto file. A -s file whose first non-whitespace byte is "{" is
+// the JSON manifest form, anything else a serialized descriptor set. Without -I, each .proto
+// file's own directory is its include path.
+LoadedSchemas loadSchemas(const GlobalOptions& options);
+
+// How data bytes are written on the command line and in files.
+enum class DataFormat { binary, hex, base64 };
+
+// Parses "binary", "hex" or "base64"; throws UsageError naming `option` for anything else.
+DataFormat parseDataFormat(std::string_view text, std::string_view option);
+
+// The contents of `path`, or of standard input when `path` is absent. Throws ToolError when the
+// file cannot be read.
+std::string readAll(const std::optional<std::string>& path);
+// Decodes text in `format` into bytes; whitespace is ignored in hex and base64. Throws ToolError
+// for text that is not in that format.
+Bytes decodeData(std::string_view text, DataFormat format);
+// The bytes in `format`: binary as they are, hex and base64 as one line of text.
+std::string encodeData(ByteView bytes, DataFormat format);
+// Standard padded base64.
+std::string base64(ByteView bytes);
+
+// Writes `text` to standard output (line-buffered on a terminal, so streamed output shows as it
+// comes); throws ToolError when the write fails.
+void writeOut(std::string_view text);
+
+// One value as JSON, as the JSON rendering of whole messages writes it: 32-bit integers, float and
+// double as numbers (NaN and infinities as strings), 64-bit integers as decimal strings, bytes as
+// base64, enums by name when the enum knows the number, messages as compact objects.
+std::string valueJSON(const AnyValue& value);
+
+// Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
+// this before loading schemas, so that a wrong command line is reported as such.
+void require(const std::optional<std::string>& option, std::string_view what);
+
+// One command: `run` gets the arguments after the command name (help already handled) and
+// returns the exit code.
+struct Command {
+  std::string_view name;
+  std::string_view summary;
+  std::string_view usage;
+  int (*run)(Arguments& args, GlobalOptions& globals);
+};
+
+extern const Command kListCommand;
+extern const Command kDescribeCommand;
+extern const Command kGetCommand;
+extern const Command kIterateCommand;
+extern const Command kJsonCommand;
+extern const Command kEncodeCommand;
+extern const Command kManifestCommand;
+
+}  // namespace ostrel::tool
