@@ -6,6 +6,7 @@
 #include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -816,6 +817,70 @@ TEST(OstrelTool, EncodeRejectsWhatIsNotAMessage) {
     EXPECT_EQ(run.out, "");
     EXPECT_THAT(run.err, StartsWith("ostrel: "));
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(OstrelTool, SqlPrintsTheProjectionAndRunsItOnADatabase) {
+  const std::vector<std::string> base = {"-s",      kShopDesc, "sql",      "-m",    "shop.Order",
+                                         "--table", "orders",  "--column", "record"};
+  std::vector<std::string> textOnly = base;
+  textOnly.insert(textOnly.end(), {"id", "customer.name=who"});
+  const ToolRun text = runTool(textOnly);
+  EXPECT_EQ(text.status, 0) << text.err;
+  EXPECT_EQ(text.out,
+            "SELECT\n  P_GET(record, 'id') AS id,\n  P_GET(record, 'customer.name') AS who\n"
+            "FROM orders\n");
+
+  const fs::path file = scratch() / "orders.db";
+  fs::remove(file);
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE orders (record BLOB)", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  std::vector<std::string> records = {readFile(kOrder1), readFile(kOrder2)};
+  for (const std::string& record : records) {
+    sqlite3_stmt* insert = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "INSERT INTO orders VALUES (?)", -1, &insert, nullptr),
+              SQLITE_OK);
+    sqlite3_bind_blob(insert, 1, record.data(), static_cast<int>(record.size()), SQLITE_STATIC);
+    EXPECT_EQ(sqlite3_step(insert), SQLITE_DONE);
+    sqlite3_finalize(insert);
+  }
+  ASSERT_EQ(sqlite3_exec(db, "INSERT INTO orders VALUES (NULL)", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+
+  std::vector<std::string> query = base;
+  query.insert(query.end(), {"--db", file.string(), "id", "customer.name=who"});
+  const ToolRun rows = runTool(query);
+  ASSERT_EQ(rows.status, 0) << rows.err;
+  // The same values through the get command, record by record.
+  std::vector<nlohmann::json> expected;
+  for (const std::string& order : {kOrder1, kOrder2}) {
+    const ToolRun get =
+        runTool({"-s", kShopDesc, "get", "-m", "shop.Order", "-i", order, "id", "customer.name"});
+    ASSERT_EQ(get.status, 0) << get.err;
+    const auto values = jsonLines(get.out);
+    ASSERT_EQ(values.size(), 2u);
+    nlohmann::json row;
+    row["id"] = values[0].is_string() ? nlohmann::json(std::stoll(values[0].get<std::string>()))
+                                      : values[0];
+    row["who"] = values[1];
+    expected.push_back(row);
+  }
+  expected.push_back(nlohmann::json{{"id", nullptr}, {"who", nullptr}});
+  EXPECT_EQ(jsonLines(rows.out), expected) << rows.out;
+
+  std::vector<std::string> badPath = base;
+  badPath.insert(badPath.end(), {"--db", file.string(), "items"});
+  const ToolRun bad = runTool(badPath);
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_THAT(bad.err, StartsWith("ostrel: repeatedValueAccessNoIndex"));
+  const ToolRun missing = runTool({"-s", kShopDesc, "sql", "-m", "shop.Order", "id"});
+  EXPECT_EQ(missing.status, 2);
 }
 
 }  // namespace

@@ -17,9 +17,9 @@ namespace {
 
 using namespace ostrel::tool;
 
-constexpr std::array<const Command*, 7> kCommands = {
+constexpr std::array<const Command*, 8> kCommands = {
     &kListCommand, &kDescribeCommand, &kGetCommand,      &kIterateCommand,
-    &kJsonCommand, &kEncodeCommand,   &kManifestCommand,
+    &kJsonCommand, &kEncodeCommand,   &kManifestCommand, &kSqlCommand,
 };
 
 constexpr std::string_view kUsageHead =

@@ -135,5 +135,6 @@ extern const Command kIterateCommand;
 extern const Command kJsonCommand;
 extern const Command kEncodeCommand;
 extern const Command kManifestCommand;
+extern const Command kSqlCommand;
 
 }  // namespace ostrel::tool

@@ -1,0 +1,130 @@
+#include <sqlite3.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "ostrel/sql/projection.hpp"
+#include "ostrel/sql/sqlite_functions.hpp"
+#include "tool.hpp"
+
+namespace ostrel::tool {
+namespace {
+
+constexpr std::string_view kUsage =
+    R"usage(usage: ostrel [SCHEMAS] sql -m MSG --table TABLE --column COLUMN [--db FILE] PATH[=ALIAS]...
+
+Builds the SQL text of a query that projects property paths out of MSG records stored as blobs in
+COLUMN of TABLE, through the P_GET(blob, path) function, and prints it. Each result column is
+named ALIAS, or the PATH itself.
+
+With --db, runs the query on the SQLite database FILE (opened read-only, with P_GET registered for
+MSG) and prints each row as a JSON object on one line: integers and reals as numbers, text as
+strings (a message comes back as its JSON text), blobs as base64, NULL as null.
+
+  -m, --message MSG       the message type of the records, fully qualified (e.g. shop.Order)
+  --table TABLE           the table holding the records
+  --column COLUMN         the blob column holding the encoded records
+  --db FILE               run the query on this SQLite database
+
+Every PATH is checked against the schema before any text is built.
+)usage";
+
+using Json = nlohmann::ordered_json;
+
+Json cell(sqlite3_stmt* statement, int column) {
+  switch (sqlite3_column_type(statement, column)) {
+    case SQLITE_INTEGER:
+      return sqlite3_column_int64(statement, column);
+    case SQLITE_FLOAT:
+      return sqlite3_column_double(statement, column);
+    case SQLITE_TEXT:
+      return std::string(reinterpret_cast<const char*>(sqlite3_column_text(statement, column)),
+                         static_cast<size_t>(sqlite3_column_bytes(statement, column)));
+    case SQLITE_BLOB: {
+      const auto* blob = static_cast<const std::byte*>(sqlite3_column_blob(statement, column));
+      const auto size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
+      return base64(ByteView(blob, blob ? size : 0));
+    }
+    default:
+      return nullptr;
+  }
+}
+
+void runOn(const std::string& file, const MessageSchema& schema, const std::string& sql) {
+  sqlite3* opened = nullptr;
+  const int status = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, &sqlite3_close);
+  if (status != SQLITE_OK) {
+    throw ToolError(file + ": " + (opened ? sqlite3_errmsg(opened) : "cannot open"));
+  }
+  registerPGet(db.get(), schema);
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(db.get(), sql.c_str(), static_cast<int>(sql.size()), &prepared, nullptr) !=
+      SQLITE_OK) {
+    throw ToolError(sqlite3_errmsg(db.get()));
+  }
+  const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(prepared,
+                                                                             &sqlite3_finalize);
+  const int columns = sqlite3_column_count(statement.get());
+  int step;
+  while ((step = sqlite3_step(statement.get())) == SQLITE_ROW) {
+    Json row = Json::object();
+    for (int i = 0; i < columns; ++i) {
+      row[sqlite3_column_name(statement.get(), i)] = cell(statement.get(), i);
+    }
+    writeOut(row.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+  }
+  if (step != SQLITE_DONE) throw ToolError(sqlite3_errmsg(db.get()));
+}
+
+int run(Arguments& args, GlobalOptions& globals) {
+  std::optional<std::string> message, table, column, db;
+  std::vector<ProjectedPath> paths;
+  std::string value;
+  while (!args.done()) {
+    if (globals.parse(args)) continue;
+    if (args.value({"-m", "--message"}, value)) {
+      message = value;
+    } else if (args.value({"--table"}, value)) {
+      table = value;
+    } else if (args.value({"--column"}, value)) {
+      column = value;
+    } else if (args.value({"--db"}, value)) {
+      db = value;
+    } else {
+      const std::string argument = args.positional();
+      const size_t equals = argument.find('=');
+      if (equals == std::string::npos) {
+        paths.push_back({argument, std::nullopt});
+      } else {
+        paths.push_back({argument.substr(0, equals), argument.substr(equals + 1)});
+      }
+    }
+  }
+  require(message, "-m MSG");
+  require(table, "--table TABLE");
+  require(column, "--column COLUMN");
+  if (paths.empty()) throw UsageError("missing PATH");
+
+  const LoadedSchemas schemas = loadSchemas(globals);
+  const MessageSchema schema = schemas.store.messageSchema(*message);
+  std::string sql;
+  try {
+    sql = buildProjection(schema, *table, *column, paths);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error.what());
+  }
+  if (db) {
+    runOn(*db, schema, sql);
+  } else {
+    writeOut(sql + "\n");
+  }
+  return kExitSuccess;
+}
+
+}  // namespace
+
+const Command kSqlCommand{"sql", "SQL text projecting property paths out of blob records", kUsage,
+                          &run};
+
+}  // namespace ostrel::tool
