@@ -1,17 +1,18 @@
+// A program built against the installed package: a schema from its JSON form, one value read.
 #include <cstdio>
 
 #include "ostrel/ostrel.hpp"
 
 int main() {
-  const ostrel::Bytes bytes = ostrel::toBytes(std::string_view("\x08\x96\x01", 3));
-  ostrel::Reader reader(bytes);
-  const ostrel::FieldTag tag = reader.readTag();
-  const uint64_t value = reader.readVarint();
-  if (tag.fieldNumber() != 1 || value != 150) {
-    std::fprintf(stderr, "consumer: unexpected field %lld = %llu\n",
-                 static_cast<long long>(tag.fieldNumber()), static_cast<unsigned long long>(value));
+  const ostrel::SchemaStore store(ostrel::schemaManifestFromJSON(
+      R"({"messages": {"a.Point": {"fields": {"x": {"type": "sint32", "fieldNumber": 1}}}}})"));
+  const ostrel::SchematizedData point =
+      store.messageSchema("a.Point").schematizedData(std::string_view("\x08\x03", 2));
+  const std::optional<ostrel::AnyValue> x = point.value("x");
+  if (!x || x->int32Value() != -2) {
+    std::fprintf(stderr, "consumer: unexpected value\n");
     return 1;
   }
-  std::puts("consumer: ok");
+  std::printf("consumer: ok, %s\n", ostrel::toJSON(point).c_str());
   return 0;
 }
