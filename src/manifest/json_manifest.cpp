@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "manifest/base64.hpp"
+#include "ostrel/core/base64.hpp"
 #include "ostrel/core/errors.hpp"
 
 namespace ostrel {
@@ -181,7 +181,7 @@ int64_t readInt64(const Json& value, const Path& path) {
 }
 
 Bytes readBase64(const Json& value, const Path& path) {
-  std::optional<Bytes> bytes = detail::base64Decode(readString(value, path));
+  std::optional<Bytes> bytes = base64Decode(readString(value, path));
   if (!bytes) fail(path, "expected base64");
   return std::move(*bytes);
 }
@@ -395,7 +395,7 @@ const std::string& checkedText(const std::string& text, const Path& path) {
   return text;
 }
 
-std::string base64(const Bytes& bytes) { return detail::base64Encode(bytes); }
+std::string base64(const Bytes& bytes) { return base64Encode(bytes); }
 
 Json writeField(const FieldManifest& field, const Path& path) {
   Json out = Json::object();

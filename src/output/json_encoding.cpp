@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "manifest/base64.hpp"
+#include "ostrel/core/base64.hpp"
 #include "ostrel/core/errors.hpp"
 #include "output/map_entry.hpp"
 
@@ -251,7 +251,7 @@ class Encoder {
         return AnyValueImpl::string(json.get<std::string>());
       case Case::bytes: {
         std::optional<Bytes> decoded;
-        if (json.is_string()) decoded = detail::base64Decode(json.get_ref<const std::string&>());
+        if (json.is_string()) decoded = base64Decode(json.get_ref<const std::string&>());
         if (!decoded) expected(path, "a base64 string");
         return AnyValueImpl::bytes(buffers.bytes.emplace_back(std::move(*decoded)));
       }

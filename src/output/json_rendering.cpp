@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "manifest/base64.hpp"
+#include "ostrel/core/base64.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/wire/reader.hpp"
@@ -335,7 +335,7 @@ class Renderer {
       string(asText(payload));
     } else if (kind == Case::bytes) {
       out_.push_back('"');
-      out_ += detail::base64Encode(payload);
+      out_ += base64Encode(payload);
       out_.push_back('"');
     } else {
       if (depth >= kMaxMessageDepth) {

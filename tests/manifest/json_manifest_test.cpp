@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "manifest/base64.hpp"
+#include "ostrel/core/base64.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -55,8 +55,8 @@ TEST(Base64, EncodesAndDecodesKnownVectors) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ(detail::base64Encode(row.bytes), row.text);
-    EXPECT_EQ(detail::base64Decode(row.text), std::optional<Bytes>(row.bytes));
+    EXPECT_EQ(base64Encode(row.bytes), row.text);
+    EXPECT_EQ(base64Decode(row.text), std::optional<Bytes>(row.bytes));
   }
 }
 
@@ -89,16 +89,16 @@ TEST(Base64, RejectsTextsThatEncodingWouldNotWrite) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ(detail::base64Decode(row.text), std::nullopt);
+    EXPECT_EQ(base64Decode(row.text), std::nullopt);
   }
 }
 
 TEST(Base64, EveryByteValueAndLengthRoundTrips) {
   Bytes all;
   for (int value = 0; value < 256; ++value) all.push_back(static_cast<std::byte>(value));
-  const std::string text = detail::base64Encode(all);
+  const std::string text = base64Encode(all);
   EXPECT_EQ(text.size(), 344u);
-  EXPECT_EQ(detail::base64Decode(text), std::optional<Bytes>(all));
+  EXPECT_EQ(base64Decode(text), std::optional<Bytes>(all));
 
   std::mt19937 random(20240611);
   for (size_t length = 0; length < 64; ++length) {
@@ -106,9 +106,9 @@ TEST(Base64, EveryByteValueAndLengthRoundTrips) {
     for (int round = 0; round < 8; ++round) {
       Bytes bytes(length);
       for (std::byte& b : bytes) b = static_cast<std::byte>(random() & 0xFF);
-      const std::string encoded = detail::base64Encode(bytes);
+      const std::string encoded = base64Encode(bytes);
       EXPECT_EQ(encoded.size(), (length + 2) / 3 * 4);
-      EXPECT_EQ(detail::base64Decode(encoded), std::optional<Bytes>(bytes));
+      EXPECT_EQ(base64Decode(encoded), std::optional<Bytes>(bytes));
     }
   }
 }

@@ -7,13 +7,11 @@
 #include <iterator>
 #include <sstream>
 
+#include "ostrel/core/base64.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
 namespace {
-
-constexpr std::string_view kBase64Alphabet =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
 
@@ -48,30 +46,9 @@ Bytes decodeBase64(std::string_view text) {
   for (const char c : text) {
     if (!isSpace(c)) clean += c;
   }
-  if (clean.size() % 4 != 0) throw ToolError("input is not base64: length is not a multiple of 4");
-  Bytes out;
-  for (size_t i = 0; i < clean.size(); i += 4) {
-    const bool last = i + 4 == clean.size();
-    uint32_t group = 0;
-    int padding = 0;
-    for (size_t j = 0; j < 4; ++j) {
-      const char c = clean[i + j];
-      if (c == '=' && last && j >= 2 && (j == 3 || clean[i + 3] == '=')) {
-        ++padding;
-        group <<= 6;
-        continue;
-      }
-      const size_t digit = kBase64Alphabet.find(c);
-      if (digit == std::string_view::npos || padding > 0) {
-        throw ToolError("input is not base64: unexpected character '" + std::string(1, c) + "'");
-      }
-      group = (group << 6) | static_cast<uint32_t>(digit);
-    }
-    out.push_back(static_cast<std::byte>(group >> 16));
-    if (padding < 2) out.push_back(static_cast<std::byte>((group >> 8) & 0xFF));
-    if (padding < 1) out.push_back(static_cast<std::byte>(group & 0xFF));
-  }
-  return out;
+  std::optional<Bytes> bytes = base64Decode(clean);
+  if (!bytes) throw ToolError("input is not base64");
+  return std::move(*bytes);
 }
 
 }  // namespace
@@ -102,21 +79,7 @@ Bytes decodeData(std::string_view text, DataFormat format) {
   return {};
 }
 
-std::string base64(ByteView bytes) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t n = std::min<size_t>(3, bytes.size() - i);
-    uint32_t group = 0;
-    for (size_t j = 0; j < 3; ++j) {
-      group = (group << 8) | (j < n ? std::to_integer<uint32_t>(bytes[i + j]) : 0U);
-    }
-    for (size_t j = 0; j < 4; ++j) {
-      out += j <= n ? kBase64Alphabet[(group >> (18 - 6 * j)) & 0x3F] : '=';
-    }
-  }
-  return out;
-}
+std::string base64(ByteView bytes) { return base64Encode(bytes); }
 
 std::string encodeData(ByteView bytes, DataFormat format) {
   switch (format) {

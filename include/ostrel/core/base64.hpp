@@ -1,7 +1,7 @@
 #pragma once
 
 // Base64 in the standard alphabet with padding, the form in which JSON carries raw bytes (manifest
-// options, bytes values of rendered data).
+// options, bytes values of rendered data) and in which the tool reads and writes data.
 
 #include <optional>
 #include <string>
@@ -9,7 +9,7 @@
 
 #include "ostrel/core/bytes.hpp"
 
-namespace ostrel::detail {
+namespace ostrel {
 
 // The standard alphabet ("+" and "/"), padded with "=" to a multiple of four characters. An empty
 // buffer gives "".
@@ -22,4 +22,4 @@ std::string base64Encode(ByteView bytes);
 // bytes do.
 std::optional<Bytes> base64Decode(std::string_view text);
 
-}  // namespace ostrel::detail
+}  // namespace ostrel

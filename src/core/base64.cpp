@@ -1,9 +1,9 @@
-#include "manifest/base64.hpp"
+#include "ostrel/core/base64.hpp"
 
 #include <array>
 #include <cstdint>
 
-namespace ostrel::detail {
+namespace ostrel {
 namespace {
 
 constexpr std::string_view kAlphabet =
@@ -78,4 +78,4 @@ std::optional<Bytes> base64Decode(std::string_view text) {
   return out;
 }
 
-}  // namespace ostrel::detail
+}  // namespace ostrel
