@@ -18,27 +18,22 @@ objects. Whatever json prints encodes back to a message that json prints the sam
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
-  std::optional<std::string> message;
-  std::optional<std::string> file;
+  MessageInput input;
   DataFormat format = DataFormat::binary;
   std::string value;
   while (!args.done()) {
-    if (globals.parse(args)) continue;
-    if (args.value({"-m", "--message"}, value)) {
-      message = value;
-    } else if (args.value({"-i", "--input-file"}, value)) {
-      file = value;
-    } else if (args.value({"--output"}, value)) {
+    if (globals.parse(args) || input.parse(args, false)) continue;
+    if (args.value({"--output"}, value)) {
       format = parseDataFormat(value, "--output");
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(message, "-m MSG");
+  require(input.message, "-m MSG");
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = schemas.store.messageSchema(*message);
-  const SchematizedData data = encodeJSON(*schema.impl(), readAll(file));
+  const MessageSchema schema = input.schema(schemas);
+  const SchematizedData data = encodeJSON(*schema.impl(), readAll(input.file));
   writeOut(encodeData(data.bytes(), format));
   return kExitSuccess;
 }

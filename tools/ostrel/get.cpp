@@ -25,28 +25,17 @@ Every PATH is checked against the schema before the data is read.
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
-  std::optional<std::string> message;
-  std::optional<std::string> file;
-  DataFormat format = DataFormat::binary;
+  MessageInput input;
   std::vector<std::string> paths;
-  std::string value;
   while (!args.done()) {
-    if (globals.parse(args)) continue;
-    if (args.value({"-m", "--message"}, value)) {
-      message = value;
-    } else if (args.value({"-i", "--input-file"}, value)) {
-      file = value;
-    } else if (args.value({"--input"}, value)) {
-      format = parseDataFormat(value, "--input");
-    } else {
-      paths.push_back(args.positional());
-    }
+    if (globals.parse(args) || input.parse(args)) continue;
+    paths.push_back(args.positional());
   }
-  require(message, "-m MSG");
+  require(input.message, "-m MSG");
   if (paths.empty()) throw UsageError("missing PATH");
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = schemas.store.messageSchema(*message);
+  const MessageSchema schema = input.schema(schemas);
   for (const std::string& path : paths) {
     PropertyPathUtil::parse(path);
     try {
@@ -56,7 +45,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     }
   }
 
-  const SchematizedData data = schema.schematizedData(decodeData(readAll(file), format));
+  const SchematizedData data = schema.schematizedData(input.read());
   std::string out;
   for (const std::string& path : paths) {
     try {

@@ -106,4 +106,24 @@ void writeOut(std::string_view text) {
   if (!std::cout) throw ToolError("cannot write standard output");
 }
 
+bool MessageInput::parse(Arguments& args, bool acceptsFormat) {
+  std::string value;
+  if (args.value({"-m", "--message"}, value)) {
+    message = value;
+  } else if (args.value({"-i", "--input-file"}, value)) {
+    file = value;
+  } else if (acceptsFormat && args.value({"--input"}, value)) {
+    format = parseDataFormat(value, "--input");
+  } else {
+    return false;
+  }
+  return true;
+}
+
+MessageSchema MessageInput::schema(const LoadedSchemas& schemas) const {
+  return schemas.store.messageSchema(*message);
+}
+
+Bytes MessageInput::read() const { return decodeData(readAll(file), format); }
+
 }  // namespace ostrel::tool

@@ -24,30 +24,21 @@ the message does not hold prints nothing.
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
-  std::optional<std::string> message;
-  std::optional<std::string> file;
-  DataFormat format = DataFormat::binary;
+  MessageInput input;
   std::optional<std::string> path;
-  std::string value;
   while (!args.done()) {
-    if (globals.parse(args)) continue;
-    if (args.value({"-m", "--message"}, value)) {
-      message = value;
-    } else if (args.value({"-i", "--input-file"}, value)) {
-      file = value;
-    } else if (args.value({"--input"}, value)) {
-      format = parseDataFormat(value, "--input");
-    } else if (!path) {
+    if (globals.parse(args) || input.parse(args)) continue;
+    if (!path) {
       path = args.positional();
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(message, "-m MSG");
+  require(input.message, "-m MSG");
   require(path, "PATH");
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = schemas.store.messageSchema(*message);
+  const MessageSchema schema = input.schema(schemas);
   const std::vector<PropertyPathElement> elements = PropertyPathUtil::parse(*path);
   if (elements.back().index) {
     throw ToolError(*path + ": the repeated field to iterate is named without an index");
@@ -77,7 +68,7 @@ int run(Arguments& args, GlobalOptions& globals) {
                     container.name());
   }
 
-  const SchematizedData data = schema.schematizedData(decodeData(readAll(file), format));
+  const SchematizedData data = schema.schematizedData(input.read());
   try {
     ByteView bytes = data.bytes();
     std::optional<AnyValue> containing;

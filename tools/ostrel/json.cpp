@@ -22,30 +22,20 @@ of the message still prints; the error also goes to standard error and the exit 
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
-  std::optional<std::string> message;
-  std::optional<std::string> file;
-  DataFormat format = DataFormat::binary;
+  MessageInput input;
   bool pretty = false;
-  std::string value;
   while (!args.done()) {
-    if (globals.parse(args)) continue;
-    if (args.value({"-m", "--message"}, value)) {
-      message = value;
-    } else if (args.value({"-i", "--input-file"}, value)) {
-      file = value;
-    } else if (args.value({"--input"}, value)) {
-      format = parseDataFormat(value, "--input");
-    } else if (args.flag({"--pretty"})) {
+    if (globals.parse(args) || input.parse(args)) continue;
+    if (args.flag({"--pretty"})) {
       pretty = true;
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(message, "-m MSG");
+  require(input.message, "-m MSG");
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = schemas.store.messageSchema(*message);
-  const SchematizedData data = schema.schematizedData(decodeData(readAll(file), format));
+  const SchematizedData data = input.schema(schemas).schematizedData(input.read());
   writeOut(renderJSON(data.unsafe(), pretty ? JsonStyle::indented : JsonStyle::compact) + "\n");
   return kExitSuccess;
 }

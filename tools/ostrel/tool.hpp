@@ -115,6 +115,22 @@ void writeOut(std::string_view text);
 // base64, enums by name when the enum knows the number, messages as compact objects.
 std::string valueJSON(const AnyValue& value);
 
+// The options of the commands that read one encoded message: -m MSG, -i FILE and, unless the
+// command reads JSON, --input FORMAT.
+struct MessageInput {
+  std::optional<std::string> message;
+  std::optional<std::string> file;
+  DataFormat format = DataFormat::binary;
+
+  // Consumes one of these options at the cursor, if there is one.
+  bool parse(Arguments& args, bool acceptsFormat = true);
+  // The message schema named by -m, from `schemas`, which must outlive its use: a schema does not
+  // keep its store alive.
+  MessageSchema schema(const LoadedSchemas& schemas) const;
+  // The input (-i FILE or standard input), decoded from --input's format.
+  Bytes read() const;
+};
+
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.
 void require(const std::optional<std::string>& option, std::string_view what);
