@@ -32,6 +32,34 @@ std::optional<AnyValueImpl> readAtKeyPath(const MessageSchemaDescribing& schema,
 
 }  // namespace detail
 
+namespace {
+
+// The owned form of a value read from the buffer. Scalars, the common case of reads from many
+// records, are converted here without the general conversion's call and second dispatch.
+[[gnu::always_inline]] inline std::optional<AnyValue> toOwned(std::optional<AnyValueImpl>&& found) {
+  if (!found) return std::nullopt;
+  switch (found->kind()) {
+    case AnyValueImpl::Case::int32:
+      return std::optional<AnyValue>(std::in_place, found->int32Value());
+    case AnyValueImpl::Case::uint32:
+      return std::optional<AnyValue>(std::in_place, found->uint32Value());
+    case AnyValueImpl::Case::int64:
+      return std::optional<AnyValue>(std::in_place, found->int64Value());
+    case AnyValueImpl::Case::uint64:
+      return std::optional<AnyValue>(std::in_place, found->uint64Value());
+    case AnyValueImpl::Case::float_:
+      return std::optional<AnyValue>(std::in_place, found->floatValue());
+    case AnyValueImpl::Case::double_:
+      return std::optional<AnyValue>(std::in_place, found->doubleValue());
+    case AnyValueImpl::Case::bool_:
+      return std::optional<AnyValue>(std::in_place, found->boolValue());
+    default:
+      return AnyValue::from(std::move(*found));
+  }
+}
+
+}  // namespace
+
 FieldPathAndType resolveKeyPath(const MessageSchemaDescribing& schema, std::string_view path) {
   std::vector<FieldPathComponent> components;
   const TypeSchemaDescription& type = detail::resolveKeyPath(
@@ -40,15 +68,16 @@ FieldPathAndType resolveKeyPath(const MessageSchemaDescribing& schema, std::stri
 }
 
 std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath) const {
-  std::optional<AnyValueImpl> found = detail::readAtKeyPath(*schema_, bytes(), propertyPath);
-  if (!found) return std::nullopt;
-  return AnyValue::from(std::move(*found));
+  return toOwned(detail::readAtKeyPath(*schema_, bytes(), propertyPath));
+}
+
+std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path) const {
+  Reader reader(bytes());
+  return toOwned(readValue(reader, path));
 }
 
 std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath) const {
-  std::optional<AnyValueImpl> found = detail::readAtKeyPath(*schema_, bytes_, propertyPath);
-  if (!found) return std::nullopt;
-  return AnyValue::from(std::move(*found));
+  return toOwned(detail::readAtKeyPath(*schema_, bytes_, propertyPath));
 }
 
 }  // namespace ostrel

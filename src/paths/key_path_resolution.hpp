@@ -34,12 +34,17 @@ const TypeSchemaDescription& resolveKeyPath(const MessageSchemaDescribing& schem
   const MessageSchemaDescribing* current = &schema;
   size_t begin = 0;
   while (true) {
-    const size_t dot = path.find('.', begin);
-    const std::string_view component =
-        path.substr(begin, dot == std::string_view::npos ? std::string_view::npos : dot - begin);
+    // One pass over the component finds its end (the next ".") and its first "]": components are
+    // a few characters long, shorter than the setup of a library search.
+    size_t end = begin;
+    size_t close = std::string_view::npos;
+    for (; end < path.size() && path[end] != '.'; ++end) {
+      if (path[end] == ']' && close == std::string_view::npos) close = end - begin;
+    }
+    const size_t dot = end < path.size() ? end : std::string_view::npos;
+    const std::string_view component = path.substr(begin, end - begin);
     if (!current) throw SchematizerError::nonMessageTypeInKeypath();
 
-    const size_t close = component.find(']');
     const FieldSchemaDescribing* field = nullptr;
     if (close != std::string_view::npos) {
       const size_t open = component.find('[');

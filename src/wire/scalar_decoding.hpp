@@ -7,6 +7,8 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "ostrel/core/field_types.hpp"
@@ -62,21 +64,21 @@ template <typename Make>
                                                          const Make& make) {
   switch (type.kind()) {
     case Case::int32:
-      return make(low32Signed(reader.readVarint()));
+      return make(low32Signed(reader.readVarintValue()));
     case Case::uint32:
-      return make(static_cast<uint32_t>(reader.readVarint()));
+      return make(static_cast<uint32_t>(reader.readVarintValue()));
     case Case::sint32:
-      return make(zigZag32(static_cast<uint32_t>(reader.readVarint())));
+      return make(zigZag32(static_cast<uint32_t>(reader.readVarintValue())));
     case Case::int64:
-      return make(static_cast<int64_t>(reader.readVarint()));
+      return make(static_cast<int64_t>(reader.readVarintValue()));
     case Case::uint64:
-      return make(reader.readVarint());
+      return make(reader.readVarintValue());
     case Case::sint64:
-      return make(zigZag64(reader.readVarint()));
+      return make(zigZag64(reader.readVarintValue()));
     case Case::bool_:
-      return make(reader.readVarint() != 0);
+      return make(reader.readVarintValue() != 0);
     case Case::enum_: {
-      const int64_t number = low32Signed(reader.readVarint());
+      const int64_t number = low32Signed(reader.readVarintValue());
       return make(EnumValueImpl{type.enumSchema(), number});
     }
     case Case::fixed32:
@@ -111,21 +113,29 @@ struct MakeValueImpl {
   AnyValueImpl operator()(EnumValueImpl v) const { return AnyValueImpl::enum_(std::move(v)); }
 };
 
-// Builds the public value of each decoded C++ type, as AnyValue::from converts the internal one.
-struct MakeValue {
-  AnyValue operator()(int32_t v) const { return AnyValue(v); }
-  AnyValue operator()(uint32_t v) const { return AnyValue(v); }
-  AnyValue operator()(int64_t v) const { return AnyValue(v); }
-  AnyValue operator()(uint64_t v) const { return AnyValue(v); }
-  AnyValue operator()(float v) const { return AnyValue(v); }
-  AnyValue operator()(double v) const { return AnyValue(v); }
-  AnyValue operator()(bool v) const { return AnyValue(v); }
-  AnyValue operator()(EnumValueImpl v) const { return AnyValue(EnumValue(std::move(v))); }
+// The same, built in place in an optional, the form navigation returns values in: a variant
+// moved into an optional costs a dispatch on its alternative.
+struct MakeOptionalValueImpl {
+  template <typename T>
+  std::optional<AnyValueImpl> operator()(T v) const {
+    return std::optional<AnyValueImpl>(std::in_place, MakeValueImpl{}(std::move(v)));
+  }
 };
+
+// The public value of each decoded C++ type, as AnyValue::from converts the internal one, built
+// in place in an optional.
+template <typename T>
+std::optional<AnyValue> optionalValue(T v) {
+  if constexpr (std::is_same_v<T, EnumValueImpl>) {
+    return std::optional<AnyValue>(std::in_place, EnumValue(std::move(v)));
+  } else {
+    return std::optional<AnyValue>(std::in_place, v);
+  }
+}
 
 // decodeFixedEncodingAs building the internal value.
 [[gnu::always_inline]] inline AnyValueImpl decodeFixedEncoding(Reader& reader,
-                                                                const TypeSchemaDescription& type) {
+                                                               const TypeSchemaDescription& type) {
   return decodeFixedEncodingAs(reader, type, MakeValueImpl{});
 }
 

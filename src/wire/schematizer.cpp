@@ -45,25 +45,23 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
     Reader reader(iterating->data.view());
     reader.setPosition(bookmark.startPosition);
     reader.setEndPosition(bookmark.compactedEndPosition);
-    AnyValue element =
-        detail::decodeFixedEncodingAs(reader, iterating->type.description(), detail::MakeValue{});
-    bookmark.startPosition = reader.position();
-    return element;
+    // The value is built straight into the result, once the element has been read.
+    return detail::decodeFixedEncodingAs(reader, iterating->type.description(), [&](auto value) {
+      bookmark.startPosition = reader.position();
+      return detail::optionalValue(std::move(value));
+    });
   }
-  // Everything else, out of line so that the path above keeps a small frame.
-  return [this, iterating]() __attribute__((noinline)) -> std::optional<AnyValue> {
-    // The step works on the bookmark alone, so a failure leaves the state as it was.
-    const std::optional<Bookmark> before = iterating->bookmark;
-    std::optional<AnyValue> value;
-    try {
-      value = step(*iterating);
-    } catch (...) {
-      iterating->bookmark = before;
-      throw;
-    }
-    if (!value) state_ = Done{};
-    return value;
-  }();
+  // The step works on the bookmark alone, so a failure leaves the state as it was.
+  const std::optional<Bookmark> before = iterating->bookmark;
+  std::optional<AnyValue> value;
+  try {
+    value = step(*iterating);
+  } catch (...) {
+    iterating->bookmark = before;
+    throw;
+  }
+  if (!value) state_ = Done{};
+  return value;
 }
 
 std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationState& state) const {

@@ -4,86 +4,14 @@
 #include <bit>
 #include <cstring>
 
+#include "wire/scalar_decoding.hpp"
+
 namespace ostrel {
 namespace {
 
-using Case = TypeSchemaDescription::Case;
-
-// The one wire type each declared type is accepted with, indexed by case.
-constexpr std::array<ProtoWireType, 17> kRequiredWireType = [] {
-  std::array<ProtoWireType, 17> table{};
-  auto set = [&](Case kind, ProtoWireType wireType) {
-    table[static_cast<size_t>(kind)] = wireType;
-  };
-  for (Case kind : {Case::enum_, Case::int32, Case::uint32, Case::sint32, Case::int64, Case::uint64,
-                    Case::sint64, Case::bool_}) {
-    set(kind, ProtoWireType::varInt);
-  }
-  for (Case kind : {Case::fixed32, Case::sfixed32, Case::float_}) {
-    set(kind, ProtoWireType::fixed32);
-  }
-  for (Case kind : {Case::fixed64, Case::sfixed64, Case::double_}) {
-    set(kind, ProtoWireType::fixed64);
-  }
-  for (Case kind : {Case::message, Case::string, Case::bytes}) {
-    set(kind, ProtoWireType::lengthDelimited);
-  }
-  return table;
-}();
-
-inline int32_t low32Signed(uint64_t value) noexcept {
-  return static_cast<int32_t>(static_cast<uint32_t>(value));
-}
-
-inline int32_t zigZag32(uint32_t n) noexcept {
-  return static_cast<int32_t>((n >> 1) ^ (0u - (n & 1u)));
-}
-
-inline int64_t zigZag64(uint64_t n) noexcept {
-  return static_cast<int64_t>((n >> 1) ^ (uint64_t{0} - (n & 1u)));
-}
-
-// Decodes a value whose encoding follows from its type alone: every type but message, string and
-// bytes, which the callers handle before coming here.
-AnyValueImpl decodeFixedEncoding(Reader& reader, const TypeSchemaDescription& type) {
-  switch (type.kind()) {
-    case Case::int32:
-      return AnyValueImpl::int32(low32Signed(reader.readVarint()));
-    case Case::uint32:
-      return AnyValueImpl::uint32(static_cast<uint32_t>(reader.readVarint()));
-    case Case::sint32:
-      return AnyValueImpl::int32(zigZag32(static_cast<uint32_t>(reader.readVarint())));
-    case Case::int64:
-      return AnyValueImpl::int64(static_cast<int64_t>(reader.readVarint()));
-    case Case::uint64:
-      return AnyValueImpl::uint64(reader.readVarint());
-    case Case::sint64:
-      return AnyValueImpl::int64(zigZag64(reader.readVarint()));
-    case Case::bool_:
-      return AnyValueImpl::bool_(reader.readVarint() != 0);
-    case Case::enum_: {
-      const int64_t number = low32Signed(reader.readVarint());
-      return AnyValueImpl::enum_(EnumValueImpl{type.enumSchema(), number});
-    }
-    case Case::fixed32:
-      return AnyValueImpl::uint32(reader.readFixed32());
-    case Case::sfixed32:
-      return AnyValueImpl::int32(static_cast<int32_t>(reader.readFixed32()));
-    case Case::float_:
-      return AnyValueImpl::float_(std::bit_cast<float>(reader.readFixed32()));
-    case Case::fixed64:
-      return AnyValueImpl::uint64(reader.readFixed64());
-    case Case::sfixed64:
-      return AnyValueImpl::int64(static_cast<int64_t>(reader.readFixed64()));
-    case Case::double_:
-      return AnyValueImpl::double_(std::bit_cast<double>(reader.readFixed64()));
-    case Case::message:
-    case Case::string:
-    case Case::bytes:
-      break;
-  }
-  throw SerializationError::malformedProtobuf();
-}
+using detail::Case;
+using detail::decodeFixedEncoding;
+using detail::kRequiredWireType;
 
 // Moves past `count` elements of `width` bytes when the result lies inside the buffer; otherwise
 // (including when the arithmetic would overflow) stays, so that element 0 is read next.
@@ -224,7 +152,7 @@ void skipPackedElements(Reader& reader, const TypeSchemaDescription& type, int64
     case Case::sint64:
     case Case::bool_:
     case Case::enum_:
-      for (int64_t i = 0; i < count; ++i) reader.readVarint();
+      for (int64_t i = 0; i < count; ++i) reader.readVarintValue();
       return;
   }
 }

@@ -112,6 +112,7 @@ TEST(KeyPathTest, ReadsByPropertyPathFromOwnedAndBorrowedData) {
   EXPECT_EQ(data.value("nodes[2].name"), std::nullopt);
   EXPECT_EQ(data.value("r[1]"), AnyValue(int32_t{6}));
   EXPECT_EQ(data.value("kind")->enumValue().name(), "TREE");
+  EXPECT_EQ(data.value(resolveKeyPath(*root.impl(), "nodes[1].name")), AnyValue("b"));
   const std::optional<AnyValue> node = data.value("nodes[0]");
   ASSERT_TRUE(node);
   EXPECT_EQ(node->messageValue().data(), bytesOf({0x0a, 1, 'a'}));

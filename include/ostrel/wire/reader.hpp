@@ -90,15 +90,21 @@ class Reader {
   // Reads one base-128 varint and advances past it. At most ten bytes are read; of the tenth only
   // bit 0 lands in the result. Throws malformedProtobuf if the varint starts at or runs off the
   // end of the buffer or is longer than ten bytes; position() is then unchanged.
-  uint64_t readVarint() {
-    if (position_ < size_) [[likely]] {
-      const uint8_t first = byteAt(position_);
-      if (first < 0x80) {
-        ++position_;
-        return first;
-      }
-    }
-    return readVarintSlow();
+  [[gnu::always_inline]] uint64_t readVarint() {
+    int64_t position = position_;
+    const uint64_t value = readVarintAt<VarintUse::structure>(position);
+    position_ = position;
+    return value;
+  }
+
+  // readVarint() for values, above all the elements of packed runs, whose lengths vary from one
+  // to the next without a pattern a branch predictor could learn: beyond the one-byte case the
+  // length is not branched on. Same results and faults as readVarint().
+  [[gnu::always_inline]] uint64_t readVarintValue() {
+    int64_t position = position_;
+    const uint64_t value = readVarintAt<VarintUse::value>(position);
+    position_ = position;
+    return value;
   }
 
   // Reads a varint and validates it as a field tag. Throws malformedProtobuf for a value above
@@ -153,9 +159,12 @@ class Reader {
   // for the faults of varints, lengths and groups.
   void skipField(FieldTag tag) {
     switch (tag.wireType()) {
-      case ProtoWireType::varInt:
-        readVarint();
+      case ProtoWireType::varInt: {
+        int64_t position = position_;
+        skipVarint(position);
+        position_ = position;
         return;
+      }
       case ProtoWireType::fixed64:
         advance(8);
         return;
@@ -173,6 +182,74 @@ class Reader {
     }
   }
 
+  // Searches the message being read, from position() up to endPosition(), for the first tag of
+  // field `number` and returns its raw value with position() just past it; fields of other numbers
+  // are stepped over. 0, never a valid tag, when the field does not occur: position() is then at
+  // or past endPosition(). Exactly a loop of readTag() and skipField(): same results, same faults,
+  // same position when one is thrown.
+  uint32_t findField(int64_t number) {
+    int64_t position = position_;
+    const uint32_t tag = findField(number, position, endPosition_);
+    position_ = position;
+    return tag;
+  }
+
+  // The same search over [position, end), with the position held by the caller in `position` and
+  // advanced as findField(number) advances position(). Here this reader's own position() serves as
+  // scratch: it is brought up to date before anything that can throw, so that a fault leaves it
+  // where findField(number) would. A caller walking down nested messages keeps its position in a
+  // register this way; only groups and the last ten bytes of the buffer leave the loop.
+  [[gnu::always_inline]] uint32_t findField(int64_t number, int64_t& position, int64_t end) {
+    while (position < end) {
+      const uint64_t raw = readVarint(position);
+      if (raw > 0xFFFFFFFEu || raw < 8 || (raw & 7) > 5) [[unlikely]] {
+        position_ = position;
+        throw SerializationError::malformedProtobuf();
+      }
+      const FieldTag tag(static_cast<uint32_t>(raw));
+      if (tag.fieldNumber() == number) return tag.rawValue();
+      switch (tag.wireType()) {
+        case ProtoWireType::varInt:
+          skipVarint(position);
+          break;
+        case ProtoWireType::fixed64:
+          position = advanced(position, 8);
+          break;
+        case ProtoWireType::lengthDelimited: {
+          const int64_t length = readLength(position);
+          position = advanced(position, length);
+          break;
+        }
+        case ProtoWireType::startGroup:
+          position_ = position;
+          skipGroup(tag.fieldNumber());
+          position = position_;
+          break;
+        case ProtoWireType::endGroup:
+          position_ = position;
+          throw SerializationError::malformedProtobuf();
+        case ProtoWireType::fixed32:
+          position = advanced(position, 4);
+          break;
+      }
+    }
+    return 0;
+  }
+
+  // readVarint() and readLength() at a position held by the caller, as findField(number, position,
+  // end) holds it.
+  [[gnu::always_inline]] uint64_t readVarint(int64_t& position) {
+    return readVarintAt<VarintUse::structure>(position);
+  }
+  [[gnu::always_inline]] int64_t readLength(int64_t& position) {
+    const auto length = static_cast<int32_t>(static_cast<uint32_t>(readVarint(position)));
+    if (length < 0) [[unlikely]] {
+      position_ = position;
+      throw SerializationError::malformedProtobuf();
+    }
+    return length;
+  }
+
   // Steps over everything up to and including the end-group tag matching the start-group tag of
   // `fieldNumber` already read. Iterative: groups may nest to any depth without using the stack.
   // Throws malformedProtobuf for a mismatched or missing end-group tag.
@@ -180,13 +257,100 @@ class Reader {
 
  private:
   uint8_t byteAt(int64_t index) const noexcept { return static_cast<uint8_t>(data_[index]); }
+  // How a varint is used, which decides its fast paths: tags and lengths, the structure of a
+  // message, are mostly one or two bytes, in patterns that repeat; values are anything.
+  enum class VarintUse : uint8_t { structure, value };
+
+  // The varint at `position`, advanced past it. Away from the end of the buffer a varint of any
+  // length fits, so its bytes need no bounds test; only the last ten bytes of a buffer take the
+  // checked loop of readVarintSlow(). On a fault position() is left at `position` (unchanged).
+  template <VarintUse use>
+  [[gnu::always_inline]] uint64_t readVarintAt(int64_t& position) {
+    if (position < size_) [[likely]] {
+      const uint8_t first = byteAt(position);
+      if (first < 0x80) {
+        ++position;
+        return first;
+      }
+      if (size_ - position >= 10) [[likely]] {
+        if constexpr (use == VarintUse::structure) {
+          const uint8_t second = byteAt(position + 1);
+          if (second < 0x80) {
+            position += 2;
+            return (first & 0x7fu) | static_cast<uint64_t>(second) << 7;
+          }
+        }
+        const MultiByteVarint varint = decodeMultiByteVarint(data_ + position);
+        if (varint.length == 0) [[unlikely]] {
+          position_ = position;
+          throw SerializationError::malformedProtobuf();
+        }
+        position += varint.length;
+        return varint.value;
+      }
+    }
+    position_ = position;
+    const uint64_t value = readVarintSlow();
+    position = position_;
+    return value;
+  }
+
+  // Steps over the varint at `position` as readVarint(position) would, without decoding it: away
+  // from the end of the buffer its length comes from the first clear top bit of one 64-bit load,
+  // with no branch on it (values of varying length are what a search skips most).
+  [[gnu::always_inline]] void skipVarint(int64_t& position) {
+    if (size_ - position >= 10) [[likely]] {
+      uint64_t word;
+      std::memcpy(&word, data_ + position, sizeof word);
+      const uint64_t stops = ~word & 0x8080808080808080u;
+      if (stops != 0) [[likely]] {
+        position += (std::countr_zero(stops) >> 3) + 1;
+        return;
+      }
+    }
+    readVarint(position);
+  }
+
+  // A varint of two to ten bytes and its length, or length 0 for one longer than ten bytes.
+  struct MultiByteVarint {
+    uint64_t value;
+    int64_t length;
+  };
+  // Decodes the varint at `p`, whose first byte has its top bit set and which has at least ten
+  // readable bytes, as readVarintSlow does: of the tenth byte only bit 0 lands. Varints of up to
+  // eight bytes are decoded from one 64-bit load without a branch on their length, which varies
+  // unpredictably in packed runs and lengths: the lowest clear top bit marks the last byte, and the
+  // 7-bit groups up to it are squeezed together pairwise.
+  [[gnu::always_inline]] static MultiByteVarint decodeMultiByteVarint(const std::byte* p) noexcept {
+    uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    const uint64_t stops = ~word & 0x8080808080808080u;
+    // All bits up to and including the first stop bit: the varint's bytes (all eight if none).
+    const uint64_t keep = stops == 0 ? ~uint64_t{0} : stops ^ (stops - 1);
+    uint64_t x = word & keep & 0x7f7f7f7f7f7f7f7fu;
+    x = ((x & 0x7f007f007f007f00u) >> 1) | (x & 0x007f007f007f007fu);
+    x = ((x & 0x3fff00003fff0000u) >> 2) | (x & 0x00003fff00003fffu);
+    x = ((x & 0x0fffffff00000000u) >> 4) | (x & 0x000000000fffffffu);
+    if (stops != 0) [[likely]] {
+      return {x, (std::countr_zero(stops) >> 3) + 1};
+    }
+    for (int i = 8; i < 10; ++i) {
+      const auto byte = static_cast<uint8_t>(p[i]);
+      x |= static_cast<uint64_t>(byte & 0x7fu) << (7 * i);
+      if (byte < 0x80) return {x, i + 1};
+    }
+    return {0, 0};
+  }
   uint64_t readVarintSlow();
   // Moves position() forward without a bounds check; only an overflow of the position stops the
   // process, which no buffer that fits in memory can cause.
-  void advance(int64_t count) {
-    if (__builtin_add_overflow(position_, count, &position_)) [[unlikely]] {
+  void advance(int64_t count) { position_ = advanced(position_, count); }
+  static int64_t advanced(int64_t position, int64_t count) {
+    int64_t result;
+    if (__builtin_add_overflow(position, count, &result)) [[unlikely]] {
       detail::fatal("Reader position overflow");
     }
+    return result;
   }
 
   void loadFixed(void* out, int64_t width) {

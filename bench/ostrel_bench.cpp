@@ -1,0 +1,591 @@
+// Ostrel side by side with what a user would pick instead: libprotobuf's DynamicMessage and
+// generated code, its JSON printers, and hand-written floors (memcpy, a loop that only walks the
+// wire format). Everything runs in one process over the same bytes. Before anything is timed, the
+// self-checks make every benchmark compute its answer once and compare it with the peer's; a
+// difference stops the program, because a fast wrong answer measures nothing.
+//
+// Flags besides Google Benchmark's own:
+//   --ostrel_smoke  leave out the slow libprotobuf peers over the 1 MB messages (their answers are
+//                   still checked), for a quick run that only proves the binary and its checks.
+
+#include <benchmark/benchmark.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/type_resolver.h>
+#include <google/protobuf/util/type_resolver_util.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "allocation_counter.hpp"
+#include "bench.pb.h"
+#include "hand_floors.hpp"
+#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/typed_import.hpp"
+#include "ostrel/output/json_rendering.hpp"
+#include "ostrel/paths/key_path.hpp"
+#include "ostrel/store/schemas.hpp"
+#include "ostrel/wire/field_path.hpp"
+#include "ostrel/wire/schematizer.hpp"
+#include "report.hpp"
+#include "workload.hpp"
+
+namespace ostrel::bench {
+namespace {
+
+namespace pb = google::protobuf;
+
+constexpr size_t kDenseFieldCount = 200000;
+constexpr size_t kPackedCount = 100000;
+constexpr int64_t kPackedIndex = 50000;
+constexpr int kIntsField = 5;
+constexpr uint32_t kFrontPath[] = {1, 1, 1};
+constexpr uint32_t kTailPath[] = {1000, 1, 1};
+constexpr const char* kTypeUrlPrefix = "type.googleapis.com";
+
+[[noreturn]] void fail(const std::string& what) {
+  std::fprintf(stderr, "ostrel_bench: self-check failed: %s\n", what.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+template <typename T>
+std::string show(const T& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+template <typename A, typename B>
+void expectEqual(const std::string& what, const A& got, const B& expected) {
+  if (!(got == expected)) fail(what + ": got " + show(got) + ", expected " + show(expected));
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) fail("cannot read " + path);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+int64_t int64Of(const std::optional<AnyValue>& value, const std::string& what) {
+  if (!value || value->kind() != AnyValue::Case::int64) fail(what + ": no int64 value");
+  return value->int64Value();
+}
+
+// Everything the benchmarks read, built once.
+struct Workload {
+  std::string small = buildSmallMessage();
+  std::string large = buildLargeMessage();
+  DenseCounts denseCounts;
+  std::string dense = buildDenseMessage(kDenseFieldCount, denseCounts);
+  std::vector<int32_t> packedValues;
+  std::string packed = buildPackedRunMessage(kPackedCount, packedValues);
+  std::string benchDescriptorSet = readFile(OSTREL_BENCH_GENERATED "/bench.desc");
+  std::string descriptorProtoSet = readFile(OSTREL_BENCH_GENERATED "/descriptor.desc");
+};
+
+// Ostrel's view of the workload: a store made from the descriptor set, the data, and the paths
+// resolved once up front as a caller reading many records would.
+struct Ours {
+  explicit Ours(const Workload& w)
+      : store(schemaManifestFromDescriptorSet(asBytes(w.benchDescriptorSet))),
+        schema(store.messageSchema("ostrel.bench.Bench")),
+        small(schema.schematizedData(w.small)),
+        large(schema.schematizedData(w.large)),
+        dense(schema.schematizedData(w.dense)),
+        packed(schema.schematizedData(w.packed)),
+        packedBuffer(toBytes(w.packed)),
+        int32Type(schema.fieldNamed("ints").type()),
+        front(resolveKeyPath(*schema.impl(), "mid.leaf.id")),
+        tail(resolveKeyPath(*schema.impl(), "tail.leaf.id")),
+        label(resolveKeyPath(*schema.impl(), "mid.leaf.label")),
+        element(resolveKeyPath(*schema.impl(), "ints[" + std::to_string(kPackedIndex) + "]")) {}
+
+  SchemaStore store;
+  MessageSchema schema;
+  SchematizedData small;
+  SchematizedData large;
+  SchematizedData dense;
+  SchematizedData packed;
+  OwnedData packedBuffer;
+  TypeSchema int32Type;
+  FieldPathAndType front;
+  FieldPathAndType tail;
+  FieldPathAndType label;
+  FieldPathAndType element;
+};
+
+// libprotobuf's view: a pool built from the same descriptor set, one reused DynamicMessage, the
+// generated class, and a type resolver made once (the expensive part of BinaryToJsonString).
+struct Peer {
+  explicit Peer(const Workload& w) {
+    pb::FileDescriptorSet set;
+    if (!set.ParseFromString(w.benchDescriptorSet)) fail("bench.desc does not parse");
+    for (const pb::FileDescriptorProto& file : set.file()) {
+      if (!pool.BuildFile(file)) fail("DescriptorPool rejects " + file.name());
+    }
+    descriptor = pool.FindMessageTypeByName("ostrel.bench.Bench");
+    if (!descriptor) fail("ostrel.bench.Bench is not in the pool");
+    dynamic.reset(factory.GetPrototype(descriptor)->New());
+    parsed.reset(factory.GetPrototype(descriptor)->New());
+    if (!parsed->ParseFromString(w.large)) fail("DynamicMessage parse of the 1 MB message failed");
+    midField = descriptor->FindFieldByName("mid");
+    tailField = descriptor->FindFieldByName("tail");
+    leafField = midField->message_type()->FindFieldByName("leaf");
+    idField = leafField->message_type()->FindFieldByName("id");
+    resolver.reset(pb::util::NewTypeResolverForDescriptorPool(kTypeUrlPrefix, &pool));
+    typeUrl = std::string(kTypeUrlPrefix) + "/" + descriptor->full_name();
+    jsonOptions.preserve_proto_field_names = true;
+  }
+
+  // Reads `outer`.leaf.id through reflection with field descriptors found beforehand.
+  int64_t readId(const pb::Message& message, const pb::FieldDescriptor* outer) const {
+    const pb::Message& mid = message.GetReflection()->GetMessage(message, outer);
+    const pb::Message& leaf = mid.GetReflection()->GetMessage(mid, leafField);
+    return leaf.GetReflection()->GetInt64(leaf, idField);
+  }
+
+  int64_t parseAndReadId(const std::string& bytes, const pb::FieldDescriptor* outer) {
+    if (!dynamic->ParseFromString(bytes)) fail("DynamicMessage parse failed");
+    return readId(*dynamic, outer);
+  }
+
+  std::string binaryToJson(const std::string& bytes) {
+    std::string json;
+    if (!pb::util::BinaryToJsonString(resolver.get(), typeUrl, bytes, &json, jsonOptions).ok()) {
+      fail("BinaryToJsonString failed");
+    }
+    return json;
+  }
+
+  std::string parseToJson(const std::string& bytes) {
+    if (!dynamic->ParseFromString(bytes)) fail("DynamicMessage parse failed");
+    std::string json;
+    if (!pb::util::MessageToJsonString(*dynamic, &json, jsonOptions).ok()) {
+      fail("MessageToJsonString failed");
+    }
+    return json;
+  }
+
+  pb::DescriptorPool pool;
+  pb::DynamicMessageFactory factory{&pool};
+  const pb::Descriptor* descriptor = nullptr;
+  // Reused by every parse.
+  std::unique_ptr<pb::Message> dynamic;
+  // The 1 MB message, parsed once, for reflection on a parsed message.
+  std::unique_ptr<pb::Message> parsed;
+  const pb::FieldDescriptor* midField = nullptr;
+  const pb::FieldDescriptor* tailField = nullptr;
+  const pb::FieldDescriptor* leafField = nullptr;
+  const pb::FieldDescriptor* idField = nullptr;
+  std::unique_ptr<pb::util::TypeResolver> resolver;
+  std::string typeUrl;
+  pb::util::JsonPrintOptions jsonOptions;
+  Bench generated;
+};
+
+// Reflection by name on an already parsed message: three FindFieldByName steps.
+int64_t reflectByName(const pb::Message& message) {
+  const pb::FieldDescriptor* mid = message.GetDescriptor()->FindFieldByName("mid");
+  const pb::Message& midMessage = message.GetReflection()->GetMessage(message, mid);
+  const pb::FieldDescriptor* leaf = midMessage.GetDescriptor()->FindFieldByName("leaf");
+  const pb::Message& leafMessage = midMessage.GetReflection()->GetMessage(midMessage, leaf);
+  const pb::FieldDescriptor* id = leafMessage.GetDescriptor()->FindFieldByName("id");
+  return leafMessage.GetReflection()->GetInt64(leafMessage, id);
+}
+
+// The same read through the lowest-level entry point: the value borrows from the buffer and is
+// never converted to an owned AnyValue.
+int64_t borrowedFrontId(const Ours& ours) {
+  Reader reader(ours.large.bytes());
+  const std::optional<AnyValueImpl> value = readValue(reader, ours.front);
+  if (!value || value->kind() != AnyValueImpl::Case::int64) fail("front: no int64 value");
+  return value->int64Value();
+}
+
+// Reads every element through the library's repeated-field iterator, sharing the buffer.
+floors::RunSum iteratePacked(const Ours& ours) {
+  Schematizer::RepeatableFieldIterator iterator(ours.packedBuffer, kIntsField, ours.int32Type);
+  floors::RunSum result;
+  while (std::optional<AnyValue> value = iterator.next()) {
+    result.sum += value->int32Value();
+    ++result.count;
+  }
+  return result;
+}
+
+floors::RunSum handDecodePacked(const Workload& w) {
+  return floors::decodeAllInt32(floors::findPayload(w.packed, kIntsField));
+}
+
+std::optional<int32_t> handPackedElement(const Workload& w) {
+  return floors::int32AtIndex(floors::findPayload(w.packed, kIntsField), kPackedIndex);
+}
+
+int32_t oursPackedElement(const Ours& ours) {
+  const std::optional<AnyValue> value = ours.packed.value(ours.element);
+  if (!value || value->kind() != AnyValue::Case::int32) fail("ints[k]: no int32 value");
+  return value->int32Value();
+}
+
+std::string renderOurs(const SchematizedData& data) { return renderJSON(data.unsafe()); }
+
+SchemaManifest importOurs(const Workload& w) {
+  return schemaManifestFromDescriptorSet(asBytes(w.descriptorProtoSet));
+}
+
+SchemaManifest importTyped(const Workload& w, pb::FileDescriptorSet& set) {
+  if (!set.ParseFromString(w.descriptorProtoSet)) fail("descriptor.desc does not parse");
+  return schemaManifestFromDescriptorSet(set);
+}
+
+// Allocations of one read through a pre-resolved path, counted around the read alone.
+int64_t allocationsOfRead(const SchematizedData& data, const FieldPathAndType& path) {
+  AllocationScope scope;
+  std::optional<AnyValue> value = data.value(path);
+  const int64_t count = scope.count();
+  benchmark::DoNotOptimize(value);
+  return count;
+}
+
+struct AllocationCounts {
+  int64_t scalar = 0;
+  int64_t string = 0;
+};
+
+void checkJson(const std::string& what, const std::string& ours, const std::string& peer) {
+  nlohmann::json a;
+  nlohmann::json b;
+  try {
+    a = nlohmann::json::parse(ours);
+  } catch (const std::exception& e) {
+    fail(what + ": Ostrel's JSON does not parse: " + e.what());
+  }
+  try {
+    b = nlohmann::json::parse(peer);
+  } catch (const std::exception& e) {
+    fail(what + ": the peer's JSON does not parse: " + e.what());
+  }
+  if (a != b) {
+    const nlohmann::json difference = nlohmann::json::diff(a, b);
+    fail(what + ": Ostrel's JSON differs from the peer's: " + difference.dump().substr(0, 600));
+  }
+}
+
+// Every benchmark's answer, computed once by ours, by the peer and by the floor, and compared.
+AllocationCounts runSelfChecks(const Workload& w, Ours& ours, Peer& peer) {
+  const std::string large = "1 MB message";
+  const std::string dense = "dense message";
+
+  // Reads of mid.leaf.id near the front.
+  expectEqual("front id, pre-resolved, 1 MB", int64Of(ours.large.value(ours.front), large),
+              kFrontId);
+  expectEqual("front id, pre-resolved, 1 KB", int64Of(ours.small.value(ours.front), "1 KB"),
+              kFrontId);
+  expectEqual("front id, borrowed", borrowedFrontId(ours), kFrontId);
+  expectEqual("front id, property path", int64Of(ours.large.value("mid.leaf.id"), large), kFrontId);
+  expectEqual("front id, hand-written", floors::readVarintAtPath(w.large, kFrontPath).value_or(0),
+              static_cast<uint64_t>(kFrontId));
+  expectEqual("front id, DynamicMessage 1 MB", peer.parseAndReadId(w.large, peer.midField),
+              kFrontId);
+  expectEqual("front id, reflection by name", reflectByName(*peer.parsed), kFrontId);
+  expectEqual("front id, DynamicMessage 1 KB", peer.parseAndReadId(w.small, peer.midField),
+              kFrontId);
+  for (const std::string* bytes : {&w.large, &w.small}) {
+    if (!peer.generated.ParseFromString(*bytes)) fail("generated parse failed");
+    expectEqual("front id, generated code", peer.generated.mid().leaf().id(), kFrontId);
+  }
+
+  // Reads of tail.leaf.id at the end.
+  expectEqual("tail id, pre-resolved, 1 MB", int64Of(ours.large.value(ours.tail), large), kTailId);
+  expectEqual("tail id, pre-resolved, dense", int64Of(ours.dense.value(ours.tail), dense), kTailId);
+  expectEqual("tail id, hand-written, 1 MB",
+              floors::readVarintAtPath(w.large, kTailPath).value_or(0),
+              static_cast<uint64_t>(kTailId));
+  expectEqual("tail id, hand-written, dense",
+              floors::readVarintAtPath(w.dense, kTailPath).value_or(0),
+              static_cast<uint64_t>(kTailId));
+  expectEqual("tail id, DynamicMessage 1 MB", peer.parseAndReadId(w.large, peer.tailField),
+              kTailId);
+  expectEqual("tail id, DynamicMessage dense", peer.parseAndReadId(w.dense, peer.tailField),
+              kTailId);
+
+  // The dense message holds what was written: mid, the tiny fields, tail.
+  expectEqual("dense fields walked", floors::skipAllFields(w.dense),
+              static_cast<int64_t>(w.denseCounts.total() + 2));
+  for (size_t i = 0; i < kDenseFields.size(); ++i) {
+    const pb::FieldDescriptor* field = peer.descriptor->FindFieldByNumber(kDenseFields[i]);
+    if (!field) fail("bench.proto has no field " + std::to_string(kDenseFields[i]));
+    expectEqual("dense field " + field->name() + " elements",
+                static_cast<size_t>(peer.dynamic->GetReflection()->FieldSize(*peer.dynamic, field)),
+                w.denseCounts.perField[i]);
+  }
+  if (floors::skipAllFields(w.large) <= 0) fail("the 1 MB message does not walk");
+
+  // The packed run: all elements, and element k.
+  floors::RunSum expected;
+  for (int32_t v : w.packedValues) expected.sum += v;
+  expected.count = static_cast<int64_t>(w.packedValues.size());
+  const floors::RunSum iterated = iteratePacked(ours);
+  const floors::RunSum decoded = handDecodePacked(w);
+  expectEqual("packed run, iterator count", iterated.count, expected.count);
+  expectEqual("packed run, iterator sum", iterated.sum, expected.sum);
+  expectEqual("packed run, hand-written count", decoded.count, expected.count);
+  expectEqual("packed run, hand-written sum", decoded.sum, expected.sum);
+  if (!peer.generated.ParseFromString(w.packed)) fail("generated parse of the packed run failed");
+  expectEqual("packed run, generated code size", peer.generated.ints_size(),
+              static_cast<int>(kPackedCount));
+  const auto k = static_cast<size_t>(kPackedIndex);
+  expectEqual("packed element k, pre-resolved", oursPackedElement(ours), w.packedValues[k]);
+  expectEqual("packed element k, hand-written", handPackedElement(w).value_or(-1),
+              w.packedValues[k]);
+  expectEqual("packed element k, generated code", peer.generated.ints(static_cast<int>(k)),
+              w.packedValues[k]);
+
+  // JSON: the same document as libprotobuf's printers, field for field.
+  checkJson("JSON 1 MB vs BinaryToJsonString", renderOurs(ours.large), peer.binaryToJson(w.large));
+  checkJson("JSON 1 MB vs MessageToJsonString", renderOurs(ours.large), peer.parseToJson(w.large));
+  checkJson("JSON 1 KB vs BinaryToJsonString", renderOurs(ours.small), peer.binaryToJson(w.small));
+
+  // Importing descriptor.proto's descriptor set: the same manifest either way.
+  pb::FileDescriptorSet set;
+  if (!(importOurs(w) == importTyped(w, set))) {
+    fail("descriptor.proto: the schematized import differs from the typed import");
+  }
+
+  // memcpy copies the buffer.
+  std::string copy(w.large.size(), '\0');
+  std::memcpy(copy.data(), w.large.data(), w.large.size());
+  if (copy != w.large) fail("memcpy copy differs");
+
+  // Heap allocations of single reads: none for a scalar, the copy for a string. Counted after a
+  // first read, so that nothing lazily set up by the first read counts.
+  AllocationCounts counts;
+  allocationsOfRead(ours.large, ours.front);
+  allocationsOfRead(ours.large, ours.label);
+  counts.scalar = allocationsOfRead(ours.large, ours.front);
+  counts.string = allocationsOfRead(ours.large, ours.label);
+  expectEqual("front label, pre-resolved", ours.large.value(ours.label)->stringValue(),
+              std::string(kFrontLabel));
+  if (counts.scalar > 0) {
+    fail("a scalar read through a pre-resolved path allocated " + std::to_string(counts.scalar) +
+         " times (allowed: 0)");
+  }
+  if (counts.string > 1) {
+    fail("a string read through a pre-resolved path allocated " + std::to_string(counts.string) +
+         " times (allowed: 1, the copy)");
+  }
+  const int64_t tailAllocations = allocationsOfRead(ours.dense, ours.tail);
+  const int64_t elementAllocations = allocationsOfRead(ours.packed, ours.element);
+  if (tailAllocations > 0 || elementAllocations > 0) {
+    fail("a scalar read allocated (tail: " + std::to_string(tailAllocations) +
+         ", ints[k]: " + std::to_string(elementAllocations) + ")");
+  }
+  return counts;
+}
+
+// Registers `body` as a benchmark whose every iteration must give `expected`; checked after the
+// timed loop, so that the check costs nothing per iteration.
+template <typename T, typename Body>
+void add(const std::string& name, T expected, Body body) {
+  benchmark::RegisterBenchmark(name.c_str(), [name, expected, body](benchmark::State& state) {
+    std::optional<T> last;
+    for (auto _ : state) {
+      T value = body();
+      benchmark::DoNotOptimize(value);
+      last = std::move(value);
+    }
+    if (!last) fail(name + ": the timed loop never ran");
+    expectEqual(name + ", timed loop", *last, expected);
+  });
+}
+
+void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
+  const auto frontU = static_cast<uint64_t>(kFrontId);
+  const auto tailU = static_cast<uint64_t>(kTailId);
+
+  // Floors.
+  auto copy = std::make_shared<std::string>(w.large.size(), '\0');
+  add("Floor/memcpy/1MB", w.large.size(), [&w, copy] {
+    std::memcpy(copy->data(), w.large.data(), w.large.size());
+    benchmark::ClobberMemory();
+    return copy->size();
+  });
+  add("Floor/SkipAllFields/1MB", floors::skipAllFields(w.large),
+      [&w] { return floors::skipAllFields(w.large); });
+  add("Floor/SkipAllFields/dense", floors::skipAllFields(w.dense),
+      [&w] { return floors::skipAllFields(w.dense); });
+  add("Floor/HandRead/front/1MB", frontU,
+      [&w] { return floors::readVarintAtPath(w.large, kFrontPath).value_or(0); });
+  add("Floor/HandRead/tail/1MB", tailU,
+      [&w] { return floors::readVarintAtPath(w.large, kTailPath).value_or(0); });
+  add("Floor/HandRead/tail/dense", tailU,
+      [&w] { return floors::readVarintAtPath(w.dense, kTailPath).value_or(0); });
+  add("Floor/PackedDecodeAll/100k", handDecodePacked(w), [&w] { return handDecodePacked(w); });
+  add("Floor/PackedDecodeK/50000", w.packedValues[kPackedIndex],
+      [&w] { return handPackedElement(w).value_or(-1); });
+
+  // Ostrel.
+  add("Ostrel/ReadPreResolved/front/1MB", kFrontId,
+      [&ours] { return int64Of(ours.large.value(ours.front), "front"); });
+  add("Ostrel/ReadBorrowed/front/1MB", kFrontId, [&ours] { return borrowedFrontId(ours); });
+  add("Ostrel/ReadPreResolved/front/1KB", kFrontId,
+      [&ours] { return int64Of(ours.small.value(ours.front), "front"); });
+  add("Ostrel/ReadPropertyPath/front/1MB", kFrontId,
+      [&ours] { return int64Of(ours.large.value("mid.leaf.id"), "front"); });
+  add("Ostrel/ReadPreResolved/tail/1MB", kTailId,
+      [&ours] { return int64Of(ours.large.value(ours.tail), "tail"); });
+  add("Ostrel/ReadPreResolved/tail/dense", kTailId,
+      [&ours] { return int64Of(ours.dense.value(ours.tail), "tail"); });
+  add("Ostrel/IteratePacked/100k", handDecodePacked(w), [&ours] { return iteratePacked(ours); });
+  add("Ostrel/ReadPreResolved/ints[50000]", w.packedValues[kPackedIndex],
+      [&ours] { return oursPackedElement(ours); });
+  const size_t largeJson = renderOurs(ours.large).size();
+  const size_t smallJson = renderOurs(ours.small).size();
+  add("Ostrel/RenderJSON/1MB", largeJson, [&ours] { return renderOurs(ours.large).size(); });
+  add("Ostrel/RenderJSON/1KB", smallJson, [&ours] { return renderOurs(ours.small).size(); });
+  const size_t descriptorMessages = importOurs(w).messages.size();
+  add("Ostrel/ImportDescriptorSet/descriptor.proto", descriptorMessages,
+      [&w] { return importOurs(w).messages.size(); });
+  for (const auto& [name, path] :
+       {std::pair{"scalar", &ours.front}, std::pair{"string", &ours.label}}) {
+    benchmark::RegisterBenchmark((std::string("Ostrel/Allocations/") + name).c_str(),
+                                 [&ours, path = path](benchmark::State& state) {
+                                   int64_t allocations = 0;
+                                   for (auto _ : state) {
+                                     AllocationScope scope;
+                                     std::optional<AnyValue> value = ours.large.value(*path);
+                                     allocations += scope.count();
+                                     benchmark::DoNotOptimize(value);
+                                   }
+                                   state.counters["allocs"] =
+                                       benchmark::Counter(static_cast<double>(allocations),
+                                                          benchmark::Counter::kAvgIterations);
+                                 });
+  }
+
+  // libprotobuf, cheap enough for every run.
+  add("Protobuf/DynamicParseReflect/1KB", kFrontId,
+      [&w, &peer] { return peer.parseAndReadId(w.small, peer.midField); });
+  add("Protobuf/GeneratedParseAccess/1KB", kFrontId, [&w, &peer] {
+    peer.generated.ParseFromString(w.small);
+    return peer.generated.mid().leaf().id();
+  });
+  add("Protobuf/BinaryToJsonString/1KB", peer.binaryToJson(w.small).size(),
+      [&w, &peer] { return peer.binaryToJson(w.small).size(); });
+  add("Protobuf/ReflectByName/parsed", kFrontId, [&peer] { return reflectByName(*peer.parsed); });
+  add("Protobuf/ParseAndTypedImport/descriptor.proto", descriptorMessages,
+      [&w, set = std::make_shared<pb::FileDescriptorSet>()] {
+        return importTyped(w, *set).messages.size();
+      });
+  if (smoke) return;
+
+  // libprotobuf over the 1 MB messages: milliseconds per iteration.
+  add("Protobuf/DynamicParseReflect/1MB", kFrontId,
+      [&w, &peer] { return peer.parseAndReadId(w.large, peer.midField); });
+  add("Protobuf/DynamicParseReflect/tail/dense", kTailId,
+      [&w, &peer] { return peer.parseAndReadId(w.dense, peer.tailField); });
+  add("Protobuf/GeneratedParseAccess/1MB", kFrontId, [&w, &peer] {
+    peer.generated.ParseFromString(w.large);
+    return peer.generated.mid().leaf().id();
+  });
+  add("Protobuf/BinaryToJsonString/1MB", peer.binaryToJson(w.large).size(),
+      [&w, &peer] { return peer.binaryToJson(w.large).size(); });
+  add("Protobuf/DynamicParseToJson/1MB", peer.parseToJson(w.large).size(),
+      [&w, &peer] { return peer.parseToJson(w.large).size(); });
+}
+
+std::vector<RatioTarget> ratioTargets() {
+  using B = RatioTarget::Bound;
+  return {
+      {"1a", "depth-3 scalar near front, pre-resolved, vs hand-written read",
+       "Ostrel/ReadPreResolved/front/1MB", "Floor/HandRead/front/1MB", B::oursAtMost, 2},
+      {"1b", "same read vs DynamicMessage parse + reflection (speedup)",
+       "Ostrel/ReadPreResolved/front/1MB", "Protobuf/DynamicParseReflect/1MB", B::speedupAtLeast,
+       10000},
+      {"2", "property path text \"mid.leaf.id\" vs reflection by name (speedup)",
+       "Ostrel/ReadPropertyPath/front/1MB", "Protobuf/ReflectByName/parsed", B::speedupAtLeast, 1},
+      {"3a", "depth-3 scalar at the end, 1 MB, vs hand-written scan",
+       "Ostrel/ReadPreResolved/tail/1MB", "Floor/HandRead/tail/1MB", B::oursAtMost, 1.5},
+      {"3b", "depth-3 scalar at the end, dense 1 MB, vs hand-written scan",
+       "Ostrel/ReadPreResolved/tail/dense", "Floor/HandRead/tail/dense", B::oursAtMost, 1.5},
+      {"4a", "iterate packed int32 run of 100k vs hand-written decode loop",
+       "Ostrel/IteratePacked/100k", "Floor/PackedDecodeAll/100k", B::oursAtMost, 1.5},
+      {"4b", "packed element k=50000 by index vs decoding k varints",
+       "Ostrel/ReadPreResolved/ints[50000]", "Floor/PackedDecodeK/50000", B::oursAtMost, 2},
+      {"5a", "JSON of 1 MB vs BinaryToJsonString, cached resolver (speedup)",
+       "Ostrel/RenderJSON/1MB", "Protobuf/BinaryToJsonString/1MB", B::speedupAtLeast, 2},
+      {"5b", "JSON of 1 MB vs DynamicMessage parse + MessageToJsonString", "Ostrel/RenderJSON/1MB",
+       "Protobuf/DynamicParseToJson/1MB", B::speedupAtLeast, 4},
+      {"6", "import descriptor.proto's set vs ParseFromString + typed import",
+       "Ostrel/ImportDescriptorSet/descriptor.proto",
+       "Protobuf/ParseAndTypedImport/descriptor.proto", B::oursAtMost, 2},
+  };
+}
+
+// Takes our own flags out of argv before Google Benchmark sees (and rejects) them.
+bool takeFlag(int& argc, char** argv, std::string_view flag) {
+  bool found = false;
+  int out = 1;
+  for (int i = 1; i < argc; ++i) {
+    if (flag == argv[i]) {
+      found = true;
+    } else {
+      argv[out++] = argv[i];
+    }
+  }
+  argc = out;
+  return found;
+}
+
+}  // namespace
+}  // namespace ostrel::bench
+
+int main(int argc, char** argv) {
+  using namespace ostrel::bench;
+  const bool smoke = takeFlag(argc, argv, "--ostrel_smoke");
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+#if !defined(__OPTIMIZE__) || !defined(NDEBUG)
+  std::printf("warning: built without optimisation or with assertions; times mean little\n");
+#endif
+
+  const Workload workload;
+  Ours ours(workload);
+  Peer peer(workload);
+  std::printf(
+      "workload: 1 KB message %zu bytes, 1 MB message %zu bytes, dense message %zu bytes "
+      "(%zu tiny fields), packed run message %zu bytes (%zu varints)\n",
+      workload.small.size(), workload.large.size(), workload.dense.size(),
+      workload.denseCounts.total(), workload.packed.size(), workload.packedValues.size());
+
+  const AllocationCounts allocations = runSelfChecks(workload, ours, peer);
+  std::printf(
+      "self-checks passed: every benchmark's answer equals its peer's; allocations per "
+      "pre-resolved read: scalar %lld, string %lld\n",
+      static_cast<long long>(allocations.scalar), static_cast<long long>(allocations.string));
+  std::fflush(stdout);
+
+  registerBenchmarks(workload, ours, peer, smoke);
+  TargetReporter reporter(ratioTargets(),
+                          {{"7a", "heap allocations, scalar read through a pre-resolved path",
+                            "Ostrel/Allocations/scalar", 0, allocations.scalar},
+                           {"7b", "heap allocations, string read through a pre-resolved path",
+                            "Ostrel/Allocations/string", 1, allocations.string}});
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
