@@ -133,8 +133,9 @@ class DuplicateMemberCheck {
 Json parseDocument(std::string_view text) {
   try {
     return Json::parse(text.begin(), text.end(), DuplicateMemberCheck());
-  } catch (const Json::parse_error& e) {
-    // The library's message starts with its own error id in brackets, noise to a reader.
+  } catch (const Json::exception& e) {
+    // A syntax error, or a number beyond the range of a double (out_of_range). The library's
+    // message starts with its own error id in brackets, noise to a reader.
     std::string message = e.what();
     if (!message.empty() && message.front() == '[') {
       const size_t end = message.find("] ");

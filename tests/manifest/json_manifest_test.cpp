@@ -830,6 +830,10 @@ TEST(SchemaManifestFromJSON, RejectsMalformedJSONText) {
       {"trailing comma", R"({"messages":{},})",
        "$: invalid JSON: parse error at line 1, column 16: syntax error while parsing object key - "
        "unexpected '}'; expected string literal"},
+      {"number beyond a double", R"({"messages":1e400})",
+       "$: invalid JSON: number overflow parsing '1e400'"},
+      {"number beyond a double before a syntax error", "444444e44444444444444{",
+       "$: invalid JSON: number overflow parsing '444444e44444444444444'"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
