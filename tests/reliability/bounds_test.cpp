@@ -1,0 +1,327 @@
+// Inputs built to exhaust the stack, spin or read out of bounds: groups nested 100,000 deep,
+// messages nested 10,000 deep, length prefixes far beyond the buffer. Each is read on a thread
+// with a small stack, within a time bound, and malformed bytes end in a thrown error.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "ostrel/ostrel.hpp"
+#include "reliability/reliability_support.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+using testing_support::catchError;
+using testing_support::onSmallStack;
+using testing_support::readGenerated;
+using testing_support::secondsFor;
+using testing_support::WireBytes;
+
+// Generous: each of these takes milliseconds, but sanitizers and a loaded machine slow it down.
+constexpr double kSecondsAllowed = 20;
+
+MessageSchema richSchema(const SchemaStore& store) {
+  return store.messageSchema("ostrel.test.Rich");
+}
+
+SchemaStore richStore() {
+  return SchemaStore(schemaManifestFromDescriptorSet(asBytes(readGenerated("rich.desc"))));
+}
+
+// t.Node nests itself through `child` and `children`.
+SchemaStore nodeStore() {
+  SchemaManifest manifest;
+  MessageManifest& node = manifest.messages["t.Node"];
+  node.fields["child"] = {.type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 1};
+  node.fields["value"] = {.type = TypeManifest::int32, .fieldNumber = 2};
+  node.fields["children"] = {
+      .type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 3, .isRepeated = true};
+  return SchemaStore(manifest);
+}
+
+// `depth` t.Node messages, each the `child` of the one before, the innermost holding value 7.
+// Built back to front so that the cost stays linear in the depth.
+std::string nestedNodes(int depth) {
+  std::string reversed;
+  const auto prepend = [&](const std::string& bytes) {
+    reversed.append(bytes.rbegin(), bytes.rend());
+  };
+  prepend(WireBytes().varintField(2, 7).text());
+  for (int level = 1; level < depth; ++level) {
+    prepend(WireBytes().tag(1, WireBytes::lengthDelimited).varint(reversed.size()).text());
+  }
+  return std::string(reversed.rbegin(), reversed.rend());
+}
+
+std::string repeated(std::string_view unit, int count) {
+  std::string out;
+  out.reserve(unit.size() * static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) out += unit;
+  return out;
+}
+
+bool isSerializationError(const testing_support::CaughtError& caught) {
+  if (!caught.error) return false;
+  try {
+    std::rethrow_exception(caught.error);
+  } catch (const SerializationError&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+constexpr int kGroups = 100'000;
+
+// Unknown group 50 opened `kGroups` times and closed as often, then Rich's color = GREEN.
+std::string deepGroupThenColor() {
+  const std::string open = WireBytes().tag(50, WireBytes::startGroup).text();
+  const std::string close = WireBytes().tag(50, WireBytes::endGroup).text();
+  return repeated(open, kGroups) + repeated(close, kGroups) + WireBytes().varintField(11, 2).text();
+}
+
+TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsAreSteppedOver) {
+  const SchemaStore store = richStore();
+  const MessageSchema rich = richSchema(store);
+  const SchematizedData data = rich.schematizedData(deepGroupThenColor());
+  const TypeSchema color = rich.fieldNamed("color").type();
+
+  const double seconds = secondsFor([&] {
+    onSmallStack([&] {
+      ASSERT_TRUE(data.value("color"));
+      EXPECT_EQ(data.value("color")->enumValue().name(), "GREEN");
+      EXPECT_EQ(Schematizer::value(data.bytes(), 11, color)->enumValue().number(), 2);
+      EXPECT_EQ(toJSON(data), R"({"color":"GREEN"})");
+      Schematizer::RepeatableFieldIterator mids(data.bytes(), 4, rich.fieldNamed("mids").type());
+      EXPECT_EQ(mids.next(), std::nullopt);
+      int fields = 0;
+      forEachPresentField(data.unsafe(), [&](const auto&, AnyValueImpl&&) { ++fields; });
+      EXPECT_EQ(fields, 1);
+    });
+  });
+  EXPECT_LT(seconds, kSecondsAllowed);
+}
+
+TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsInsideANestedMessage) {
+  const SchemaStore store = richStore();
+  const MessageSchema rich = richSchema(store);
+  // mid { <deep group> note: "n" }
+  const std::string mid = deepGroupThenColor() + WireBytes().bytesField(3, "n").text();
+  const SchematizedData data = rich.schematizedData(WireBytes().bytesField(1, mid).text());
+  onSmallStack([&] {
+    EXPECT_EQ(data.value("mid.note"), AnyValue("n"));
+    EXPECT_EQ(toJSON(data), R"({"mid":{"note":"n"}})");
+  });
+}
+
+TEST(ReliabilityBoundsTest, UnclosedOrMismatchedDeepGroupsAreMalformed) {
+  const SchemaStore store = richStore();
+  const MessageSchema rich = richSchema(store);
+  const std::string open = repeated(WireBytes().tag(50, WireBytes::startGroup).text(), kGroups);
+  const std::string closeOther = repeated(WireBytes().tag(51, WireBytes::endGroup).text(), kGroups);
+  for (const std::string& bytes : {open, open + closeOther}) {
+    const SchematizedData data =
+        rich.schematizedData(bytes + WireBytes().varintField(11, 2).text());
+    onSmallStack([&] {
+      EXPECT_TRUE(isSerializationError(catchError([&] { data.value("color"); })));
+      const std::string json = toJSON(data);
+      EXPECT_NE(json.find("<unreadable>"), std::string::npos) << json.substr(0, 200);
+    });
+  }
+}
+
+TEST(ReliabilityBoundsTest, DeepGroupsInADescriptorSetAreSteppedOver) {
+  // A descriptor set whose only field is the deep unknown group: an empty manifest.
+  const std::string open = WireBytes().tag(50, WireBytes::startGroup).text();
+  const std::string close = WireBytes().tag(50, WireBytes::endGroup).text();
+  const std::string set = repeated(open, kGroups) + repeated(close, kGroups);
+  onSmallStack([&] {
+    EXPECT_EQ(schemaManifestFromDescriptorSet(asBytes(set)), SchemaManifest{});
+    EXPECT_TRUE(isSerializationError(
+        catchError([&] { schemaManifestFromDescriptorSet(asBytes(repeated(open, kGroups))); })));
+  });
+}
+
+constexpr int kNodes = 10'000;
+
+TEST(ReliabilityBoundsTest, TenThousandNestedMessagesReadThroughALongPath) {
+  const SchemaStore store = nodeStore();
+  const MessageSchema node = store.messageSchema("t.Node");
+  const SchematizedData data = node.schematizedData(nestedNodes(kNodes));
+  const std::string path = repeated("child.", kNodes - 1) + "value";
+  std::vector<int64_t> chain(kNodes - 1, 1);
+  chain.push_back(2);
+  const TypeSchema int32Type(TypeSchemaDescription::scalar(TypeSchema::Case::int32));
+
+  const double seconds = secondsFor([&] {
+    onSmallStack([&] {
+      EXPECT_EQ(PropertyPathUtil::parse(path).size(), static_cast<size_t>(kNodes));
+      const FieldPathAndType resolved = resolveKeyPath(*node.impl(), path);
+      EXPECT_EQ(resolved.fieldPath.size(), static_cast<size_t>(kNodes));
+      EXPECT_EQ(data.value(resolved), AnyValue(int32_t{7}));
+      EXPECT_EQ(data.value(path), AnyValue(int32_t{7}));
+      EXPECT_EQ(Schematizer::value(data.bytes(), chain, int32Type), AnyValue(int32_t{7}));
+      // One level short of the value: the innermost message, which holds only the value.
+      const std::string inner = repeated("child.", kNodes - 2) + "child";
+      EXPECT_EQ(data.value(inner)->messageValue().value("value"), AnyValue(int32_t{7}));
+    });
+  });
+  EXPECT_LT(seconds, kSecondsAllowed);
+}
+
+TEST(ReliabilityBoundsTest, TenThousandNestedMessagesRenderToABoundedDepth) {
+  const SchemaStore store = nodeStore();
+  const MessageSchema node = store.messageSchema("t.Node");
+  const SchematizedData data = node.schematizedData(nestedNodes(kNodes));
+  onSmallStack([&] {
+    const std::string json = toJSON(data);
+    EXPECT_EQ(static_cast<size_t>(std::count(json.begin(), json.end(), '{')), 100u);
+    EXPECT_NE(json.find("Nesting deeper than 100 messages"), std::string::npos);
+    int visited = 0;
+    forEachPresentField(data.unsafe(), [&](const auto&, AnyValueImpl&&) { ++visited; });
+    EXPECT_EQ(visited, 1);
+  });
+}
+
+TEST(ReliabilityBoundsTest, TenThousandNestedObjectsAreRefusedByTheEncoder) {
+  const SchemaStore store = nodeStore();
+  const MessageSchema node = store.messageSchema("t.Node");
+  const std::string json = repeated(R"({"child":)", kNodes) + "{}" + repeated("}", kNodes);
+  onSmallStack([&] {
+    EXPECT_EQ(catchError([&] { encodeJSON(node, json); }),
+              SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+  });
+}
+
+TEST(ReliabilityBoundsTest, TenThousandNestedMessageDescriptorsAreRefused) {
+  // DescriptorProto: name (1) "M", nested_type (3) the next level; wrapped in a file's
+  // message_type (4) and the set's file (1).
+  std::string reversed;
+  const auto prepend = [&](const std::string& bytes) {
+    reversed.append(bytes.rbegin(), bytes.rend());
+  };
+  prepend(WireBytes().bytesField(1, "M").text());
+  for (int level = 1; level < kNodes; ++level) {
+    prepend(WireBytes().tag(3, WireBytes::lengthDelimited).varint(reversed.size()).text());
+    prepend(WireBytes().bytesField(1, "M").text());
+  }
+  const std::string message(reversed.rbegin(), reversed.rend());
+  const std::string file = WireBytes().bytesField(4, message).text();
+  const std::string set = WireBytes().bytesField(1, file).text();
+  onSmallStack([&] {
+    EXPECT_EQ(catchError([&] { schemaManifestFromDescriptorSet(asBytes(set)); }),
+              SchemaManifestDSCError::cannotLoadDescriptor());
+  });
+}
+
+TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReader) {
+  const std::string arrays = repeated("[", kNodes) + repeated("]", kNodes);
+  const std::string objects = repeated(R"({"messages":)", kNodes) + "{}" + repeated("}", kNodes);
+  onSmallStack([&] {
+    for (const std::string& json : {arrays, objects}) {
+      const auto caught = catchError([&] { schemaManifestFromJSON(json); });
+      EXPECT_NE(caught.description.find("SchemaManifestJSONError"), std::string::npos)
+          << caught.description;
+    }
+  });
+}
+
+// A length prefix that claims far more than the buffer holds, read along a path.
+struct HugeLengthRow {
+  std::string name;
+  std::string bytes;
+  std::string path;
+  // What the path reads when the oversized payload is only passed through: navigation enters a
+  // nested message or packed run without measuring it against the buffer and reads what is there
+  // (every access stays inside the buffer). No value: the path needs the oversized payload itself,
+  // and the read fails with a SerializationError.
+  std::optional<AnyValue> passedThrough;
+};
+
+// `fields` nested in one another with exact lengths, except the innermost, which claims `length`
+// and is followed by the four bytes 08 01 10 02 (fields 1 = 1 and 2 = 2 when read as a message).
+std::string withLength(const std::vector<int64_t>& fields, uint64_t length) {
+  std::string inner = WireBytes()
+                          .tag(fields.back(), WireBytes::lengthDelimited)
+                          .varint(length)
+                          .raw("\x08\x01\x10\x02")
+                          .text();
+  for (auto it = fields.rbegin() + 1; it != fields.rend(); ++it) {
+    inner = WireBytes().bytesField(*it, inner).text();
+  }
+  return inner;
+}
+
+TEST(ReliabilityBoundsTest, HugeLengthPrefixesAreMalformed) {
+  const SchemaStore store = richStore();
+  const MessageSchema rich = richSchema(store);
+  const std::vector<HugeLengthRow> rows = {
+      {"message 0x7fffffff", withLength({1}, 0x7fffffff), "mid", std::nullopt},
+      {"message searched past the buffer", withLength({1}, 0x7fffffff), "mid.note", std::nullopt},
+      {"message 0x80000000 (negative)", withLength({1}, 0x80000000), "mid.leaf.id", std::nullopt},
+      {"message 0xffffffff", withLength({1}, 0xffffffff), "mid.note", std::nullopt},
+      {"message 2^64-1", withLength({1}, ~uint64_t{0}), "mid.note", std::nullopt},
+      {"nested message 0x7fffffff", withLength({1, 1}, 0x7fffffff), "mid.leaf", std::nullopt},
+      {"nested message passed through", withLength({1, 1}, 0x7fffffff), "mid.leaf.id",
+       AnyValue(int32_t{1})},
+      {"string 0x7fffffff", withLength({2, 9}, 0x7fffffff), "scalars.f_string", std::nullopt},
+      {"bytes 0x7ffffffe", withLength({2, 12}, 0x7ffffffe), "scalars.f_bytes", std::nullopt},
+      {"packed run 0x7fffffff", withLength({3, 5}, 0x7fffffff), "repeats.r_int32[0]",
+       AnyValue(int32_t{8})},
+      {"packed run read past the buffer", withLength({3, 5}, 0x7fffffff), "repeats.r_int32[4]",
+       std::nullopt},
+      {"map entry 0x7fffffff", withLength({8}, 0x7fffffff), "counts[0]", std::nullopt},
+      {"map entry passed through", withLength({8}, 0x7fffffff), "counts[0].value",
+       AnyValue(int32_t{2})},
+  };
+  for (const HugeLengthRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    const SchematizedData data = rich.schematizedData(row.bytes);
+    const double seconds = secondsFor([&] {
+      onSmallStack([&] {
+        // Traces are kept per thread: the row is named in each message instead.
+        if (row.passedThrough) {
+          EXPECT_EQ(data.value(row.path), row.passedThrough) << row.name;
+        } else {
+          const auto caught = catchError([&] { data.value(row.path); });
+          EXPECT_TRUE(isSerializationError(caught)) << row.name << ": " << caught.description;
+        }
+        const std::string json = toJSON(data);
+        EXPECT_NE(json.find("Sch: Error encoding"), std::string::npos) << row.name << ": " << json;
+        // The repeated fields of the outer message go through the iterator and forEachValue.
+        for (const auto& entry : rich.fieldsByNumber()) {
+          const FieldSchema& field = entry.second;
+          if (!field.isRepeated()) continue;
+          Schematizer::RepeatableFieldIterator iterator(data.bytes(), entry.first, field.type());
+          int64_t steps = 0;
+          catchError([&] {
+            while (iterator.next()) ASSERT_LT(++steps, 10);
+          });
+          Reader reader(data.bytes());
+          catchError([&] { forEachValue(reader, *field.impl(), [](AnyValueImpl&&) {}); });
+        }
+      });
+    });
+    EXPECT_LT(seconds, kSecondsAllowed);
+  }
+}
+
+TEST(ReliabilityBoundsTest, HugeLengthPrefixesInADescriptorSetAreMalformed) {
+  // FileDescriptorSet.file, then FileDescriptorProto.message_type, then DescriptorProto.field.
+  for (const std::vector<int64_t>& fields :
+       {std::vector<int64_t>{1}, std::vector<int64_t>{1, 4}, std::vector<int64_t>{1, 4, 2}}) {
+    for (const uint64_t length : {uint64_t{0x7fffffff}, uint64_t{0xffffffff}}) {
+      SCOPED_TRACE(std::to_string(fields.size()) + " levels, length " + std::to_string(length));
+      const std::string set = withLength(fields, length);
+      const auto caught = catchError([&] { schemaManifestFromDescriptorSet(asBytes(set)); });
+      EXPECT_TRUE(isSerializationError(caught)) << caught.description;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace ostrel

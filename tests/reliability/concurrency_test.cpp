@@ -1,0 +1,152 @@
+// Threads that each import descriptor sets, build stores and read through them, all at once. The
+// library shares only the built-in descriptor manifest between stores (made once, on first use)
+// and the log handler; everything else a thread touches is its own. ThreadSanitizer checks the
+// claim in the thread-sanitizer build of these tests.
+//
+// ctest runs each test in a process of its own, so the threads below are the first to ask for the
+// built-in manifest and race for its construction.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ostrel/ostrel.hpp"
+#include "reliability/reliability_support.hpp"
+#include "rich.pb.h"
+
+namespace ostrel {
+namespace {
+
+using testing_support::readGenerated;
+
+#if defined(__SANITIZE_THREAD__)
+constexpr int kRounds = 4;
+#else
+constexpr int kRounds = 16;
+#endif
+constexpr int kThreads = 6;
+
+// What one thread saw, compared across threads afterwards.
+struct Observed {
+  const SchemaManifest* builtin = nullptr;
+  std::string rendering;
+  std::string malformedRendering;
+  std::vector<std::string> messageNames;
+  size_t descriptorMessages = 0;
+};
+
+std::string richMessage() {
+  test::Rich rich;
+  rich.mutable_mid()->mutable_leaf()->set_label("leaf");
+  rich.mutable_repeats()->add_r_sint64(-3);
+  rich.add_mids()->add_leaves()->add_codes(9);
+  rich.set_number(12);
+  (*rich.mutable_counts())["a"] = 1;
+  rich.set_color(test::BLUE);
+  return rich.SerializeAsString();
+}
+
+// Imports, builds, reads and renders, as a thread serving requests would.
+Observed work(const std::string& richSet, const std::string& descriptorSet,
+              const std::string& message) {
+  Observed observed;
+  observed.builtin = &builtinDescriptorManifest();
+  for (int round = 0; round < kRounds; ++round) {
+    const SchemaStore store(schemaManifestFromDescriptorSet(asBytes(richSet)));
+    const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
+    const SchematizedData data = rich.schematizedData(message);
+    observed.rendering = toJSON(data);
+    EXPECT_EQ(data.value("mids[0].leaves[0].codes[0]"), AnyValue(int32_t{9}));
+    Schematizer::RepeatableFieldIterator codes(
+        data.value("mids[0].leaves[0]")->messageValue().bytes(), 3,
+        TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::int32)));
+    EXPECT_EQ(codes.next(), AnyValue(int32_t{9}));
+    // A field that does not decode is logged, through the shared log handler.
+    observed.malformedRendering = toJSON(rich.schematizedData(std::string("\x58\xff", 2)));
+
+    const SchemaStore full =
+        schemaStoreFromData({.type = SchemaManifestType::dscProto, .data = toBytes(descriptorSet)});
+    const MessageSchema set = full.messageSchema("google.protobuf.FileDescriptorSet");
+    observed.descriptorMessages =
+        schemaManifestFromDescriptorSet(set.schematizedData(richSet).unsafe()).messages.size();
+    const std::set<std::string> names = store.messageSchemaNames();
+    observed.messageNames.assign(names.begin(), names.end());
+  }
+  return observed;
+}
+
+TEST(ReliabilityConcurrencyTest, ImportsAndStoresOnManyThreadsAtOnce) {
+  const std::string richSet = readGenerated("rich.desc");
+  const std::string descriptorSet = readGenerated("descriptor.desc");
+  const std::string message = richMessage();
+  std::atomic<int> logged{0};
+  setLogHandler([&](std::string_view) { logged.fetch_add(1, std::memory_order_relaxed); });
+
+  std::vector<Observed> observed(kThreads);
+  std::latch start(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      observed[static_cast<size_t>(i)] = work(richSet, descriptorSet, message);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  setLogHandler(nullptr);
+
+  // The same answers on every thread, and the same as on this one afterwards.
+  const Observed expected = work(richSet, descriptorSet, message);
+  EXPECT_NE(expected.rendering.find(R"("number":"12")"), std::string::npos) << expected.rendering;
+  EXPECT_GT(expected.descriptorMessages, 3u);
+  for (const Observed& seen : observed) {
+    EXPECT_EQ(seen.builtin, expected.builtin);
+    EXPECT_EQ(seen.rendering, expected.rendering);
+    EXPECT_EQ(seen.malformedRendering, expected.malformedRendering);
+    EXPECT_EQ(seen.messageNames, expected.messageNames);
+    EXPECT_EQ(seen.descriptorMessages, expected.descriptorMessages);
+  }
+  EXPECT_EQ(logged.load(), kThreads * kRounds);
+}
+
+TEST(ReliabilityConcurrencyTest, LogHandlerReplacedWhileOtherThreadsLog) {
+  std::atomic<int> first{0};
+  std::atomic<int> second{0};
+  std::atomic<bool> done{false};
+  setLogHandler([&](std::string_view) { first.fetch_add(1); });
+  std::latch start(kThreads + 1);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    // Each thread renders through a store of its own.
+    threads.emplace_back([&] {
+      const SchemaStore own(schemaManifestFromDescriptorSet(asBytes(readGenerated("rich.desc"))));
+      const SchematizedData bad =
+          own.messageSchema("ostrel.test.Rich").schematizedData(std::string("\x58\xff", 2));
+      start.arrive_and_wait();
+      for (int n = 0; n < 50 * kRounds; ++n) toJSON(bad);
+    });
+  }
+  std::thread swapper([&] {
+    start.arrive_and_wait();
+    for (int n = 0; !done.load(); ++n) {
+      if (n % 2 == 0) {
+        setLogHandler([&](std::string_view) { first.fetch_add(1); });
+      } else {
+        setLogHandler([&](std::string_view) { second.fetch_add(1); });
+      }
+      std::this_thread::yield();
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  done = true;
+  swapper.join();
+  setLogHandler(nullptr);
+  // Every message went to one handler or the other, none was lost.
+  EXPECT_EQ(first.load() + second.load(), kThreads * 50 * kRounds);
+}
+
+}  // namespace
+}  // namespace ostrel
