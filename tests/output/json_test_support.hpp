@@ -16,16 +16,6 @@
 
 namespace ostrel::testing_support {
 
-// How many generated messages a differential test takes: a few thousand, fewer under
-// AddressSanitizer, which slows these loops about tenfold.
-inline constexpr int generatedMessageCount(int count) {
-#if defined(__SANITIZE_ADDRESS__)
-  return count / 8;
-#else
-  return count;
-#endif
-}
-
 // Raw MessageOptions with map_entry (field 7) set.
 inline Bytes mapEntryOptions() { return Bytes{std::byte{0x38}, std::byte{0x01}}; }
 

@@ -194,8 +194,8 @@ TEST(DifferentialReadTest, RandomRichMessagesReadBackAsLibprotobufHoldsThem) {
   const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
   testing_support::RandomMessageFiller filler(20261122);
   Counts counts;
-  constexpr int kMessages = 1500;
-  for (int i = 0; i < kMessages; ++i) {
+  const int messages = testing_support::generatedMessageCount(1500);
+  for (int i = 0; i < messages; ++i) {
     test::Rich filled;
     filler.fill(filled);
     // What was written is what libprotobuf parses back (maps keep one entry per key).
@@ -211,8 +211,8 @@ TEST(DifferentialReadTest, RandomRichMessagesReadBackAsLibprotobufHoldsThem) {
     }
   }
   // The generator reaches deep into the schema: make sure the comparison had work to do.
-  EXPECT_GT(counts.leaves, 30 * kMessages);
-  EXPECT_GT(counts.iterated, 10 * kMessages);
+  EXPECT_GT(counts.leaves, 30 * messages);
+  EXPECT_GT(counts.iterated, 10 * messages);
 }
 
 TEST(DifferentialReadTest, UnpackedRepeatedFieldsOfProto2) {

@@ -9,11 +9,26 @@
 #include <google/protobuf/reflection.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <random>
 #include <string>
 
 namespace ostrel::testing_support {
+
+// How many generated messages a differential test takes: `count` (a few thousand), an eighth of it
+// under AddressSanitizer, which slows these loops about tenfold, and that many times
+// OSTREL_GENERATED_MESSAGES_SCALE when it is set, for a longer run on demand.
+inline int generatedMessageCount(int count) {
+#if defined(__SANITIZE_ADDRESS__)
+  count /= 8;
+#endif
+  if (const char* scale = std::getenv("OSTREL_GENERATED_MESSAGES_SCALE")) {
+    const int factor = std::atoi(scale);
+    if (factor > 1) count *= factor;
+  }
+  return count;
+}
 
 class RandomMessageFiller {
  public:
