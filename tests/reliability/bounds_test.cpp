@@ -19,7 +19,7 @@ using testing_support::catchError;
 using testing_support::onSmallStack;
 using testing_support::readGenerated;
 using testing_support::secondsFor;
-using testing_support::WireBytes;
+using testing_support::Wire;
 
 // Generous: each of these takes milliseconds, but sanitizers and a loaded machine slow it down.
 constexpr double kSecondsAllowed = 20;
@@ -50,9 +50,9 @@ std::string nestedNodes(int depth) {
   const auto prepend = [&](const std::string& bytes) {
     reversed.append(bytes.rbegin(), bytes.rend());
   };
-  prepend(WireBytes().varintField(2, 7).text());
+  prepend(Wire().varintField(2, 7).bytes());
   for (int level = 1; level < depth; ++level) {
-    prepend(WireBytes().tag(1, WireBytes::lengthDelimited).varint(reversed.size()).text());
+    prepend(Wire().tag(1, Wire::lengthDelimited).varint(reversed.size()).bytes());
   }
   return std::string(reversed.rbegin(), reversed.rend());
 }
@@ -79,9 +79,9 @@ constexpr int kGroups = 100'000;
 
 // Unknown group 50 opened `kGroups` times and closed as often, then Rich's color = GREEN.
 std::string deepGroupThenColor() {
-  const std::string open = WireBytes().tag(50, WireBytes::startGroup).text();
-  const std::string close = WireBytes().tag(50, WireBytes::endGroup).text();
-  return repeated(open, kGroups) + repeated(close, kGroups) + WireBytes().varintField(11, 2).text();
+  const std::string open = Wire().tag(50, Wire::startGroup).bytes();
+  const std::string close = Wire().tag(50, Wire::endGroup).bytes();
+  return repeated(open, kGroups) + repeated(close, kGroups) + Wire().varintField(11, 2).bytes();
 }
 
 TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsAreSteppedOver) {
@@ -110,8 +110,8 @@ TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsInsideANestedMessage) {
   const SchemaStore store = richStore();
   const MessageSchema rich = richSchema(store);
   // mid { <deep group> note: "n" }
-  const std::string mid = deepGroupThenColor() + WireBytes().bytesField(3, "n").text();
-  const SchematizedData data = rich.schematizedData(WireBytes().bytesField(1, mid).text());
+  const std::string mid = deepGroupThenColor() + Wire().bytesField(3, "n").bytes();
+  const SchematizedData data = rich.schematizedData(Wire().bytesField(1, mid).bytes());
   onSmallStack([&] {
     EXPECT_EQ(data.value("mid.note"), AnyValue("n"));
     EXPECT_EQ(toJSON(data), R"({"mid":{"note":"n"}})");
@@ -121,11 +121,10 @@ TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsInsideANestedMessage) {
 TEST(ReliabilityBoundsTest, UnclosedOrMismatchedDeepGroupsAreMalformed) {
   const SchemaStore store = richStore();
   const MessageSchema rich = richSchema(store);
-  const std::string open = repeated(WireBytes().tag(50, WireBytes::startGroup).text(), kGroups);
-  const std::string closeOther = repeated(WireBytes().tag(51, WireBytes::endGroup).text(), kGroups);
+  const std::string open = repeated(Wire().tag(50, Wire::startGroup).bytes(), kGroups);
+  const std::string closeOther = repeated(Wire().tag(51, Wire::endGroup).bytes(), kGroups);
   for (const std::string& bytes : {open, open + closeOther}) {
-    const SchematizedData data =
-        rich.schematizedData(bytes + WireBytes().varintField(11, 2).text());
+    const SchematizedData data = rich.schematizedData(bytes + Wire().varintField(11, 2).bytes());
     onSmallStack([&] {
       EXPECT_TRUE(isSerializationError(catchError([&] { data.value("color"); })));
       const std::string json = toJSON(data);
@@ -136,8 +135,8 @@ TEST(ReliabilityBoundsTest, UnclosedOrMismatchedDeepGroupsAreMalformed) {
 
 TEST(ReliabilityBoundsTest, DeepGroupsInADescriptorSetAreSteppedOver) {
   // A descriptor set whose only field is the deep unknown group: an empty manifest.
-  const std::string open = WireBytes().tag(50, WireBytes::startGroup).text();
-  const std::string close = WireBytes().tag(50, WireBytes::endGroup).text();
+  const std::string open = Wire().tag(50, Wire::startGroup).bytes();
+  const std::string close = Wire().tag(50, Wire::endGroup).bytes();
   const std::string set = repeated(open, kGroups) + repeated(close, kGroups);
   onSmallStack([&] {
     EXPECT_EQ(schemaManifestFromDescriptorSet(asBytes(set)), SchemaManifest{});
@@ -204,14 +203,14 @@ TEST(ReliabilityBoundsTest, TenThousandNestedMessageDescriptorsAreRefused) {
   const auto prepend = [&](const std::string& bytes) {
     reversed.append(bytes.rbegin(), bytes.rend());
   };
-  prepend(WireBytes().bytesField(1, "M").text());
+  prepend(Wire().bytesField(1, "M").bytes());
   for (int level = 1; level < kNodes; ++level) {
-    prepend(WireBytes().tag(3, WireBytes::lengthDelimited).varint(reversed.size()).text());
-    prepend(WireBytes().bytesField(1, "M").text());
+    prepend(Wire().tag(3, Wire::lengthDelimited).varint(reversed.size()).bytes());
+    prepend(Wire().bytesField(1, "M").bytes());
   }
   const std::string message(reversed.rbegin(), reversed.rend());
-  const std::string file = WireBytes().bytesField(4, message).text();
-  const std::string set = WireBytes().bytesField(1, file).text();
+  const std::string file = Wire().bytesField(4, message).bytes();
+  const std::string set = Wire().bytesField(1, file).bytes();
   onSmallStack([&] {
     EXPECT_EQ(catchError([&] { schemaManifestFromDescriptorSet(asBytes(set)); }),
               SchemaManifestDSCError::cannotLoadDescriptor());
@@ -245,13 +244,13 @@ struct HugeLengthRow {
 // `fields` nested in one another with exact lengths, except the innermost, which claims `length`
 // and is followed by the four bytes 08 01 10 02 (fields 1 = 1 and 2 = 2 when read as a message).
 std::string withLength(const std::vector<int64_t>& fields, uint64_t length) {
-  std::string inner = WireBytes()
-                          .tag(fields.back(), WireBytes::lengthDelimited)
+  std::string inner = Wire()
+                          .tag(fields.back(), Wire::lengthDelimited)
                           .varint(length)
                           .raw("\x08\x01\x10\x02")
-                          .text();
+                          .bytes();
   for (auto it = fields.rbegin() + 1; it != fields.rend(); ++it) {
-    inner = WireBytes().bytesField(*it, inner).text();
+    inner = Wire().bytesField(*it, inner).bytes();
   }
   return inner;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 // What the reliability tests share: the compiled test schemas, a thread with a small stack for
-// proving that a walk does not recurse once per level of its input, and hand-made wire bytes.
+// proving that a walk does not recurse once per level of its input, and a timer.
 
 #include <pthread.h>
 
@@ -14,6 +14,7 @@
 #include <string>
 
 #include "ostrel/core/bytes.hpp"
+#include "support/wire.hpp"
 
 namespace ostrel::testing_support {
 
@@ -60,40 +61,5 @@ double secondsFor(Work&& work) {
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
-
-// Hand-made wire bytes, appended field by field.
-class WireBytes {
- public:
-  enum Type : int { varInt = 0, fixed64 = 1, lengthDelimited = 2, startGroup = 3, endGroup = 4 };
-
-  WireBytes& varint(uint64_t value) {
-    while (value >= 0x80) {
-      text_.push_back(static_cast<char>(value | 0x80));
-      value >>= 7;
-    }
-    text_.push_back(static_cast<char>(value));
-    return *this;
-  }
-  WireBytes& tag(int64_t number, Type type) {
-    return varint(static_cast<uint64_t>(number) << 3 | static_cast<uint64_t>(type));
-  }
-  WireBytes& varintField(int64_t number, uint64_t value) {
-    return tag(number, varInt).varint(value);
-  }
-  WireBytes& bytesField(int64_t number, std::string_view payload) {
-    tag(number, lengthDelimited).varint(payload.size());
-    text_ += payload;
-    return *this;
-  }
-  WireBytes& raw(std::string_view bytes) {
-    text_ += bytes;
-    return *this;
-  }
-
-  const std::string& text() const { return text_; }
-
- private:
-  std::string text_;
-};
 
 }  // namespace ostrel::testing_support
