@@ -335,7 +335,7 @@ class Renderer {
       string(asText(payload));
     } else if (kind == Case::bytes) {
       out_.push_back('"');
-      out_ += base64Encode(payload);
+      appendBase64(payload, out_);
       out_.push_back('"');
     } else {
       if (depth >= kMaxMessageDepth) {

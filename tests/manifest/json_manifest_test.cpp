@@ -57,6 +57,9 @@ TEST(Base64, EncodesAndDecodesKnownVectors) {
     SCOPED_TRACE(row.name);
     EXPECT_EQ(base64Encode(row.bytes), row.text);
     EXPECT_EQ(base64Decode(row.text), std::optional<Bytes>(row.bytes));
+    std::string appended = "\"";
+    appendBase64(row.bytes, appended);
+    EXPECT_EQ(appended, "\"" + row.text);
   }
 }
 

@@ -14,6 +14,8 @@ namespace ostrel {
 // The standard alphabet ("+" and "/"), padded with "=" to a multiple of four characters. An empty
 // buffer gives "".
 std::string base64Encode(ByteView bytes);
+// The same text appended to `out`.
+void appendBase64(ByteView bytes, std::string& out);
 
 // The bytes of `text`, or no value unless `text` is exactly what base64Encode writes: a multiple of
 // four characters of the standard alphabet, "=" only as one or two final padding characters, and
