@@ -112,6 +112,42 @@ TEST(ReliabilityConcurrencyTest, ImportsAndStoresOnManyThreadsAtOnce) {
   EXPECT_EQ(logged.load(), kThreads * kRounds);
 }
 
+TEST(ReliabilityConcurrencyTest, ThreadsReadOneBufferAtOnce) {
+  // Reads with scalar types need no store: readers and iterators over one immutable buffer are
+  // all the threads share.
+  const std::string bytes = richMessage();
+  const ByteView buffer = asBytes(bytes);
+  const TypeSchema int32Type(TypeSchemaDescription::scalar(TypeSchema::Case::int32));
+  const TypeSchema int64Type(TypeSchemaDescription::scalar(TypeSchema::Case::int64));
+  const TypeSchema sint64Type(TypeSchemaDescription::scalar(TypeSchema::Case::sint64));
+  const TypeSchema bytesType(TypeSchemaDescription::scalar(TypeSchema::Case::bytes));
+  const int64_t leafPath[] = {4, 2};  // mids[0].leaves[0]
+  std::atomic<int> agreed{0};
+  std::latch start(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      for (int n = 0; n < 100 * kRounds; ++n) {
+        const auto number = Schematizer::value(buffer, 6, int64Type);
+        const auto leaf = Schematizer::value(buffer, leafPath, bytesType);
+        const auto code =
+            Schematizer::RepeatableFieldIterator(leaf->bytesValue(), 3, int32Type).next();
+        // repeats.r_sint64, element by element.
+        const auto repeats = Schematizer::value(buffer, 3, bytesType);
+        Schematizer::RepeatableFieldIterator sints(repeats->bytesValue(), 18, sint64Type);
+        const auto first = sints.next();
+        if (number == AnyValue(int64_t{12}) && code == AnyValue(int32_t{9}) &&
+            first == AnyValue(int64_t{-3}) && !sints.next()) {
+          agreed.fetch_add(1, std::memory_order_relaxed);
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(agreed.load(), kThreads * 100 * kRounds);
+}
+
 TEST(ReliabilityConcurrencyTest, LogHandlerReplacedWhileOtherThreadsLog) {
   std::atomic<int> first{0};
   std::atomic<int> second{0};
