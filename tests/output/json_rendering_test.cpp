@@ -4,7 +4,6 @@
 #include "ostrel/output/json_rendering.hpp"
 
 #include <google/protobuf/util/json_util.h>
-#include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -83,10 +82,7 @@ TEST(JsonRenderingTest, EqualsLibprotobufOnGeneratedMessages) {
   testing_support::RandomMessageFiller filler(20240611);
   pb::util::JsonPrintOptions options;
   options.preserve_proto_field_names = true;
-  pb::util::MessageDifferencer differencer;
-  pb::util::DefaultFieldComparator comparator;
-  comparator.set_treat_nan_as_equal(true);
-  differencer.set_field_comparator(&comparator);
+  testing_support::MessageComparison comparison;
 
   for (int i = 0; i < testing_support::generatedMessageCount(1200); ++i) {
     SCOPED_TRACE("message " + std::to_string(i));
@@ -110,9 +106,8 @@ TEST(JsonRenderingTest, EqualsLibprotobufOnGeneratedMessages) {
     // libprotobuf reads the text back as the message it came from.
     test::Rich parsed;
     ASSERT_TRUE(pb::util::JsonStringToMessage(actualText, &parsed).ok());
-    std::string differences;
-    differencer.ReportDifferencesToString(&differences);
-    ASSERT_TRUE(differencer.Compare(reference, parsed)) << actualText << "\n" << differences;
+    ASSERT_TRUE(comparison.equal(reference, parsed)) << actualText << "\n"
+                                                     << comparison.differences();
 
     // The indented form is the compact one plus layout.
     ASSERT_EQ(withoutLayout(render(schema, bytes, JsonStyle::indented)), actualText);

@@ -7,11 +7,15 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/reflection.h>
+#include <google/protobuf/util/field_comparator.h>
+#include <google/protobuf/util/message_differencer.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
 
 namespace ostrel::testing_support {
@@ -48,6 +52,18 @@ class RandomMessageFiller {
         setValue(message, field, depth);
       }
     }
+  }
+
+  // Fills `message` as libprotobuf parses it: random content is serialized and parsed back, so
+  // that each map holds a key once (filling through reflection may add a key twice). Returns the
+  // serialized bytes.
+  std::string fillParsed(google::protobuf::Message& message) {
+    const std::unique_ptr<google::protobuf::Message> filled(message.New());
+    fill(*filled);
+    std::string bytes = filled->SerializeAsString();
+    if (!message.ParseFromString(bytes))
+      throw std::runtime_error("a filled message does not parse");
+    return bytes;
   }
 
   std::mt19937& rng() { return rng_; }
@@ -181,6 +197,30 @@ class RandomMessageFiller {
   }
 
   std::mt19937 rng_;
+};
+
+// MessageDifferencer with NaN equal to NaN, as the filler writes it; differences() says what
+// differed in the last comparison.
+class MessageComparison {
+ public:
+  MessageComparison() {
+    comparator_.set_treat_nan_as_equal(true);
+    differencer_.set_field_comparator(&comparator_);
+    differencer_.ReportDifferencesToString(&differences_);
+  }
+  MessageComparison(const MessageComparison&) = delete;
+  MessageComparison& operator=(const MessageComparison&) = delete;
+
+  bool equal(const google::protobuf::Message& a, const google::protobuf::Message& b) {
+    differences_.clear();
+    return differencer_.Compare(a, b);
+  }
+  const std::string& differences() const { return differences_; }
+
+ private:
+  google::protobuf::util::DefaultFieldComparator comparator_;
+  google::protobuf::util::MessageDifferencer differencer_;
+  std::string differences_;
 };
 
 }  // namespace ostrel::testing_support
