@@ -7,6 +7,8 @@
 // Flags besides Google Benchmark's own:
 //   --ostrel_smoke  leave out the slow libprotobuf peers over the 1 MB messages (their answers are
 //                   still checked), for a quick run that only proves the binary and its checks.
+//   --ostrel_growth_small  run the growth benchmarks of the JSON readers at 10k members only,
+//                   not up to 1M (seconds per iteration, minutes under the sanitizers).
 
 #include <benchmark/benchmark.h>
 #include <google/protobuf/descriptor.h>
@@ -31,15 +33,16 @@
 
 #include "allocation_counter.hpp"
 #include "bench.pb.h"
+#include "growth.hpp"
 #include "hand_floors.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/manifest/typed_import.hpp"
-#include "ostrel/output/json_rendering.hpp"
-#include "ostrel/paths/key_path.hpp"
+#include "ostrel/output/json.hpp"
+#include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "ostrel/wire/field_path.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "report.hpp"
+#include "wire/field_path.hpp"
 #include "workload.hpp"
 
 namespace ostrel::bench {
@@ -110,10 +113,10 @@ struct Ours {
         packed(schema.schematizedData(w.packed)),
         packedBuffer(toBytes(w.packed)),
         int32Type(schema.fieldNamed("ints").type()),
-        front(resolveKeyPath(*schema.impl(), "mid.leaf.id")),
-        tail(resolveKeyPath(*schema.impl(), "tail.leaf.id")),
-        label(resolveKeyPath(*schema.impl(), "mid.leaf.label")),
-        element(resolveKeyPath(*schema.impl(), "ints[" + std::to_string(kPackedIndex) + "]")) {}
+        front(resolvePropertyPath(schema, "mid.leaf.id")),
+        tail(resolvePropertyPath(schema, "tail.leaf.id")),
+        label(resolvePropertyPath(schema, "mid.leaf.label")),
+        element(resolvePropertyPath(schema, "ints[" + std::to_string(kPackedIndex) + "]")) {}
 
   SchemaStore store;
   MessageSchema schema;
@@ -212,8 +215,8 @@ int64_t reflectByName(const pb::Message& message) {
 // never converted to an owned AnyValue.
 int64_t borrowedFrontId(const Ours& ours) {
   Reader reader(ours.large.bytes());
-  const std::optional<AnyValueImpl> value = readValue(reader, ours.front);
-  if (!value || value->kind() != AnyValueImpl::Case::int64) fail("front: no int64 value");
+  const std::optional<detail::AnyValueImpl> value = readValue(reader, ours.front);
+  if (!value || value->kind() != detail::AnyValueImpl::Case::int64) fail("front: no int64 value");
   return value->int64Value();
 }
 
@@ -398,6 +401,345 @@ AllocationCounts runSelfChecks(const Workload& w, Ours& ours, Peer& peer) {
   return counts;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Many paths, many records: ten scalar paths of the 1 KB record read at once, and a stream of
+// small delimited records with three paths each.
+
+// Ten scalar leaves of the 1 KB record, from its front to its very end.
+const std::vector<std::string> kTenPaths = {
+    "mid.leaf.id",   "mid.weight",   "kind",          "items[0].id", "items[0].price",
+    "items[0].active", "items[0].delta", "items[0].flags", "code",        "tail.leaf.id"};
+const std::vector<std::string> kOrderPaths = {"id", "customer.name", "items[0].price"};
+
+// The ten values folded into one number, in path order; an absent value counts as 0, as
+// libprotobuf's accessors give a field that is not set.
+struct TenValues {
+  uint64_t bits[10] = {};
+  uint64_t fold() const {
+    uint64_t acc = 0;
+    for (uint64_t b : bits) acc = acc * 0x9E3779B97F4A7C15u + b;
+    return acc;
+  }
+};
+
+template <typename T>
+uint64_t bitsOf(T value) {
+  if constexpr (std::is_same_v<T, double>) {
+    return std::bit_cast<uint64_t>(value);
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return value ? 1 : 0;
+  } else {
+    return static_cast<uint64_t>(static_cast<int64_t>(value));
+  }
+}
+
+uint64_t bitsOf(const std::optional<AnyValue>& value) {
+  if (!value) return 0;
+  switch (value->kind()) {
+    case AnyValue::Case::int32:
+      return bitsOf(value->int32Value());
+    case AnyValue::Case::uint32:
+      return bitsOf(value->uint32Value());
+    case AnyValue::Case::int64:
+      return bitsOf(value->int64Value());
+    case AnyValue::Case::double_:
+      return bitsOf(value->doubleValue());
+    case AnyValue::Case::bool_:
+      return bitsOf(value->boolValue());
+    case AnyValue::Case::enum_:
+      return bitsOf(value->enumValue().number());
+    default:
+      fail("ten paths: unexpected value " + value->describe());
+  }
+}
+
+struct Many {
+  explicit Many(const Ours& ours, bool smoke)
+      : ten(ours.schema, kTenPaths),
+        tenRow(ten.makeRow()),
+        orderSchema(ours.store.messageSchema("ostrel.bench.ShopOrder")),
+        orders(orderSchema, kOrderPaths),
+        orderRow(orders.makeRow()),
+        stream(buildOrderStream(smoke ? 10000 : 1000000, idSum)),
+        recordCount(smoke ? 10000 : 1000000) {
+    for (const std::string& path : kTenPaths) tenResolved.push_back(resolvePropertyPath(ours.schema, path));
+  }
+
+  Projection ten;
+  ProjectionRow tenRow;
+  std::vector<FieldPathAndType> tenResolved;
+  MessageSchema orderSchema;
+  Projection orders;
+  ProjectionRow orderRow;
+  uint64_t idSum = 0;
+  std::string stream;
+  int64_t recordCount;
+};
+
+uint64_t tenByProjection(Many& many, const Workload& w) {
+  ProjectionRow& row = many.tenRow;
+  many.ten.read(asBytes(w.small), row);
+  TenValues v;
+  v.bits[0] = bitsOf(row.int64Value(0).value_or(0));
+  v.bits[1] = bitsOf(row.int32Value(1).value_or(0));
+  v.bits[2] = bitsOf(row.enumNumber(2).value_or(0));
+  v.bits[3] = bitsOf(row.int64Value(3).value_or(0));
+  v.bits[4] = bitsOf(row.doubleValue(4).value_or(0));
+  v.bits[5] = bitsOf(row.boolValue(5).value_or(false));
+  v.bits[6] = bitsOf(row.int64Value(6).value_or(0));
+  v.bits[7] = bitsOf(row.uint32Value(7).value_or(0));
+  v.bits[8] = bitsOf(row.int64Value(8).value_or(0));
+  v.bits[9] = bitsOf(row.int64Value(9).value_or(0));
+  return v.fold();
+}
+
+uint64_t tenBySingleReads(const Many& many, const Ours& ours) {
+  TenValues v;
+  for (size_t i = 0; i < 10; ++i) v.bits[i] = bitsOf(ours.small.value(many.tenResolved[i]));
+  return v.fold();
+}
+
+uint64_t tenByReflection(Peer& peer, const Workload& w) {
+  pb::Message& m = *peer.dynamic;
+  if (!m.ParseFromString(w.small)) fail("DynamicMessage parse failed");
+  const pb::Descriptor* d = peer.descriptor;
+  const pb::Reflection* r = m.GetReflection();
+  TenValues v;
+  const pb::Message& mid = r->GetMessage(m, d->FindFieldByNumber(1));
+  const pb::Descriptor* midD = mid.GetDescriptor();
+  const pb::Message& leaf = mid.GetReflection()->GetMessage(mid, midD->FindFieldByNumber(1));
+  v.bits[0] = bitsOf(leaf.GetReflection()->GetInt64(leaf, peer.idField));
+  v.bits[1] = bitsOf(mid.GetReflection()->GetInt32(mid, midD->FindFieldByNumber(2)));
+  v.bits[2] = bitsOf(r->GetEnumValue(m, d->FindFieldByNumber(3)));
+  const pb::FieldDescriptor* items = d->FindFieldByNumber(4);
+  if (r->FieldSize(m, items) > 0) {
+    const pb::Message& item = r->GetRepeatedMessage(m, items, 0);
+    const pb::Descriptor* itemD = item.GetDescriptor();
+    const pb::Reflection* ir = item.GetReflection();
+    v.bits[3] = bitsOf(ir->GetInt64(item, itemD->FindFieldByNumber(1)));
+    v.bits[4] = bitsOf(ir->GetDouble(item, itemD->FindFieldByNumber(3)));
+    v.bits[5] = bitsOf(ir->GetBool(item, itemD->FindFieldByNumber(8)));
+    v.bits[6] = bitsOf(ir->GetInt64(item, itemD->FindFieldByNumber(9)));
+    v.bits[7] = bitsOf(ir->GetUInt32(item, itemD->FindFieldByNumber(10)));
+  }
+  const pb::FieldDescriptor* code = d->FindFieldByNumber(11);
+  if (r->HasField(m, code)) v.bits[8] = bitsOf(r->GetInt64(m, code));
+  const pb::Message& tail = r->GetMessage(m, peer.tailField);
+  const pb::Message& tailLeaf = tail.GetReflection()->GetMessage(tail, peer.leafField);
+  v.bits[9] = bitsOf(tailLeaf.GetReflection()->GetInt64(tailLeaf, peer.idField));
+  return v.fold();
+}
+
+// The hand-written single pass that knows the ten field numbers: first occurrences only, each
+// nested message entered once.
+uint64_t tenByHand(const Workload& w) {
+  using floors::Cursor;
+  TenValues v;
+  const auto payload = [](Cursor& c, uint64_t tag, Cursor& inner) {
+    uint64_t length;
+    if ((tag & 7) != 2 || !floors::readVarint(c, length) ||
+        length > static_cast<uint64_t>(c.end - c.p)) {
+      return false;
+    }
+    inner = c;
+    inner.end = c.p + length;
+    c.p += length;
+    return true;
+  };
+  // mid and tail: leaf.id, and weight for mid.
+  const auto walkMid = [&](Cursor c, uint64_t* id, uint64_t* weight) {
+    bool leafSeen = false;
+    bool weightSeen = false;
+    while (c.p < c.end) {
+      uint64_t tag;
+      if (!floors::readVarint(c, tag)) fail("hand pass: bad tag");
+      if ((tag >> 3) == 1 && !leafSeen) {
+        leafSeen = true;
+        Cursor leaf(c);
+        if (!payload(c, tag, leaf)) fail("hand pass: bad leaf");
+        while (leaf.p < leaf.end) {
+          uint64_t leafTag;
+          if (!floors::readVarint(leaf, leafTag)) fail("hand pass: bad tag");
+          if (leafTag == 8) {
+            floors::readVarint(leaf, *id);
+            break;
+          }
+          if (!floors::skipValue(leaf, leafTag)) fail("hand pass: bad field");
+        }
+        continue;
+      }
+      if (tag == 16 && weight && !weightSeen) {
+        weightSeen = true;
+        uint64_t value = 0;
+        if (!floors::readVarint(c, value)) fail("hand pass: bad weight");
+        *weight = bitsOf(static_cast<int32_t>(value));
+        continue;
+      }
+      if (!floors::skipValue(c, tag)) fail("hand pass: bad field");
+    }
+  };
+  Cursor c(w.small);
+  bool seen[5] = {};
+  while (c.p < c.end) {
+    uint64_t tag;
+    if (!floors::readVarint(c, tag)) fail("hand pass: bad tag");
+    const uint64_t number = tag >> 3;
+    Cursor inner(c);
+    if (number == 1 && !seen[0]) {
+      seen[0] = true;
+      if (!payload(c, tag, inner)) fail("hand pass: bad mid");
+      walkMid(inner, &v.bits[0], &v.bits[1]);
+      continue;
+    }
+    if (tag == 24 && !seen[1]) {
+      seen[1] = true;
+      uint64_t value = 0;
+      if (!floors::readVarint(c, value)) fail("hand pass: bad kind");
+      v.bits[2] = bitsOf(static_cast<int32_t>(value));
+      continue;
+    }
+    if (number == 4 && !seen[2]) {
+      seen[2] = true;
+      if (!payload(c, tag, inner)) fail("hand pass: bad item");
+      bool itemSeen[11] = {};
+      while (inner.p < inner.end) {
+        uint64_t itemTag;
+        if (!floors::readVarint(inner, itemTag)) fail("hand pass: bad tag");
+        const uint64_t field = itemTag >> 3;
+        if (field < 11 && !itemSeen[field]) {
+          uint64_t value = 0;
+          switch (itemTag) {
+            case 8:  // id
+              floors::readVarint(inner, value);
+              v.bits[3] = value;
+              itemSeen[field] = true;
+              continue;
+            case 25:  // price
+              if (inner.end - inner.p < 8) fail("hand pass: bad price");
+              std::memcpy(&value, inner.p, 8);
+              inner.p += 8;
+              v.bits[4] = value;
+              itemSeen[field] = true;
+              continue;
+            case 64:  // active
+              floors::readVarint(inner, value);
+              v.bits[5] = value != 0;
+              itemSeen[field] = true;
+              continue;
+            case 72:  // delta, zigzag
+              floors::readVarint(inner, value);
+              v.bits[6] = (value >> 1) ^ (0 - (value & 1));
+              itemSeen[field] = true;
+              continue;
+            case 85: {  // flags
+              uint32_t flags;
+              if (inner.end - inner.p < 4) fail("hand pass: bad flags");
+              std::memcpy(&flags, inner.p, 4);
+              inner.p += 4;
+              v.bits[7] = flags;
+              itemSeen[field] = true;
+              continue;
+            }
+            default:
+              break;
+          }
+        }
+        if (!floors::skipValue(inner, itemTag)) fail("hand pass: bad field");
+      }
+      continue;
+    }
+    if (tag == 88 && !seen[3]) {
+      seen[3] = true;
+      floors::readVarint(c, v.bits[8]);
+      continue;
+    }
+    if (number == 1000 && !seen[4]) {
+      seen[4] = true;
+      if (!payload(c, tag, inner)) fail("hand pass: bad tail");
+      walkMid(inner, &v.bits[9], nullptr);
+      continue;
+    }
+    if (!floors::skipValue(c, tag)) fail("hand pass: bad field");
+  }
+  return v.fold();
+}
+
+// The library's stream API: every record of the stream split off and projected.
+uint64_t ordersByProjection(Many& many) {
+  DelimitedRecords records(asBytes(many.stream));
+  uint64_t sum = 0;
+  while (const std::optional<ByteView> record = records.next()) {
+    many.orders.read(*record, many.orderRow);
+    const ProjectionRow& row = many.orderRow;
+    sum += row.uint64Value(0).value_or(0) + row.payload(1).value_or(ByteView()).size() +
+           static_cast<uint64_t>(row.int64Value(2).value_or(0));
+  }
+  return sum;
+}
+
+// Splits the frames of the stream with the hand-written varint reader; the number of frames.
+template <typename Frame>
+int64_t forEachFrame(std::string_view stream, const Frame& frame) {
+  floors::Cursor c(stream);
+  int64_t count = 0;
+  while (c.p < c.end) {
+    uint64_t length;
+    if (!floors::readVarint(c, length) || length > static_cast<uint64_t>(c.end - c.p)) {
+      fail("frame scan: bad length prefix");
+    }
+    frame(c.p, static_cast<int>(length));
+    c.p += length;
+    ++count;
+  }
+  return count;
+}
+
+int64_t framesOnly(const Many& many) {
+  return forEachFrame(many.stream, [](const uint8_t*, int) {});
+}
+
+uint64_t ordersByReflection(Many& many, Peer& peer, pb::Message& order) {
+  const pb::Descriptor* d = order.GetDescriptor();
+  const pb::FieldDescriptor* id = d->FindFieldByNumber(1);
+  const pb::FieldDescriptor* customer = d->FindFieldByNumber(2);
+  const pb::FieldDescriptor* items = d->FindFieldByNumber(3);
+  const pb::FieldDescriptor* name = customer->message_type()->FindFieldByNumber(2);
+  const pb::FieldDescriptor* price = items->message_type()->FindFieldByNumber(3);
+  (void)peer;
+  uint64_t sum = 0;
+  std::string scratch;
+  forEachFrame(many.stream, [&](const uint8_t* p, int size) {
+    if (!order.ParseFromArray(p, size)) fail("DynamicMessage parse of an order failed");
+    const pb::Reflection* r = order.GetReflection();
+    sum += r->GetUInt64(order, id);
+    const pb::Message& c = r->GetMessage(order, customer);
+    sum += c.GetReflection()->GetStringReference(c, name, &scratch).size();
+    if (r->FieldSize(order, items) > 0) {
+      const pb::Message& item = r->GetRepeatedMessage(order, items, 0);
+      sum += static_cast<uint64_t>(item.GetReflection()->GetInt64(item, price));
+    }
+  });
+  return sum;
+}
+
+void checkMany(Many& many, const Ours& ours, Peer& peer, const Workload& w, pb::Message& order) {
+  const uint64_t expected = tenByReflection(peer, w);
+  expectEqual("ten paths, projection", tenByProjection(many, w), expected);
+  expectEqual("ten paths, single reads", tenBySingleReads(many, ours), expected);
+  expectEqual("ten paths, hand-written pass", tenByHand(w), expected);
+  expectEqual("order stream, projection", ordersByProjection(many),
+              ordersByReflection(many, peer, order));
+  expectEqual("order stream, frames", framesOnly(many), many.recordCount);
+  // The projection of a record allocates nothing for its scalars and strings.
+  tenByProjection(many, w);
+  AllocationScope scope;
+  tenByProjection(many, w);
+  ordersByProjection(many);
+  if (scope.count() != 0) {
+    fail("projection reads allocated " + std::to_string(scope.count()) + " times (allowed: 0)");
+  }
+}
+
 // Registers `body` as a benchmark whose every iteration must give `expected`; checked after the
 // timed loop, so that the check costs nothing per iteration.
 template <typename T, typename Body>
@@ -415,6 +757,23 @@ void add(const std::string& name, T expected, Body body) {
     if (!last) fail(name + ": the timed loop never ran");
     expectEqual(name + ", timed loop", *last, expected);
   });
+}
+
+void registerManyBenchmarks(const Workload& w, const Ours& ours, Peer& peer, Many& many,
+                            pb::Message& order) {
+  const uint64_t ten = tenByHand(w);
+  add("Floor/HandPass/ten/1KB", ten, [&w] { return tenByHand(w); });
+  add("Ostrel/Projection/ten/1KB", ten, [&w, &many] { return tenByProjection(many, w); });
+  add("Ostrel/ReadPreResolved/ten/1KB", ten,
+      [&ours, &many] { return tenBySingleReads(many, ours); });
+  add("Protobuf/DynamicParseReflect/ten/1KB", ten, [&w, &peer] { return tenByReflection(peer, w); });
+  const uint64_t orders = ordersByProjection(many);
+  const std::string n = many.recordCount == 1000000 ? "1M" : std::to_string(many.recordCount);
+  add("Floor/FrameScan/orders/" + n, many.recordCount, [&many] { return framesOnly(many); });
+  add("Ostrel/StreamProjection/orders/" + n, orders,
+      [&many] { return ordersByProjection(many); });
+  add("Protobuf/DynamicParseReflect/orders/" + n, orders,
+      [&many, &peer, &order] { return ordersByReflection(many, peer, order); });
 }
 
 void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
@@ -446,6 +805,8 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
   add("Ostrel/ReadPreResolved/front/1MB", kFrontId,
       [&ours] { return int64Of(ours.large.value(ours.front), "front"); });
   add("Ostrel/ReadBorrowed/front/1MB", kFrontId, [&ours] { return borrowedFrontId(ours); });
+  add("Ostrel/ReadTyped/front/1MB", kFrontId,
+      [&ours] { return readInt64(ours.large.bytes(), ours.front).value_or(0); });
   add("Ostrel/ReadPreResolved/front/1KB", kFrontId,
       [&ours] { return int64Of(ours.small.value(ours.front), "front"); });
   add("Ostrel/ReadPropertyPath/front/1MB", kFrontId,
@@ -464,6 +825,17 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
   const size_t descriptorMessages = importOurs(w).messages.size();
   add("Ostrel/ImportDescriptorSet/descriptor.proto", descriptorMessages,
       [&w] { return importOurs(w).messages.size(); });
+  benchmark::RegisterBenchmark("Ostrel/Allocations/typed", [&ours](benchmark::State& state) {
+    int64_t allocations = 0;
+    for (auto _ : state) {
+      AllocationScope scope;
+      std::optional<int64_t> value = readInt64(ours.large.bytes(), ours.front);
+      allocations += scope.count();
+      benchmark::DoNotOptimize(value);
+    }
+    state.counters["allocs"] =
+        benchmark::Counter(static_cast<double>(allocations), benchmark::Counter::kAvgIterations);
+  });
   for (const auto& [name, path] :
        {std::pair{"scalar", &ours.front}, std::pair{"string", &ours.label}}) {
     benchmark::RegisterBenchmark((std::string("Ostrel/Allocations/") + name).c_str(),
@@ -512,9 +884,24 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
       [&w, &peer] { return peer.parseToJson(w.large).size(); });
 }
 
-std::vector<RatioTarget> ratioTargets() {
+std::vector<RatioTarget> ratioTargets(const std::string& records) {
   using B = RatioTarget::Bound;
   return {
+      {"1c", "depth-3 scalar near front, typed read (readInt64), vs hand-written read",
+       "Ostrel/ReadTyped/front/1MB", "Floor/HandRead/front/1MB", B::oursAtMost, 1.5},
+      {"8a", "10 leaf paths of 1 KB: projection vs 10 pre-resolved single reads (speedup)",
+       "Ostrel/Projection/ten/1KB", "Ostrel/ReadPreResolved/ten/1KB", B::speedupAtLeast, 3},
+      {"8b", "10 leaf paths of 1 KB: projection vs DynamicMessage parse + reflection (speedup)",
+       "Ostrel/Projection/ten/1KB", "Protobuf/DynamicParseReflect/ten/1KB", B::speedupAtLeast,
+       10},
+      {"8c", "10 leaf paths of 1 KB: projection vs hand-written single pass",
+       "Ostrel/Projection/ten/1KB", "Floor/HandPass/ten/1KB", B::oursAtMost, 1.5},
+      {"9a", "delimited order stream, 3 paths each: projection vs DynamicMessage loop (speedup)",
+       "Ostrel/StreamProjection/orders/" + records, "Protobuf/DynamicParseReflect/orders/" + records,
+       B::speedupAtLeast, 5},
+      {"9b", "delimited order stream, 3 paths each: projection vs bare frame scan",
+       "Ostrel/StreamProjection/orders/" + records, "Floor/FrameScan/orders/" + records,
+       B::oursAtMost, 2},
       {"1a", "depth-3 scalar near front, pre-resolved, vs hand-written read",
        "Ostrel/ReadPreResolved/front/1MB", "Floor/HandRead/front/1MB", B::oursAtMost, 2},
       {"1b", "same read vs DynamicMessage parse + reflection (speedup)",
@@ -561,6 +948,7 @@ bool takeFlag(int& argc, char** argv, std::string_view flag) {
 int main(int argc, char** argv) {
   using namespace ostrel::bench;
   const bool smoke = takeFlag(argc, argv, "--ostrel_smoke");
+  const bool growthSmall = takeFlag(argc, argv, "--ostrel_growth_small");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 #if !defined(__OPTIMIZE__) || !defined(NDEBUG)
@@ -577,6 +965,17 @@ int main(int argc, char** argv) {
       workload.denseCounts.total(), workload.packed.size(), workload.packedValues.size());
 
   const AllocationCounts allocations = runSelfChecks(workload, ours, peer);
+  Many many(ours, smoke);
+  std::unique_ptr<pb::Message> order(
+      peer.factory.GetPrototype(peer.pool.FindMessageTypeByName("ostrel.bench.ShopOrder"))->New());
+  checkMany(many, ours, peer, workload, *order);
+  const int64_t typedAllocations = [&] {
+    readInt64(ours.large.bytes(), ours.front);
+    AllocationScope scope;
+    std::optional<int64_t> value = readInt64(ours.large.bytes(), ours.front);
+    expectEqual("front id, typed read", value.value_or(0), kFrontId);
+    return scope.count();
+  }();
   std::printf(
       "self-checks passed: every benchmark's answer equals its peer's; allocations per "
       "pre-resolved read: scalar %lld, string %lld\n",
@@ -584,11 +983,17 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
 
   registerBenchmarks(workload, ours, peer, smoke);
-  TargetReporter reporter(ratioTargets(),
+  registerManyBenchmarks(workload, ours, peer, many, *order);
+  registerGrowthBenchmarks(growthSmall);
+  TargetReporter reporter(ratioTargets(many.recordCount == 1000000
+                                           ? "1M"
+                                           : std::to_string(many.recordCount)),
                           {{"7a", "heap allocations, scalar read through a pre-resolved path",
                             "Ostrel/Allocations/scalar", 0, allocations.scalar},
                            {"7b", "heap allocations, string read through a pre-resolved path",
-                            "Ostrel/Allocations/string", 1, allocations.string}});
+                            "Ostrel/Allocations/string", 1, allocations.string},
+                           {"7c", "heap allocations, typed scalar read (readInt64)",
+                            "Ostrel/Allocations/typed", 0, typedAllocations}});
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   return 0;

@@ -47,4 +47,8 @@ std::string buildDenseMessage(size_t fieldCount, DenseCounts& counts);
 // bytes, a few negative values of ten); `values` receives the elements in order.
 std::string buildPackedRunMessage(size_t count, std::vector<int32_t>& values);
 
+// `count` ShopOrder records of about 150 bytes, each preceded by its length as a varint (as
+// writeDelimitedTo writes them). `idSum` receives the sum of their ids.
+std::string buildOrderStream(size_t count, uint64_t& idSum);
+
 }  // namespace ostrel::bench

@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   std::optional<FieldPathAndType> resolved;
-  tolerate([&] { resolved = resolveKeyPath(*rich.impl(), text); });
+  tolerate([&] { resolved = resolvePropertyPath(rich, text); });
 
   std::optional<std::string> byText;
   tolerate([&] {

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
+#include "wire/field_path.hpp"
+#include "wire/field_walk.hpp"
 
 namespace {
 
@@ -127,7 +129,7 @@ const Fixture& fixture() {
   static const Fixture made = [] {
     Fixture f;
     for (const char* path : kPropertyPaths) {
-      tolerate([&] { f.paths.emplace_back(path, resolveKeyPath(*f.rich.impl(), path)); });
+      tolerate([&] { f.paths.emplace_back(path, resolvePropertyPath(f.rich, path)); });
     }
     std::vector<int64_t> chain;
     addChains(f, f.rich, chain, 1);
@@ -189,7 +191,7 @@ void explore(const MessageSchema& schema, ByteView bytes, int depth) {
     Reader reader(bytes);
     int64_t visits = 0;
     tolerate([&] {
-      forEachValue(reader, *field.impl(), [&](AnyValueImpl&& value) {
+      forEachValue(reader, *field.impl(), [&](detail::AnyValueImpl&& value) {
         if (++visits > size) finding("forEachValue hands out more values than bytes");
         use(AnyValue::from(std::move(value)));
       });
@@ -257,7 +259,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   int64_t visits = 0;
   tolerate([&] {
-    forEachPresentField(message.unsafe(), [&](const auto&, AnyValueImpl&&) {
+    forEachPresentField(message.unsafe(), [&](const auto&, detail::AnyValueImpl&&) {
       if (++visits > static_cast<int64_t>(size)) finding("forEachPresentField spins");
     });
   });

@@ -1,34 +1,36 @@
 #pragma once
 
-// Everything a user of the library needs.
+// Everything a user of the library needs; the one header to include.
+//
+// The jobs and the one way to do each:
+// - Load schemas: SchemaStore(schemaManifestFromDescriptorSet(bytes)), schemaManifestFromJSON or
+//   schemaManifestFromProtoFiles (manifest/manifest_data.hpp), then store.messageSchema("pkg.M").
+// - Read values: schema.schematizedData(bytes).value("a.b[2].c"); for many records, resolve the
+//   path once with resolvePropertyPath and read with data.value(path) (wire/schematizer.hpp).
+// - Read several paths from each of many records: Projection, in one pass per record; one scalar
+//   without an AnyValue: readInt64(bytes, path) and its siblings; a stream of length-prefixed
+//   records: DelimitedRecords (wire/schematizer.hpp).
+// - Iterate a repeated field: Schematizer::RepeatableFieldIterator.
+// - Build a message: MessageSchema::buildData.
+// - JSON: toJSON(data) and encodeJSON(schema, text) (output/json.hpp).
+// - SQL: buildProjection writes the query text; registerSqliteFunctions installs P_GET and the
+//   other functions on an SQLite connection (sql/sql.hpp); extensions/ has the loadable ones.
+// Failures are thrown as ostrel::Error subclasses (core/errors.hpp).
 
-#include "ostrel/core/bytes.hpp"
-#include "ostrel/core/data_value.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/values.hpp"
-#include "ostrel/core/wire_type.hpp"
-#include "ostrel/manifest/builtin_manifest.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/manifest/json_manifest.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
-#include "ostrel/output/json_encoding.hpp"
-#include "ostrel/output/json_rendering.hpp"
+#include "ostrel/output/json.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
-#include "ostrel/paths/key_path.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "ostrel/sql/projection.hpp"
-#include "ostrel/sql/sqlite_functions.hpp"
-#include "ostrel/store/proto_schema_store.hpp"
+#include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "ostrel/wire/field_path.hpp"
-#include "ostrel/wire/field_walk.hpp"
-#include "ostrel/wire/reader.hpp"
 #include "ostrel/wire/schematizer.hpp"
-#include "ostrel/wire/value_decoding.hpp"
+#include "ostrel/wire/reader.hpp"
 
 // Reading libprotobuf's parsed descriptor sets (ostrel/manifest/typed_import.hpp) is left out: it
 // brings in libprotobuf's descriptor headers.

@@ -1,7 +1,7 @@
-#include "ostrel/core/base64.hpp"
-
 #include <array>
 #include <cstdint>
+
+#include "ostrel/core/values.hpp"
 
 namespace ostrel {
 namespace {

@@ -55,7 +55,7 @@ SerializationError::SerializationError(Code code, std::string what, Payload payl
       code_(code),
       payload_(std::make_shared<const Payload>(std::move(payload))) {}
 
-SerializationError SerializationError::invalidIntType(const AnyValueImpl& value,
+SerializationError SerializationError::invalidIntType(const detail::AnyValueImpl& value,
                                                       TypeSchemaDescription type) {
   std::string what = "invalidIntType(" + value.describe() + ", " + type.describe() + ")";
   return SerializationError(Code::invalidIntType, std::move(what),

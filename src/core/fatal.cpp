@@ -1,4 +1,4 @@
-#include "ostrel/core/fatal.hpp"
+#include "core/fatal.hpp"
 
 #include <cstdio>
 #include <cstdlib>

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ostrel/core/describing.hpp"
+#include "ostrel/core/errors.hpp"
 
 namespace ostrel {
 namespace {
@@ -13,7 +14,7 @@ constexpr std::array<std::string_view, 11> kValueCaseNames = {
     "bool",  "enum",   "string", "bytes",  "message",
 };
 
-std::string describeEnum(const EnumValueImpl& value) {
+std::string describeEnum(const detail::EnumValueImpl& value) {
   std::string text = value.type ? value.type->name() : std::string("?");
   if (const auto* name = std::get_if<std::string>(&value.container)) return text + "." + *name;
   return text + "(" + std::to_string(std::get<int64_t>(value.container)) + ")";
@@ -25,16 +26,21 @@ std::string describeMessage(const std::shared_ptr<MessageSchemaDescribing>& sche
 
 }  // namespace
 
-std::string_view caseName(AnyValueImpl::Case kind) noexcept {
+std::string_view caseName(detail::AnyValueImpl::Case kind) noexcept {
   return kValueCaseNames[static_cast<size_t>(kind)];
 }
 
-int64_t EnumValueImpl::number() const {
+void detail::throwWrongValueKind(uint8_t wanted, uint8_t found) {
+  throw SchematizerError::unexpectedType("expected " + std::string(kValueCaseNames[wanted]) +
+                                         " value, found " + std::string(kValueCaseNames[found]));
+}
+
+int64_t detail::EnumValueImpl::number() const {
   if (const auto* number = std::get_if<int64_t>(&container)) return *number;
   return type->valueNamed(std::get<std::string>(container));
 }
 
-std::string AnyValueImpl::describe() const {
+std::string detail::AnyValueImpl::describe() const {
   std::string body;
   switch (kind()) {
     case Case::int32:
@@ -74,7 +80,7 @@ std::string AnyValueImpl::describe() const {
   return std::string(caseName(kind())) + "(" + body + ")";
 }
 
-AnyValue AnyValue::from(const AnyValueImpl& impl) {
+AnyValue AnyValue::from(const detail::AnyValueImpl& impl) {
   switch (impl.kind()) {
     case Case::int32:
       return impl.int32Value();
@@ -102,37 +108,37 @@ AnyValue AnyValue::from(const AnyValueImpl& impl) {
   return impl.int32Value();  // unreachable: every case returns above
 }
 
-AnyValue AnyValue::from(AnyValueImpl&& impl) {
+AnyValue AnyValue::from(detail::AnyValueImpl&& impl) {
   if (impl.kind() == Case::string) return std::move(impl.stringValue());
-  return from(static_cast<const AnyValueImpl&>(impl));
+  return from(static_cast<const detail::AnyValueImpl&>(impl));
 }
 
-AnyValueImpl AnyValue::impl() const {
+detail::AnyValueImpl AnyValue::impl() const {
   switch (kind()) {
     case Case::int32:
-      return AnyValueImpl::int32(int32Value());
+      return detail::AnyValueImpl::int32(int32Value());
     case Case::uint32:
-      return AnyValueImpl::uint32(uint32Value());
+      return detail::AnyValueImpl::uint32(uint32Value());
     case Case::int64:
-      return AnyValueImpl::int64(int64Value());
+      return detail::AnyValueImpl::int64(int64Value());
     case Case::uint64:
-      return AnyValueImpl::uint64(uint64Value());
+      return detail::AnyValueImpl::uint64(uint64Value());
     case Case::float_:
-      return AnyValueImpl::float_(floatValue());
+      return detail::AnyValueImpl::float_(floatValue());
     case Case::double_:
-      return AnyValueImpl::double_(doubleValue());
+      return detail::AnyValueImpl::double_(doubleValue());
     case Case::bool_:
-      return AnyValueImpl::bool_(boolValue());
+      return detail::AnyValueImpl::bool_(boolValue());
     case Case::enum_:
-      return AnyValueImpl::enum_(enumValue().impl());
+      return detail::AnyValueImpl::enum_(enumValue().impl());
     case Case::string:
-      return AnyValueImpl::string(stringValue());
+      return detail::AnyValueImpl::string(stringValue());
     case Case::bytes:
-      return AnyValueImpl::bytes(bytesValue());
+      return detail::AnyValueImpl::bytes(bytesValue());
     case Case::message:
-      return AnyValueImpl::message(messageValue().unsafe());
+      return detail::AnyValueImpl::message(messageValue().unsafe());
   }
-  return AnyValueImpl::int32(0);  // unreachable: every case returns above
+  return detail::AnyValueImpl::int32(0);  // unreachable: every case returns above
 }
 
 std::string AnyValue::describe() const {

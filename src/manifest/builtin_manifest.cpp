@@ -1,8 +1,8 @@
-#include "ostrel/manifest/builtin_manifest.hpp"
-
 #include <initializer_list>
 #include <string>
 #include <utility>
+
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 namespace {

@@ -2,7 +2,8 @@
 
 #include <array>
 
-#include "ostrel/core/fatal.hpp"
+#include "core/fatal.hpp"
+#include "ostrel/core/logging.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -108,6 +109,45 @@ void addMessage(SchemaManifest& manifest, const std::string& name, MessageManife
 
 MessageManifest& extendeeEntry(SchemaManifest& manifest, const std::string& name) {
   return manifest.messages.try_emplace(name).first->second;
+}
+
+void ExtensionFields::add(SchemaManifest& manifest, const std::string& extendee,
+                          const std::string& fullName, const std::string& name,
+                          FieldManifest&& field) {
+  auto& fields = extendeeEntry(manifest, extendee).fields;
+  const auto [holder, first] = holders_.try_emplace({extendee, name}, Holder{fullName});
+  if (first) {
+    if (fields.contains(name)) {
+      // A field of the message itself: it keeps the name for good.
+      holder->second.shared = true;
+      fields.insert_or_assign(fullName, std::move(field));
+    } else {
+      fields.emplace(name, std::move(field));
+    }
+    return;
+  }
+  if (holder->second.fullName == fullName && !holder->second.shared) {
+    fields.insert_or_assign(name, std::move(field));
+    return;
+  }
+  if (!holder->second.shared) {
+    holder->second.shared = true;
+    auto taken = fields.extract(name);
+    if (!taken.empty()) {
+      taken.key() = holder->second.fullName;
+      fields.insert(std::move(taken));
+    }
+  }
+  fields.insert_or_assign(fullName, std::move(field));
+}
+
+void GroupFields::leaveOut(const std::string& fullName) {
+  if (!reported_.insert(fullName).second) return;
+  if (options_.groupSkipped) {
+    options_.groupSkipped(fullName);
+  } else {
+    log("Sch: Group field " + fullName + " left out of the schema");
+  }
 }
 
 }  // namespace ostrel::detail

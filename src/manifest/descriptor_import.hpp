@@ -5,13 +5,16 @@
 // and how records enter the manifest.
 
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "ostrel/core/field_types.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/manifest/manifest.hpp"
 
 namespace ostrel::detail {
@@ -50,7 +53,8 @@ const DescriptorType* descriptorTypeNamed(std::string_view name) noexcept;
 int32_t descriptorTypeNumber(TypeManifest type) noexcept;
 
 // The value table of an enum from its values in declaration order. Aliases (names sharing a number)
-// are fine; one name twice stops the process, as a descriptor with it is not a valid enum.
+// are fine; one name twice stops the process: the importers refuse such an enum before (see
+// repeatedEnumValueText), so only a programming error gets here with one.
 std::map<std::string, int64_t, std::less<>> uniqueEnumValues(
     std::vector<std::pair<std::string, int64_t>> values);
 
@@ -61,5 +65,41 @@ void addMessage(SchemaManifest& manifest, const std::string& name, MessageManife
 
 // The entry of the extendee `name`, created empty when the manifest has none yet.
 MessageManifest& extendeeEntry(SchemaManifest& manifest, const std::string& name);
+
+// Places extension fields in their extendees. An extension is a field of its extendee under its
+// simple name, unless another field already holds that name there: two extensions of one message
+// declared in different scopes may share a simple name, and neither may be lost. A name shared by
+// extensions is given up by all of them, each keyed by its full name instead (so that a lookup by
+// the simple name finds no single field); an extension whose simple name is a field of the
+// message itself takes its full name and leaves the field alone. The same extension met again
+// (the same file twice) replaces itself.
+class ExtensionFields {
+ public:
+  void add(SchemaManifest& manifest, const std::string& extendee, const std::string& fullName,
+           const std::string& name, FieldManifest&& field);
+
+ private:
+  struct Holder {
+    std::string fullName;  // of the first extension with the name
+    bool shared = false;   // whether another extension has the name too
+  };
+  // By extendee and simple name.
+  std::map<std::pair<std::string, std::string>, Holder> holders_;
+};
+
+// What the importers do with group fields: refuse them ("Group is deprecated", thrown by the
+// importer itself) unless the options leave them out, and report each one left out once.
+class GroupFields {
+ public:
+  explicit GroupFields(const DescriptorImportOptions& options) : options_(options) {}
+
+  bool skipped() const noexcept { return options_.skipGroups; }
+  // Reports the group field `fullName` as left out, the first time it is met.
+  void leaveOut(const std::string& fullName);
+
+ private:
+  const DescriptorImportOptions& options_;
+  std::set<std::string, std::less<>> reported_;
+};
 
 }  // namespace ostrel::detail

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "manifest/descriptor_import.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/store/proto_schema_store.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
+#include "store/proto_schema_store.hpp"
 
 namespace ostrel {
 namespace {
@@ -20,17 +20,17 @@ using Values = std::map<std::string, FieldValues, std::less<>>;
 
 // A number as an int32 value when it fits; otherwise as an int64 value, which the writer refuses
 // for the int32 descriptor fields with SerializationError::invalidIntType.
-AnyValueImpl int32Value(int64_t number) {
+detail::AnyValueImpl int32Value(int64_t number) {
   if (number >= std::numeric_limits<int32_t>::min() &&
       number <= std::numeric_limits<int32_t>::max()) {
-    return AnyValueImpl::int32(static_cast<int32_t>(number));
+    return detail::AnyValueImpl::int32(static_cast<int32_t>(number));
   }
-  return AnyValueImpl::int64(number);
+  return detail::AnyValueImpl::int64(number);
 }
 
 // Options go out as they came in: raw bytes, written as the length-delimited options field.
 void addOptions(Values& values, const RawOptions& options) {
-  if (options) values["options"].push_back(AnyValueImpl::bytes(*options));
+  if (options) values["options"].push_back(detail::AnyValueImpl::bytes(*options));
 }
 
 // Writes the descriptor messages through the built-in descriptor schemas of a store of its own.
@@ -44,7 +44,7 @@ class DescriptorSetWriter {
     std::vector<SchematizedData> file;
     if (!manifest.messages.empty() || !manifest.enums.empty()) {
       file.push_back(writeFile(manifest));
-      set["file"].push_back(AnyValueImpl::message(file.back().unsafe()));
+      set["file"].push_back(detail::AnyValueImpl::message(file.back().unsafe()));
     }
     return build("FileDescriptorSet", set).data();
   }
@@ -56,52 +56,59 @@ class DescriptorSetWriter {
     parts.reserve(manifest.messages.size() + manifest.enums.size());
     for (const auto& [name, message] : manifest.messages) {
       parts.push_back(writeMessage(name, message));
-      file["message_type"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+      file["message_type"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
     for (const auto& [name, enumManifest] : manifest.enums) {
       parts.push_back(writeEnum(name, enumManifest));
-      file["enum_type"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+      file["enum_type"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
     return build("FileDescriptorProto", file);
   }
 
   SchematizedData writeMessage(const std::string& name, const MessageManifest& message) {
     Values values;
-    values["name"].push_back(AnyValueImpl::string(name));
+    values["name"].push_back(detail::AnyValueImpl::string(name));
     addOptions(values, message.options);
     std::vector<SchematizedData> parts;
     parts.reserve(message.fields.size() + message.oneofs.size());
     for (const auto& [fieldName, field] : message.fields) {
-      parts.push_back(writeField(fieldName, field));
-      values["field"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+      parts.push_back(writeField(fieldName, field, message.oneofs.size()));
+      values["field"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
     // The list order is the oneof index the fields refer to.
     for (const OneofManifest& oneof : message.oneofs) {
       Values oneofValues;
-      oneofValues["name"].push_back(AnyValueImpl::string(oneof.name));
+      oneofValues["name"].push_back(detail::AnyValueImpl::string(oneof.name));
       addOptions(oneofValues, oneof.options);
       parts.push_back(build("OneofDescriptorProto", oneofValues));
-      values["oneof_decl"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+      values["oneof_decl"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
     return build("DescriptorProto", values);
   }
 
-  SchematizedData writeField(const std::string& name, const FieldManifest& field) {
+  // An oneofIndex that names none of the message's `oneofCount` oneofs (a message whose entry an
+  // extension declared before it made keeps that entry's empty oneofs) is left out: it means no
+  // oneof, and a descriptor with it is one that no importer accepts.
+  SchematizedData writeField(const std::string& name, const FieldManifest& field,
+                             size_t oneofCount) {
     Values values;
-    values["name"].push_back(AnyValueImpl::string(name));
+    values["name"].push_back(detail::AnyValueImpl::string(name));
     values["number"].push_back(int32Value(field.fieldNumber));
-    values["label"].push_back(AnyValueImpl::int32(field.isRepeated ? 3 : 1));
-    values["type"].push_back(AnyValueImpl::int32(detail::descriptorTypeNumber(field.type)));
+    values["label"].push_back(detail::AnyValueImpl::int32(field.isRepeated ? 3 : 1));
+    values["type"].push_back(detail::AnyValueImpl::int32(detail::descriptorTypeNumber(field.type)));
     // Fully qualified with a leading dot, as protoc writes references; importing strips it.
-    if (field.typeName) values["type_name"].push_back(AnyValueImpl::string("." + *field.typeName));
-    if (field.oneofIndex) values["oneof_index"].push_back(AnyValueImpl::int32(*field.oneofIndex));
+    if (field.typeName) values["type_name"].push_back(detail::AnyValueImpl::string("." + *field.typeName));
+    if (field.oneofIndex && *field.oneofIndex >= 0 &&
+        static_cast<size_t>(*field.oneofIndex) < oneofCount) {
+      values["oneof_index"].push_back(detail::AnyValueImpl::int32(*field.oneofIndex));
+    }
     addOptions(values, field.options);
     return build("FieldDescriptorProto", values);
   }
 
   SchematizedData writeEnum(const std::string& name, const EnumManifest& enumManifest) {
     Values values;
-    values["name"].push_back(AnyValueImpl::string(name));
+    values["name"].push_back(detail::AnyValueImpl::string(name));
     addOptions(values, enumManifest.options);
     std::vector<std::pair<int64_t, const std::string*>> ordered;
     ordered.reserve(enumManifest.values.size());
@@ -115,14 +122,14 @@ class DescriptorSetWriter {
     parts.reserve(ordered.size());
     for (const auto& [number, valueName] : ordered) {
       Values valueValues;
-      valueValues["name"].push_back(AnyValueImpl::string(*valueName));
+      valueValues["name"].push_back(detail::AnyValueImpl::string(*valueName));
       valueValues["number"].push_back(int32Value(number));
       if (const auto it = enumManifest.valueOptions.find(number);
           it != enumManifest.valueOptions.end()) {
-        valueValues["options"].push_back(AnyValueImpl::bytes(it->second));
+        valueValues["options"].push_back(detail::AnyValueImpl::bytes(it->second));
       }
       parts.push_back(build("EnumValueDescriptorProto", valueValues));
-      values["value"].push_back(AnyValueImpl::message(parts.back().unsafe()));
+      values["value"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
     return build("EnumDescriptorProto", values);
   }

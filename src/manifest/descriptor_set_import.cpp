@@ -5,14 +5,15 @@
 #include <vector>
 
 #include "manifest/descriptor_import.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/store/proto_schema_store.hpp"
-#include "ostrel/wire/field_walk.hpp"
+#include "manifest/manifest_check.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
+#include "store/proto_schema_store.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel {
 namespace {
 
-using Case = AnyValueImpl::Case;
+using Case = detail::AnyValueImpl::Case;
 using detail::NamePath;
 
 // libprotobuf refuses to parse messages nested deeper than 100; a descriptor set it can read never
@@ -27,20 +28,20 @@ constexpr int kMaxMessageDepth = 100;
   throw SchemaManifestDSCError::invalidDescriptor(text);
 }
 
-bool isMessage(const AnyValueImpl& value) { return value.kind() == Case::message; }
-bool isText(const AnyValueImpl& value) { return value.kind() == Case::string; }
-bool isInt32(const AnyValueImpl& value) { return value.kind() == Case::int32; }
-bool isEnum(const AnyValueImpl& value) { return value.kind() == Case::enum_; }
+bool isMessage(const detail::AnyValueImpl& value) { return value.kind() == Case::message; }
+bool isText(const detail::AnyValueImpl& value) { return value.kind() == Case::string; }
+bool isInt32(const detail::AnyValueImpl& value) { return value.kind() == Case::int32; }
+bool isEnum(const detail::AnyValueImpl& value) { return value.kind() == Case::enum_; }
 
 // The raw bytes of an options message, exactly as they stand in the input.
-Bytes rawBytes(const AnyValueImpl& message) { return toBytes(message.messageValue().bytes()); }
+Bytes rawBytes(const detail::AnyValueImpl& message) { return toBytes(message.messageValue().bytes()); }
 
 // Visits the present fields of a message value by descriptor field name, in byte order.
 template <typename Visit>
-void walk(const AnyValueImpl& message, Visit&& visit) {
+void walk(const detail::AnyValueImpl& message, Visit&& visit) {
   forEachPresentField(message.messageValue(),
                       [&](const std::shared_ptr<FieldSchemaDescribing>& field,
-                          AnyValueImpl&& value) { visit(field->name(), std::move(value)); });
+                          detail::AnyValueImpl&& value) { visit(field->name(), std::move(value)); });
 }
 
 // Reads the descriptors of one set into one manifest. Descriptor field names are matched as text,
@@ -48,45 +49,52 @@ void walk(const AnyValueImpl& message, Visit&& visit) {
 // descriptor.proto declares is reported by the property it was found in.
 class DescriptorSetReader {
  public:
+  explicit DescriptorSetReader(const DescriptorImportOptions& options) : groups_(options) {}
+
   SchemaManifest read(const SchematizedDataDescribing& set) {
     forEachPresentField(
-        set, [&](const std::shared_ptr<FieldSchemaDescribing>& field, AnyValueImpl&& value) {
+        set, [&](const std::shared_ptr<FieldSchemaDescribing>& field, detail::AnyValueImpl&& value) {
           if (field->name() == "file") readFile(value);
         });
+    // Checked once the whole set is read: extensions add fields to messages of other files.
+    if (const auto fault = detail::fieldNumberFault(manifest_)) {
+      throw SchemaManifestDSCError::invalidValueType(
+          detail::faultText(fault->first, fault->second));
+    }
     return std::move(manifest_);
   }
 
  private:
-  void readFile(const AnyValueImpl& file) {
+  void readFile(const detail::AnyValueImpl& file) {
     if (!isMessage(file)) invalidValue("FileDescriptorSet message type is expected");
     // The package comes first in serialized descriptors, but it is read on its own so that the
     // types of the file get it wherever it stands.
     NamePath path;
     bool packageSeen = false;
-    walk(file, [&](const std::string& property, AnyValueImpl&& value) {
+    walk(file, [&](const std::string& property, detail::AnyValueImpl&& value) {
       if (property != "package" || packageSeen) return;
       packageSeen = true;
       if (isText(value)) path = detail::splitName(value.stringValue());
     });
-    walk(file, [&](const std::string& property, AnyValueImpl&& value) {
+    walk(file, [&](const std::string& property, detail::AnyValueImpl&& value) {
       if (property == "message_type") {
         readMessage(path, value, 1);
       } else if (property == "enum_type") {
         readEnum(path, value);
       } else if (property == "extension") {
-        readExtension(value);
+        readExtension(path, value);
       }
     });
   }
 
-  void readMessage(const NamePath& path, const AnyValueImpl& value, int depth) {
+  void readMessage(const NamePath& path, const detail::AnyValueImpl& value, int depth) {
     if (!isMessage(value)) invalidValue("Message descriptor property");
     if (depth > kMaxMessageDepth) throw SchemaManifestDSCError::cannotLoadDescriptor();
     std::string name;
     MessageManifest message;
     // Nested types take the name read so far: "name" is field 1, so it precedes them in any
     // serialized descriptor.
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "name") {
         if (!isText(item)) invalidValue("Message name");
         name = std::move(item.stringValue());
@@ -94,7 +102,9 @@ class DescriptorSetReader {
         if (!isMessage(item)) invalidValue("Invalid options");
         message.options = rawBytes(item);
       } else if (property == "field") {
-        readField(item, message.fields);
+        if (auto field = readField(detail::nestedPath(path, name), item)) {
+          message.fields.insert_or_assign(std::move(field->first), std::move(field->second));
+        }
       } else if (property == "oneof_decl") {
         message.oneofs.push_back(readOneof(item));
       } else if (property == "nested_type") {
@@ -102,19 +112,23 @@ class DescriptorSetReader {
       } else if (property == "enum_type") {
         readEnum(detail::nestedPath(path, name), item);
       } else if (property == "extension") {
-        readExtension(item);
+        readExtension(detail::nestedPath(path, name), item);
       }
     });
     if (name.empty()) invalidDescriptor("Fields descriptor is incomplete");
-    detail::addMessage(manifest_, detail::fullName(path, name), std::move(message));
+    std::string full = detail::fullName(path, name);
+    if (const std::optional<detail::MessageFault> fault = detail::messageFault(message)) {
+      throw SchemaManifestDSCError::invalidValueType(detail::faultText(full, *fault));
+    }
+    detail::addMessage(manifest_, full, std::move(message));
   }
 
-  void readEnum(const NamePath& path, const AnyValueImpl& value) {
+  void readEnum(const NamePath& path, const detail::AnyValueImpl& value) {
     if (!isMessage(value)) invalidValue("Enum descriptor property");
     std::optional<std::string> name;
     std::vector<std::pair<std::string, int64_t>> values;
     EnumManifest enumManifest;
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "name") {
         if (!isText(item)) invalidValue("Enum name");
         name = std::move(item.stringValue());
@@ -127,16 +141,19 @@ class DescriptorSetReader {
       }
     });
     if (!name) invalidDescriptor("Enum descriptor is incomplete");
+    if (auto text = detail::repeatedEnumValueText(detail::fullName(path, *name), values)) {
+      throw SchemaManifestDSCError::invalidValueType(std::move(*text));
+    }
     enumManifest.values = detail::uniqueEnumValues(std::move(values));
     manifest_.enums.insert_or_assign(detail::fullName(path, *name), std::move(enumManifest));
   }
 
-  static std::pair<std::string, int64_t> readEnumValue(const AnyValueImpl& value,
+  static std::pair<std::string, int64_t> readEnumValue(const detail::AnyValueImpl& value,
                                                        std::map<int64_t, Bytes>& valueOptions) {
     std::optional<std::string> name;
     std::optional<int32_t> number;
     std::optional<Bytes> options;
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "name") {
         if (!isText(item)) invalidValue("Enum value name");
         name = std::move(item.stringValue());
@@ -153,14 +170,17 @@ class DescriptorSetReader {
     return {std::move(*name), *number};
   }
 
-  static void readField(const AnyValueImpl& value,
-                        std::map<std::string, FieldManifest, std::less<>>& fields) {
+  // The field's name and record; nothing for a group field left out. `scope` is the path of the
+  // message (or, for an extension, of the scope) the field is declared in.
+  std::optional<std::pair<std::string, FieldManifest>> readField(const NamePath& scope,
+                                                                 const detail::AnyValueImpl& value) {
     if (!isMessage(value)) invalidValue("Field descriptor");
     std::optional<std::string> name;
     std::optional<int32_t> number;
     std::optional<TypeManifest> type;
+    bool group = false;
     FieldManifest field;
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "name") {
         if (!isText(item)) invalidValue("Field name");
         name = std::move(item.stringValue());
@@ -172,7 +192,7 @@ class DescriptorSetReader {
         field.options = rawBytes(item);
       } else if (property == "type") {
         if (!isEnum(item)) invalidValue("Field type");
-        type = manifestType(item.enumValue());
+        type = manifestType(item.enumValue(), group);
       } else if (property == "type_name") {
         if (!isText(item)) invalidValue("Field type name");
         field.typeName = detail::normalizedTypeName(item.stringValue());
@@ -184,35 +204,44 @@ class DescriptorSetReader {
         field.oneofIndex = item.int32Value();
       }
     });
+    if (group && name && number) {
+      groups_.leaveOut(detail::fullName(scope, *name));
+      return std::nullopt;
+    }
     if (!type || !name || !number) invalidDescriptor("Enum value is missing");
     field.type = *type;
     field.fieldNumber = *number;
-    fields.insert_or_assign(std::move(*name), std::move(field));
+    return std::pair(std::move(*name), std::move(field));
   }
 
   // The field type by the name of the enum value. A number the Type enum does not know has no
-  // name; it is reported by its number instead.
-  static TypeManifest manifestType(const EnumValueImpl& value) {
+  // name; it is reported by its number instead. A group sets `group` when the options leave
+  // groups out (the type is then absent).
+  std::optional<TypeManifest> manifestType(const detail::EnumValueImpl& value, bool& group) const {
     const int64_t number = value.number();
     const std::string* name = value.type ? value.type->findValueNameFor(number) : nullptr;
     if (!name) {
       throw SchemaManifestDSCError::invalidValueType("Unknown type: " + std::to_string(number));
     }
     const detail::DescriptorType* row = detail::descriptorTypeNamed(*name);
-    if (row && row->number == detail::kDescriptorGroupType) invalidValue("Group is deprecated");
+    if (row && row->number == detail::kDescriptorGroupType) {
+      if (!groups_.skipped()) invalidValue("Group is deprecated");
+      group = true;
+      return std::nullopt;
+    }
     if (!row || !row->manifestType) {
       throw SchemaManifestDSCError::invalidValueType("Unknown type: " + *name);
     }
     return *row->manifestType;
   }
 
-  static OneofManifest readOneof(const AnyValueImpl& value) {
+  static OneofManifest readOneof(const detail::AnyValueImpl& value) {
     if (!isMessage(value)) invalidValue("Oneof descriptor");
     // Name and options are looked up as single values: the first occurrence counts, and options
     // of another kind than a message are passed over.
-    std::optional<AnyValueImpl> name;
-    std::optional<AnyValueImpl> options;
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    std::optional<detail::AnyValueImpl> name;
+    std::optional<detail::AnyValueImpl> options;
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "name" && !name) {
         name.emplace(std::move(item));
       } else if (property == "options" && !options) {
@@ -225,33 +254,44 @@ class DescriptorSetReader {
     return oneof;
   }
 
-  void readExtension(const AnyValueImpl& value) {
+  void readExtension(const NamePath& scope, const detail::AnyValueImpl& value) {
     if (!isMessage(value)) invalidValue("Message descriptor property");
-    std::optional<AnyValueImpl> extendee;
-    walk(value, [&](const std::string& property, AnyValueImpl&& item) {
+    std::optional<detail::AnyValueImpl> extendee;
+    walk(value, [&](const std::string& property, detail::AnyValueImpl&& item) {
       if (property == "extendee" && !extendee) extendee.emplace(std::move(item));
     });
     if (!extendee || !isText(*extendee)) invalidValue("Failed to get extendee message name");
     const std::string target = detail::normalizedTypeName(extendee->stringValue());
-    readField(value, detail::extendeeEntry(manifest_, target).fields);
+    auto field = readField(scope, value);
+    if (!field) {
+      // A group extension left out still names its extendee, as a present one would.
+      detail::extendeeEntry(manifest_, target);
+      return;
+    }
+    extensions_.add(manifest_, target, detail::fullName(scope, field->first), field->first,
+                    std::move(field->second));
   }
 
   SchemaManifest manifest_;
+  detail::ExtensionFields extensions_;
+  detail::GroupFields groups_;
 };
 
 }  // namespace
 
-SchemaManifest schemaManifestFromDescriptorSet(const SchematizedDataDescribing& descriptorSet) {
-  return DescriptorSetReader().read(descriptorSet);
+SchemaManifest schemaManifestFromDescriptorSet(const SchematizedDataDescribing& descriptorSet,
+                                               const DescriptorImportOptions& options) {
+  return DescriptorSetReader(options).read(descriptorSet);
 }
 
-SchemaManifest schemaManifestFromDescriptorSet(ByteView bytes) {
+SchemaManifest schemaManifestFromDescriptorSet(ByteView bytes,
+                                               const DescriptorImportOptions& options) {
   // A store of its own per import: stores are not shared between threads, and the descriptor
   // schemas are materialised in it as the walk reaches them.
   const std::shared_ptr<ProtoSchemaStore> store = ProtoSchemaStore::make(SchemaManifest{});
   const std::shared_ptr<MessageSchemaDescribing> set =
       store->messageSchema("google.protobuf.FileDescriptorSet");
-  return schemaManifestFromDescriptorSet(set->unsafeSchematizedData(bytes));
+  return schemaManifestFromDescriptorSet(set->unsafeSchematizedData(bytes), options);
 }
 
 }  // namespace ostrel

@@ -1,16 +1,18 @@
-#include "ostrel/manifest/json_manifest.hpp"
-
 #include <cstdint>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "ostrel/core/base64.hpp"
+#include "core/json_document.hpp"
+#include "core/json_text.hpp"
+#include "core/utf8.hpp"
+#include "manifest/manifest_check.hpp"
+#include "ostrel/core/values.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 namespace {
@@ -19,9 +21,7 @@ using Json = nlohmann::json;
 
 // A JSON string literal for `text`. Bytes that are not UTF-8 become U+FFFD so that a path can
 // always be shown, even when the name it shows is the fault.
-std::string jsonLiteral(std::string_view text) {
-  return Json(std::string(text)).dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+std::string jsonLiteral(std::string_view text) { return detail::jsonString(text); }
 
 bool isIdentifier(std::string_view name) {
   if (name.empty()) return false;
@@ -68,71 +68,33 @@ Path rootPath() { return Path(); }
 // ---------------------------------------------------------------------------------------------
 // Parsing
 
-// The JSON library keeps the last of two members with one name; a manifest saying two things about
-// one field is more likely a mistake than an intent, so the parse watches the keys go by and stops
-// at the first repeat. It keeps its own stack of the open containers to name the repeat's path.
-// In the manifest's shape records and dictionaries alternate: objects at even depth (the document,
-// a message, an enum, a field, a oneof) are records and those at odd depth are dictionaries, which
-// decides how a key is written in the path.
-class DuplicateMemberCheck {
- public:
-  bool operator()(int /*depth*/, Json::parse_event_t event, Json& parsed) {
-    switch (event) {
-      case Json::parse_event_t::object_start:
-        frames_.push_back(Frame{true, {}, {}, 0});
-        break;
-      case Json::parse_event_t::array_start:
-        frames_.push_back(Frame{false, {}, {}, 0});
-        break;
-      case Json::parse_event_t::key: {
-        Frame& top = frames_.back();
-        top.key = parsed.get<std::string>();
-        if (!top.keys.insert(top.key).second) fail(currentPath(), "duplicate member");
-        break;
-      }
-      case Json::parse_event_t::object_end:
-      case Json::parse_event_t::array_end:
-        frames_.pop_back();
-        elementDone();
-        break;
-      case Json::parse_event_t::value:
-        elementDone();
-        break;
+// Containers nested deeper than any manifest needs (the document, messages, a message, fields, a
+// field: five) are refused while parsing, before they cost anything.
+constexpr size_t kMaxDocumentDepth = 32;
+
+// Where a refused parse stopped. In the manifest's shape records and dictionaries alternate:
+// objects at even depth (the document, a message, an enum, a field, a oneof) are records and those
+// at odd depth are dictionaries, which decides how a key is written in the path.
+Path refusalPath(const std::vector<detail::JsonFrame>& frames) {
+  Path path = rootPath();
+  for (size_t depth = 0; depth < frames.size(); ++depth) {
+    const detail::JsonFrame& frame = frames[depth];
+    if (!frame.isObject) {
+      path = path.index(frame.position);
+    } else {
+      path = depth % 2 == 0 ? path.member(frame.key) : path.key(frame.key);
     }
-    return true;
   }
+  return path;
+}
 
- private:
-  struct Frame {
-    bool isObject;
-    std::set<std::string, std::less<>> keys;
-    std::string key;      // the member being read, in an object
-    size_t position = 0;  // the element being read, in an array
-  };
-
-  void elementDone() {
-    if (!frames_.empty() && !frames_.back().isObject) ++frames_.back().position;
-  }
-
-  Path currentPath() const {
-    Path path = rootPath();
-    for (size_t depth = 0; depth < frames_.size(); ++depth) {
-      const Frame& frame = frames_[depth];
-      if (!frame.isObject) {
-        path = path.index(frame.position);
-      } else {
-        path = depth % 2 == 0 ? path.member(frame.key) : path.key(frame.key);
-      }
-    }
-    return path;
-  }
-
-  std::vector<Frame> frames_;
-};
-
+// The JSON library would keep the last of two members with one name; a manifest saying two things
+// about one field is more likely a mistake than an intent, so the first repeat is refused.
 Json parseDocument(std::string_view text) {
+  Json document;
+  std::optional<detail::JsonRefusal> refusal;
   try {
-    return Json::parse(text.begin(), text.end(), DuplicateMemberCheck());
+    refusal = detail::parseJsonDocument(text, kMaxDocumentDepth, document);
   } catch (const Json::exception& e) {
     // A syntax error, or a number beyond the range of a double (out_of_range). The library's
     // message starts with its own error id in brackets, noise to a reader.
@@ -143,6 +105,14 @@ Json parseDocument(std::string_view text) {
     }
     fail(rootPath(), "invalid JSON: " + message);
   }
+  if (refusal) {
+    if (refusal->kind == detail::JsonRefusal::Kind::repeatedMember) {
+      fail(refusalPath(refusal->frames), "duplicate member");
+    }
+    fail(refusalPath(refusal->frames),
+         "nesting deeper than " + std::to_string(kMaxDocumentDepth) + " levels");
+  }
+  return document;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -303,6 +273,11 @@ MessageManifest readMessage(const Json& value, const Path& path) {
            "expected an index into oneofs");
     }
   }
+  if (const std::optional<detail::MessageFault> fault = detail::messageFault(message)) {
+    const Path at = fault->oneof ? path.member("oneofs").index(*fault->oneof)
+                                 : path.member("fields").key(fault->field);
+    fail(at.member(fault->member), fault->text);
+  }
   return message;
 }
 
@@ -351,48 +326,8 @@ SchemaManifest readManifest(const Json& value, const Path& path) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
-// Strict UTF-8: no overlong forms, no surrogates, nothing beyond U+10FFFF; what JSON text may
-// carry.
-bool isUTF8(std::string_view text) {
-  static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  size_t i = 0;
-  while (i < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    if (lead < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t length = 0;
-    uint32_t codePoint = 0;
-    if ((lead & 0xE0) == 0xC0) {
-      length = 2;
-      codePoint = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-      length = 3;
-      codePoint = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-      length = 4;
-      codePoint = lead & 0x07;
-    } else {
-      return false;
-    }
-    if (text.size() - i < length) return false;
-    for (size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      codePoint = codePoint << 6 | (next & 0x3F);
-    }
-    if (codePoint < kSmallest[length] || codePoint > 0x10FFFF ||
-        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-      return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
 const std::string& checkedText(const std::string& text, const Path& path) {
-  if (!isUTF8(text)) fail(path, "expected UTF-8 text");
+  if (!detail::isUtf8(text)) fail(path, "expected UTF-8 text");
   return text;
 }
 

@@ -3,9 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/manifest/json_manifest.hpp"
-#include "ostrel/store/proto_schema_store.hpp"
+#include "store/proto_schema_store.hpp"
 
 namespace ostrel {
 namespace {
@@ -93,14 +91,7 @@ MessageManifest messageManifestOf(const MessageSchemaDescribing& schema) {
 
 EnumManifest enumManifestOf(const EnumSchemaDescribing& schema) {
   EnumManifest manifest;
-  // The interface names each number once; the library's own schema also knows the aliases.
-  if (const auto* own = dynamic_cast<const ProtoEnumSchema*>(&schema)) {
-    manifest.values = own->allValues();
-  } else {
-    for (const int64_t number : schema.valueSet()) {
-      manifest.values.emplace(schema.valueNameFor(number), number);
-    }
-  }
+  manifest.values = schema.allValues();
   manifest.options = rawOptions(schema.options());
   manifest.valueOptions = rawValueOptions(schema.valueOptions());
   return manifest;
@@ -139,14 +130,20 @@ SchemaManifest fullManifest(const SchemaStore& store) {
 }
 
 SchemaManifest manifestEngagementsOnly(const SchemaStore& store) {
-  const auto* own = dynamic_cast<const ProtoSchemaStore*>(store.impl().get());
-  if (!own) throw SchematizerError::internalError("Unsupported manifestEngagementsOnly");
+  return store.impl()->engagedManifest();
+}
+
+SchemaManifest SchemaStoreDescribing::engagedManifest() const {
+  throw SchematizerError::internalError("Unsupported manifestEngagementsOnly");
+}
+
+SchemaManifest ProtoSchemaStore::engagedManifest() const {
   SchemaManifest manifest;
-  for (const auto& [name, slot] : own->messageSchemas()) {
+  for (const auto& [name, slot] : messageSchemas()) {
     if (const auto* schema = std::get_if<1>(&slot))
       manifest.messages.emplace(name, (*schema)->manifest());
   }
-  for (const auto& [name, slot] : own->enumSchemas()) {
+  for (const auto& [name, slot] : enumSchemas()) {
     if (const auto* schema = std::get_if<1>(&slot)) {
       manifest.enums.emplace(
           name, EnumManifest{.values = (*schema)->allValues(),

@@ -1,14 +1,16 @@
 #include <google/protobuf/compiler/importer.h>
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 #ifndef OSTREL_PROTOBUF_INCLUDE_DIR
 #define OSTREL_PROTOBUF_INCLUDE_DIR "/usr/include"
@@ -18,6 +20,33 @@ namespace ostrel {
 namespace {
 
 namespace pb = google::protobuf;
+
+// One file held in memory, and libprotobuf's own google/protobuf/*.proto files for its imports:
+// text handed over by a caller (an SQL function argument, say) must not reach any other file of
+// the machine.
+class TextSourceTree final : public pb::compiler::SourceTree {
+ public:
+  TextSourceTree(std::string name, std::string_view text) : name_(std::move(name)), text_(text) {
+    protobufFiles_.MapPath("google/protobuf", OSTREL_PROTOBUF_INCLUDE_DIR "/google/protobuf");
+  }
+
+  pb::io::ZeroCopyInputStream* Open(const std::string& filename) override {
+    if (filename == name_) {
+      return new pb::io::ArrayInputStream(text_.data(), static_cast<int>(text_.size()));
+    }
+    if (filename.rfind("google/protobuf/", 0) == 0 && filename.find("..") == std::string::npos) {
+      return protobufFiles_.Open(filename);
+    }
+    return nullptr;
+  }
+
+  std::string GetLastErrorMessage() override { return "File not found."; }
+
+ private:
+  std::string name_;
+  std::string_view text_;
+  pb::compiler::DiskSourceTree protobufFiles_;
+};
 
 // Keeps the first error, in the "file:line:column: message" form compilers print; the parser's
 // later errors are mostly consequences of the first.
@@ -55,7 +84,8 @@ void collect(const pb::FileDescriptor* file, std::set<const pb::FileDescriptor*>
 }  // namespace
 
 SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& files,
-                                            const std::vector<std::string>& includePaths) {
+                                            const std::vector<std::string>& includePaths,
+                                            const DescriptorImportOptions& options) {
   pb::compiler::DiskSourceTree sourceTree;
   for (const std::string& path : includePaths) sourceTree.MapPath("", path);
   // Mapped last, so that an include path of the caller's providing them wins.
@@ -83,6 +113,23 @@ SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& file
   }
   // Read back through the serialized form, so that these files give exactly what their
   // descriptor set compiled by protoc gives.
+  const std::string bytes = set.SerializeAsString();
+  return schemaManifestFromDescriptorSet(asBytes(bytes), options);
+}
+
+SchemaManifest schemaManifestFromProtoText(std::string_view text, std::string_view fileName) {
+  // ArrayInputStream takes an int size.
+  if (text.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
+    throw SchemaManifestJSONError::invalidValueType(std::string(fileName) + ": File too large");
+  }
+  TextSourceTree sourceTree{std::string(fileName), text};
+  FirstErrorCollector errors;
+  pb::compiler::Importer importer(&sourceTree, &errors);
+  const pb::FileDescriptor* descriptor = importer.Import(std::string(fileName));
+  if (!descriptor) errors.fail(std::string(fileName));
+  std::set<const pb::FileDescriptor*> seen;
+  pb::FileDescriptorSet set;
+  collect(descriptor, seen, set);
   const std::string bytes = set.SerializeAsString();
   return schemaManifestFromDescriptorSet(asBytes(bytes));
 }

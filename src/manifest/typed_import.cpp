@@ -4,8 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include "core/fatal.hpp"
 #include "manifest/descriptor_import.hpp"
-#include "ostrel/core/fatal.hpp"
+#include "manifest/manifest_check.hpp"
 
 namespace ostrel {
 namespace {
@@ -27,8 +28,15 @@ Bytes serialized(const Options& options) {
 // that replacements and merges come out as in the import of the serialized set.
 class TypedDescriptorReader {
  public:
+  explicit TypedDescriptorReader(const DescriptorImportOptions& options) : groups_(options) {}
+
   SchemaManifest read(const pb::FileDescriptorSet& set) {
     for (const pb::FileDescriptorProto& file : set.file()) readFile(file);
+    // Checked once the whole set is read: extensions add fields to messages of other files.
+    if (const auto fault = detail::fieldNumberFault(manifest_)) {
+      throw SchemaManifestJSONError::invalidValueType(
+          detail::faultText(fault->first, fault->second));
+    }
     return std::move(manifest_);
   }
 
@@ -37,21 +45,25 @@ class TypedDescriptorReader {
     const NamePath path = detail::splitName(file.package());
     for (const pb::DescriptorProto& message : file.message_type()) readMessage(path, message);
     for (const pb::EnumDescriptorProto& enumType : file.enum_type()) readEnum(path, enumType);
-    for (const pb::FieldDescriptorProto& extension : file.extension()) readExtension(extension);
+    for (const pb::FieldDescriptorProto& extension : file.extension()) {
+      readExtension(path, extension);
+    }
   }
 
   void readMessage(const NamePath& path, const pb::DescriptorProto& descriptor) {
     MessageManifest message;
-    for (const pb::FieldDescriptorProto& field : descriptor.field()) {
-      readField(field, message.fields);
-    }
     const NamePath inner = detail::nestedPath(path, descriptor.name());
+    for (const pb::FieldDescriptorProto& field : descriptor.field()) {
+      if (auto read = readField(inner, field)) {
+        message.fields.insert_or_assign(std::move(read->first), std::move(read->second));
+      }
+    }
     for (const pb::DescriptorProto& nested : descriptor.nested_type()) readMessage(inner, nested);
     for (const pb::EnumDescriptorProto& enumType : descriptor.enum_type()) {
       readEnum(inner, enumType);
     }
     for (const pb::FieldDescriptorProto& extension : descriptor.extension()) {
-      readExtension(extension);
+      readExtension(inner, extension);
     }
     if (descriptor.has_options()) message.options = serialized(descriptor.options());
     for (const pb::OneofDescriptorProto& oneof : descriptor.oneof_decl()) {
@@ -61,7 +73,11 @@ class TypedDescriptorReader {
       message.oneofs.push_back(std::move(oneofManifest));
     }
     if (descriptor.name().empty()) invalidValue("Fields descriptor is incomplete");
-    detail::addMessage(manifest_, detail::fullName(path, descriptor.name()), std::move(message));
+    std::string full = detail::fullName(path, descriptor.name());
+    if (const std::optional<detail::MessageFault> fault = detail::messageFault(message)) {
+      throw SchemaManifestJSONError::invalidValueType(detail::faultText(full, *fault));
+    }
+    detail::addMessage(manifest_, full, std::move(message));
   }
 
   void readEnum(const NamePath& path, const pb::EnumDescriptorProto& descriptor) {
@@ -76,18 +92,30 @@ class TypedDescriptorReader {
     }
     if (descriptor.has_options()) enumManifest.options = serialized(descriptor.options());
     if (!descriptor.has_name()) invalidValue("Enum descriptor is incomplete");
+    if (auto text =
+            detail::repeatedEnumValueText(detail::fullName(path, descriptor.name()), values)) {
+      throw SchemaManifestJSONError::invalidValueType(std::move(*text));
+    }
     enumManifest.values = detail::uniqueEnumValues(std::move(values));
     manifest_.enums.insert_or_assign(detail::fullName(path, descriptor.name()),
                                      std::move(enumManifest));
   }
 
-  static void readField(const pb::FieldDescriptorProto& descriptor,
-                        std::map<std::string, FieldManifest, std::less<>>& fields) {
+  // The field's name and record; nothing for a group field left out. `scope` is the path of the
+  // message (or, for an extension, of the scope) the field is declared in.
+  std::optional<std::pair<std::string, FieldManifest>> readField(
+      const NamePath& scope, const pb::FieldDescriptorProto& descriptor) {
     std::optional<TypeManifest> type;
     if (descriptor.has_type()) {
       const detail::DescriptorType* row = detail::descriptorTypeWithNumber(descriptor.type());
       if (!row) detail::fatal("Field type number out of range");
-      if (!row->manifestType) invalidValue("Group is deprecated");
+      if (!row->manifestType) {
+        if (!groups_.skipped()) invalidValue("Group is deprecated");
+        if (descriptor.has_name() && descriptor.has_number()) {
+          groups_.leaveOut(detail::fullName(scope, descriptor.name()));
+          return std::nullopt;
+        }
+      }
       type = row->manifestType;
     }
     if (!type || !descriptor.has_name() || !descriptor.has_number()) {
@@ -101,22 +129,32 @@ class TypedDescriptorReader {
     }
     if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
-    fields.insert_or_assign(descriptor.name(), std::move(field));
+    return std::pair(descriptor.name(), std::move(field));
   }
 
-  void readExtension(const pb::FieldDescriptorProto& descriptor) {
+  void readExtension(const NamePath& scope, const pb::FieldDescriptorProto& descriptor) {
     const std::string target = detail::normalizedTypeName(descriptor.extendee());
     if (target.empty()) invalidValue("Invalid extendee");
-    readField(descriptor, detail::extendeeEntry(manifest_, target).fields);
+    auto field = readField(scope, descriptor);
+    if (!field) {
+      // A group extension left out still names its extendee, as a present one would.
+      detail::extendeeEntry(manifest_, target);
+      return;
+    }
+    extensions_.add(manifest_, target, detail::fullName(scope, field->first), field->first,
+                    std::move(field->second));
   }
 
   SchemaManifest manifest_;
+  detail::ExtensionFields extensions_;
+  detail::GroupFields groups_;
 };
 
 }  // namespace
 
-SchemaManifest schemaManifestFromDescriptorSet(const google::protobuf::FileDescriptorSet& set) {
-  return TypedDescriptorReader().read(set);
+SchemaManifest schemaManifestFromDescriptorSet(const google::protobuf::FileDescriptorSet& set,
+                                               const DescriptorImportOptions& options) {
+  return TypedDescriptorReader(options).read(set);
 }
 
 }  // namespace ostrel

@@ -1,5 +1,3 @@
-#include "ostrel/output/json_encoding.hpp"
-
 #include <charconv>
 #include <cmath>
 #include <deque>
@@ -7,12 +5,18 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "ostrel/core/base64.hpp"
+#include "core/json_document.hpp"
+#include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/output/json.hpp"
+#include "output/field_type_table.hpp"
 #include "output/map_entry.hpp"
+#include "output/well_known.hpp"
 
 namespace ostrel {
 namespace {
@@ -21,9 +25,13 @@ namespace {
 // a rendering of the result matches the text it came from.
 using Json = nlohmann::ordered_json;
 using Case = TypeSchemaDescription::Case;
+using detail::WellKnown;
 
 // The outermost message counts as the first.
 constexpr int kMaxMessageDepth = 100;
+// A message adds at most two levels of JSON (its object, and the array or map object it stands
+// in); deeper text could never encode, so the parse refuses it before building it.
+constexpr size_t kMaxDocumentDepth = 2 * kMaxMessageDepth + 1;
 
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
 // text only for an error, so that the common case spends nothing on paths.
@@ -58,7 +66,7 @@ struct Path {
           out += '[' + std::to_string(p.index) + ']';
           break;
         case Kind::key:
-          out += '[' + Json(p.name).dump() + ']';
+          out += '[' + detail::jsonString(p.name) + ']';
           break;
       }
     }
@@ -169,44 +177,63 @@ float floatNumber(const Json& value, const Path& path) {
   return static_cast<float>(number);
 }
 
+// `value` as an integer of the value case `valueCase` (int32, uint32, int64 or uint64), for a field
+// of the type named `typeName`.
+detail::AnyValueImpl integerValue(detail::AnyValueImpl::Case valueCase, const Json& value,
+                                  const Path& path, std::string_view typeName) {
+  using Value = detail::AnyValueImpl::Case;
+  switch (valueCase) {
+    case Value::int32:
+      return detail::AnyValueImpl::int32(integer<int32_t>(value, path, typeName));
+    case Value::uint32:
+      return detail::AnyValueImpl::uint32(integer<uint32_t>(value, path, typeName));
+    case Value::int64:
+      return detail::AnyValueImpl::int64(integer<int64_t>(value, path, typeName));
+    case Value::uint64:
+      return detail::AnyValueImpl::uint64(integer<uint64_t>(value, path, typeName));
+    default:
+      throw SchematizerError::internalError("JSON encoding of " + std::string(typeName));
+  }
+}
+
 class Encoder {
  public:
+  // `object` as a message of `schema`; the member "@type" is passed over when `inAny` (the object
+  // is the content of an Any).
   SchematizedData message(const MessageSchemaDescribing& schema, const Json& object,
-                          const Path& path, int depth) {
+                          const Path& path, int depth, bool inAny = false) {
     if (!object.is_object()) expected(path, "an object");
     // Values written by buildData borrow these: the nested messages and the decoded bytes.
     Buffers buffers;
     std::map<std::string_view, FieldValues> values;
     for (const auto& [name, member] : object.items()) {
-      const std::shared_ptr<FieldSchemaDescribing>& field = schema.fieldNamed(name);
-      if (member.is_null()) continue;
+      if (inAny && name == "@type") continue;
+      const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(schema, name);
       const Path memberPath = path.member(field->name());
-      const TypeSchemaDescription& type = field->type();
-      FieldValues fieldValues;
-      if (!field->isRepeated()) {
-        fieldValues.push_back(value(type, member, memberPath, depth, buffers));
-      } else if (const auto entry = type.kind() == Case::message
-                                        ? detail::mapEntryFields(*type.messageSchema())
-                                        : std::nullopt) {
-        if (!member.is_object()) expected(memberPath, "an object");
-        fieldValues.reserve(member.size());
-        for (const auto& [keyText, entryValue] : member.items()) {
-          fieldValues.push_back(mapEntry(*type.messageSchema(), *entry, keyText, entryValue,
-                                         memberPath.key(keyText), depth, buffers));
-        }
-      } else {
-        if (!member.is_array()) expected(memberPath, "an array");
-        fieldValues.reserve(member.size());
-        for (size_t i = 0; i < member.size(); ++i) {
-          fieldValues.push_back(value(type, member[i], memberPath.element(i), depth, buffers));
-        }
+      if (member.is_null()) {
+        // null leaves a field out, except where it is a value: a google.protobuf.Value or
+        // NullValue field is then set to null.
+        const TypeSchemaDescription& type = field->type();
+        const bool isValue = type.kind() == Case::message &&
+                             detail::wellKnownKind(*type.messageSchema()) == WellKnown::value;
+        if (field->isRepeated() || (!isValue && !detail::isNullValue(type))) continue;
       }
-      values.emplace(field->name(), std::move(fieldValues));
+      if (!values.emplace(field->name(), fieldValues(*field, member, memberPath, depth, buffers))
+               .second) {
+        expected(memberPath, "the field once, under one of its names");
+      }
     }
     return schema.buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
       const auto it = values.find(field->name());
       return it == values.end() ? FieldValues{} : std::move(it->second);
     });
+  }
+
+  // The top-level message: a well-known type in its JSON form, any other as an object.
+  SchematizedData document(const MessageSchemaDescribing& schema, const Json& json) {
+    const WellKnown kind = detail::wellKnownKind(schema);
+    if (kind != WellKnown::none) return wellKnown(schema, kind, json, Path{}, 1);
+    return message(schema, json, Path{}, 1);
   }
 
  private:
@@ -216,78 +243,224 @@ class Encoder {
     std::deque<Bytes> bytes;
   };
 
-  AnyValueImpl value(const TypeSchemaDescription& type, const Json& json, const Path& path,
-                     int depth, Buffers& buffers) {
+  // The values of `field` that `member` gives: one, or for a repeated field its elements, or for a
+  // map field its entries.
+  FieldValues fieldValues(const FieldSchemaDescribing& field, const Json& member,
+                          const Path& memberPath, int depth, Buffers& buffers) {
+    const TypeSchemaDescription& type = field.type();
+    FieldValues values;
+    if (!field.isRepeated()) {
+      values.push_back(value(type, member, memberPath, depth, buffers));
+    } else if (const auto entry = type.kind() == Case::message
+                                      ? detail::mapEntryFields(*type.messageSchema())
+                                      : std::nullopt) {
+      if (!member.is_object()) expected(memberPath, "an object");
+      values.reserve(member.size());
+      for (const auto& [keyText, entryValue] : member.items()) {
+        values.push_back(mapEntry(*type.messageSchema(), *entry, keyText, entryValue,
+                                  memberPath.key(keyText), depth, buffers));
+      }
+    } else {
+      if (!member.is_array()) expected(memberPath, "an array");
+      values.reserve(member.size());
+      for (size_t i = 0; i < member.size(); ++i) {
+        values.push_back(value(type, member[i], memberPath.element(i), depth, buffers));
+      }
+    }
+    return values;
+  }
+
+  // The field a member names: by its declared name or its JSON name (lowerCamelCase). Any other
+  // name fails with the schema's own error.
+  const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(const MessageSchemaDescribing& schema,
+                                                           const std::string& name) {
+    auto [it, added] = names_.try_emplace(&schema);
+    auto& names = it->second;
+    if (added) {
+      const auto& fields = schema.fieldsByNumber();
+      // Declared names first, so that they win over a JSON name that happens to be the same.
+      for (const auto& [number, field] : fields) names.emplace(field->name(), &field);
+      for (const auto& [number, field] : fields) {
+        names.emplace(detail::jsonName(field->name()), &field);
+      }
+    }
+    if (const auto found = names.find(name); found != names.end()) return *found->second;
+    return schema.fieldNamed(name);
+  }
+
+  // A message with the given values of its fields, by number.
+  static SchematizedData build(const MessageSchemaDescribing& schema,
+                               std::map<int64_t, FieldValues> byNumber) {
+    return schema.buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
+      const auto it = byNumber.find(field->fieldNumber());
+      return it == byNumber.end() ? FieldValues{} : std::move(it->second);
+    });
+  }
+
+  // A well-known type's message from its JSON form.
+  SchematizedData wellKnown(const MessageSchemaDescribing& schema, WellKnown kind, const Json& json,
+                            const Path& path, int depth) {
+    Buffers buffers;
+    const auto field = [&](int64_t number) -> const FieldSchemaDescribing& {
+      return *schema.fieldWithNumber(number);
+    };
+    switch (kind) {
+      case WellKnown::timestamp:
+      case WellKnown::duration: {
+        std::optional<detail::SecondsAndNanos> time;
+        if (json.is_string()) {
+          const auto& text = json.get_ref<const std::string&>();
+          time = kind == WellKnown::timestamp ? detail::parseTimestamp(text)
+                                              : detail::parseDuration(text);
+        }
+        if (!time) {
+          expected(path, kind == WellKnown::timestamp
+                             ? "an RFC 3339 timestamp of years 1 to 9999"
+                             : "a duration such as \"-1.5s\" within 315576000000 seconds");
+        }
+        std::map<int64_t, FieldValues> values;
+        if (time->seconds != 0) values[1] = {detail::AnyValueImpl::int64(time->seconds)};
+        if (time->nanos != 0) values[2] = {detail::AnyValueImpl::int32(time->nanos)};
+        return build(schema, std::move(values));
+      }
+      case WellKnown::wrapper:
+        return build(schema, {{1, {value(field(1).type(), json, path, depth, buffers)}}});
+      case WellKnown::fieldMask: {
+        if (!json.is_string()) expected(path, "a string of paths");
+        FieldValues paths;
+        const std::string_view text = json.get_ref<const std::string&>();
+        for (size_t start = 0; !text.empty() && start <= text.size();) {
+          const size_t comma = std::min(text.find(',', start), text.size());
+          const std::optional<std::string> path_ =
+              detail::fieldMaskPathFromJson(text.substr(start, comma - start));
+          if (!path_) expected(path, "paths in lowerCamelCase");
+          paths.push_back(detail::AnyValueImpl::string(*path_));
+          start = comma + 1;
+        }
+        return build(schema, {{1, std::move(paths)}});
+      }
+      case WellKnown::structType:
+        if (!json.is_object()) expected(path, "an object");
+        return build(schema, {{1, fieldValues(field(1), json, path, depth, buffers)}});
+      case WellKnown::listValue:
+        if (!json.is_array()) expected(path, "an array");
+        return build(schema, {{1, fieldValues(field(1), json, path, depth, buffers)}});
+      case WellKnown::value: {
+        int64_t number = 0;
+        if (json.is_null()) {
+          number = 1;
+        } else if (json.is_number()) {
+          number = 2;
+        } else if (json.is_string()) {
+          number = 3;
+        } else if (json.is_boolean()) {
+          number = 4;
+        } else if (json.is_object()) {
+          number = 5;
+        } else {
+          number = 6;
+        }
+        const TypeSchemaDescription& type = field(number).type();
+        return build(schema, {{number,
+                               {number == 1 ? detail::AnyValueImpl::int32(0)
+                                            : value(type, json, path, depth, buffers)}}});
+      }
+      case WellKnown::any: {
+        if (!json.is_object()) expected(path, "an object");
+        if (json.empty()) return build(schema, {});
+        const auto typeMember = json.find("@type");
+        if (typeMember == json.end() || !typeMember->is_string()) {
+          expected(path, "an object with a member \"@type\"");
+        }
+        const std::string& typeUrl = typeMember->get_ref<const std::string&>();
+        const std::shared_ptr<MessageSchemaDescribing> packed = detail::anyType(schema, typeUrl);
+        if (depth >= kMaxMessageDepth) {
+          throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+        }
+        const WellKnown packedKind = detail::wellKnownKind(*packed);
+        const auto encodeContent = [&]() -> SchematizedData {
+          if (packedKind == WellKnown::none) return message(*packed, json, path, depth + 1, true);
+          for (const auto& [name, member] : json.items()) {
+            if (name != "@type" && name != "value") {
+              expected(path.member(name), "no member beside \"@type\" and \"value\"");
+            }
+          }
+          const auto valueMember = json.find("value");
+          // "@type" alone is the empty message.
+          if (valueMember == json.end()) return build(*packed, {});
+          return wellKnown(*packed, packedKind, *valueMember, path.member("value"), depth + 1);
+        };
+        const SchematizedData content = encodeContent();
+        const Bytes& bytes = buffers.bytes.emplace_back(toBytes(content.bytes()));
+        return build(schema, {{1, {detail::AnyValueImpl::string(typeUrl)}},
+                              {2, {detail::AnyValueImpl::bytes(bytes)}}});
+      }
+      case WellKnown::none:
+        break;
+    }
+    return message(schema, json, path, depth);
+  }
+
+  detail::AnyValueImpl value(const TypeSchemaDescription& type, const Json& json, const Path& path,
+                             int depth, Buffers& buffers) {
     switch (type.kind()) {
-      case Case::int32:
-        return AnyValueImpl::int32(integer<int32_t>(json, path, "int32"));
-      case Case::sint32:
-        return AnyValueImpl::int32(integer<int32_t>(json, path, "sint32"));
-      case Case::sfixed32:
-        return AnyValueImpl::int32(integer<int32_t>(json, path, "sfixed32"));
-      case Case::uint32:
-        return AnyValueImpl::uint32(integer<uint32_t>(json, path, "uint32"));
-      case Case::fixed32:
-        return AnyValueImpl::uint32(integer<uint32_t>(json, path, "fixed32"));
-      case Case::int64:
-        return AnyValueImpl::int64(integer<int64_t>(json, path, "int64"));
-      case Case::sint64:
-        return AnyValueImpl::int64(integer<int64_t>(json, path, "sint64"));
-      case Case::sfixed64:
-        return AnyValueImpl::int64(integer<int64_t>(json, path, "sfixed64"));
-      case Case::uint64:
-        return AnyValueImpl::uint64(integer<uint64_t>(json, path, "uint64"));
-      case Case::fixed64:
-        return AnyValueImpl::uint64(integer<uint64_t>(json, path, "fixed64"));
       case Case::float_:
-        return AnyValueImpl::float_(floatNumber(json, path));
+        return detail::AnyValueImpl::float_(floatNumber(json, path));
       case Case::double_:
-        return AnyValueImpl::double_(realNumber(json, path, "double"));
+        return detail::AnyValueImpl::double_(realNumber(json, path, "double"));
       case Case::bool_:
         if (!json.is_boolean()) expected(path, "a boolean");
-        return AnyValueImpl::bool_(json.get<bool>());
+        return detail::AnyValueImpl::bool_(json.get<bool>());
       case Case::string:
         if (!json.is_string()) expected(path, "a string");
-        return AnyValueImpl::string(json.get<std::string>());
+        return detail::AnyValueImpl::string(json.get<std::string>());
       case Case::bytes: {
         std::optional<Bytes> decoded;
         if (json.is_string()) decoded = base64Decode(json.get_ref<const std::string&>());
         if (!decoded) expected(path, "a base64 string");
-        return AnyValueImpl::bytes(buffers.bytes.emplace_back(std::move(*decoded)));
+        return detail::AnyValueImpl::bytes(buffers.bytes.emplace_back(std::move(*decoded)));
       }
       case Case::enum_:
+        if (json.is_null() && detail::isNullValue(type)) return detail::AnyValueImpl::int32(0);
         // Written as an int32 value, which an enum field takes as it is: negative numbers too.
         if (json.is_string()) {
           const auto& text = json.get_ref<const std::string&>();
           bool outOfRange = false;
           if (const auto number = parseInteger<int32_t>(text, outOfRange)) {
-            return AnyValueImpl::int32(*number);
+            return detail::AnyValueImpl::int32(*number);
           }
           if (outOfRange) expected(path, "an integer in the range of int32");
           const int64_t number = type.enumSchema()->valueNamed(text);
           if (!std::in_range<int32_t>(number)) expected(path, "an integer in the range of int32");
-          return AnyValueImpl::int32(static_cast<int32_t>(number));
+          return detail::AnyValueImpl::int32(static_cast<int32_t>(number));
         }
         if (!json.is_number()) expected(path, "an enum name or number");
-        return AnyValueImpl::int32(integer<int32_t>(json, path, "int32"));
+        return detail::AnyValueImpl::int32(integer<int32_t>(json, path, "int32"));
       case Case::message: {
         if (depth >= kMaxMessageDepth) {
           throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
         }
-        const SchematizedData& nested =
-            buffers.messages.emplace_back(message(*type.messageSchema(), json, path, depth + 1));
-        return AnyValueImpl::message(nested.unsafe());
+        const MessageSchemaDescribing& schema = *type.messageSchema();
+        const WellKnown kind = detail::wellKnownKind(schema);
+        const SchematizedData& nested = buffers.messages.emplace_back(
+            kind == WellKnown::none ? message(schema, json, path, depth + 1)
+                                    : wellKnown(schema, kind, json, path, depth + 1));
+        return detail::AnyValueImpl::message(nested.unsafe());
       }
+      default:
+        return integerValue(detail::fieldTypeRow(type.kind()).valueCase, json, path,
+                            caseName(type.kind()));
     }
     throw SchematizerError::internalError("JSON encoding of " + type.describe());
   }
 
   // One entry of a map field, key and value both written.
-  AnyValueImpl mapEntry(const MessageSchemaDescribing& entrySchema,
-                        const detail::MapEntryFields& fields, const std::string& keyText,
-                        const Json& json, const Path& path, int depth, Buffers& buffers) {
-    const AnyValueImpl key = mapKey(fields.key->type(), keyText, path);
-    const AnyValueImpl value = this->value(fields.value->type(), json, path, depth, buffers);
+  detail::AnyValueImpl mapEntry(const MessageSchemaDescribing& entrySchema,
+                                const detail::MapEntryFields& fields, const std::string& keyText,
+                                const Json& json, const Path& path, int depth, Buffers& buffers) {
+    const detail::AnyValueImpl key = mapKey(fields.key->type(), keyText, path);
+    const detail::AnyValueImpl value =
+        this->value(fields.value->type(), json, path, depth, buffers);
     const FieldSchemaDescribing* const keyField = fields.key;
     const FieldSchemaDescribing* const valueField = fields.value;
     const SchematizedData& entry = buffers.messages.emplace_back(
@@ -296,17 +469,23 @@ class Encoder {
           if (field.get() == valueField) return FieldValues{value};
           return FieldValues{};
         }));
-    return AnyValueImpl::message(entry.unsafe());
+    return detail::AnyValueImpl::message(entry.unsafe());
   }
 
-  AnyValueImpl mapKey(const TypeSchemaDescription& type, const std::string& text,
-                      const Path& path) {
+  // Each message schema's fields by declared and JSON name, built on first use.
+  std::unordered_map<
+      const MessageSchemaDescribing*,
+      std::map<std::string, const std::shared_ptr<FieldSchemaDescribing>*, std::less<>>>
+      names_;
+
+  detail::AnyValueImpl mapKey(const TypeSchemaDescription& type, const std::string& text,
+                              const Path& path) {
     switch (type.kind()) {
       case Case::string:
-        return AnyValueImpl::string(text);
+        return detail::AnyValueImpl::string(text);
       case Case::bool_:
-        if (text == "true") return AnyValueImpl::bool_(true);
-        if (text == "false") return AnyValueImpl::bool_(false);
+        if (text == "true") return detail::AnyValueImpl::bool_(true);
+        if (text == "false") return detail::AnyValueImpl::bool_(false);
         expected(path, "a key of type bool");
       default: {
         // The member name as a JSON string, so that integer() reads it as a decimal string.
@@ -317,16 +496,43 @@ class Encoder {
   }
 };
 
+// Where a refused parse stopped, in the form of Path::text: the members of the open objects and
+// the positions in the open arrays; the innermost object's member only when `withLastKey`.
+std::string refusalPath(const std::vector<detail::JsonFrame>& frames, bool withLastKey) {
+  std::string out = "$";
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!frames[i].isObject) {
+      out += '[' + std::to_string(frames[i].position) + ']';
+    } else if (i + 1 < frames.size() || withLastKey) {
+      out += '.';
+      out += frames[i].key;
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json) {
   Json document;
+  std::optional<detail::JsonRefusal> refusal;
   try {
-    document = Json::parse(json);
+    refusal = detail::parseJsonDocument(json, kMaxDocumentDepth, document);
   } catch (const Json::exception& error) {
     throw SchematizerError::unexpectedType(std::string("invalid JSON: ") + error.what());
   }
-  return Encoder().message(schema, document, Path{}, 1);
+  if (refusal) {
+    if (refusal->kind == detail::JsonRefusal::Kind::repeatedMember) {
+      // Which of two values was meant cannot be told; taking either would lose data silently.
+      throw SchematizerError::unexpectedType(refusalPath(refusal->frames, false) +
+                                             ": duplicate key " +
+                                             detail::jsonString(refusal->frames.back().key));
+    }
+    throw SchematizerError::unexpectedType(refusalPath(refusal->frames, true) +
+                                           ": nesting deeper than " +
+                                           std::to_string(kMaxDocumentDepth) + " levels");
+  }
+  return Encoder().document(schema, document);
 }
 
 SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json) {

@@ -1,28 +1,37 @@
-#include "ostrel/output/json_rendering.hpp"
-
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
-#include "ostrel/core/base64.hpp"
+#include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/logging.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/output/json.hpp"
 #include "ostrel/wire/reader.hpp"
-#include "ostrel/wire/value_decoding.hpp"
+#include "output/field_type_table.hpp"
 #include "output/map_entry.hpp"
+#include "output/well_known.hpp"
+#include "wire/scalar_decoding.hpp"
+#include "wire/value_decoding.hpp"
 
 namespace ostrel {
 namespace {
 
 using Case = TypeSchemaDescription::Case;
+using detail::WellKnown;
 using FieldsByNumber = std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>;
 
+// How much text a streaming rendering gathers before handing it to the sink.
+constexpr size_t kFlushSize = size_t{1} << 16;
 // The outermost message counts as the first.
 constexpr int kMaxMessageDepth = 100;
 // Where a break in a message's field structure is reported when no known field was being read.
@@ -46,75 +55,77 @@ struct ScanFault {
   std::string text;
 };
 
-bool isPackable(Case kind) noexcept {
-  return kind != Case::message && kind != Case::string && kind != Case::bytes;
-}
+bool isPackable(Case kind) noexcept { return detail::fieldTypeRow(kind).packable; }
 
-// Characters a JSON string cannot hold as they are: controls, quote and backslash.
-constexpr std::array<bool, 128> kNeedsEscape = [] {
-  std::array<bool, 128> table{};
-  for (int c = 0; c < 0x20; ++c) table[static_cast<size_t>(c)] = true;
-  table['"'] = true;
-  table['\\'] = true;
-  return table;
-}();
-
-// Whether none of the eight bytes at `p` needs attention when quoting: no control character, quote,
-// backslash or non-ASCII byte. Tests the eight at once in one 64-bit word.
-inline bool isPlainAscii(const unsigned char* p) noexcept {
-  constexpr uint64_t kOnes = 0x0101010101010101u;
-  constexpr uint64_t kHighBits = 0x8080808080808080u;
-  uint64_t word;
-  std::memcpy(&word, p, sizeof word);
-  // A byte b of x is below n (n <= 128) when (b - n) borrows into its high bit while b's own high
-  // bit is clear; the borrow chain cannot create a false hit when no byte is below n.
-  const auto hasByteBelow = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHighBits; };
-  const uint64_t special = hasByteBelow(word, 0x20) | hasByteBelow(word ^ (kOnes * '"'), 1) |
-                           hasByteBelow(word ^ (kOnes * '\\'), 1) | (word & kHighBits);
-  return special == 0;
-}
-
-// The length of the well-formed UTF-8 sequence at `p` (whose first byte is not ASCII), or 0 when
-// it is not one: no overlong forms, no surrogates, nothing above U+10FFFF.
-size_t utf8SequenceLength(const unsigned char* p, const unsigned char* end) noexcept {
-  const unsigned char lead = p[0];
-  const auto left = end - p;
-  const auto continuation = [&](int i) { return (p[i] & 0xC0) == 0x80; };
-  if (lead >= 0xC2 && lead <= 0xDF) return left >= 2 && continuation(1) ? 2 : 0;
-  if (lead >= 0xE0 && lead <= 0xEF) {
-    if (left < 3) return 0;
-    const unsigned char low = lead == 0xE0 ? 0xA0 : 0x80;
-    const unsigned char high = lead == 0xED ? 0x9F : 0xBF;
-    return p[1] >= low && p[1] <= high && continuation(2) ? 3 : 0;
-  }
-  if (lead >= 0xF0 && lead <= 0xF4) {
-    if (left < 4) return 0;
-    const unsigned char low = lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned char high = lead == 0xF4 ? 0x8F : 0xBF;
-    return p[1] >= low && p[1] <= high && continuation(2) && continuation(3) ? 4 : 0;
-  }
-  return 0;
-}
-
-// Streams JSON text into one string in a single pass over each message: the message's fields are
-// gathered in one scan (their positions only), then emitted in field-number order, decoding each
-// value straight into the output. No JSON document is built.
+// Streams JSON text in a single pass over each message: the message's fields are gathered in one
+// scan (their positions only), then emitted in field-number order, decoding each value straight
+// into the output. No JSON document is built.
+//
+// The text goes into a buffer that a sink, when there is one, takes whenever it has grown past
+// kFlushSize at the start of a member or element. A field that fails is withdrawn from the buffer
+// and replaced by its error; so that this never reaches text already handed on, everything that
+// can fail in the middle of a repeated field or a map is checked before its first element when
+// streaming, and the values of the well-known types whose contents can fail deep inside (Struct,
+// Value, ListValue, and arrays and maps of well-known types) are held until they end.
 class Renderer {
  public:
-  Renderer(std::string& out, JsonStyle style)
-      : out_(out), indented_(style == JsonStyle::indented) {}
+  Renderer(std::string& out, const JsonOptions& options, const JsonSink* sink = nullptr)
+      : out_(out),
+        options_(options),
+        indented_(options.style == JsonStyle::indented),
+        sink_(sink) {}
 
-  // The message at `depth` (the outermost is 1) as an object whose members start at `level`.
-  void message(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
+  // The message at `depth` (the outermost is 1) as its JSON value, members starting at `level`.
+  void topLevel(const MessageSchemaDescribing& schema, ByteView bytes) {
+    if (detail::wellKnownKind(schema) == WellKnown::none) {
+      message(schema, bytes, 1, 0);
+    } else {
+      messageValue(schema, bytes, 1, 0);
+    }
+  }
+
+  // Any value, as a field of its kind renders it.
+  void anyValue(const detail::AnyValueImpl& value) {
+    if (value.kind() == detail::AnyValueImpl::Case::bytes) {
+      out_.push_back('"');
+      appendBase64(value.bytesValue().view(), out_);
+      out_.push_back('"');
+    } else if (value.kind() == detail::AnyValueImpl::Case::message) {
+      const UnsafeSchematizedData& data = value.messageValue();
+      topLevel(*data.messageSchema(), data.bytes());
+    } else {
+      scalar(value);
+    }
+  }
+
+  // Hands what is left to the sink.
+  void finish() {
+    if (sink_ && !out_.empty()) (*sink_)(out_);
+    out_.clear();
+  }
+
+ private:
+  // Pops the occurrences gathered above `size` on the way out, also when an error unwinds.
+  struct Pop {
+    std::vector<Occurrence>& occurrences;
+    size_t size;
+    ~Pop() { occurrences.resize(size); }
+  };
+
+  // Holds the text in the buffer while alive.
+  struct Hold {
+    int& holds;
+    explicit Hold(int& counter) : holds(counter) { ++holds; }
+    ~Hold() { --holds; }
+  };
+
+  // The message as an object whose members start at `level`; `typeUrl`, when given, is written
+  // first as the member "@type" (the message is the content of an Any).
+  void message(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level,
+               std::string_view typeUrl = {}) {
     const FieldsByNumber& fields = schema.fieldsByNumber();
     const size_t first = occurrences_.size();
-    // Nested messages stack their occurrences above these; they are popped on the way out, also
-    // when an error unwinds.
-    struct Pop {
-      std::vector<Occurrence>& occurrences;
-      size_t size;
-      ~Pop() { occurrences.resize(size); }
-    } pop{occurrences_, first};
+    Pop pop{occurrences_, first};
 
     std::optional<ScanFault> fault = gather(fields, bytes);
     const auto byNumber = [](const Occurrence& a, const Occurrence& b) {
@@ -130,14 +141,32 @@ class Renderer {
 
     out_.push_back('{');
     bool any = false;
+    if (!typeUrl.empty()) {
+      separate(any, level + 1);
+      key("@type");
+      string(typeUrl);
+      any = true;
+    }
+    auto absent = fields.begin();
+    // Writes the fields without presence numbered below `limit` that the bytes do not hold.
+    const auto defaultsBelow = [&](int64_t limit) {
+      for (; absent != fields.end() && absent->first < limit; ++absent) {
+        defaultMember(*absent->second, level + 1, any);
+      }
+    };
     for (size_t begin = first; begin < occurrences_.size();) {
       const int64_t number = occurrences_[begin].fieldNumber;
       size_t end = begin + 1;
       while (end < occurrences_.size() && occurrences_[end].fieldNumber == number) ++end;
+      if (options_.printDefaults) {
+        defaultsBelow(number);
+        if (absent != fields.end() && absent->first == number) ++absent;
+      }
       const std::string* faultText = fault && fault->fieldNumber == number ? &fault->text : nullptr;
       field(bytes, begin, end, faultText, depth, level + 1, any);
       begin = end;
     }
+    if (options_.printDefaults) defaultsBelow(std::numeric_limits<int64_t>::max());
     if (fault && fault->fieldNumber == kNoField) {
       separate(any, level + 1);
       key(kUnreadableFieldName);
@@ -148,7 +177,26 @@ class Renderer {
     out_.push_back('}');
   }
 
- private:
+  // A field the bytes do not hold, with its default when it has no presence of its own.
+  void defaultMember(const FieldSchemaDescribing& field, int level, bool& any) {
+    if (field.oneofIndex()) return;
+    const TypeSchemaDescription& type = field.type();
+    if (field.isRepeated()) {
+      separate(any, level);
+      key(memberName(field));
+      const bool isMap =
+          type.kind() == Case::message && detail::mapEntryFields(*type.messageSchema());
+      out_ += isMap ? "{}" : "[]";
+    } else if (type.kind() != Case::message) {
+      separate(any, level);
+      key(memberName(field));
+      defaultValue(type);
+    } else {
+      return;
+    }
+    any = true;
+  }
+
   // Appends the occurrences of the known fields of `bytes` to occurrences_, in the order of the
   // bytes. Stops at the first break in the field structure and reports it.
   std::optional<ScanFault> gather(const FieldsByNumber& fields, ByteView bytes) {
@@ -178,10 +226,10 @@ class Renderer {
   void field(ByteView bytes, size_t begin, size_t end, const std::string* faultText, int depth,
              int level, bool& any) {
     const FieldSchemaDescribing& field = *occurrences_[begin].field;
-    const size_t memberStart = out_.size();
+    const size_t memberStart = position();
     separate(any, level);
-    key(field.name());
-    const size_t valueStart = out_.size();
+    key(memberName(field));
+    const size_t valueStart = position();
     try {
       if (faultText) {
         fieldError(field.name(), *faultText);
@@ -202,21 +250,70 @@ class Renderer {
         present = repeated(type, bytes, begin, end, depth, level);
       }
       if (!present) {
-        out_.resize(memberStart);
+        rollback(memberStart);
         return;
       }
     } catch (const Error& error) {
-      out_.resize(valueStart);
+      rollback(valueStart);
       fieldError(field.name(), error.what());
     }
     any = true;
+  }
+
+  // Whether the values of `type` can fail after their text has begun: then a field of them is held
+  // whole while streaming.
+  static bool failsInside(const TypeSchemaDescription& type) {
+    return type.kind() == Case::message &&
+           detail::wellKnownKind(*type.messageSchema()) != WellKnown::none;
+  }
+
+  // Throws what emitting occurrences_[begin, end) of a repeated field would throw after its first
+  // element: a packed run that does not end on an element boundary, an occurrence of the wrong
+  // wire type, a message type that cannot be resolved or nests too deep. Returns the number of
+  // elements.
+  size_t checkRepeated(const TypeSchemaDescription& type, ByteView bytes, size_t begin, size_t end,
+                       int depth) {
+    const ProtoWireType required = detail::kRequiredWireType[static_cast<size_t>(type.kind())];
+    size_t count = 0;
+    for (size_t i = begin; i < end; ++i) {
+      const Occurrence occurrence = occurrences_[i];
+      if (occurrence.wireType == ProtoWireType::lengthDelimited && isPackable(type.kind())) {
+        Reader reader = readerAt(bytes, occurrence.position);
+        const ByteView run = reader.readLengthDelimited();
+        const int64_t runEnd = reader.position();
+        Reader elements = reader.narrowed(runEnd - static_cast<int64_t>(run.size()), runEnd);
+        while (elements.hasMoreFields()) {
+          decodePackedElement(elements, type);
+          ++count;
+        }
+        if (elements.position() != runEnd) throw SerializationError::malformedProtobuf();
+      } else if (occurrence.wireType != required) {
+        throw SerializationError::typeMismatch(type, occurrence.wireType);
+      } else {
+        ++count;
+      }
+    }
+    if (count > 0 && type.kind() == Case::message) checkMessage(type, depth);
+    return count;
+  }
+
+  void checkMessage(const TypeSchemaDescription& type, int depth) {
+    if (depth >= kMaxMessageDepth) {
+      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+    }
+    type.messageSchema()->fieldsByNumber();
   }
 
   // Emits every element of a repeated field as an array; false, with nothing emitted, when the
   // occurrences hold no element (empty packed runs).
   bool repeated(const TypeSchemaDescription& type, ByteView bytes, size_t begin, size_t end,
                 int depth, int level) {
-    const size_t arrayStart = out_.size();
+    std::optional<Hold> hold;
+    if (sink_) {
+      if (checkRepeated(type, bytes, begin, end, depth) == 0) return false;
+      if (failsInside(type)) hold.emplace(holds_);
+    }
+    const size_t arrayStart = position();
     out_.push_back('[');
     bool any = false;
     for (size_t i = begin; i < end; ++i) {
@@ -240,7 +337,7 @@ class Renderer {
       }
     }
     if (!any) {
-      out_.resize(arrayStart);
+      rollback(arrayStart);
       return false;
     }
     newline(level);
@@ -253,6 +350,8 @@ class Renderer {
            int depth, int level) {
     const TypeSchemaDescription& keyType = entryFields.key->type();
     const TypeSchemaDescription& valueType = entryFields.value->type();
+    const ProtoWireType valueWireType =
+        detail::kRequiredWireType[static_cast<size_t>(valueType.kind())];
 
     struct Entry {
       std::string key;
@@ -280,6 +379,10 @@ class Renderer {
           entry.key = keyText(decodeValue(fields, keyType, tag.wireType()));
           hasKey = true;
         } else if (tag.fieldNumber() == 2 && !entry.valuePosition) {
+          // Checked here, before the object begins, so that no value fails halfway through it.
+          if (sink_ && tag.wireType() != valueWireType) {
+            throw SerializationError::typeMismatch(valueType, tag.wireType());
+          }
           entry.valuePosition = fields.position();
           entry.valueWireType = tag.wireType();
           fields.skipField(tag);
@@ -289,6 +392,11 @@ class Renderer {
         if (fields.position() > fields.size()) throw SerializationError::truncated();
       }
       if (!hasKey) entry.key = defaultKeyText(keyType.kind());
+    }
+    std::optional<Hold> hold;
+    if (sink_ && !entries.empty() && valueType.kind() == Case::message) {
+      checkMessage(valueType, depth);
+      if (failsInside(valueType)) hold.emplace(holds_);
     }
     // Of several entries with one key the last wins, where it stands.
     if (entries.size() > 1) {
@@ -341,48 +449,233 @@ class Renderer {
       if (depth >= kMaxMessageDepth) {
         throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
       }
-      message(*type.messageSchema(), payload, depth + 1, level);
+      messageValue(*type.messageSchema(), payload, depth + 1, level);
     }
   }
 
-  void scalar(const AnyValueImpl& value) {
+  // A message value at `depth`: a well-known type in its own JSON form, any other as an object.
+  void messageValue(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
+    switch (detail::wellKnownKind(schema)) {
+      case WellKnown::none:
+        return message(schema, bytes, depth, level);
+      case WellKnown::timestamp:
+        return string(detail::formatTimestamp(secondsAndNanos(schema, bytes)));
+      case WellKnown::duration:
+        return string(detail::formatDuration(secondsAndNanos(schema, bytes)));
+      case WellKnown::wrapper:
+        return wrapper(schema, bytes, depth, level);
+      case WellKnown::fieldMask:
+        return fieldMask(schema, bytes);
+      case WellKnown::any:
+        return anyMessage(schema, bytes, depth, level);
+      case WellKnown::structType:
+      case WellKnown::value:
+      case WellKnown::listValue: {
+        const Hold hold(holds_);
+        return structured(schema, bytes, depth, level);
+      }
+    }
+  }
+
+  // The occurrences of the fields of a well-known type's message, gathered above `first`; a break
+  // in its structure fails the whole value.
+  void gatherWhole(const MessageSchemaDescribing& schema, ByteView bytes) {
+    if (const std::optional<ScanFault> fault = gather(schema.fieldsByNumber(), bytes)) {
+      throw SchematizerError::protocolBufferError(schema.name() + ": " + fault->text);
+    }
+  }
+
+  // The first occurrence of field `number` among occurrences_[first, end).
+  const Occurrence* find(size_t first, int64_t number) const {
+    for (size_t i = first; i < occurrences_.size(); ++i) {
+      if (occurrences_[i].fieldNumber == number) return &occurrences_[i];
+    }
+    return nullptr;
+  }
+
+  std::optional<detail::AnyValueImpl> fieldValue(ByteView bytes, size_t first, int64_t number) {
+    const Occurrence* occurrence = find(first, number);
+    if (!occurrence) return std::nullopt;
+    Reader reader = readerAt(bytes, occurrence->position);
+    return decodeValue(reader, occurrence->field->type(), occurrence->wireType);
+  }
+
+  detail::SecondsAndNanos secondsAndNanos(const MessageSchemaDescribing& schema, ByteView bytes) {
+    const size_t first = occurrences_.size();
+    Pop pop{occurrences_, first};
+    gatherWhole(schema, bytes);
+    detail::SecondsAndNanos result;
+    if (const auto seconds = fieldValue(bytes, first, 1)) result.seconds = seconds->int64Value();
+    if (const auto nanos = fieldValue(bytes, first, 2)) result.nanos = nanos->int32Value();
+    return result;
+  }
+
+  void wrapper(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
+    const size_t first = occurrences_.size();
+    Pop pop{occurrences_, first};
+    gatherWhole(schema, bytes);
+    if (const Occurrence* occurrence = find(first, 1)) {
+      Reader reader = readerAt(bytes, occurrence->position);
+      value(occurrence->field->type(), reader, occurrence->wireType, depth, level);
+    } else {
+      defaultValue(schema.fieldWithNumber(1)->type());
+    }
+  }
+
+  void fieldMask(const MessageSchemaDescribing& schema, ByteView bytes) {
+    const size_t first = occurrences_.size();
+    Pop pop{occurrences_, first};
+    gatherWhole(schema, bytes);
+    std::string paths;
+    for (size_t i = first; i < occurrences_.size(); ++i) {
+      Reader reader = readerAt(bytes, occurrences_[i].position);
+      const detail::AnyValueImpl path =
+          decodeValue(reader, occurrences_[i].field->type(), occurrences_[i].wireType);
+      const std::optional<std::string> json = detail::fieldMaskPathToJson(path.stringValue());
+      if (!json) {
+        throw SchematizerError::unexpectedType("google.protobuf.FieldMask path " +
+                                               detail::jsonString(path.stringValue()) +
+                                               " has no JSON form");
+      }
+      if (i > first) paths.push_back(',');
+      paths += *json;
+    }
+    string(paths);
+  }
+
+  void anyMessage(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
+    const size_t first = occurrences_.size();
+    Pop pop{occurrences_, first};
+    gatherWhole(schema, bytes);
+    const std::optional<detail::AnyValueImpl> url = fieldValue(bytes, first, 1);
+    const Occurrence* value = find(first, 2);
+    if (!url || url->stringValue().empty()) {
+      if (value && !readerAt(bytes, value->position).readLengthDelimited().empty()) {
+        throw SchematizerError::unexpectedType("google.protobuf.Any without a type URL");
+      }
+      out_ += "{}";
+      return;
+    }
+    const std::string& typeUrl = url->stringValue();
+    const std::shared_ptr<MessageSchemaDescribing> packed = detail::anyType(schema, typeUrl);
+    const ByteView packedBytes =
+        value ? readerAt(bytes, value->position).readLengthDelimited() : ByteView{};
+    if (depth >= kMaxMessageDepth) {
+      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+    }
+    if (packedBytes.empty()) {
+      // An empty message is "@type" alone, as libprotobuf writes it: no defaults, no "value".
+      out_.push_back('{');
+      newline(level + 1);
+      key("@type");
+      string(typeUrl);
+      newline(level);
+      out_.push_back('}');
+      return;
+    }
+    if (detail::wellKnownKind(*packed) == WellKnown::none) {
+      message(*packed, packedBytes, depth + 1, level, typeUrl);
+      return;
+    }
+
+    out_.push_back('{');
+    newline(level + 1);
+    key("@type");
+    string(typeUrl);
+    out_.push_back(',');
+    newline(level + 1);
+    key("value");
+    messageValue(*packed, packedBytes, depth + 1, level + 1);
+    newline(level);
+    out_.push_back('}');
+  }
+
+  // Struct, Value and ListValue: the JSON they stand for.
+  void structured(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
+    const size_t first = occurrences_.size();
+    Pop pop{occurrences_, first};
+    gatherWhole(schema, bytes);
+    const WellKnown kind = detail::wellKnownKind(schema);
+    if (kind == WellKnown::structType) {
+      const std::shared_ptr<FieldSchemaDescribing>& fields = schema.fieldWithNumber(1);
+      const auto entry = detail::mapEntryFields(*fields->type().messageSchema());
+      if (!entry) throw SchematizerError::internalError("google.protobuf.Struct without map");
+      if (first == occurrences_.size()) {
+        out_ += "{}";
+      } else {
+        map(*entry, bytes, first, occurrences_.size(), depth, level);
+      }
+    } else if (kind == WellKnown::listValue) {
+      if (first == occurrences_.size() || !repeated(occurrences_[first].field->type(), bytes, first,
+                                                    occurrences_.size(), depth, level)) {
+        out_ += "[]";
+      }
+    } else {
+      // Of the kinds of a Value (a oneof), the last in the bytes is the one set.
+      if (first == occurrences_.size()) {
+        throw SchematizerError::unexpectedType("google.protobuf.Value with no kind set");
+      }
+      const Occurrence kindField = occurrences_.back();
+      Reader reader = readerAt(bytes, kindField.position);
+      const TypeSchemaDescription& type = kindField.field->type();
+      if (kindField.fieldNumber == 2) {
+        const double number = decodeValue(reader, type, kindField.wireType).doubleValue();
+        if (!std::isfinite(number)) {
+          throw SchematizerError::unexpectedType("google.protobuf.Value number " +
+                                                 std::to_string(number) + " has no JSON form");
+        }
+        floatingPoint(number);
+      } else {
+        value(type, reader, kindField.wireType, depth, level);
+      }
+    }
+  }
+
+  void scalar(const detail::AnyValueImpl& value) {
     switch (value.kind()) {
-      case AnyValueImpl::Case::int32:
+      case detail::AnyValueImpl::Case::int32:
         number(value.int32Value());
         return;
-      case AnyValueImpl::Case::uint32:
+      case detail::AnyValueImpl::Case::uint32:
         number(value.uint32Value());
         return;
-      case AnyValueImpl::Case::int64:
+      case detail::AnyValueImpl::Case::int64:
         quotedNumber(value.int64Value());
         return;
-      case AnyValueImpl::Case::uint64:
+      case detail::AnyValueImpl::Case::uint64:
         quotedNumber(value.uint64Value());
         return;
-      case AnyValueImpl::Case::float_:
+      case detail::AnyValueImpl::Case::float_:
         floatingPoint(value.floatValue());
         return;
-      case AnyValueImpl::Case::double_:
+      case detail::AnyValueImpl::Case::double_:
         floatingPoint(value.doubleValue());
         return;
-      case AnyValueImpl::Case::bool_:
+      case detail::AnyValueImpl::Case::bool_:
         out_ += value.boolValue() ? "true" : "false";
         return;
-      case AnyValueImpl::Case::enum_:
+      case detail::AnyValueImpl::Case::enum_:
         enumValue(*value.enumValue().type, value.enumValue().number());
         return;
-      case AnyValueImpl::Case::string:
+      case detail::AnyValueImpl::Case::string:
         string(value.stringValue());
         return;
-      case AnyValueImpl::Case::bytes:
-      case AnyValueImpl::Case::message:
+      case detail::AnyValueImpl::Case::bytes:
+      case detail::AnyValueImpl::Case::message:
         break;
     }
     throw SchematizerError::internalError("JSON rendering of " + value.describe());
   }
 
   void enumValue(const EnumSchemaDescribing& schema, int64_t value) {
-    if (const std::string* name = schema.findValueNameFor(value)) {
+    if (&schema != lastEnum_) {
+      lastEnum_ = &schema;
+      lastEnumIsNull_ = schema.name() == "google.protobuf.NullValue";
+    }
+    if (lastEnumIsNull_) {
+      out_ += "null";
+    } else if (const std::string* name =
+                   options_.enumsAsNumbers ? nullptr : schema.findValueNameFor(value)) {
       string(*name);
     } else {
       number(value);
@@ -391,46 +684,35 @@ class Renderer {
 
   // The value a field of `type` has when the bytes do not hold it.
   void defaultValue(const TypeSchemaDescription& type) {
-    switch (type.kind()) {
-      case Case::int64:
-      case Case::uint64:
-      case Case::sint64:
-      case Case::fixed64:
-      case Case::sfixed64:
-        out_ += "\"0\"";
-        return;
-      case Case::bool_:
-        out_ += "false";
-        return;
-      case Case::string:
-      case Case::bytes:
-        out_ += "\"\"";
-        return;
-      case Case::enum_:
-        enumValue(*type.enumSchema(), 0);
-        return;
-      case Case::message:
+    if (type.kind() == Case::enum_) {
+      enumValue(*type.enumSchema(), 0);
+    } else if (type.kind() == Case::message) {
+      // The JSON forms of the well-known types' empty messages: "{}" for most, but a Timestamp is
+      // the epoch, a wrapper its default, a ListValue "[]".
+      const auto& schema = *type.messageSchema();
+      if (detail::wellKnownKind(schema) == WellKnown::none) {
         out_ += "{}";
-        return;
-      default:
-        out_.push_back('0');
-        return;
+      } else {
+        messageValue(schema, ByteView{}, kMaxMessageDepth - 1, 0);
+      }
+    } else {
+      out_ += detail::fieldTypeRow(type.kind()).jsonDefault;
     }
   }
 
-  static std::string keyText(const AnyValueImpl& key) {
+  static std::string keyText(const detail::AnyValueImpl& key) {
     switch (key.kind()) {
-      case AnyValueImpl::Case::bool_:
+      case detail::AnyValueImpl::Case::bool_:
         return key.boolValue() ? "true" : "false";
-      case AnyValueImpl::Case::string:
+      case detail::AnyValueImpl::Case::string:
         return key.stringValue();
-      case AnyValueImpl::Case::int32:
+      case detail::AnyValueImpl::Case::int32:
         return std::to_string(key.int32Value());
-      case AnyValueImpl::Case::uint32:
+      case detail::AnyValueImpl::Case::uint32:
         return std::to_string(key.uint32Value());
-      case AnyValueImpl::Case::int64:
+      case detail::AnyValueImpl::Case::int64:
         return std::to_string(key.int64Value());
-      case AnyValueImpl::Case::uint64:
+      case detail::AnyValueImpl::Case::uint64:
         return std::to_string(key.uint64Value());
       default:
         throw SchematizerError::internalError("JSON map key of " + key.describe());
@@ -444,9 +726,7 @@ class Renderer {
 
   template <typename Integer>
   void number(Integer value) {
-    char buffer[24];
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-    out_.append(buffer, result.ptr);
+    detail::appendJsonInteger(out_, value);
   }
 
   template <typename Integer>
@@ -456,101 +736,12 @@ class Renderer {
     out_.push_back('"');
   }
 
-  // std::to_chars without a precision gives the shortest text that reads back as the same value,
-  // in the value's own type: a float prints as a float, not as the double it widens to.
   template <typename Float>
   void floatingPoint(Float value) {
-    if (std::isnan(value)) {
-      out_ += "\"NaN\"";
-    } else if (std::isinf(value)) {
-      out_ += value > 0 ? "\"Infinity\"" : "\"-Infinity\"";
-    } else if (value == 0 && std::signbit(value)) {
-      // "-0" would read back as the integer 0 and lose its sign.
-      out_ += "-0.0";
-    } else {
-      char buffer[64];
-      const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-      out_.append(buffer, result.ptr);
-    }
+    detail::appendJsonFloat(out_, value);
   }
 
-  // `text` as a JSON string; invalid UTF-8 becomes U+FFFD, as the string decoder does it.
-  void string(std::string_view text) {
-    const size_t start = out_.size();
-    if (escaped(text)) return;
-    out_.resize(start);
-    escaped(decodeUtf8Lossy(asBytes(text)));
-  }
-
-  // Appends `text` quoted and escaped, in one pass that also validates the UTF-8. Escapes only
-  // what JSON requires (controls, quote, backslash), in the forms nlohmann::json writes them:
-  // everything else is copied in runs. False, with a partial string appended, when `text` is not
-  // valid UTF-8.
-  //
-  // Hand-written because strings dominate rendering time: nlohmann::json escapes only through a
-  // json value (a copy of the string) and its serializer, measured at five to ten times the cost
-  // of this loop per short string.
-  bool escaped(std::string_view text) {
-    out_.push_back('"');
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* const end = p + text.size();
-    const auto* run = p;
-    while (p < end) {
-      // Most text is plain ASCII: step over eight such bytes at a time.
-      if (end - p >= 8 && isPlainAscii(p)) {
-        p += 8;
-        continue;
-      }
-      const unsigned char c = *p;
-      if (c >= 0x80) {
-        const size_t length = utf8SequenceLength(p, end);
-        if (length == 0) return false;
-        p += length;
-        continue;
-      }
-      if (!kNeedsEscape[c]) {
-        ++p;
-        continue;
-      }
-      out_.append(reinterpret_cast<const char*>(run), static_cast<size_t>(p - run));
-      escape(c);
-      run = ++p;
-    }
-    out_.append(reinterpret_cast<const char*>(run), static_cast<size_t>(end - run));
-    out_.push_back('"');
-    return true;
-  }
-
-  void escape(unsigned char c) {
-    switch (c) {
-      case '"':
-        out_ += "\\\"";
-        return;
-      case '\\':
-        out_ += "\\\\";
-        return;
-      case '\b':
-        out_ += "\\b";
-        return;
-      case '\f':
-        out_ += "\\f";
-        return;
-      case '\n':
-        out_ += "\\n";
-        return;
-      case '\r':
-        out_ += "\\r";
-        return;
-      case '\t':
-        out_ += "\\t";
-        return;
-      default: {
-        static constexpr char kHex[] = "0123456789abcdef";
-        const char sequence[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
-        out_.append(sequence, sizeof sequence);
-      }
-    }
-  }
+  void string(std::string_view text) { detail::appendJsonString(out_, text); }
 
   // The text of a field that failed, logged and emitted as the field's value.
   void fieldError(std::string_view fieldName, std::string_view errorText) {
@@ -560,6 +751,13 @@ class Renderer {
     text += errorText;
     detail::log(text);
     string(text);
+  }
+
+  const std::string& memberName(const FieldSchemaDescribing& field) {
+    if (!options_.jsonNames) return field.name();
+    auto [it, added] = jsonNames_.try_emplace(&field);
+    if (added) it->second = detail::jsonName(field.name());
+    return it->second;
   }
 
   void key(std::string_view name) {
@@ -572,7 +770,13 @@ class Renderer {
   }
 
   // Starts a member or element at `level`: a comma after an earlier one, then the line break.
+  // Where the sink takes the text: nothing written so far can be withdrawn past this point.
   void separate(bool any, int level) {
+    if (sink_ && holds_ == 0 && out_.size() >= kFlushSize) {
+      (*sink_)(out_);
+      flushed_ += out_.size();
+      out_.clear();
+    }
     if (any) out_.push_back(',');
     newline(level);
   }
@@ -583,6 +787,16 @@ class Renderer {
     out_.append(static_cast<size_t>(2 * level), ' ');
   }
 
+  // Where the text stands, counting what the sink has taken.
+  size_t position() const noexcept { return flushed_ + out_.size(); }
+
+  void rollback(size_t to) {
+    if (to < flushed_) {
+      throw SchematizerError::internalError("JSON rendering: a failed field was streamed already");
+    }
+    out_.resize(to - flushed_);
+  }
+
   static Reader readerAt(ByteView bytes, int64_t position) {
     Reader reader(bytes);
     reader.setPosition(position);
@@ -590,25 +804,72 @@ class Renderer {
   }
 
   std::string& out_;
+  const JsonOptions& options_;
   const bool indented_;
+  const JsonSink* const sink_;
+  // The text handed to the sink so far.
+  size_t flushed_ = 0;
+  // While above zero, the text stays in the buffer.
+  int holds_ = 0;
   // The gathered occurrences of the messages being rendered, innermost last.
   std::vector<Occurrence> occurrences_;
+  std::unordered_map<const FieldSchemaDescribing*, std::string> jsonNames_;
+  const EnumSchemaDescribing* lastEnum_ = nullptr;
+  bool lastEnumIsNull_ = false;
 };
 
 }  // namespace
 
-std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style) {
+std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions& options) {
   const ByteView bytes = data.bytes();
   std::string out;
   // Protobuf's binary form is compact: JSON text of the same data is typically one to three times
   // as long.
   out.reserve(2 * bytes.size() + 16);
-  Renderer(out, style).message(*data.messageSchema(), bytes, 1, 0);
+  Renderer(out, options).topLevel(*data.messageSchema(), bytes);
   return out;
+}
+
+std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style) {
+  JsonOptions options;
+  options.style = style;
+  return renderJSON(data, options);
+}
+
+void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
+                const JsonOptions& options) {
+  std::string buffer;
+  buffer.reserve(kFlushSize + kFlushSize / 4);
+  Renderer renderer(buffer, options, &sink);
+  renderer.topLevel(*data.messageSchema(), data.bytes());
+  renderer.finish();
+}
+
+void renderJSON(const SchematizedDataDescribing& data, std::ostream& out,
+                const JsonOptions& options) {
+  renderJSON(
+      data,
+      [&](std::string_view text) {
+        out.write(text.data(), static_cast<std::streamsize>(text.size()));
+      },
+      options);
 }
 
 std::string toJSON(const SchematizedData& data, JsonStyle style) {
   return renderJSON(data.unsafe(), style);
+}
+
+std::string toJSON(const SchematizedData& data, const JsonOptions& options) {
+  return renderJSON(data.unsafe(), options);
+}
+
+std::string toJSON(const AnyValue& value, JsonStyle style) {
+  const detail::AnyValueImpl impl = value.impl();
+  std::string out;
+  JsonOptions options;
+  options.style = style;
+  Renderer(out, options).anyValue(impl);
+  return out;
 }
 
 std::optional<std::string> optionsJSON(const MessageSchema& schema, JsonStyle style) {

@@ -1,13 +1,12 @@
-#include "ostrel/paths/key_path.hpp"
-
-#include "ostrel/wire/value_decoding.hpp"
+#include "ostrel/paths/property_path.hpp"
 #include "paths/key_path_resolution.hpp"
+#include "wire/value_decoding.hpp"
 
 namespace ostrel {
 namespace detail {
 
-std::optional<AnyValueImpl> readAtKeyPath(const MessageSchemaDescribing& schema, ByteView bytes,
-                                          std::string_view path) {
+std::optional<detail::AnyValueImpl> readAtKeyPath(const MessageSchemaDescribing& schema,
+                                                  ByteView bytes, std::string_view path) {
   // Paths are short: resolve into a buffer on the stack so that a scalar read allocates nothing.
   constexpr size_t kInline = 16;
   FieldPathComponent inlinePath[kInline];
@@ -36,22 +35,23 @@ namespace {
 
 // The owned form of a value read from the buffer. Scalars, the common case of reads from many
 // records, are converted here without the general conversion's call and second dispatch.
-[[gnu::always_inline]] inline std::optional<AnyValue> toOwned(std::optional<AnyValueImpl>&& found) {
+[[gnu::always_inline]] inline std::optional<AnyValue> toOwned(
+    std::optional<detail::AnyValueImpl>&& found) {
   if (!found) return std::nullopt;
   switch (found->kind()) {
-    case AnyValueImpl::Case::int32:
+    case detail::AnyValueImpl::Case::int32:
       return std::optional<AnyValue>(std::in_place, found->int32Value());
-    case AnyValueImpl::Case::uint32:
+    case detail::AnyValueImpl::Case::uint32:
       return std::optional<AnyValue>(std::in_place, found->uint32Value());
-    case AnyValueImpl::Case::int64:
+    case detail::AnyValueImpl::Case::int64:
       return std::optional<AnyValue>(std::in_place, found->int64Value());
-    case AnyValueImpl::Case::uint64:
+    case detail::AnyValueImpl::Case::uint64:
       return std::optional<AnyValue>(std::in_place, found->uint64Value());
-    case AnyValueImpl::Case::float_:
+    case detail::AnyValueImpl::Case::float_:
       return std::optional<AnyValue>(std::in_place, found->floatValue());
-    case AnyValueImpl::Case::double_:
+    case detail::AnyValueImpl::Case::double_:
       return std::optional<AnyValue>(std::in_place, found->doubleValue());
-    case AnyValueImpl::Case::bool_:
+    case detail::AnyValueImpl::Case::bool_:
       return std::optional<AnyValue>(std::in_place, found->boolValue());
     default:
       return AnyValue::from(std::move(*found));
@@ -60,11 +60,15 @@ namespace {
 
 }  // namespace
 
-FieldPathAndType resolveKeyPath(const MessageSchemaDescribing& schema, std::string_view path) {
+FieldPathAndType resolvePropertyPath(const MessageSchemaDescribing& schema, std::string_view path) {
   std::vector<FieldPathComponent> components;
   const TypeSchemaDescription& type = detail::resolveKeyPath(
       schema, path, [&](FieldPathComponent component) { components.push_back(component); });
   return {std::move(components), type};
+}
+
+FieldPathAndType resolvePropertyPath(const MessageSchema& schema, std::string_view path) {
+  return resolvePropertyPath(*schema.impl(), path);
 }
 
 std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath) const {

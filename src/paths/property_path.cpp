@@ -4,47 +4,13 @@
 #include <limits>
 #include <utility>
 
+#include "core/utf8.hpp"
+#include "paths/property_path_grammar.hpp"
+
 namespace ostrel {
 namespace {
 
 using Code = PropertyPathUtil::Error::Code;
-
-// Decodes the UTF-8 sequence at `pos` into `out` and returns its length in bytes, or 0 when the
-// bytes there are not well-formed UTF-8 (a stray continuation byte, a truncated sequence, an
-// overlong form, a surrogate or a value past U+10FFFF).
-size_t decodeUtf8(std::string_view text, size_t pos, char32_t& out) {
-  const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byteAt(pos);
-  if (lead < 0x80) {
-    out = lead;
-    return 1;
-  }
-  size_t length = 0;
-  char32_t smallest = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    length = 2;
-    smallest = 0x80;
-    out = lead & 0x1F;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3;
-    smallest = 0x800;
-    out = lead & 0x0F;
-  } else if ((lead & 0xF8) == 0xF0) {
-    length = 4;
-    smallest = 0x10000;
-    out = lead & 0x07;
-  } else {
-    return 0;
-  }
-  if (text.size() - pos < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    const unsigned char next = byteAt(pos + i);
-    if ((next & 0xC0) != 0x80) return 0;
-    out = (out << 6) | (next & 0x3F);
-  }
-  if (out < smallest || out > 0x10FFFF || (out >= 0xD800 && out <= 0xDFFF)) return 0;
-  return length;
-}
 
 // Code points that never start a user-perceived character of their own: combining marks,
 // variation selectors, emoji skin-tone modifiers and the zero width joiner.
@@ -68,7 +34,7 @@ size_t userPerceivedLength(std::string_view text) {
   bool afterCarriageReturn = false;
   for (size_t pos = 0; pos < text.size();) {
     char32_t cp = 0;
-    const size_t length = decodeUtf8(text, pos, cp);
+    const size_t length = detail::decodeUtf8At(text, pos, cp);
     if (length == 0) {
       ++count;
       ++pos;
@@ -117,39 +83,6 @@ std::string description(Code code, const std::string& in, size_t at,
   return text;
 }
 
-// Only ASCII counts: property names are protobuf field names, which are ASCII identifiers, and
-// the byte-wise test keeps every reported position on a character boundary.
-bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isNameCharacter(char c) { return isLetter(c) || isDigit(c) || c == '_'; }
-bool isFirstNameCharacter(char c) { return isLetter(c) || c == '_'; }
-
-// Reads an optional sign and decimal digits at `pos`, leaving `pos` after them. No value when
-// there are no digits, or when the number does not fit in int64_t: such an index could never
-// address an element, and reporting it as a missing index keeps the arrow on the index.
-std::optional<int64_t> scanIndex(std::string_view path, size_t& pos) {
-  size_t cursor = pos;
-  bool negative = false;
-  if (cursor < path.size() && (path[cursor] == '+' || path[cursor] == '-')) {
-    negative = path[cursor] == '-';
-    ++cursor;
-  }
-  const uint64_t limit =
-      static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) + (negative ? 1 : 0);
-  const size_t digitsStart = cursor;
-  uint64_t magnitude = 0;
-  for (; cursor < path.size() && isDigit(path[cursor]); ++cursor) {
-    const auto digit = static_cast<uint64_t>(path[cursor] - '0');
-    if (magnitude > (limit - digit) / 10) return std::nullopt;
-    magnitude = magnitude * 10 + digit;
-  }
-  if (cursor == digitsStart) return std::nullopt;
-  pos = cursor;
-  if (!negative) return static_cast<int64_t>(magnitude);
-  if (magnitude == 0) return 0;
-  return -static_cast<int64_t>(magnitude - 1) - 1;
-}
-
 }  // namespace
 
 PropertyPathUtil::Error::Error(Code code, std::string in, size_t at, std::string propertyName,
@@ -193,35 +126,11 @@ PropertyPathUtil::Error PropertyPathUtil::Error::zeroLengthPropertyPath() {
 }
 
 std::vector<PropertyPathElement> PropertyPathUtil::parse(std::string_view path) {
-  if (path.empty()) throw Error::zeroLengthPropertyPath();
-  const std::string in(path);
   std::vector<PropertyPathElement> elements;
-  size_t pos = 0;
-  while (true) {
-    const size_t nameStart = pos;
-    while (pos < path.size() && isNameCharacter(path[pos])) ++pos;
-    if (pos == nameStart) throw Error::missingPropertyName(in, pos);
-    PropertyPathElement element{std::string(path.substr(nameStart, pos - nameStart)), {}};
-    // The arrow points at the first character of the name, the one that is wrong.
-    if (!isFirstNameCharacter(path[nameStart])) {
-      throw Error::propertyNameStartsWithIllegalCharacter(element.propertyName, in, nameStart);
-    }
-    if (pos < path.size() && path[pos] == '[') {
-      ++pos;
-      const size_t indexStart = pos;
-      const std::optional<int64_t> index = scanIndex(path, pos);
-      if (!index) throw Error::missingIndex(in, indexStart);
-      // Reported at the sign, the character that makes the index invalid.
-      if (*index < 0) throw Error::negativeIndex(*index, in, indexStart);
-      if (pos == path.size() || path[pos] != ']') throw Error::missingClosingBracket(in, pos);
-      ++pos;
-      element.index = index;
-    }
-    elements.push_back(std::move(element));
-    if (pos == path.size()) return elements;
-    if (path[pos] != '.') throw Error::missingSeparator(in, pos);
-    ++pos;
-  }
+  detail::scanPropertyPath(path, [&](std::string_view name, std::optional<int64_t> index) {
+    elements.push_back({std::string(name), index});
+  });
+  return elements;
 }
 
 }  // namespace ostrel

@@ -1,23 +1,133 @@
-#include "ostrel/sql/projection.hpp"
-
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
-#include "ostrel/paths/key_path.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/sql/sql.hpp"
 
 namespace ostrel {
 namespace {
 
-bool isPlain(std::string_view name) {
+// PostgreSQL's reserved key words, and those reserved but allowed as function or type names:
+// neither may stand bare as a table or column name.
+constexpr std::string_view kPostgresReserved[] = {"all",
+                                                  "analyse",
+                                                  "analyze",
+                                                  "and",
+                                                  "any",
+                                                  "array",
+                                                  "as",
+                                                  "asc",
+                                                  "asymmetric",
+                                                  "authorization",
+                                                  "binary",
+                                                  "both",
+                                                  "case",
+                                                  "cast",
+                                                  "check",
+                                                  "collate",
+                                                  "collation",
+                                                  "column",
+                                                  "concurrently",
+                                                  "constraint",
+                                                  "create",
+                                                  "cross",
+                                                  "current_catalog",
+                                                  "current_date",
+                                                  "current_role",
+                                                  "current_schema",
+                                                  "current_time",
+                                                  "current_timestamp",
+                                                  "current_user",
+                                                  "default",
+                                                  "deferrable",
+                                                  "desc",
+                                                  "distinct",
+                                                  "do",
+                                                  "else",
+                                                  "end",
+                                                  "except",
+                                                  "false",
+                                                  "fetch",
+                                                  "for",
+                                                  "foreign",
+                                                  "freeze",
+                                                  "from",
+                                                  "full",
+                                                  "grant",
+                                                  "group",
+                                                  "having",
+                                                  "ilike",
+                                                  "in",
+                                                  "initially",
+                                                  "inner",
+                                                  "intersect",
+                                                  "into",
+                                                  "is",
+                                                  "isnull",
+                                                  "join",
+                                                  "lateral",
+                                                  "leading",
+                                                  "left",
+                                                  "like",
+                                                  "limit",
+                                                  "localtime",
+                                                  "localtimestamp",
+                                                  "natural",
+                                                  "not",
+                                                  "notnull",
+                                                  "null",
+                                                  "offset",
+                                                  "on",
+                                                  "only",
+                                                  "or",
+                                                  "order",
+                                                  "outer",
+                                                  "overlaps",
+                                                  "placing",
+                                                  "primary",
+                                                  "references",
+                                                  "returning",
+                                                  "right",
+                                                  "select",
+                                                  "session_user",
+                                                  "similar",
+                                                  "some",
+                                                  "symmetric",
+                                                  "system_user",
+                                                  "table",
+                                                  "tablesample",
+                                                  "then",
+                                                  "to",
+                                                  "trailing",
+                                                  "true",
+                                                  "union",
+                                                  "unique",
+                                                  "user",
+                                                  "using",
+                                                  "variadic",
+                                                  "verbose",
+                                                  "when",
+                                                  "where",
+                                                  "window",
+                                                  "with"};
+
+bool isPlain(std::string_view name, SqlDialect dialect) {
   if (name.empty()) return false;
-  const auto letter = [](char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+  // PostgreSQL folds bare names to lower case, so only lower-case names may stay bare there.
+  const bool upperAllowed = dialect == SqlDialect::sqlite;
+  const auto letter = [upperAllowed](char c) {
+    return (upperAllowed && c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
   };
   if (!letter(name.front())) return false;
   for (char c : name) {
     if (!letter(c) && !(c >= '0' && c <= '9')) return false;
+  }
+  if (dialect == SqlDialect::postgres) {
+    return std::find(std::begin(kPostgresReserved), std::end(kPostgresReserved), name) ==
+           std::end(kPostgresReserved);
   }
   // SQLite's own keyword list decides, so the rule follows the SQL dialect the text runs on.
   return sqlite3_keyword_check(name.data(), static_cast<int>(name.size())) == 0;
@@ -44,37 +154,49 @@ void checkIdentifier(std::string_view name, const char* what) {
 
 }  // namespace
 
-std::string sqlIdentifier(std::string_view name) {
-  return isPlain(name) ? std::string(name) : quoted(name, '"');
+std::string sqlIdentifier(std::string_view name, SqlDialect dialect) {
+  return isPlain(name, dialect) ? std::string(name) : quoted(name, '"');
 }
 
 std::string sqlStringLiteral(std::string_view text) { return quoted(text, '\''); }
 
 std::string buildProjection(const MessageSchema& schema, std::string_view table,
                             std::string_view column, const std::vector<ProjectedPath>& paths) {
+  return buildProjection(schema, table, column, paths, ProjectionOptions{});
+}
+
+std::string buildProjection(const MessageSchema& schema, std::string_view table,
+                            std::string_view column, const std::vector<ProjectedPath>& paths,
+                            const ProjectionOptions& options) {
   if (paths.empty()) throw std::invalid_argument("no property paths to project");
   checkIdentifier(table, "table name");
   checkIdentifier(column, "column name");
   for (const ProjectedPath& projected : paths) {
     PropertyPathUtil::parse(projected.path);
-    resolveKeyPath(*schema.impl(), projected.path);
+    resolvePropertyPath(schema, projected.path);
     if (projected.alias) checkIdentifier(*projected.alias, "alias");
   }
 
-  const std::string blob = sqlIdentifier(column);
+  const SqlDialect dialect = options.dialect;
+  const bool postgres = dialect == SqlDialect::postgres;
+  const std::string blob = sqlIdentifier(column, dialect);
+  // PostgreSQL's functions always take the type.
+  const std::string type =
+      options.typePerCall || postgres ? sqlStringLiteral(schema.name()) + ", " : std::string();
   std::string sql = "SELECT\n";
   for (size_t i = 0; i < paths.size(); ++i) {
     const std::string literal = sqlStringLiteral(paths[i].path);
-    sql += "  P_GET(";
+    sql += postgres ? "  p_get(" : "  P_GET(";
     sql += blob;
     sql += ", ";
+    sql += type;
     sql += std::string_view(literal).substr(0, literal.size() - 1);
     sql += "') AS ";
-    sql += sqlIdentifier(paths[i].alias.value_or(paths[i].path));
+    sql += sqlIdentifier(paths[i].alias.value_or(paths[i].path), dialect);
     if (i + 1 < paths.size()) sql += ",\n";
   }
   sql += "\nFROM ";
-  sql += sqlIdentifier(table);
+  sql += sqlIdentifier(table, dialect);
   return sql;
 }
 

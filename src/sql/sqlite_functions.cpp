@@ -1,21 +1,48 @@
-#include "ostrel/sql/sqlite_functions.hpp"
-
+// The SQL functions over schematized records in SQLite. Compiled twice (see
+// sqlite_function_set.hpp): OSTREL_SQLITE_LOADABLE selects the extension's routine table.
+#ifdef OSTREL_SQLITE_LOADABLE
+#include <sqlite3ext.h>
+SQLITE_EXTENSION_INIT3
+#define OSTREL_SQLITE_NAMESPACE sqlite_loadable
+#else
 #include <sqlite3.h>
+#define OSTREL_SQLITE_NAMESPACE sqlite_linked
+#endif
 
 #include <limits>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "ostrel/output/json_rendering.hpp"
-#include "ostrel/paths/key_path.hpp"
+#include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "ostrel/wire/field_path.hpp"
+#include "ostrel/sql/sql.hpp"
+#include "sql/sql_schemas.hpp"
+#include "sql/sqlite_function_set.hpp"
+#include "wire/field_path.hpp"
 
-namespace ostrel {
+namespace ostrel::detail::OSTREL_SQLITE_NAMESPACE {
 namespace {
 
-void resultValue(sqlite3_context* context, const AnyValueImpl& value) {
-  using Case = AnyValueImpl::Case;
+void resultText(sqlite3_context* context, std::string_view text) {
+  sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+void resultBlob(sqlite3_context* context, ByteView bytes) {
+  // A zero-length blob still needs a non-null pointer, else SQLite gives NULL.
+  static const std::byte empty{};
+  sqlite3_result_blob64(context, bytes.empty() ? &empty : bytes.data(), bytes.size(),
+                        SQLITE_TRANSIENT);
+}
+
+// Integers as INTEGER (a uint64 above INT64_MAX as TEXT), float and double as REAL (NaN becomes
+// NULL: SQLite has no NaN), bool as 0/1, string as TEXT, bytes as BLOB, an enum as its name when
+// the enum knows the number, else INTEGER, a message as its JSON text.
+void resultValue(sqlite3_context* context, const detail::AnyValueImpl& value) {
+  using Case = detail::AnyValueImpl::Case;
   switch (value.kind()) {
     case Case::int32:
       return sqlite3_result_int64(context, value.int32Value());
@@ -28,9 +55,7 @@ void resultValue(sqlite3_context* context, const AnyValueImpl& value) {
       if (number <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
         return sqlite3_result_int64(context, static_cast<int64_t>(number));
       }
-      const std::string text = std::to_string(number);
-      return sqlite3_result_text(context, text.data(), static_cast<int>(text.size()),
-                                 SQLITE_TRANSIENT);
+      return resultText(context, std::to_string(number));
     }
     case Case::float_:
       return sqlite3_result_double(context, value.floatValue());
@@ -39,78 +64,457 @@ void resultValue(sqlite3_context* context, const AnyValueImpl& value) {
     case Case::bool_:
       return sqlite3_result_int(context, value.boolValue() ? 1 : 0);
     case Case::enum_: {
-      const EnumValueImpl& enumValue = value.enumValue();
+      const detail::EnumValueImpl& enumValue = value.enumValue();
       const int64_t number = enumValue.number();
       if (const std::string* name = enumValue.type->findValueNameFor(number)) {
-        return sqlite3_result_text(context, name->data(), static_cast<int>(name->size()),
-                                   SQLITE_TRANSIENT);
+        return resultText(context, *name);
       }
       return sqlite3_result_int64(context, number);
     }
-    case Case::string: {
-      const std::string& text = value.stringValue();
-      return sqlite3_result_text(context, text.data(), static_cast<int>(text.size()),
-                                 SQLITE_TRANSIENT);
-    }
-    case Case::bytes: {
-      const ByteView bytes = value.bytesValue().view();
-      return sqlite3_result_blob(context, bytes.data(), static_cast<int>(bytes.size()),
-                                 SQLITE_TRANSIENT);
-    }
-    case Case::message: {
-      const std::string json = renderJSON(value.messageValue());
-      return sqlite3_result_text(context, json.data(), static_cast<int>(json.size()),
-                                 SQLITE_TRANSIENT);
-    }
+    case Case::string:
+      return resultText(context, value.stringValue());
+    case Case::bytes:
+      return resultBlob(context, value.bytesValue().view());
+    case Case::message:
+      return resultText(context, renderJSON(value.messageValue()));
   }
 }
 
-void pGet(sqlite3_context* context, int, sqlite3_value** arguments) {
-  if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) return sqlite3_result_null(context);
+// Every failure becomes the statement's error, with the library's text; nothing thrown may cross
+// into SQLite's C frames.
+template <typename Body>
+void guarded(sqlite3_context* context, Body&& body) {
   try {
-    // The path is the same for every row of a statement: parse and resolve it once and keep the
-    // result with the statement.
-    auto* path = static_cast<FieldPathAndType*>(sqlite3_get_auxdata(context, 1));
-    std::unique_ptr<FieldPathAndType> resolved;
-    if (!path) {
-      const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(arguments[1]));
-      const std::string_view pathText(text ? text : "",
-                                      static_cast<size_t>(sqlite3_value_bytes(arguments[1])));
-      const auto* schema = static_cast<const MessageSchema*>(sqlite3_user_data(context));
-      PropertyPathUtil::parse(pathText);
-      resolved = std::make_unique<FieldPathAndType>(resolveKeyPath(*schema->impl(), pathText));
-      path = resolved.get();
+    body();
+  } catch (const std::bad_alloc&) {
+    sqlite3_result_error_nomem(context);
+  } catch (const std::exception& error) {
+    sqlite3_result_error(context, error.what(), -1);
+  } catch (...) {
+    sqlite3_result_error(context, "unknown error", -1);
+  }
+}
+
+const char* typeName(int type) {
+  switch (type) {
+    case SQLITE_INTEGER:
+      return "an integer";
+    case SQLITE_FLOAT:
+      return "a real";
+    case SQLITE_TEXT:
+      return "text";
+    default:
+      return "NULL";
+  }
+}
+
+// The record argument: a BLOB. Text or numbers are refused rather than read as bytes, since they
+// are never what a record column was meant to hold.
+ByteView recordArgument(sqlite3_value* value) {
+  const int type = sqlite3_value_type(value);
+  if (type != SQLITE_BLOB) {
+    throw std::invalid_argument(std::string("the record is ") + typeName(type) +
+                                ", not a blob of encoded protobuf");
+  }
+  const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
+  const auto size = static_cast<size_t>(sqlite3_value_bytes(value));
+  return bytes ? ByteView(bytes, size) : ByteView();
+}
+
+std::string_view textArgument(sqlite3_value* value) {
+  const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(value));
+  const auto size = static_cast<size_t>(sqlite3_value_bytes(value));
+  return text ? std::string_view(text, size) : std::string_view();
+}
+
+bool anyNull(int count, sqlite3_value** arguments) {
+  for (int i = 0; i < count; ++i) {
+    if (sqlite3_value_type(arguments[i]) == SQLITE_NULL) return true;
+  }
+  return false;
+}
+
+SqlSchemas& schemasOf(sqlite3_context* context) {
+  return **static_cast<std::shared_ptr<SqlSchemas>*>(sqlite3_user_data(context));
+}
+
+// Resolves the path argument of a read once per statement: SQLite keeps the result with the
+// statement for as long as the path argument is a constant. The cached resolution is checked
+// against the type argument, or against the default type when there is none, since a column or
+// a later ostrel_default_type may change them between rows.
+class PathArgument {
+ public:
+  PathArgument(sqlite3_context* context, int count, sqlite3_value** arguments)
+      : context_(context), pathIndex_(count - 1) {
+    const bool typed = count == 3;
+    const SqlSchemas& schemas = schemasOf(context);
+    const std::optional<std::string_view> type =
+        typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
+    auto* cached = static_cast<ResolvedPath*>(sqlite3_get_auxdata(context, pathIndex_));
+    if (cached && (typed ? cached->type == *type : cached->generation == schemas.generation())) {
+      path_ = cached;
+      return;
     }
-    const auto* blob = static_cast<const std::byte*>(sqlite3_value_blob(arguments[0]));
-    const auto size = static_cast<size_t>(sqlite3_value_bytes(arguments[0]));
-    Reader reader(ByteView(blob, blob ? size : 0));
-    const std::optional<AnyValueImpl> value = readValue(reader, *path);
+    fresh_ = resolvePath(schemas, type, textArgument(arguments[pathIndex_]));
+    path_ = fresh_.get();
+  }
+
+  // Hands a fresh resolution to SQLite, which may free it at once when it cannot keep it: call
+  // last.
+  ~PathArgument() {
+    if (fresh_) {
+      sqlite3_set_auxdata(context_, pathIndex_, fresh_.release(),
+                          [](void* p) { delete static_cast<ResolvedPath*>(p); });
+    }
+  }
+  PathArgument(const PathArgument&) = delete;
+  PathArgument& operator=(const PathArgument&) = delete;
+
+  const FieldPathAndType& path() const { return path_->path; }
+
+ private:
+  sqlite3_context* context_;
+  int pathIndex_;
+  std::unique_ptr<ResolvedPath> fresh_;
+  const ResolvedPath* path_ = nullptr;
+};
+
+// P_GET(record, path), P_GET(record, type, path).
+void pGet(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    const PathArgument path(context, count, arguments);
+    Reader reader(record);
+    const std::optional<detail::AnyValueImpl> value = readValue(reader, path.path());
     if (value) {
       resultValue(context, *value);
     } else {
       sqlite3_result_null(context);
     }
-    if (resolved) {
-      // SQLite may free the resolved path at once when it cannot keep it; it is not used after.
-      sqlite3_set_auxdata(context, 1, resolved.release(),
-                          [](void* p) { delete static_cast<FieldPathAndType*>(p); });
+  });
+}
+
+// P_HAS(record, path), P_HAS(record, type, path).
+void pHas(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    const PathArgument path(context, count, arguments);
+    Reader reader(record);
+    sqlite3_result_int(context, readValue(reader, path.path()) ? 1 : 0);
+  });
+}
+
+// P_JSON(record), P_JSON(record, type).
+void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    const SqlSchemas& schemas = schemasOf(context);
+    const MessageSchema schema =
+        count == 2 ? schemas.messageSchema(textArgument(arguments[1])) : schemas.defaultSchema();
+    const UnsafeSchematizedData data(schema.impl(), record);
+    checkRecord(data);
+    resultText(context, renderJSON(data));
+  });
+}
+
+// P_ENCODE(type, json).
+void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const MessageSchema schema = schemasOf(context).messageSchema(textArgument(arguments[0]));
+    const SchematizedData data = encodeJSON(schema, textArgument(arguments[1]));
+    resultBlob(context, data.bytes());
+  });
+}
+
+void registerDescriptorSet(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(arguments[0]));
+    const auto size = static_cast<size_t>(sqlite3_value_bytes(arguments[0]));
+    const size_t total =
+        schemasOf(context).addDescriptorSet(bytes ? ByteView(bytes, size) : ByteView());
+    sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
+  });
+}
+
+void registerManifest(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const size_t total = schemasOf(context).addManifestJSON(textArgument(arguments[0]));
+    sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
+  });
+}
+
+void registerProto(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const size_t total = schemasOf(context).addProtoText(textArgument(arguments[0]));
+    sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
+  });
+}
+
+void defaultType(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    SqlSchemas& schemas = schemasOf(context);
+    schemas.setDefaultType(textArgument(arguments[0]));
+    resultText(context, *schemas.defaultType());
+  });
+}
+
+// P_EACH: an eponymous table-valued function, one row per element of a repeated field or map.
+// Arguments bind to the hidden columns in order, so with two arguments the path arrives in the
+// second hidden column and with three in the third.
+enum EachColumn { kIndex, kKey, kValue, kRecord, kTypeOrPath, kPath };
+
+struct EachTable {
+  sqlite3_vtab base{};
+  std::shared_ptr<SqlSchemas> schemas;
+};
+
+struct EachCursor {
+  sqlite3_vtab_cursor base{};
+  // The elements of the current call, one at a time; the iterator holds its own copy of the bytes.
+  std::optional<Schematizer::RepeatableFieldIterator> elements;
+  std::optional<AnyValue> current;
+  int64_t row = 0;
+  // The last resolution, reused while the type and path stay the same.
+  std::unique_ptr<ResolvedRepeated> resolved;
+};
+
+void setError(sqlite3_vtab* table, const char* text) {
+  sqlite3_free(table->zErrMsg);
+  table->zErrMsg = sqlite3_mprintf("%s", text);
+}
+
+int eachConnect(sqlite3* db, void* userData, int, const char* const*, sqlite3_vtab** table,
+                char**) {
+  const int status = sqlite3_declare_vtab(
+      db,
+      "CREATE TABLE x(\"index\" INTEGER, key, value, record HIDDEN, type_or_path HIDDEN, "
+      "path HIDDEN)");
+  if (status != SQLITE_OK) return status;
+  sqlite3_vtab_config(db, SQLITE_VTAB_INNOCUOUS);
+  auto* created = new (std::nothrow) EachTable;
+  if (!created) return SQLITE_NOMEM;
+  created->schemas = *static_cast<std::shared_ptr<SqlSchemas>*>(userData);
+  *table = &created->base;
+  return SQLITE_OK;
+}
+
+int eachDisconnect(sqlite3_vtab* table) {
+  delete reinterpret_cast<EachTable*>(table);
+  return SQLITE_OK;
+}
+
+int eachBestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
+  int argument[3] = {-1, -1, -1};
+  int unusable = 0;
+  for (int i = 0; i < info->nConstraint; ++i) {
+    const auto& constraint = info->aConstraint[i];
+    if (constraint.iColumn < kRecord) continue;
+    const int hidden = constraint.iColumn - kRecord;
+    if (!constraint.usable) {
+      unusable |= 1 << hidden;
+    } else if (constraint.op == SQLITE_INDEX_CONSTRAINT_EQ) {
+      argument[hidden] = i;
     }
+  }
+  // An argument that comes from a table not yet scanned: this plan cannot run, another order
+  // of the joins can.
+  for (int hidden = 0; hidden < 3; ++hidden) {
+    if ((unusable & (1 << hidden)) && argument[hidden] < 0) return SQLITE_CONSTRAINT;
+  }
+  if (argument[0] < 0 || argument[1] < 0) {
+    setError(table, "P_EACH takes (record, path) or (record, type, path)");
+    return SQLITE_ERROR;
+  }
+  int next = 1;
+  for (int hidden = 0; hidden < 3; ++hidden) {
+    if (argument[hidden] < 0) continue;
+    info->aConstraintUsage[argument[hidden]].argvIndex = next++;
+    info->aConstraintUsage[argument[hidden]].omit = 1;
+  }
+  info->idxNum = next - 1;
+  info->estimatedCost = 10;
+  info->estimatedRows = 10;
+  return SQLITE_OK;
+}
+
+int eachOpen(sqlite3_vtab*, sqlite3_vtab_cursor** cursor) {
+  auto* opened = new (std::nothrow) EachCursor;
+  if (!opened) return SQLITE_NOMEM;
+  *cursor = &opened->base;
+  return SQLITE_OK;
+}
+
+int eachClose(sqlite3_vtab_cursor* cursor) {
+  delete reinterpret_cast<EachCursor*>(cursor);
+  return SQLITE_OK;
+}
+
+int eachFilter(sqlite3_vtab_cursor* base, int count, const char*, int, sqlite3_value** arguments) {
+  auto* cursor = reinterpret_cast<EachCursor*>(base);
+  cursor->elements.reset();
+  cursor->current.reset();
+  cursor->row = 0;
+  if (count < 2 || anyNull(count, arguments)) return SQLITE_OK;
+  try {
+    const SqlSchemas& schemas = *reinterpret_cast<EachTable*>(base->pVtab)->schemas;
+    const bool typed = count == 3;
+    const std::optional<std::string_view> type =
+        typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
+    const std::string_view path = textArgument(arguments[count - 1]);
+    const ResolvedRepeated* cached = cursor->resolved.get();
+    if (!cached || cached->pathText != path ||
+        (typed ? cached->type != *type : cached->generation != schemas.generation())) {
+      cursor->resolved = resolveRepeated(schemas, type, path);
+    }
+    cursor->elements = iterateElements(recordArgument(arguments[0]), *cursor->resolved);
+    if (cursor->elements) cursor->current = cursor->elements->next();
+    return SQLITE_OK;
+  } catch (const std::bad_alloc&) {
+    cursor->elements.reset();
+    return SQLITE_NOMEM;
   } catch (const std::exception& error) {
-    sqlite3_result_error(context, error.what(), -1);
+    cursor->elements.reset();
+    setError(base->pVtab, error.what());
+    return SQLITE_ERROR;
+  }
+}
+
+int eachNext(sqlite3_vtab_cursor* base) {
+  auto* cursor = reinterpret_cast<EachCursor*>(base);
+  try {
+    cursor->current = cursor->elements->next();
+    ++cursor->row;
+    return SQLITE_OK;
+  } catch (const std::bad_alloc&) {
+    return SQLITE_NOMEM;
+  } catch (const std::exception& error) {
+    cursor->current.reset();
+    setError(base->pVtab, error.what());
+    return SQLITE_ERROR;
+  }
+}
+
+int eachEof(sqlite3_vtab_cursor* base) { return !reinterpret_cast<EachCursor*>(base)->current; }
+
+// The key or value field of a map entry; NULL when the entry leaves it out.
+void resultEntryField(sqlite3_context* context, const AnyValue& entry,
+                      const FieldSchemaDescribing& field) {
+  Reader reader(entry.messageValue().bytes());
+  const FieldPathComponent path[] = {FieldPathComponent::fieldNumber(field.fieldNumber())};
+  const std::optional<detail::AnyValueImpl> value = readValue(reader, path, field.type());
+  if (value) {
+    resultValue(context, *value);
+  } else {
+    sqlite3_result_null(context);
+  }
+}
+
+int eachColumn(sqlite3_vtab_cursor* base, sqlite3_context* context, int column) {
+  const auto* cursor = reinterpret_cast<EachCursor*>(base);
+  guarded(context, [&] {
+    const AnyValue& element = *cursor->current;
+    const ResolvedRepeated& resolved = *cursor->resolved;
+    switch (column) {
+      case kIndex:
+        return sqlite3_result_int64(context, static_cast<sqlite3_int64>(cursor->row));
+      case kKey:
+        if (!resolved.mapKey) return sqlite3_result_null(context);
+        return resultEntryField(context, element, *resolved.mapKey);
+      case kValue:
+        if (resolved.mapValue) return resultEntryField(context, element, *resolved.mapValue);
+        return resultValue(context, element.impl());
+      default:
+        return sqlite3_result_null(context);
+    }
+  });
+  return SQLITE_OK;
+}
+
+int eachRowid(sqlite3_vtab_cursor* base, sqlite3_int64* rowid) {
+  *rowid = reinterpret_cast<EachCursor*>(base)->row;
+  return SQLITE_OK;
+}
+
+const sqlite3_module& eachModule() {
+  static const sqlite3_module module = [] {
+    sqlite3_module m{};
+    m.iVersion = 0;
+    // No xCreate: P_EACH exists only as an eponymous table, never as CREATE VIRTUAL TABLE.
+    m.xConnect = eachConnect;
+    m.xBestIndex = eachBestIndex;
+    m.xDisconnect = eachDisconnect;
+    m.xOpen = eachOpen;
+    m.xClose = eachClose;
+    m.xFilter = eachFilter;
+    m.xNext = eachNext;
+    m.xEof = eachEof;
+    m.xColumn = eachColumn;
+    m.xRowid = eachRowid;
+    return m;
+  }();
+  return module;
+}
+
+using Function = void (*)(sqlite3_context*, int, sqlite3_value**);
+
+void deleteSchemas(void* p) { delete static_cast<std::shared_ptr<SqlSchemas>*>(p); }
+
+void createFunction(sqlite3* db, const char* name, int arguments, int flags, Function function,
+                    const std::shared_ptr<SqlSchemas>& schemas) {
+  auto* shared = new std::shared_ptr<SqlSchemas>(schemas);
+  // On failure SQLite has already called the destructor of the user data.
+  if (sqlite3_create_function_v2(db, name, arguments, SQLITE_UTF8 | flags, shared, function,
+                                 nullptr, nullptr, deleteSchemas) != SQLITE_OK) {
+    throw std::runtime_error(std::string("cannot register ") + name + ": " + sqlite3_errmsg(db));
   }
 }
 
 }  // namespace
 
-void registerPGet(sqlite3* db, const MessageSchema& schema) {
-  auto* owned = new MessageSchema(schema);
-  const int status = sqlite3_create_function_v2(
-      db, "P_GET", 2, SQLITE_UTF8 | SQLITE_DETERMINISTIC, owned, pGet, nullptr, nullptr,
-      [](void* p) { delete static_cast<MessageSchema*>(p); });
-  // On failure SQLite has already called the destructor of the user data.
-  if (status != SQLITE_OK) {
-    throw std::runtime_error(std::string("cannot register P_GET: ") + sqlite3_errmsg(db));
+void registerFunctionSet(sqlite3* db, std::shared_ptr<SqlSchemas> schemas) {
+  // Reads: the same arguments always give the same result, and nothing outside the arguments is
+  // touched, so indexes may be built on them and untrusted schemas (views, triggers) may use them.
+  constexpr int kRead = SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
+  // Registration changes the connection's state: only statements the application runs itself
+  // may call it, never a view or trigger stored in a database file.
+  constexpr int kRegister = SQLITE_DIRECTONLY;
+  createFunction(db, "P_GET", 2, kRead, pGet, schemas);
+  createFunction(db, "P_GET", 3, kRead, pGet, schemas);
+  createFunction(db, "P_HAS", 2, kRead, pHas, schemas);
+  createFunction(db, "P_HAS", 3, kRead, pHas, schemas);
+  createFunction(db, "P_JSON", 1, kRead, pJson, schemas);
+  createFunction(db, "P_JSON", 2, kRead, pJson, schemas);
+  createFunction(db, "P_ENCODE", 2, kRead, pEncode, schemas);
+  createFunction(db, "ostrel_register_descriptor_set", 1, kRegister, registerDescriptorSet,
+                 schemas);
+  createFunction(db, "ostrel_register_manifest", 1, kRegister, registerManifest, schemas);
+  createFunction(db, "ostrel_register_proto", 1, kRegister, registerProto, schemas);
+  createFunction(db, "ostrel_default_type", 1, kRegister, defaultType, schemas);
+  if (sqlite3_create_module_v2(db, "P_EACH", &eachModule(),
+                               new std::shared_ptr<SqlSchemas>(schemas),
+                               deleteSchemas) != SQLITE_OK) {
+    throw std::runtime_error(std::string("cannot register P_EACH: ") + sqlite3_errmsg(db));
   }
 }
 
+}  // namespace ostrel::detail::OSTREL_SQLITE_NAMESPACE
+
+#ifndef OSTREL_SQLITE_LOADABLE
+namespace ostrel {
+
+void registerSqliteFunctions(sqlite3* db, const SchemaManifest& manifest,
+                             const std::optional<std::string>& defaultType) {
+  detail::sqlite_linked::registerFunctionSet(
+      db, std::make_shared<detail::SqlSchemas>(manifest, defaultType));
+}
+
 }  // namespace ostrel
+#endif

@@ -1,5 +1,5 @@
-#include "ostrel/store/proto_schemas.hpp"
 #include "store/options.hpp"
+#include "store/proto_schemas.hpp"
 
 namespace ostrel {
 

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <new>
 
-#include "ostrel/core/fatal.hpp"
+#include "core/fatal.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
-#include "ostrel/store/proto_schemas.hpp"
 #include "store/options.hpp"
+#include "store/proto_schemas.hpp"
 
 namespace ostrel {
 namespace {
@@ -63,6 +63,7 @@ std::shared_ptr<ProtoMessageSchema> ProtoMessageSchema::make(
                                                &SchemaStoreDescribing::messageOptionsSchema);
   // A message with nothing to materialise never needs its store.
   if (schema->uninitializedCount_ > 0) schema->store_ = store;
+  schema->origin_ = store;
   return schema;
 }
 
@@ -94,8 +95,25 @@ const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldNamed(
     std::string_view fieldName) const {
   const auto it = fields_.find(fieldName);
   if (it == fields_.end()) {
-    throw SchematizerError::fieldNotFound("Schema \"" + name() + "\" property with name \"" +
-                                          std::string(fieldName) + "\"");
+    std::string text =
+        "Schema \"" + name() + "\" property with name \"" + std::string(fieldName) + "\"";
+    // Extensions that share a simple name are kept under their full names: name them all.
+    std::vector<std::string_view> sharing;
+    for (const auto& [key, slot] : fields_) {
+      if (key.size() > fieldName.size() && key.ends_with(fieldName) &&
+          key[key.size() - fieldName.size() - 1] == '.') {
+        sharing.push_back(key);
+      }
+    }
+    if (sharing.size() > 1) {
+      std::sort(sharing.begin(), sharing.end());
+      text += " is ambiguous between";
+      for (size_t i = 0; i < sharing.size(); ++i) {
+        text += i == 0 ? " " : (i + 1 == sharing.size() ? " and " : ", ");
+        text += sharing[i];
+      }
+    }
+    throw SchematizerError::fieldNotFound(std::move(text));
   }
   return materialiseField(it->second, it->first);
 }
@@ -178,7 +196,8 @@ SchematizedData ProtoMessageSchema::buildData(const ValueForField& valueForField
   std::sort(names.begin(), names.end());
   for (const std::string& fieldName : names) {
     const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
-    for (const AnyValueImpl& value : valueForField(field)) writeFieldValue(value, *field, *writer);
+    for (const detail::AnyValueImpl& value : valueForField(field))
+      writeFieldValue(value, *field, *writer);
   }
   return schematizedData(writer->data());
 }

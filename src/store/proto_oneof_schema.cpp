@@ -1,5 +1,5 @@
-#include "ostrel/store/proto_schemas.hpp"
 #include "store/options.hpp"
+#include "store/proto_schemas.hpp"
 
 namespace ostrel {
 
@@ -7,8 +7,8 @@ std::shared_ptr<ProtoOneOfSchema> ProtoOneOfSchema::make(
     const OneofManifest& manifest, std::map<std::string, int64_t, std::less<>> fields,
     const SchemaStoreDescribing& store) {
   std::shared_ptr<ProtoOneOfSchema> schema(new ProtoOneOfSchema(manifest.name));
-  schema->filedsMap_ = std::move(fields);
-  for (const auto& [fieldName, number] : schema->filedsMap_) {
+  schema->fieldsMap_ = std::move(fields);
+  for (const auto& [fieldName, number] : schema->fieldsMap_) {
     schema->allFieldNames_.insert(fieldName);
     schema->allFieldNumbers_.insert(number);
   }
@@ -19,7 +19,7 @@ std::shared_ptr<ProtoOneOfSchema> ProtoOneOfSchema::make(
 }
 
 const std::string& ProtoOneOfSchema::fieldNameFor(int64_t number) const {
-  for (const auto& [fieldName, fieldNumber] : filedsMap_) {
+  for (const auto& [fieldName, fieldNumber] : fieldsMap_) {
     if (fieldNumber == number) return fieldName;
   }
   throw SchematizerError::fieldNotFound("One of field with field number: " +
@@ -27,8 +27,8 @@ const std::string& ProtoOneOfSchema::fieldNameFor(int64_t number) const {
 }
 
 int64_t ProtoOneOfSchema::fieldNumberNamed(std::string_view fieldName) const {
-  const auto it = filedsMap_.find(fieldName);
-  if (it == filedsMap_.end()) {
+  const auto it = fieldsMap_.find(fieldName);
+  if (it == fieldsMap_.end()) {
     throw SchematizerError::fieldNotFound("One of property with name: " + std::string(fieldName));
   }
   return it->second;

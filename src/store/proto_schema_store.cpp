@@ -1,6 +1,6 @@
-#include "ostrel/store/proto_schema_store.hpp"
+#include "store/proto_schema_store.hpp"
 
-#include "ostrel/manifest/builtin_manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 namespace {

@@ -4,7 +4,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "ostrel/store/proto_schema_store.hpp"
+#include "store/proto_schema_store.hpp"
 
 namespace ostrel {
 namespace {
@@ -127,6 +127,23 @@ ProtoSchemaStore::~ProtoSchemaStore() {
       if (sameComponent(message, schemaOf(protoField.options()))) protoField.releaseOptions();
     });
   }
+
+  // What is left is acyclic, but a chain of types is as long as the schema makes it: a message
+  // freed while it holds the last reference to the next one frees that one from inside its own
+  // destructor, one stack frame per link. So the store lets go of its messages referrers first
+  // (components are numbered in the order they complete, everything a component reaches before
+  // it): each message then goes while the store still holds everything it refers to.
+  std::vector<std::pair<size_t, std::shared_ptr<ProtoMessageSchema>>> releaseOrder;
+  releaseOrder.reserve(messages.size());
+  for (auto& [name, slot] : messageSchemas_) {
+    if (auto* schema = std::get_if<1>(&slot)) {
+      const size_t number = component.at(schema->get());
+      releaseOrder.emplace_back(number, std::move(*schema));
+    }
+  }
+  std::sort(releaseOrder.begin(), releaseOrder.end(),
+            [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (auto& entry : releaseOrder) entry.second.reset();
 }
 
 }  // namespace ostrel

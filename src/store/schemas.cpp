@@ -1,6 +1,6 @@
 #include "ostrel/store/schemas.hpp"
 
-#include "ostrel/store/proto_schema_store.hpp"
+#include "store/proto_schema_store.hpp"
 
 namespace ostrel {
 namespace {

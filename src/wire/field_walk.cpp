@@ -1,7 +1,7 @@
-#include "ostrel/wire/field_walk.hpp"
+#include "wire/field_walk.hpp"
 
 #include "ostrel/wire/reader.hpp"
-#include "ostrel/wire/value_decoding.hpp"
+#include "wire/value_decoding.hpp"
 
 namespace ostrel {
 
@@ -25,9 +25,12 @@ void forEachPresentField(const SchematizedDataDescribing& data, const FieldVisit
       const ByteView run = reader.readLengthDelimited();
       const int64_t end = reader.position();
       Reader elements = reader.narrowed(end - static_cast<int64_t>(run.size()), end);
-      while (elements.hasMoreFields()) visit(field, decodePackedElement(elements, type));
-      // An element running past the run's end would have read the bytes that follow it.
-      if (elements.position() != end) throw SerializationError::malformedProtobuf();
+      while (elements.hasMoreFields()) {
+        detail::AnyValueImpl element = decodePackedElement(elements, type);
+        // An element running past the run's end has read the bytes that follow it.
+        if (elements.position() > end) throw SerializationError::malformedProtobuf();
+        visit(field, std::move(element));
+      }
     } else {
       visit(field, decodeValue(reader, type, tag.wireType()));
     }

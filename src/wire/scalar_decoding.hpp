@@ -55,9 +55,10 @@ inline int64_t zigZag64(uint64_t n) noexcept {
 
 // Decodes a value whose encoding follows from its type alone: every type but message, string and
 // bytes, which the callers handle before coming here. The decoded value is handed to `make` with
-// its exact C++ type (int32_t, uint32_t, int64_t, uint64_t, float, double, bool or EnumValueImpl),
-// so that the value can be built in its final form directly. Expanded in place: after navigation
-// it is the whole of a scalar read, and in packed runs it is paid once per element.
+// its exact C++ type (int32_t, uint32_t, int64_t, uint64_t, float, double, bool or
+// detail::EnumValueImpl), so that the value can be built in its final form directly. Expanded in
+// place: after navigation it is the whole of a scalar read, and in packed runs it is paid once per
+// element.
 template <typename Make>
 [[gnu::always_inline]] inline auto decodeFixedEncodingAs(Reader& reader,
                                                          const TypeSchemaDescription& type,
@@ -79,7 +80,7 @@ template <typename Make>
       return make(reader.readVarintValue() != 0);
     case Case::enum_: {
       const int64_t number = low32Signed(reader.readVarintValue());
-      return make(EnumValueImpl{type.enumSchema(), number});
+      return make(detail::EnumValueImpl{type.enumSchema(), number});
     }
     case Case::fixed32:
       return make(reader.readFixed32());
@@ -103,22 +104,24 @@ template <typename Make>
 
 // Builds the internal value of each decoded C++ type.
 struct MakeValueImpl {
-  AnyValueImpl operator()(int32_t v) const { return AnyValueImpl::int32(v); }
-  AnyValueImpl operator()(uint32_t v) const { return AnyValueImpl::uint32(v); }
-  AnyValueImpl operator()(int64_t v) const { return AnyValueImpl::int64(v); }
-  AnyValueImpl operator()(uint64_t v) const { return AnyValueImpl::uint64(v); }
-  AnyValueImpl operator()(float v) const { return AnyValueImpl::float_(v); }
-  AnyValueImpl operator()(double v) const { return AnyValueImpl::double_(v); }
-  AnyValueImpl operator()(bool v) const { return AnyValueImpl::bool_(v); }
-  AnyValueImpl operator()(EnumValueImpl v) const { return AnyValueImpl::enum_(std::move(v)); }
+  detail::AnyValueImpl operator()(int32_t v) const { return detail::AnyValueImpl::int32(v); }
+  detail::AnyValueImpl operator()(uint32_t v) const { return detail::AnyValueImpl::uint32(v); }
+  detail::AnyValueImpl operator()(int64_t v) const { return detail::AnyValueImpl::int64(v); }
+  detail::AnyValueImpl operator()(uint64_t v) const { return detail::AnyValueImpl::uint64(v); }
+  detail::AnyValueImpl operator()(float v) const { return detail::AnyValueImpl::float_(v); }
+  detail::AnyValueImpl operator()(double v) const { return detail::AnyValueImpl::double_(v); }
+  detail::AnyValueImpl operator()(bool v) const { return detail::AnyValueImpl::bool_(v); }
+  detail::AnyValueImpl operator()(detail::EnumValueImpl v) const {
+    return detail::AnyValueImpl::enum_(std::move(v));
+  }
 };
 
 // The same, built in place in an optional, the form navigation returns values in: a variant
 // moved into an optional costs a dispatch on its alternative.
 struct MakeOptionalValueImpl {
   template <typename T>
-  std::optional<AnyValueImpl> operator()(T v) const {
-    return std::optional<AnyValueImpl>(std::in_place, MakeValueImpl{}(std::move(v)));
+  std::optional<detail::AnyValueImpl> operator()(T v) const {
+    return std::optional<detail::AnyValueImpl>(std::in_place, MakeValueImpl{}(std::move(v)));
   }
 };
 
@@ -126,7 +129,7 @@ struct MakeOptionalValueImpl {
 // in place in an optional.
 template <typename T>
 std::optional<AnyValue> optionalValue(T v) {
-  if constexpr (std::is_same_v<T, EnumValueImpl>) {
+  if constexpr (std::is_same_v<T, detail::EnumValueImpl>) {
     return std::optional<AnyValue>(std::in_place, EnumValue(std::move(v)));
   } else {
     return std::optional<AnyValue>(std::in_place, v);
@@ -134,8 +137,8 @@ std::optional<AnyValue> optionalValue(T v) {
 }
 
 // decodeFixedEncodingAs building the internal value.
-[[gnu::always_inline]] inline AnyValueImpl decodeFixedEncoding(Reader& reader,
-                                                               const TypeSchemaDescription& type) {
+[[gnu::always_inline]] inline detail::AnyValueImpl decodeFixedEncoding(
+    Reader& reader, const TypeSchemaDescription& type) {
   return decodeFixedEncodingAs(reader, type, MakeValueImpl{});
 }
 

@@ -3,8 +3,8 @@
 #include <limits>
 #include <vector>
 
-#include "ostrel/wire/field_path.hpp"
-#include "ostrel/wire/value_decoding.hpp"
+#include "wire/field_path.hpp"
+#include "wire/value_decoding.hpp"
 #include "wire/scalar_decoding.hpp"
 
 namespace ostrel {
@@ -21,7 +21,7 @@ std::optional<AnyValue> Schematizer::value(ByteView data, std::span<const int64_
   path.reserve(fieldNumbers.size());
   for (int64_t number : fieldNumbers) path.push_back(FieldPathComponent::fieldNumber(number));
   Reader reader(data);
-  std::optional<AnyValueImpl> found = readValue(reader, path, type.description());
+  std::optional<detail::AnyValueImpl> found = readValue(reader, path, type.description());
   if (!found) return std::nullopt;
   return AnyValue::from(std::move(*found));
 }
@@ -47,6 +47,10 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
     reader.setEndPosition(bookmark.compactedEndPosition);
     // The value is built straight into the result, once the element has been read.
     return detail::decodeFixedEncodingAs(reader, iterating->type.description(), [&](auto value) {
+      // An element running over the run's end would hand out bytes of what follows the run.
+      if (reader.position() > bookmark.compactedEndPosition) {
+        throw SerializationError::malformedProtobuf();
+      }
       bookmark.startPosition = reader.position();
       return detail::optionalValue(std::move(value));
     });
@@ -71,7 +75,7 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
   if (!state.bookmark) {
     const FieldPathComponent path[] = {
         FieldPathComponent::repeatableFieldNumber(state.fieldNumber, 0)};
-    std::optional<AnyValueImpl> first = readValue(reader, path, type);
+    std::optional<detail::AnyValueImpl> first = readValue(reader, path, type);
     Bookmark bookmark{ArrayType::regular, 0, reader.position()};
     if (const auto end = reader.lastComponentCompactedArrayEndPosition()) {
       bookmark.arrayType = ArrayType::compacted;
@@ -87,7 +91,10 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
     if (bookmark.compactedEndPosition <= bookmark.startPosition) return std::nullopt;
     reader.setPosition(bookmark.startPosition);
     reader.setEndPosition(bookmark.compactedEndPosition);
-    AnyValueImpl element = decodePackedElement(reader, type);
+    detail::AnyValueImpl element = decodePackedElement(reader, type);
+    if (reader.position() > bookmark.compactedEndPosition) {
+      throw SerializationError::malformedProtobuf();
+    }
     bookmark.startPosition = reader.position();
     return AnyValue::from(std::move(element));
   }
@@ -103,7 +110,7 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
     }
     tag = reader.readTag();
   }
-  AnyValueImpl element = decodeValue(reader, type, tag.wireType());
+  detail::AnyValueImpl element = decodeValue(reader, type, tag.wireType());
   bookmark.startPosition = reader.position();
   return AnyValue::from(std::move(element));
 }

@@ -94,7 +94,7 @@ TEST(ErrorsTest, EqualityIsByCaseAndText) {
   EXPECT_EQ(mismatch.wireType(), ProtoWireType::varInt);
   EXPECT_FALSE(mismatch == SerializationError::typeMismatch(
                                TypeSchemaDescription::scalar(C::fixed32), ProtoWireType::fixed64));
-  const auto invalid = SerializationError::invalidIntType(AnyValueImpl::uint32(5),
+  const auto invalid = SerializationError::invalidIntType(detail::AnyValueImpl::uint32(5),
                                                           TypeSchemaDescription::scalar(C::int32));
   EXPECT_STREQ(invalid.what(), "invalidIntType(uint32(5), int32)");
   EXPECT_EQ(invalid.value()->uint32Value(), 5u);
@@ -111,14 +111,14 @@ TEST(ErrorsTest, EqualityIsByCaseAndText) {
 
 TEST(ValuesTest, PublicValuesOwnWhatInternalValuesBorrow) {
   std::optional<Bytes> buffer = testing_support::bytesOf({1, 2, 3});
-  const AnyValueImpl borrowed = AnyValueImpl::bytes(ByteView(*buffer).subspan(1));
+  const detail::AnyValueImpl borrowed = detail::AnyValueImpl::bytes(ByteView(*buffer).subspan(1));
   const AnyValue owned = AnyValue::from(borrowed);
   buffer.reset();
   EXPECT_EQ(owned.bytesValue(), testing_support::bytesOf({2, 3}));
   EXPECT_EQ(owned.kind(), AnyValue::Case::bytes);
 
   const AnyValue text("abc");
-  const AnyValueImpl view = text.impl();
+  const detail::AnyValueImpl view = text.impl();
   EXPECT_EQ(view.stringValue(), "abc");
 }
 
@@ -132,6 +132,19 @@ TEST(DataValueTest, OwnedAndBorrowedContainersCopyExactlyTheirBytes) {
   EXPECT_EQ(shared.view().data(), owned.view().data());
   EXPECT_EQ(owned.copy(), bytes);
   EXPECT_NE(owned.copy().data(), owned.view().data());
+}
+
+// Reading a value as another kind is the library's own error, naming both kinds, for the owned
+// and the internal form alike.
+TEST(AnyValueTest, ReadingAsTheWrongKindNamesBothKinds) {
+  const AnyValue number(int64_t{5});
+  EXPECT_EQ(testing_support::catchError([&] { number.stringValue(); }),
+            SchematizerError::unexpectedType("expected string value, found int64"));
+  EXPECT_EQ(testing_support::catchError([&] { number.impl().uint64Value(); }),
+            SchematizerError::unexpectedType("expected uint64 value, found int64"));
+  EXPECT_EQ(testing_support::catchError([&] { AnyValue("x").messageValue(); }),
+            SchematizerError::unexpectedType("expected message value, found string"));
+  EXPECT_EQ(number.int64Value(), 5);
 }
 
 }  // namespace

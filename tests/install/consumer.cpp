@@ -1,4 +1,5 @@
-// A program built against the installed package: a schema from its JSON form, one value read.
+// A program built against ostrel as users build it (the installed package, or the sources as a
+// subdirectory): a schema from its JSON form, one value read.
 #include <cstdio>
 
 #include "ostrel/ostrel.hpp"

@@ -11,8 +11,8 @@
 #include <ostream>
 #include <string>
 
-#include "ostrel/manifest/json_manifest.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 

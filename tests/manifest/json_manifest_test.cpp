@@ -1,15 +1,15 @@
-#include "ostrel/manifest/json_manifest.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "ostrel/core/base64.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -269,14 +269,14 @@ TEST(SchemaManifestToJSON, OmitsEmptyAndDefaultMembersAndKeepsEmptyBuffers) {
   }
   {
     SchemaManifest m;
-    FieldManifest f = field(TypeManifest::int32, -7);
+    FieldManifest f = field(TypeManifest::int32, 7);
     f.typeName = "";
     f.options = Bytes{};
     m.messages["a.M"].fields["f"] = f;
     m.messages["a.M"].oneofs.push_back({"o", Bytes{}});
     m.messages["a.M"].oneofs.push_back({"p", std::nullopt});
     rows.push_back({"default isRepeated, empty typeName and empty options", m,
-                    R"({"messages":{"a.M":{"fields":{"f":{"fieldNumber":-7,"options":"",)"
+                    R"({"messages":{"a.M":{"fields":{"f":{"fieldNumber":7,"options":"",)"
                     R"("type":"int","typeName":""}},"oneofs":[{"name":"o","options":""},)"
                     R"({"name":"p"}]}}})"});
   }
@@ -284,12 +284,12 @@ TEST(SchemaManifestToJSON, OmitsEmptyAndDefaultMembersAndKeepsEmptyBuffers) {
     SchemaManifest m;
     m.enums["a.E"].values = {{"MIN", kInt64Min}, {"MAX", kInt64Max}};
     m.enums["a.E"].valueOptions = {{kInt64Min, bytesOf({1})}, {kInt64Max, bytesOf({2})}};
-    m.messages["a.M"].fields["f"] = field(TypeManifest::bytes, kInt64Max);
+    m.messages["a.M"].fields["f"] = field(TypeManifest::bytes, 536870911);
     rows.push_back({"extreme integers", m,
                     R"({"enums":{"a.E":{"valueOptions":{"-9223372036854775808":"AQ==",)"
                     R"("9223372036854775807":"Ag=="},"values":{"MAX":9223372036854775807,)"
                     R"("MIN":-9223372036854775808}}},"messages":{"a.M":{"fields":{"f":)"
-                    R"({"fieldNumber":9223372036854775807,"type":"data"}}}}})"});
+                    R"({"fieldNumber":536870911,"type":"data"}}}}})"});
   }
   {
     SchemaManifest m;
@@ -408,7 +408,7 @@ MessageManifest everyFieldCombination() {
             f.isRepeated = isRepeated;
             f.oneofIndex = oneofIndex;
             f.options = option;
-            message.fields["f" + std::to_string(number)] = f;
+            message.fields[std::string("f").append(std::to_string(number))] = f;
           }
         }
       }
@@ -451,7 +451,7 @@ TEST(SchemaManifestJSON, HandMadeManifestsRoundTrip) {
   }
   {
     SchemaManifest m;
-    m.messages[""].fields[""] = field(TypeManifest::string, 0);
+    m.messages[""].fields[""] = field(TypeManifest::string, 1);
     m.enums[""].values[""] = 0;
     rows.push_back({"empty names", m});
   }
@@ -520,18 +520,35 @@ class RandomManifests {
     return bytes();
   }
 
+  // A field number protobuf allows, the edges often.
+  int64_t fieldNumber() {
+    static const int64_t kEdges[] = {1, 2, 18999, 20000, 536870911};
+    if (pick(3) == 0) return kEdges[pick(static_cast<int>(std::size(kEdges)))];
+    const int64_t number = std::uniform_int_distribution<int64_t>(1, 536870911 - 1000)(random_);
+    return number < 19000 ? number : number + 1000;
+  }
+
+  // Oneof names and field numbers are unique in a message, as an import requires.
   MessageManifest message() {
     MessageManifest m;
-    for (int i = pick(4); i > 0; --i) m.oneofs.push_back({name(), options()});
+    std::set<std::string> oneofNames;
+    for (int i = pick(4); i > 0; --i) {
+      std::string oneofName = name();
+      if (oneofNames.insert(oneofName).second) m.oneofs.push_back({oneofName, options()});
+    }
+    std::set<int64_t> numbers;
     for (int i = pick(8); i > 0; --i) {
-      FieldManifest f = field(static_cast<TypeManifest>(pick(kTypeManifestCount)), integer());
+      const int64_t number = fieldNumber();
+      if (!numbers.insert(number).second) continue;
+      FieldManifest f = field(static_cast<TypeManifest>(pick(kTypeManifestCount)), number);
       if (pick(2) == 0) f.typeName = name();
       f.isRepeated = pick(2) == 0;
       if (!m.oneofs.empty() && pick(2) == 0) {
         f.oneofIndex = pick(static_cast<int>(m.oneofs.size()));
       }
       f.options = options();
-      m.fields[name()] = f;
+      const auto [it, inserted] = m.fields.emplace(name(), f);
+      if (!inserted) numbers.erase(number);
     }
     m.options = options();
     return m;
@@ -589,15 +606,17 @@ TEST(SchemaManifestFromJSON, AcceptsOmittedDefaultsAndBoundaryValues) {
                     m.messages["M"].fields["f"] = field(TypeManifest::int32, 1);
                     return m;
                   }()});
-  rows.push_back({"extreme field numbers and -0",
-                  R"({"messages":{"M":{"fields":{"min":{"type":"int","fieldNumber":)"
-                  R"(-9223372036854775808},"max":{"type":"int","fieldNumber":)"
-                  R"(9223372036854775807},"zero":{"type":"int","fieldNumber":-0}}}}})",
+  rows.push_back({"extreme field numbers",
+                  R"({"messages":{"M":{"fields":{"min":{"type":"int","fieldNumber":1},)"
+                  R"("max":{"type":"int","fieldNumber":536870911},)"
+                  R"("below":{"type":"int","fieldNumber":18999},)"
+                  R"("above":{"type":"int","fieldNumber":20000}}}}})",
                   [] {
                     SchemaManifest m;
-                    m.messages["M"].fields["min"] = field(TypeManifest::int32, kInt64Min);
-                    m.messages["M"].fields["max"] = field(TypeManifest::int32, kInt64Max);
-                    m.messages["M"].fields["zero"] = field(TypeManifest::int32, 0);
+                    m.messages["M"].fields["min"] = field(TypeManifest::int32, 1);
+                    m.messages["M"].fields["max"] = field(TypeManifest::int32, 536870911);
+                    m.messages["M"].fields["below"] = field(TypeManifest::int32, 18999);
+                    m.messages["M"].fields["above"] = field(TypeManifest::int32, 20000);
                     return m;
                   }()});
   rows.push_back({"last oneof index",
@@ -734,6 +753,26 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
       {"oneofIndex beyond int32",
        withField(R"("type":"int","fieldNumber":1,"oneofIndex":4294967296)"),
        field + ".oneofIndex: expected an index into oneofs"},
+      {"fieldNumber 0", withField(R"("type":"int","fieldNumber":0)"),
+       field + ".fieldNumber: field number 0 is outside 1 to 536870911"},
+      {"fieldNumber -1", withField(R"("type":"int","fieldNumber":-1)"),
+       field + ".fieldNumber: field number -1 is outside 1 to 536870911"},
+      {"fieldNumber 2^29", withField(R"("type":"int","fieldNumber":536870912)"),
+       field + ".fieldNumber: field number 536870912 is outside 1 to 536870911"},
+      {"fieldNumber largest int64", withField(R"("type":"int","fieldNumber":9223372036854775807)"),
+       field + ".fieldNumber: field number 9223372036854775807 is outside 1 to 536870911"},
+      {"fieldNumber reserved", withField(R"("type":"int","fieldNumber":19500)"),
+       field +
+           ".fieldNumber: field number 19500 is in 19000 to 19999, reserved for protobuf itself"},
+      {"two fields of one number",
+       R"({"messages":{"M":{"fields":{"f":{"type":"int","fieldNumber":4},)"
+       R"("g":{"type":"bool","fieldNumber":4}}}}})",
+       R"(messages["M"].fields["g"].fieldNumber: field number 4 is also the number of field "f")"},
+      {"two oneofs of one name",
+       R"({"messages":{"M":{"oneofs":[{"name":"o"},{"name":"p"},{"name":"o"}]}}})",
+       R"(messages["M"].oneofs[2].name: oneof name "o" occurs twice)"},
+      {"two enum values of one name", R"({"enums":{"E":{"values":{"A":1,"A":2}}}})",
+       R"(enums["E"].values["A"]: duplicate member)"},
       {"oneofIndex without oneofs",
        R"({"messages":{"M":{"fields":{"f":{"type":"int","fieldNumber":1,"oneofIndex":0}}}}})",
        field + ".oneofIndex: expected an index into oneofs"},

@@ -9,10 +9,7 @@
 #include <vector>
 
 #include "manifest/descriptor_test_support.hpp"
-#include "ostrel/manifest/builtin_manifest.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/manifest/json_manifest.hpp"
-#include "ostrel/store/proto_schema_store.hpp"
+#include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -191,6 +188,9 @@ class ForwardingEnum final : public EnumSchemaDescribing {
   const std::string* findValueNameFor(int64_t number) const noexcept override {
     return inner_->findValueNameFor(number);
   }
+  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept override {
+    return inner_->allValues();
+  }
 
  private:
   std::shared_ptr<EnumSchemaDescribing> inner_;
@@ -215,10 +215,9 @@ class ForwardingStore final : public SchemaStoreDescribing {
 
 TEST(FullManifest, ReadsOtherStoresThroughTheirInterface) {
   const SchemaManifest manifest = imported("import/catalog.desc");
-  SchemaManifest expected = withBuiltin(manifest);
-  // Such an enum names each number once: by the first of its names.
-  expected.enums.at("ostrel.imp.Status").values = {{"ACTIVE", 1}, {"NEGATIVE", -5}, {"RETIRED", 2}};
-  EXPECT_EQ(fullManifest(SchemaStore(std::make_shared<ForwardingStore>(manifest))), expected);
+  // Aliases included: the interface lists every value name.
+  EXPECT_EQ(fullManifest(SchemaStore(std::make_shared<ForwardingStore>(manifest))),
+            withBuiltin(manifest));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -1,15 +1,13 @@
 // JSON encoding: renderings of generated messages encoded back and read by libprotobuf, the value
 // forms each type accepts, and the errors with their exact texts.
 
-#include "ostrel/output/json_encoding.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <string>
 #include <vector>
 
-#include "ostrel/output/json_rendering.hpp"
+#include "ostrel/output/json.hpp"
 #include "output/json_test_support.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
@@ -122,10 +120,19 @@ TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   SchemaStore store(sampleManifest());
   const MessageSchema node = store.messageSchema("t.Node");
   EXPECT_EQ(toJSON(encodeJSON(node, nestedNodes(100))), nestedNodes(100));
-  for (const int depth : {101, 10'000}) {
+  for (const int depth : {101, 201}) {
     SCOPED_TRACE(depth);
     EXPECT_EQ(catchError([&] { encodeJSON(node, nestedNodes(depth)); }),
               SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+  }
+  // Text nested deeper than any message can be is refused while it is parsed, before a document
+  // of it is built, naming where the parse stopped.
+  std::string path = "$";
+  for (int i = 1; i < 202; ++i) path += ".child";
+  for (const int depth : {202, 1'000'000}) {
+    SCOPED_TRACE(depth);
+    EXPECT_EQ(catchError([&] { encodeJSON(node, nestedNodes(depth)); }),
+              SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
   }
 }
 
@@ -206,6 +213,16 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
        unexpected("$.sm[\"a\\\"b\"]: expected an integer of type int64")},
       {"message type the store lacks", R"({"missing":{}})",
        SchematizerError::schemaNotFound("t.Missing")},
+      // Of two members of one name, neither can be taken without losing the other.
+      {"member twice", R"({"i32":1,"u32":2,"i32":3})", unexpected(R"($: duplicate key "i32")")},
+      {"member twice, once null", R"({"i32":null,"i32":1})",
+       unexpected(R"($: duplicate key "i32")")},
+      {"member twice in a nested message", R"({"child":{"child":{"rs":[],"rs":[]}}})",
+       unexpected(R"($.child.child: duplicate key "rs")")},
+      {"map key twice", R"({"rm":[{}],"sm":{"a":1,"b":2,"a":1}})",
+       unexpected(R"($.sm: duplicate key "a")")},
+      {"map key twice in an element", R"({"rm":[{},{"sm":{"\u00fc":1,"\u00fc":2}}]})",
+       unexpected("$.rm[1].sm: duplicate key \"\xc3\xbc\"")},
   };
   SchemaStore store(sampleManifest());
   const MessageSchema schema = store.messageSchema("t.Sample");

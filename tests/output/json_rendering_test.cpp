@@ -1,8 +1,6 @@
 // JSON rendering: compared with libprotobuf's JSON on generated messages, and on hand-made bytes
 // for what libprotobuf never writes (repeated singular fields, split packed runs, broken bytes).
 
-#include "ostrel/output/json_rendering.hpp"
-
 #include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
 
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ostrel/output/json.hpp"
 #include "output/json_test_support.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"

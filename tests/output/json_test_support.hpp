@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "ostrel/core/logging.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "support/wire.hpp"
 

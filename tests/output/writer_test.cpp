@@ -46,8 +46,8 @@ std::string hex(std::string_view text) { return hex(asBytes(text)); }
 
 class FakeEnum final : public EnumSchemaDescribing {
  public:
-  FakeEnum(std::string name, std::map<std::string, int64_t> values)
-      : name_(std::move(name)), values_(std::move(values)) {
+  FakeEnum(std::string name, const std::map<std::string, int64_t>& values)
+      : name_(std::move(name)), values_(values.begin(), values.end()) {
     for (const auto& [valueName, number] : values_) {
       numbers_.insert(number);
       names_[number] = valueName;
@@ -69,6 +69,9 @@ class FakeEnum final : public EnumSchemaDescribing {
     }
     return it->second;
   }
+  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept override {
+    return values_;
+  }
   const std::string& valueNameFor(int64_t number) const override {
     if (const std::string* name = findValueNameFor(number)) return *name;
     throw SchematizerError::enumValueNotFound("Enum: " + name_ + ", " + std::to_string(number) +
@@ -81,7 +84,7 @@ class FakeEnum final : public EnumSchemaDescribing {
 
  private:
   std::string name_;
-  std::map<std::string, int64_t> values_;
+  std::map<std::string, int64_t, std::less<>> values_;
   std::map<int64_t, std::string> names_;
   std::set<int64_t> numbers_;
   std::optional<SchematizedData> options_;
@@ -145,9 +148,11 @@ class RecordingWriter final : public ProtobufWriting {
   void writeDouble(double v, int64_t n) override { record("writeDouble", v, n); }
   void writeBOOL(bool v, int64_t n) override { record("writeBOOL", v ? "true" : "false", n); }
   void writeString(std::string_view v, int64_t n) override {
-    record("writeString", "\"" + std::string(v) + "\"", n);
+    record("writeString", std::string("\"").append(v).append("\""), n);
   }
-  void writeData(ByteView v, int64_t n) override { record("writeData", "[" + hex(v) + "]", n); }
+  void writeData(ByteView v, int64_t n) override {
+    record("writeData", std::string("[").append(hex(v)).append("]"), n);
+  }
 
  private:
   template <typename T>
@@ -447,7 +452,7 @@ TEST(WireDataWriterTest, KeysReadBackWithCodedInputStream) {
 
 struct DispatchRow {
   std::string name;
-  AnyValueImpl value;
+  detail::AnyValueImpl value;
   TypeSchemaDescription fieldType;
   std::string expectedCall;
 };
@@ -459,49 +464,56 @@ TEST(WriteFieldValueTest, ChoosesTheOperationByValueAndFieldType) {
   const auto enumField = TypeSchemaDescription::enumType(color);
 
   const std::vector<DispatchRow> rows = {
-      {"int32 to int32", AnyValueImpl::int32(-5), scalarType(Type::int32), "writeInt32(-5, 7)"},
-      {"int32 to enum", AnyValueImpl::int32(3), enumField, "writeInt32(3, 7)"},
-      {"int32 to sint32", AnyValueImpl::int32(-5), scalarType(Type::sint32), "writeSint32(-5, 7)"},
-      {"int32 to sfixed32", AnyValueImpl::int32(-5), scalarType(Type::sfixed32),
+      {"int32 to int32", detail::AnyValueImpl::int32(-5), scalarType(Type::int32),
+       "writeInt32(-5, 7)"},
+      {"int32 to enum", detail::AnyValueImpl::int32(3), enumField, "writeInt32(3, 7)"},
+      {"int32 to sint32", detail::AnyValueImpl::int32(-5), scalarType(Type::sint32),
+       "writeSint32(-5, 7)"},
+      {"int32 to sfixed32", detail::AnyValueImpl::int32(-5), scalarType(Type::sfixed32),
        "writeSfixed32(-5, 7)"},
-      {"uint32 to uint32", AnyValueImpl::uint32(9), scalarType(Type::uint32), "writeUint32(9, 7)"},
-      {"uint32 to fixed32", AnyValueImpl::uint32(9), scalarType(Type::fixed32),
+      {"uint32 to uint32", detail::AnyValueImpl::uint32(9), scalarType(Type::uint32),
+       "writeUint32(9, 7)"},
+      {"uint32 to fixed32", detail::AnyValueImpl::uint32(9), scalarType(Type::fixed32),
        "writeFixed32(9, 7)"},
-      {"int64 to int64", AnyValueImpl::int64(-8), scalarType(Type::int64), "writeInt64(-8, 7)"},
-      {"int64 to sint64", AnyValueImpl::int64(-8), scalarType(Type::sint64), "writeSint64(-8, 7)"},
-      {"int64 to sfixed64", AnyValueImpl::int64(-8), scalarType(Type::sfixed64),
+      {"int64 to int64", detail::AnyValueImpl::int64(-8), scalarType(Type::int64),
+       "writeInt64(-8, 7)"},
+      {"int64 to sint64", detail::AnyValueImpl::int64(-8), scalarType(Type::sint64),
+       "writeSint64(-8, 7)"},
+      {"int64 to sfixed64", detail::AnyValueImpl::int64(-8), scalarType(Type::sfixed64),
        "writeSfixed64(-8, 7)"},
-      {"uint64 to uint64", AnyValueImpl::uint64(8), scalarType(Type::uint64), "writeUint64(8, 7)"},
-      {"uint64 to fixed64", AnyValueImpl::uint64(8), scalarType(Type::fixed64),
+      {"uint64 to uint64", detail::AnyValueImpl::uint64(8), scalarType(Type::uint64),
+       "writeUint64(8, 7)"},
+      {"uint64 to fixed64", detail::AnyValueImpl::uint64(8), scalarType(Type::fixed64),
        "writeFixed64(8, 7)"},
-      {"float to float", AnyValueImpl::float_(1.5f), scalarType(Type::float_),
+      {"float to float", detail::AnyValueImpl::float_(1.5f), scalarType(Type::float_),
        "writeFloat(1.5, 7)"},
-      {"float to int32, unchecked", AnyValueImpl::float_(1.5f), scalarType(Type::int32),
+      {"float to int32, unchecked", detail::AnyValueImpl::float_(1.5f), scalarType(Type::int32),
        "writeFloat(1.5, 7)"},
-      {"double to double", AnyValueImpl::double_(2.5), scalarType(Type::double_),
+      {"double to double", detail::AnyValueImpl::double_(2.5), scalarType(Type::double_),
        "writeDouble(2.5, 7)"},
-      {"double to string, unchecked", AnyValueImpl::double_(2.5), scalarType(Type::string),
+      {"double to string, unchecked", detail::AnyValueImpl::double_(2.5), scalarType(Type::string),
        "writeDouble(2.5, 7)"},
-      {"bool to bool", AnyValueImpl::bool_(true), scalarType(Type::bool_), "writeBOOL(true, 7)"},
-      {"bool to uint64, unchecked", AnyValueImpl::bool_(false), scalarType(Type::uint64),
+      {"bool to bool", detail::AnyValueImpl::bool_(true), scalarType(Type::bool_),
+       "writeBOOL(true, 7)"},
+      {"bool to uint64, unchecked", detail::AnyValueImpl::bool_(false), scalarType(Type::uint64),
        "writeBOOL(false, 7)"},
-      {"string to string", AnyValueImpl::string("hey"), scalarType(Type::string),
+      {"string to string", detail::AnyValueImpl::string("hey"), scalarType(Type::string),
        "writeString(\"hey\", 7)"},
-      {"string to bytes, unchecked", AnyValueImpl::string("hey"), scalarType(Type::bytes),
+      {"string to bytes, unchecked", detail::AnyValueImpl::string("hey"), scalarType(Type::bytes),
        "writeString(\"hey\", 7)"},
-      {"bytes to bytes", AnyValueImpl::bytes(payload), scalarType(Type::bytes),
+      {"bytes to bytes", detail::AnyValueImpl::bytes(payload), scalarType(Type::bytes),
        "writeData([01 02], 7)"},
-      {"bytes to double, unchecked", AnyValueImpl::bytes(payload), scalarType(Type::double_),
-       "writeData([01 02], 7)"},
-      {"message to bytes", AnyValueImpl::message(UnsafeSchematizedData(nullptr, nested)),
+      {"bytes to double, unchecked", detail::AnyValueImpl::bytes(payload),
+       scalarType(Type::double_), "writeData([01 02], 7)"},
+      {"message to bytes", detail::AnyValueImpl::message(UnsafeSchematizedData(nullptr, nested)),
        scalarType(Type::bytes), "writeData([08 2a], 7)"},
-      {"enum by number to enum", AnyValueImpl::enum_({color, int64_t{300}}), enumField,
+      {"enum by number to enum", detail::AnyValueImpl::enum_({color, int64_t{300}}), enumField,
        "writeUint64(300, 7)"},
-      {"enum by name to enum", AnyValueImpl::enum_({color, std::string("BLUE")}), enumField,
+      {"enum by name to enum", detail::AnyValueImpl::enum_({color, std::string("BLUE")}), enumField,
        "writeUint64(300, 7)"},
-      {"enum zero to enum", AnyValueImpl::enum_({color, std::string("RED")}), enumField,
+      {"enum zero to enum", detail::AnyValueImpl::enum_({color, std::string("RED")}), enumField,
        "writeUint64(0, 7)"},
-      {"enum to int32, unchecked", AnyValueImpl::enum_({color, int64_t{5}}),
+      {"enum to int32, unchecked", detail::AnyValueImpl::enum_({color, int64_t{5}}),
        scalarType(Type::int32), "writeUint64(5, 7)"},
   };
 
@@ -516,27 +528,27 @@ TEST(WriteFieldValueTest, ChoosesTheOperationByValueAndFieldType) {
 
 struct MismatchRow {
   std::string name;
-  AnyValueImpl value;
+  detail::AnyValueImpl value;
   TypeSchemaDescription fieldType;
 };
 
 TEST(WriteFieldValueTest, IntegerOfTheWrongTypeThrowsAndWritesNothing) {
   const auto enumField = TypeSchemaDescription::enumType(colorEnum());
   std::vector<MismatchRow> rows = {
-      {"uint32 to int32", AnyValueImpl::uint32(1), scalarType(Type::int32)},
-      {"uint32 to enum", AnyValueImpl::uint32(1), enumField},
-      {"uint32 to uint64", AnyValueImpl::uint32(1), scalarType(Type::uint64)},
-      {"int32 to uint32", AnyValueImpl::int32(1), scalarType(Type::uint32)},
-      {"int32 to int64", AnyValueImpl::int32(1), scalarType(Type::int64)},
-      {"int32 to fixed32", AnyValueImpl::int32(1), scalarType(Type::fixed32)},
-      {"int32 to float", AnyValueImpl::int32(1), scalarType(Type::float_)},
-      {"int32 to string", AnyValueImpl::int32(1), scalarType(Type::string)},
-      {"int64 to int32", AnyValueImpl::int64(1), scalarType(Type::int32)},
-      {"int64 to uint64", AnyValueImpl::int64(1), scalarType(Type::uint64)},
-      {"int64 to enum", AnyValueImpl::int64(1), enumField},
-      {"uint64 to int64", AnyValueImpl::uint64(1), scalarType(Type::int64)},
-      {"uint64 to sfixed64", AnyValueImpl::uint64(1), scalarType(Type::sfixed64)},
-      {"uint64 to bool", AnyValueImpl::uint64(1), scalarType(Type::bool_)},
+      {"uint32 to int32", detail::AnyValueImpl::uint32(1), scalarType(Type::int32)},
+      {"uint32 to enum", detail::AnyValueImpl::uint32(1), enumField},
+      {"uint32 to uint64", detail::AnyValueImpl::uint32(1), scalarType(Type::uint64)},
+      {"int32 to uint32", detail::AnyValueImpl::int32(1), scalarType(Type::uint32)},
+      {"int32 to int64", detail::AnyValueImpl::int32(1), scalarType(Type::int64)},
+      {"int32 to fixed32", detail::AnyValueImpl::int32(1), scalarType(Type::fixed32)},
+      {"int32 to float", detail::AnyValueImpl::int32(1), scalarType(Type::float_)},
+      {"int32 to string", detail::AnyValueImpl::int32(1), scalarType(Type::string)},
+      {"int64 to int32", detail::AnyValueImpl::int64(1), scalarType(Type::int32)},
+      {"int64 to uint64", detail::AnyValueImpl::int64(1), scalarType(Type::uint64)},
+      {"int64 to enum", detail::AnyValueImpl::int64(1), enumField},
+      {"uint64 to int64", detail::AnyValueImpl::uint64(1), scalarType(Type::int64)},
+      {"uint64 to sfixed64", detail::AnyValueImpl::uint64(1), scalarType(Type::sfixed64)},
+      {"uint64 to bool", detail::AnyValueImpl::uint64(1), scalarType(Type::bool_)},
   };
 
   for (const auto& row : rows) {
@@ -553,10 +565,11 @@ TEST(WriteFieldValueTest, InvalidIntTypeIsNotConfusedWithAnotherValueOrType) {
   // Guards the comparison itself: the error must carry this value and this type.
   FakeField field(scalarType(Type::int32), 4);
   RecordingWriter writer;
-  const auto caught = catchError([&] { writeFieldValue(AnyValueImpl::uint32(1), field, writer); });
-  EXPECT_FALSE(caught == SerializationError::invalidIntType(AnyValueImpl::uint32(2),
+  const auto caught =
+      catchError([&] { writeFieldValue(detail::AnyValueImpl::uint32(1), field, writer); });
+  EXPECT_FALSE(caught == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(2),
                                                             scalarType(Type::int32)));
-  EXPECT_FALSE(caught == SerializationError::invalidIntType(AnyValueImpl::uint32(1),
+  EXPECT_FALSE(caught == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(1),
                                                             scalarType(Type::int64)));
   EXPECT_FALSE(caught ==
                SerializationError::typeMismatch(scalarType(Type::int32), ProtoWireType::varInt));
@@ -566,10 +579,11 @@ TEST(WriteFieldValueTest, UnknownEnumNameThrowsTheEnumErrorAndWritesNothing) {
   const auto color = colorEnum();
   FakeField field(TypeSchemaDescription::enumType(color), 2);
   RecordingWriter writer;
-  EXPECT_EQ(catchError([&] {
-              writeFieldValue(AnyValueImpl::enum_({color, std::string("GREEN")}), field, writer);
-            }),
-            SchematizerError::enumValueNotFound("Enum: a.Color, GREEN value"));
+  EXPECT_EQ(
+      catchError([&] {
+        writeFieldValue(detail::AnyValueImpl::enum_({color, std::string("GREEN")}), field, writer);
+      }),
+      SchematizerError::enumValueNotFound("Enum: a.Color, GREEN value"));
   EXPECT_TRUE(writer.calls.empty());
 }
 
@@ -579,14 +593,14 @@ TEST(WriteFieldValueTest, FieldSchemaErrorsPassThroughAndNothingIsWritten) {
     std::string name;
     bool typeFails;
     bool numberFails;
-    AnyValueImpl value;
+    detail::AnyValueImpl value;
   };
   const std::vector<Row> rows = {
-      {"type fails, integer value", true, false, AnyValueImpl::int32(1)},
-      {"type fails, unchecked value", true, false, AnyValueImpl::string("x")},
-      {"number fails, integer value", false, true, AnyValueImpl::int32(1)},
-      {"number fails, unchecked value", false, true, AnyValueImpl::double_(1.0)},
-      {"number fails, mismatched integer", false, true, AnyValueImpl::uint64(1)},
+      {"type fails, integer value", true, false, detail::AnyValueImpl::int32(1)},
+      {"type fails, unchecked value", true, false, detail::AnyValueImpl::string("x")},
+      {"number fails, integer value", false, true, detail::AnyValueImpl::int32(1)},
+      {"number fails, unchecked value", false, true, detail::AnyValueImpl::double_(1.0)},
+      {"number fails, mismatched integer", false, true, detail::AnyValueImpl::uint64(1)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -605,23 +619,24 @@ TEST(WriteFieldValueTest, WritesTheExpectedBytes) {
   const Bytes nested = bytesOf({0x08, 0x2a});
   struct Row {
     std::string name;
-    AnyValueImpl value;
+    detail::AnyValueImpl value;
     TypeSchemaDescription fieldType;
     Bytes expected;
   };
   const std::vector<Row> rows = {
-      {"float to int32 field as fixed32", AnyValueImpl::float_(1.5f), scalarType(Type::int32),
-       bytesOf({0x0d, 0x00, 0x00, 0xc0, 0x3f})},
-      {"double to string field as fixed64", AnyValueImpl::double_(1.5), scalarType(Type::string),
-       bytesOf({0x09, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xf8, 0x3f})},
-      {"int32 -1 to enum field as int32 varint", AnyValueImpl::int32(-1),
+      {"float to int32 field as fixed32", detail::AnyValueImpl::float_(1.5f),
+       scalarType(Type::int32), bytesOf({0x0d, 0x00, 0x00, 0xc0, 0x3f})},
+      {"double to string field as fixed64", detail::AnyValueImpl::double_(1.5),
+       scalarType(Type::string), bytesOf({0x09, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xf8, 0x3f})},
+      {"int32 -1 to enum field as int32 varint", detail::AnyValueImpl::int32(-1),
        TypeSchemaDescription::enumType(color),
        bytesOf({0x08, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01})},
-      {"int32 -1 to sint32 field", AnyValueImpl::int32(-1), scalarType(Type::sint32),
+      {"int32 -1 to sint32 field", detail::AnyValueImpl::int32(-1), scalarType(Type::sint32),
        bytesOf({0x08, 0x01})},
-      {"enum by name as uint64 varint", AnyValueImpl::enum_({color, std::string("BLUE")}),
+      {"enum by name as uint64 varint", detail::AnyValueImpl::enum_({color, std::string("BLUE")}),
        TypeSchemaDescription::enumType(color), bytesOf({0x08, 0xac, 0x02})},
-      {"message as length-delimited", AnyValueImpl::message(UnsafeSchematizedData(nullptr, nested)),
+      {"message as length-delimited",
+       detail::AnyValueImpl::message(UnsafeSchematizedData(nullptr, nested)),
        scalarType(Type::bytes), bytesOf({0x0a, 0x02, 0x08, 0x2a})},
   };
   for (const auto& row : rows) {
@@ -637,7 +652,7 @@ TEST(WriteFieldValueDeathTest, NegativeEnumNumberStopsTheProcess) {
   const auto color = colorEnum();
   FakeField field(TypeSchemaDescription::enumType(color), 1);
   WireDataWriter writer;
-  EXPECT_DEATH(writeFieldValue(AnyValueImpl::enum_({color, int64_t{-1}}), field, writer),
+  EXPECT_DEATH(writeFieldValue(detail::AnyValueImpl::enum_({color, int64_t{-1}}), field, writer),
                "Negative value is not representable");
 }
 
@@ -646,9 +661,9 @@ TEST(WriteFieldValueDeathTest, NegativeEnumNumberByNameStopsTheProcess) {
       std::make_shared<FakeEnum>("a.Signed", std::map<std::string, int64_t>{{"MINUS", -2}});
   FakeField field(TypeSchemaDescription::enumType(signedEnum), 1);
   WireDataWriter writer;
-  EXPECT_DEATH(
-      writeFieldValue(AnyValueImpl::enum_({signedEnum, std::string("MINUS")}), field, writer),
-      "Negative value is not representable");
+  EXPECT_DEATH(writeFieldValue(detail::AnyValueImpl::enum_({signedEnum, std::string("MINUS")}),
+                               field, writer),
+               "Negative value is not representable");
 }
 
 }  // namespace

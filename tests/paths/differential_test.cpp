@@ -9,7 +9,7 @@
 #include <iterator>
 
 #include "legacy.pb.h"
-#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
@@ -154,11 +154,8 @@ void checkMessage(const pb::Message& message, const SchematizedData& data, Count
           checkMessage(r->GetRepeatedMessage(message, field, n), value->messageValue(), counts);
         }
       }
-      // Past the end of tagged elements there is nothing; past a packed run the bytes that
-      // follow would be read as further elements, so no absence is promised there.
-      if (!field->is_packed()) {
-        EXPECT_FALSE(data.value(field->name() + "[" + std::to_string(size) + "]"));
-      }
+      // Past the last element there is nothing, packed or not.
+      EXPECT_FALSE(data.value(field->name() + "[" + std::to_string(size) + "]"));
     }
     // The iterator yields the same elements in the same order; map entries are compared as
     // encoded entries, in the order libprotobuf wrote them.

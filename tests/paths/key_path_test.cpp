@@ -1,7 +1,8 @@
-#include "ostrel/paths/key_path.hpp"
-
 #include <gtest/gtest.h>
 
+#include <functional>
+
+#include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "support/test_support.hpp"
 
@@ -52,7 +53,7 @@ TEST(KeyPathTest, ResolvesNamesToFieldNumbersAndTheLastType) {
   const MessageSchema root = store.messageSchema("a.Root");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.path);
-    const FieldPathAndType resolved = resolveKeyPath(*root.impl(), row.path);
+    const FieldPathAndType resolved = resolvePropertyPath(root, row.path);
     EXPECT_EQ(resolved.fieldPath, row.components);
     EXPECT_EQ(resolved.type.kind(), row.type);
   }
@@ -73,17 +74,7 @@ TEST(KeyPathTest, ReportsEachFaultOfThePath) {
       {"kind.y", SchematizerError::nonMessageTypeInKeypath()},
       {"nodes", SchematizerError::repeatedValueAccessNoIndex()},
       {"x[0]", SchematizerError::scalarValueAccessWithIndex()},
-      {"nodes[]", SchematizerError::invalidIndexInKeypath()},
-      {"nodes[x]", SchematizerError::invalidIndexInKeypath()},
-      {"nodes[-1]", SchematizerError::invalidIndexInKeypath()},
-      {"nodes[ 1]", SchematizerError::invalidIndexInKeypath()},
-      {"nodes]1[", SchematizerError::invalidIndexInKeypath()},
-      {"nodes[1]x", SchematizerError::invalidIndexInKeypath()},
-      {"nodes[99999999999999999999]", SchematizerError::invalidIndexInKeypath()},
       {"missing", noField("a.Root", "missing")},
-      {"", noField("a.Root", "")},
-      {"node..name", noField("a.Node", "")},
-      {"node.name.", SchematizerError::nonMessageTypeInKeypath()},
       {"node.nope", noField("a.Node", "nope")},
       {"missing[0]", noField("a.Root", "missing")},
   };
@@ -91,7 +82,43 @@ TEST(KeyPathTest, ReportsEachFaultOfThePath) {
   const MessageSchema root = store.messageSchema("a.Root");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.path);
-    EXPECT_EQ(catchError([&] { resolveKeyPath(*root.impl(), row.path); }), row.error);
+    EXPECT_EQ(catchError([&] { resolvePropertyPath(root, row.path); }), row.error);
+  }
+}
+
+// A path that breaks the grammar is a PropertyPathUtil::Error before any lookup, whatever the
+// schema would say, from resolution and from reads by path text alike.
+TEST(KeyPathTest, MalformedPathsFailWithTheParsersError) {
+  using Code = PropertyPathUtil::Error::Code;
+  const std::vector<std::pair<std::string, Code>> rows = {
+      {"nodes[]", Code::missingIndex},
+      {"nodes[x]", Code::missingIndex},
+      {"nodes[-1]", Code::negativeIndex},
+      {"nodes[ 1]", Code::missingIndex},
+      {"nodes]1[", Code::missingSeparator},
+      {"nodes[1]x", Code::missingSeparator},
+      {"", Code::zeroLengthPropertyPath},
+      {"node..name", Code::missingPropertyName},
+      {"node.name.", Code::missingPropertyName},
+      {"x.1y", Code::propertyNameStartsWithIllegalCharacter},
+      {"missing[99999999999999999999]", Code::missingIndex},
+      {"nodes[1", Code::missingClosingBracket},
+  };
+  SchemaStore store(treeManifest());
+  const MessageSchema root = store.messageSchema("a.Root");
+  const SchematizedData data = root.schematizedData(std::string_view());
+  for (const auto& [path, code] : rows) {
+    SCOPED_TRACE(path);
+    for (const auto& call : std::vector<std::function<void()>>{
+             [&] { resolvePropertyPath(root, path); }, [&] { data.value(path); },
+             [&] { data.unsafe().value(path); }}) {
+      try {
+        call();
+        ADD_FAILURE() << "nothing thrown";
+      } catch (const PropertyPathUtil::Error& error) {
+        EXPECT_EQ(error.code(), code);
+      }
+    }
   }
 }
 
@@ -112,7 +139,7 @@ TEST(KeyPathTest, ReadsByPropertyPathFromOwnedAndBorrowedData) {
   EXPECT_EQ(data.value("nodes[2].name"), std::nullopt);
   EXPECT_EQ(data.value("r[1]"), AnyValue(int32_t{6}));
   EXPECT_EQ(data.value("kind")->enumValue().name(), "TREE");
-  EXPECT_EQ(data.value(resolveKeyPath(*root.impl(), "nodes[1].name")), AnyValue("b"));
+  EXPECT_EQ(data.value(resolvePropertyPath(root, "nodes[1].name")), AnyValue("b"));
   const std::optional<AnyValue> node = data.value("nodes[0]");
   ASSERT_TRUE(node);
   EXPECT_EQ(node->messageValue().data(), bytesOf({0x0a, 1, 'a'}));
@@ -141,7 +168,7 @@ TEST(KeyPathTest, LongPathsResolveBeyondTheInlineBuffer) {
     path = "next." + path;
   }
   EXPECT_EQ(node.schematizedData(bytes).value(path), AnyValue("deep"));
-  EXPECT_EQ(resolveKeyPath(*node.impl(), path).fieldPath.size(), 41u);
+  EXPECT_EQ(resolvePropertyPath(node, path).fieldPath.size(), 41u);
 }
 
 }  // namespace

@@ -5,12 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ostrel/ostrel.hpp"
+#include "ostrel/wire/schematizer.hpp"
 #include "reliability/reliability_support.hpp"
 #include "support/test_support.hpp"
+#include "wire/field_path.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel {
 namespace {
@@ -99,7 +104,7 @@ TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsAreSteppedOver) {
       Schematizer::RepeatableFieldIterator mids(data.bytes(), 4, rich.fieldNamed("mids").type());
       EXPECT_EQ(mids.next(), std::nullopt);
       int fields = 0;
-      forEachPresentField(data.unsafe(), [&](const auto&, AnyValueImpl&&) { ++fields; });
+      forEachPresentField(data.unsafe(), [&](const auto&, detail::AnyValueImpl&&) { ++fields; });
       EXPECT_EQ(fields, 1);
     });
   });
@@ -159,7 +164,7 @@ TEST(ReliabilityBoundsTest, TenThousandNestedMessagesReadThroughALongPath) {
   const double seconds = secondsFor([&] {
     onSmallStack([&] {
       EXPECT_EQ(PropertyPathUtil::parse(path).size(), static_cast<size_t>(kNodes));
-      const FieldPathAndType resolved = resolveKeyPath(*node.impl(), path);
+      const FieldPathAndType resolved = resolvePropertyPath(node, path);
       EXPECT_EQ(resolved.fieldPath.size(), static_cast<size_t>(kNodes));
       EXPECT_EQ(data.value(resolved), AnyValue(int32_t{7}));
       EXPECT_EQ(data.value(path), AnyValue(int32_t{7}));
@@ -172,6 +177,37 @@ TEST(ReliabilityBoundsTest, TenThousandNestedMessagesReadThroughALongPath) {
   EXPECT_LT(seconds, kSecondsAllowed);
 }
 
+TEST(ReliabilityBoundsTest, TenThousandNestedMessagesReadThroughAProjection) {
+  const SchemaStore store = nodeStore();
+  const MessageSchema node = store.messageSchema("t.Node");
+  const std::string bytes = nestedNodes(kNodes);
+  // The deep paths and a shallow one at once; a deep path that stops one level short of the value
+  // reads the innermost message, and one that goes a level too far reads nothing.
+  const std::vector<std::string> paths = {
+      repeated("child.", kNodes - 1) + "value", repeated("child.", kNodes - 1) + "child",
+      repeated("child.", kNodes) + "value", "value", "child.child.value"};
+  const SchematizedData data = node.schematizedData(bytes);
+  onSmallStack([&] {
+    const Projection projection(node, paths);
+    ProjectionRow row = projection.makeRow();
+    projection.read(asBytes(bytes), row);
+    for (size_t i = 0; i < paths.size(); ++i) {
+      SCOPED_TRACE(i);
+      EXPECT_EQ(row.value(i), data.value(paths[i]));
+    }
+    EXPECT_EQ(row.int32Value(0), 7);
+    EXPECT_EQ(row.state(1), ProjectionRow::State::absent);
+    // Cut short: the deep path fails as its single read does; the shallow ones are untouched.
+    const std::string cut = bytes.substr(0, bytes.size() - 1);
+    projection.read(asBytes(cut), row);
+    const SchematizedData cutData = node.schematizedData(cut);
+    EXPECT_EQ(catchError([&] { row.value(0); }).description,
+              catchError([&] { cutData.value(paths[0]); }).description);
+    EXPECT_EQ(row.state(0), ProjectionRow::State::failed);
+    EXPECT_EQ(row.state(3), ProjectionRow::State::absent);
+  });
+}
+
 TEST(ReliabilityBoundsTest, TenThousandNestedMessagesRenderToABoundedDepth) {
   const SchemaStore store = nodeStore();
   const MessageSchema node = store.messageSchema("t.Node");
@@ -181,7 +217,7 @@ TEST(ReliabilityBoundsTest, TenThousandNestedMessagesRenderToABoundedDepth) {
     EXPECT_EQ(static_cast<size_t>(std::count(json.begin(), json.end(), '{')), 100u);
     EXPECT_NE(json.find("Nesting deeper than 100 messages"), std::string::npos);
     int visited = 0;
-    forEachPresentField(data.unsafe(), [&](const auto&, AnyValueImpl&&) { ++visited; });
+    forEachPresentField(data.unsafe(), [&](const auto&, detail::AnyValueImpl&&) { ++visited; });
     EXPECT_EQ(visited, 1);
   });
 }
@@ -190,9 +226,11 @@ TEST(ReliabilityBoundsTest, TenThousandNestedObjectsAreRefusedByTheEncoder) {
   const SchemaStore store = nodeStore();
   const MessageSchema node = store.messageSchema("t.Node");
   const std::string json = repeated(R"({"child":)", kNodes) + "{}" + repeated("}", kNodes);
+  // Refused while parsing, where the text passes the deepest a message can nest.
+  const std::string where = "$" + repeated(".child", 201);
   onSmallStack([&] {
     EXPECT_EQ(catchError([&] { encodeJSON(node, json); }),
-              SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+              SchematizerError::unexpectedType(where + ": nesting deeper than 201 levels"));
   });
 }
 
@@ -227,6 +265,30 @@ TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReader) {
           << caught.description;
     }
   });
+}
+
+// A chain of 100,000 message types, each materialised (the store holds them all, each field its
+// target): releasing the store must not free the chain link by link from inside destructors.
+TEST(ReliabilityBoundsTest, HundredThousandChainedSchemasAreReleasedOnASmallStack) {
+  constexpr int kTypes = 100'000;
+  SchemaManifest manifest;
+  for (int i = 0; i < kTypes; ++i) {
+    MessageManifest& message = manifest.messages["c.M" + std::to_string(i)];
+    if (i + 1 < kTypes) {
+      message.fields["next"] = {.type = TypeManifest::message,
+                                .typeName = "c.M" + std::to_string(i + 1),
+                                .fieldNumber = 1};
+    }
+  }
+  std::optional<SchemaStore> store(std::in_place, manifest);
+  int reached = 0;
+  for (std::optional<MessageSchema> message = store->messageSchema("c.M0"); message;) {
+    ++reached;
+    const std::map<int64_t, FieldSchema> fields = message->fieldsByNumber();
+    message = fields.empty() ? std::nullopt : fields.begin()->second.type().messageSchema();
+  }
+  EXPECT_EQ(reached, kTypes);
+  onSmallStack([&] { store.reset(); });
 }
 
 // A length prefix that claims far more than the buffer holds, read along a path.
@@ -301,7 +363,7 @@ TEST(ReliabilityBoundsTest, HugeLengthPrefixesAreMalformed) {
             while (iterator.next()) ASSERT_LT(++steps, 10);
           });
           Reader reader(data.bytes());
-          catchError([&] { forEachValue(reader, *field.impl(), [](AnyValueImpl&&) {}); });
+          catchError([&] { forEachValue(reader, *field.impl(), [](detail::AnyValueImpl&&) {}); });
         }
       });
     });

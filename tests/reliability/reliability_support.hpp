@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "ostrel/core/bytes.hpp"
+#include "ostrel/core/values.hpp"
 #include "support/wire.hpp"
 
 namespace ostrel::testing_support {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "ostrel/manifest/descriptor_set.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
@@ -92,7 +92,7 @@ TEST(BuildDataTest, MismatchedIntegerStopsTheBuild) {
     });
   });
   EXPECT_EQ(caught, SerializationError::invalidIntType(
-                        AnyValueImpl::uint32(5),
+                        detail::AnyValueImpl::uint32(5),
                         TypeSchemaDescription::scalar(TypeSchemaDescription::Case::int32)));
   EXPECT_EQ(asked, 1);  // "codes" failed; "id" and "label" were never asked for
 }
@@ -127,7 +127,7 @@ AnyValue valueFor(const TypeSchema& type, const pb::Message& message, const pb::
       // Numbers the enum does not know are written as they are.
       const int number =
           rep ? r->GetRepeatedEnumValue(message, f, index) : r->GetEnumValue(message, f);
-      return EnumValue(EnumValueImpl{type.enumSchema()->impl(), int64_t{number}});
+      return EnumValue(detail::EnumValueImpl{type.enumSchema()->impl(), int64_t{number}});
     }
     case Cpp::CPPTYPE_STRING: {
       const std::string text =

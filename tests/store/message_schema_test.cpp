@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "ostrel/store/proto_schema_store.hpp"
 #include "ostrel/store/schemas.hpp"
+#include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {

@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
@@ -38,7 +39,13 @@ class RandomMessageFiller {
  public:
   explicit RandomMessageFiller(uint32_t seed) : rng_(seed) {}
 
+  // Fills the messages for which it returns true in its own way (well-known types whose content
+  // has rules of its own); the others are filled field by field.
+  using SpecialFill = std::function<bool(google::protobuf::Message& message, int depth)>;
+  void setSpecialFill(SpecialFill special) { special_ = std::move(special); }
+
   void fill(google::protobuf::Message& message, int depth = 0) {
+    if (special_ && special_(message, depth)) return;
     const auto* descriptor = message.GetDescriptor();
     for (int i = 0; i < descriptor->field_count(); ++i) {
       const auto* field = descriptor->field(i);
@@ -197,6 +204,7 @@ class RandomMessageFiller {
   }
 
   std::mt19937 rng_;
+  SpecialFill special_;
 };
 
 // MessageDifferencer with NaN equal to NaN, as the filler writes it; differences() says what

@@ -6,8 +6,8 @@
 #include <typeinfo>
 #include <utility>
 
-#include "ostrel/core/bytes.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/values.hpp"
 
 namespace ostrel {
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,16 +63,20 @@ struct ToolRun {
   int status = -1;  // the exit status, -1 when the program did not exit normally
   std::string out;
   std::string err;
+  long maxResidentKiB = 0;  // the peak memory of the process
 };
 
 // Runs the tool with `args` and `input` on its standard input. Output goes through files, which
-// never block the child the way a pipe nobody reads would.
-ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "") {
+// never block the child the way a pipe nobody reads would. With a `launcher` (a program and its
+// first arguments), that runs the tool, its path and `args` following.
+ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "",
+                const std::vector<std::string>& launcher = {}) {
   const fs::path in = scratch() / "stdin";
   const fs::path out = scratch() / "stdout";
   const fs::path err = scratch() / "stderr";
   writeFile(in, input);
-  std::vector<std::string> argv = {OSTREL_TOOL};
+  std::vector<std::string> argv = launcher;
+  argv.push_back(OSTREL_TOOL);
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> pointers;
   for (std::string& arg : argv) pointers.push_back(arg.data());
@@ -83,7 +88,8 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& input =
   posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, OSTREL_TOOL, &actions, nullptr, pointers.data(), environ);
+  const int spawned =
+      posix_spawn(&pid, argv.front().c_str(), &actions, nullptr, pointers.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ToolRun run;
   if (spawned != 0) {
@@ -91,8 +97,10 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& input =
     return run;
   }
   int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
+  struct rusage usage {};
+  wait4(pid, &wstatus, 0, &usage);
   if (WIFEXITED(wstatus)) run.status = WEXITSTATUS(wstatus);
+  run.maxResidentKiB = usage.ru_maxrss;
   run.out = readFile(out);
   run.err = readFile(err);
   return run;
@@ -251,6 +259,18 @@ TEST(OstrelTool, DataCommandsOnTheBundledExample) {
        Compare::jsonLines,
        "COkHMgF4\n"},
       {{"-s", kShopDesc, "json", "-m", "shop.Order"}, "{}\n", Compare::exact, ""},
+      // The print options.
+      {{"-s", kShopDesc, "json", "-m", "shop.Order", "--input", "hex", "--enums-as-numbers",
+        "--json-names"},
+       "{\"id\":\"1001\",\"state\":2,\"createdAt\":\"5\"}\n",
+       Compare::exact,
+       "08 e9 07 20 02 40 05\n"},
+      {{"-s", kShopDesc, "json", "-m", "shop.Order", "--input", "hex", "--print-defaults"},
+       R"({"id":"1001","items":[],"state":"STATE_UNSPECIFIED","attributes":{},)"
+       R"("created_at":"0","updated_at":"0","coupons":[]})"
+       "\n",
+       Compare::exact,
+       "08 e9 07\n"},
   });
 }
 
@@ -881,6 +901,362 @@ TEST(OstrelTool, SqlPrintsTheProjectionAndRunsItOnADatabase) {
   EXPECT_THAT(bad.err, StartsWith("ostrel: repeatedValueAccessNoIndex"));
   const ToolRun missing = runTool({"-s", kShopDesc, "sql", "-m", "shop.Order", "id"});
   EXPECT_EQ(missing.status, 2);
+}
+
+// ---- Older proto2 schemas: groups, packed runs, closed enums ----
+
+TEST(OstrelTool, Proto2GroupsPackedRunsAndClosedEnums) {
+  const std::string desc = OSTREL_TEST_GENERATED "/proto2_shapes.desc";
+  const std::string proto = kTestData + "/proto2_shapes.proto";
+  const std::string groups =
+      "invalidValueType: Group is deprecated: group fields ostrel.proto2.Legacy.header, "
+      "ostrel.proto2.Legacy.item, ostrel.proto2.Legacy.choice, ostrel.proto2.Legacy.Header.entry, "
+      "ostrel.proto2.marker (--skip-groups leaves group fields out of the schema)";
+  expectFailures({
+      {{"-s", desc, "list"}, 1, "ostrel: " + desc + ": " + groups},
+      {{"--proto", proto, "list"}, 1, "ostrel: " + groups},
+  });
+
+  // p_double = [1.5, 2.5], p_int32 = [1, 2], then field 44 (after = 7) and field 45 (closed = 7,
+  // a number the closed enum does not declare).
+  const std::string message =
+      "0a10000000000000f83f0000000000000440"
+      "2a020102"
+      "e00207"
+      "e80207";
+  for (const std::vector<std::string>& schema :
+       {std::vector<std::string>{"-s", desc, "--skip-groups"},
+        std::vector<std::string>{"--skip-groups", "--proto", proto}}) {
+    std::vector<std::string> args = schema;
+    for (const char* arg : {"get", "-m", "ostrel.proto2.Packed", "--input", "hex", "p_double[0]",
+                            "p_double[1]", "p_double[2]", "p_double[3]", "p_int32[1]",
+                            "p_int32[2]", "p_int32[1000000]", "after", "closed"}) {
+      args.emplace_back(arg);
+    }
+    SCOPED_TRACE(describe(args));
+    const ToolRun run = runTool(args, message);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, "1.5\n2.5\nnull\nnull\n2\nnull\nnull\n7\n7\n");
+    // Each group field left out is noted once; notes do not fail the run.
+    EXPECT_EQ(run.err,
+              "ostrel: note: group field ostrel.proto2.Legacy.header left out of the schema\n"
+              "ostrel: note: group field ostrel.proto2.Legacy.item left out of the schema\n"
+              "ostrel: note: group field ostrel.proto2.Legacy.choice left out of the schema\n"
+              "ostrel: note: group field ostrel.proto2.Legacy.Header.entry left out of the "
+              "schema\n"
+              "ostrel: note: group field ostrel.proto2.marker left out of the schema\n");
+  }
+
+  const ToolRun help = runTool({"--help"});
+  EXPECT_THAT(help.out, HasSubstr("--skip-groups"));
+  EXPECT_THAT(help.out, HasSubstr("closed (proto2) enums"));
+}
+
+// ---- Hostile and large inputs ----
+
+// Runs the tool with a stack of 1 MiB: a walk that recursed once per type or per level of the
+// input would overflow it long before the end of the inputs below.
+ToolRun runUnderSmallStack(const std::vector<std::string>& args, const std::string& input = "") {
+  return runTool(args, input, {"/bin/sh", "-c", "ulimit -s 1024 && exec \"$0\" \"$@\""});
+}
+
+TEST(OstrelTool, HundredThousandDeepTypeChainUnderASmallStack) {
+  constexpr int kDepth = 100'000;
+  std::string proto = "syntax = \"proto3\";\npackage c;\n";
+  for (int i = 0; i + 1 < kDepth; ++i) {
+    proto += "message M" + std::to_string(i) + " { M" + std::to_string(i + 1) + " next = 1; }\n";
+  }
+  proto += "message M" + std::to_string(kDepth - 1) + " { int32 v = 1; }\n";
+  const fs::path protoFile = scratch() / "chain.proto";
+  writeFile(protoFile, proto);
+
+  // .proto in, descriptor set out; the descriptor set in, the closure as a JSON manifest out; that
+  // in, the same closure out: every reader and writer of schemas over the whole chain.
+  const ToolRun set =
+      runUnderSmallStack({"--proto", protoFile.string(), "manifest", "--format", "descriptor-set"});
+  ASSERT_EQ(set.status, 0) << set.err;
+  const fs::path setFile = scratch() / "chain.desc";
+  writeFile(setFile, set.out);
+  const ToolRun closure =
+      runUnderSmallStack({"-s", setFile.string(), "manifest", "--closure", "c.M0"});
+  ASSERT_EQ(closure.status, 0) << closure.err;
+  const nlohmann::json manifest = nlohmann::json::parse(closure.out, nullptr, false);
+  ASSERT_TRUE(manifest.is_object());
+  EXPECT_EQ(manifest["messages"].size(), size_t{kDepth});
+  const fs::path jsonFile = scratch() / "chain.json";
+  writeFile(jsonFile, closure.out);
+  const ToolRun again =
+      runUnderSmallStack({"-s", jsonFile.string(), "manifest", "--closure", "c.M0"});
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(again.out, closure.out);
+
+  // A message nested as deep as the chain: refused where the depth limit stands.
+  std::string deep;
+  for (int i = 0; i < kDepth; ++i) deep += R"({"next":)";
+  deep += "{}" + std::string(kDepth, '}');
+  const ToolRun encode = runUnderSmallStack({"-s", setFile.string(), "encode", "-m", "c.M0"}, deep);
+  EXPECT_EQ(encode.status, 1);
+  EXPECT_THAT(encode.err, HasSubstr("nesting deeper than 201 levels"));
+}
+
+TEST(OstrelTool, HostileInputsEndInAnError) {
+  const std::string s = kShopDesc;
+  const auto manifestFile = [](const std::string& name, const std::string& json) {
+    const std::string path = (scratch() / name).string();
+    writeFile(path, json);
+    return path;
+  };
+  const std::string zeroNumber = manifestFile(
+      "zero.json", R"({"messages":{"a.M":{"fields":{"f":{"type":"int","fieldNumber":0}}}}})");
+  const std::string twoOneofs =
+      manifestFile("oneofs.json", R"({"messages":{"a.M":{"oneofs":[{"name":"o"},{"name":"o"}]}}})");
+  const std::string twoNumbers = manifestFile(
+      "numbers.json", R"({"messages":{"a.M":{"fields":{"f":{"type":"int","fieldNumber":7},)"
+                      R"("g":{"type":"int","fieldNumber":7}}}}})");
+  expectFailures({
+      // An endless schema stream stops at the cap rather than filling memory.
+      {{"-s", "/dev/zero", "list"}, 1, "ostrel: /dev/zero: schema larger than 64 MiB"},
+      {{"-s", zeroNumber, "list"},
+       1,
+       "ostrel: " + zeroNumber +
+           R"(: invalidValueType: messages["a.M"].fields["f"].fieldNumber: )"
+           "field number 0 is outside 1 to 536870911"},
+      // Two oneofs of one name reached the store's fatal stop (exit 134) when the message was
+      // described.
+      {{"-s", twoOneofs, "describe", "message", "a.M"},
+       1,
+       "ostrel: " + twoOneofs +
+           R"(: invalidValueType: messages["a.M"].oneofs[1].name: oneof name "o" occurs twice)"},
+      {{"-s", twoNumbers, "list"},
+       1,
+       "ostrel: " + twoNumbers +
+           R"(: invalidValueType: messages["a.M"].fields["g"].fieldNumber: )"
+           R"(field number 7 is also the number of field "f")"},
+      {{"-s", s, "encode", "-m", "shop.Order"},
+       1,
+       R"(ostrel: unexpectedType: $.customer: duplicate key "name")",
+       R"({"id":1,"customer":{"name":"a","email":"b","name":"c"}})"},
+  });
+}
+
+TEST(OstrelTool, DashIsStandardInput) {
+  const std::string order1 = readFile(kOrder1);
+  const ToolRun byFile = runTool({"-s", kShopDesc, "json", "-m", "shop.Order", "-i", kOrder1});
+  ASSERT_EQ(byFile.status, 0) << byFile.err;
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"-s", kShopDesc, "json", "-m", "shop.Order", "-i", "-"},
+        std::vector<std::string>{"-s", "-", "json", "-m", "shop.Order", "-i", kOrder1}}) {
+    SCOPED_TRACE(describe(args));
+    const std::string input = args[1] == "-" ? readFile(kShopDesc) : order1;
+    const ToolRun run = runTool(args, input);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, byFile.out);
+  }
+}
+
+TEST(OstrelTool, LibprotobufWarningsCarryThePrefix) {
+  const fs::path file = scratch() / "nosyntax.proto";
+  writeFile(file, "message M { optional int32 a = 1; }\n");
+  const ToolRun run = runTool({"--proto", file.string(), "list"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "M\n");
+  EXPECT_THAT(run.err, StartsWith("ostrel: libprotobuf warning: No syntax specified"));
+  EXPECT_EQ(run.err.find("[libprotobuf"), std::string::npos) << run.err;
+}
+
+// The input is held once: a message read from a file costs its size in memory, not twice that.
+TEST(OstrelTool, InputIsHeldOnce) {
+  // Order id 7, then an unknown field of 128 MiB that reading the id skips. Written in pieces:
+  // a child's peak memory counts from its parent's at the time it is started.
+  constexpr size_t kSize = size_t{128} << 20;
+  std::string head = "\x08\x07";
+  head += "\xc2\x3e";  // field 1000, length-delimited
+  for (size_t length = kSize;; length >>= 7) {
+    if (length < 0x80) {
+      head += static_cast<char>(length);
+      break;
+    }
+    head += static_cast<char>((length & 0x7F) | 0x80);
+  }
+  const fs::path file = scratch() / "big.bin";
+  {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << head;
+    const std::string piece(size_t{1} << 20, 'x');
+    for (size_t written = 0; written < kSize; written += piece.size()) out << piece;
+  }
+  const ToolRun small = runTool({"-s", kShopDesc, "get", "-m", "shop.Order", "-i", kOrder1, "id"});
+  const ToolRun large =
+      runTool({"-s", kShopDesc, "get", "-m", "shop.Order", "-i", file.string(), "id"});
+  fs::remove(file);
+  ASSERT_EQ(large.status, 0) << large.err;
+  EXPECT_EQ(large.out, "\"7\"\n");
+  const long grownKiB = large.maxResidentKiB - small.maxResidentKiB;
+  EXPECT_LT(grownKiB, static_cast<long>(kSize / 1024 * 3 / 2))
+      << "peak grew by " << grownKiB << " KiB";
+}
+
+TEST(OstrelTool, SqlNamesTheRowWhoseRecordFails) {
+  struct SqlRow {
+    const char* name;
+    const char* table;  // CREATE TABLE orders ...
+    const char* bad;    // the second row's record, an SQL literal
+    std::string where;
+  };
+  const SqlRow rows[] = {
+      {"text", "(record BLOB)", "'text'", "row with rowid 2"},
+      // SQLite hands a number to P_GET as its text: "6..." starts with wire type 6, which is none.
+      {"integer", "(record BLOB)", "6", "row with rowid 2"},
+      {"real", "(record BLOB)", "6.5", "row with rowid 2"},
+      {"garbage", "(record BLOB)", "x'ffffffff'", "row with rowid 2"},
+      {"without rowid", "(k INTEGER PRIMARY KEY, record BLOB) WITHOUT ROWID", "x'ffffffff'",
+       "row 2"},
+  };
+  const std::string order1 = readFile(kOrder1);
+  for (const SqlRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    const fs::path file = scratch() / "bad_rows.db";
+    fs::remove(file);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    const bool keyed = std::string(row.table).find(" k ") != std::string::npos ||
+                       std::string(row.table).rfind("(k ", 0) == 0;
+    const std::string create = std::string("CREATE TABLE orders ") + row.table;
+    ASSERT_EQ(sqlite3_exec(db, create.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_stmt* insert = nullptr;
+    const std::string good =
+        keyed ? "INSERT INTO orders VALUES (1, ?)" : "INSERT INTO orders VALUES (?)";
+    ASSERT_EQ(sqlite3_prepare_v2(db, good.c_str(), -1, &insert, nullptr), SQLITE_OK);
+    sqlite3_bind_blob(insert, 1, order1.data(), static_cast<int>(order1.size()), SQLITE_STATIC);
+    EXPECT_EQ(sqlite3_step(insert), SQLITE_DONE);
+    sqlite3_finalize(insert);
+    const std::string bad =
+        std::string("INSERT INTO orders VALUES (") + (keyed ? "2, " : "") + row.bad + ")";
+    ASSERT_EQ(sqlite3_exec(db, bad.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+
+    const ToolRun run = runTool({"-s", kShopDesc, "sql", "-m", "shop.Order", "--table", "orders",
+                                 "--column", "record", "--db", file.string(), "id"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "{\"id\":1001}\n");
+    EXPECT_THAT(run.err, StartsWith("ostrel: orders, " + row.where + ": ")) << run.err;
+  }
+}
+
+// A delimited stream of test::Rich records: record n (from 1) holds scalars.f_int64 = n and a
+// note; one record in the middle is replaced by bytes that are not a message, and the last one
+// is cut short. Byte offsets of each record's length prefix are kept for the error texts.
+struct Stream {
+  std::string bytes;
+  std::vector<size_t> offsets;
+};
+
+void appendVarint(std::string& out, uint64_t value) {
+  while (value >= 0x80) {
+    out += static_cast<char>((value & 0x7f) | 0x80);
+    value >>= 7;
+  }
+  out += static_cast<char>(value);
+}
+
+Stream richStream(int count, int corrupt, bool truncateLast) {
+  Stream stream;
+  for (int n = 1; n <= count; ++n) {
+    ostrel::test::Rich message;
+    message.mutable_scalars()->set_f_int64(n);
+    message.mutable_mid()->set_note("note, \"" + std::to_string(n) + "\"");
+    std::string record = n == corrupt ? std::string("\x08\xff\xff", 3) : message.SerializeAsString();
+    stream.offsets.push_back(stream.bytes.size());
+    appendVarint(stream.bytes, record.size());
+    if (n == count && truncateLast) record.resize(record.size() / 2);
+    stream.bytes += record;
+  }
+  return stream;
+}
+
+TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
+  // Over a megabyte, so that a pipe is read in several chunks with records across their edges.
+  const int count = 40000;
+  const int corrupt = 12345;
+  const Stream stream = richStream(count, corrupt, true);
+  const fs::path file = scratch() / "rich.delimited";
+  writeFile(file, stream.bytes);
+  const std::string badMiddle = "ostrel: " + file.string() + ": record " +
+                                std::to_string(corrupt) + " at byte " +
+                                std::to_string(stream.offsets[corrupt - 1]) +
+                                ": scalars.f_int64: malformedProtobuf";
+  const std::string badLast = "record " + std::to_string(count) + " at byte " +
+                              std::to_string(stream.offsets[count - 1]) +
+                              ": length prefix not followed";
+
+  const std::vector<std::string> base = {"-s", kRichDesc, "get", "-m", "ostrel.test.Rich",
+                                         "--delimited"};
+  std::vector<std::string> args = base;
+  args.insert(args.end(), {"-i", file.string(), "scalars.f_int64", "mid.note", "color"});
+  const ToolRun run = runTool(args);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.err, HasSubstr(badMiddle));
+  EXPECT_THAT(run.err, HasSubstr(badLast));
+  const std::vector<nlohmann::json> lines = jsonLines(run.out);
+  ASSERT_EQ(lines.size(), static_cast<size_t>(count - 2));
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const int n = static_cast<int>(i) + (static_cast<int>(i) + 1 >= corrupt ? 2 : 1);
+    SCOPED_TRACE(n);
+    EXPECT_EQ(lines[i]["scalars.f_int64"], std::to_string(n));
+    EXPECT_EQ(lines[i]["mid.note"], "note, \"" + std::to_string(n) + "\"");
+    EXPECT_TRUE(lines[i]["color"].is_null());
+  }
+
+  // --fail-fast stops at the corrupt record; standard input (a file here) reads the same.
+  args = base;
+  args.insert(args.end(), {"--fail-fast", "scalars.f_int64"});
+  const ToolRun fast = runTool(args, stream.bytes);
+  EXPECT_EQ(fast.status, 1);
+  EXPECT_EQ(jsonLines(fast.out).size(), static_cast<size_t>(corrupt - 1));
+  EXPECT_THAT(fast.err, HasSubstr("standard input: record " + std::to_string(corrupt)));
+  EXPECT_THAT(fast.err, Not(HasSubstr(badLast)));
+
+  // Through a pipe, read in chunks rather than mapped: the same lines and the same reports.
+  args = base;
+  args.insert(args.end(), {"scalars.f_int64", "mid.note", "color"});
+  const ToolRun piped =
+      runTool(args, "", {"/bin/sh", "-c", "cat '" + file.string() + "' | \"$0\" \"$@\""});
+  EXPECT_EQ(piped.status, 1);
+  EXPECT_EQ(piped.out, run.out);
+  EXPECT_THAT(piped.err, HasSubstr("standard input: record " + std::to_string(corrupt) +
+                                   " at byte " + std::to_string(stream.offsets[corrupt - 1])));
+  EXPECT_THAT(piped.err, HasSubstr(badLast));
+
+  // CSV: a header row of the paths, fields quoted where they must be, absent fields empty.
+  args = base;
+  args.insert(args.end(), {"-i", file.string(), "--format", "csv", "scalars.f_int64", "mid.note",
+                           "color"});
+  const ToolRun csv = runTool(args);
+  EXPECT_THAT(csv.out, StartsWith("scalars.f_int64,mid.note,color\n1,\"note, \"\"1\"\"\",\n"));
+
+  // json and iterate print one line per good record.
+  const ToolRun json =
+      runTool({"-s", kRichDesc, "json", "-m", "ostrel.test.Rich", "--delimited", "-i", file});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_EQ(jsonLines(json.out).size(), static_cast<size_t>(count - 2));
+  EXPECT_THAT(json.err, HasSubstr("record " + std::to_string(corrupt) + " at byte " +
+                                  std::to_string(stream.offsets[corrupt - 1])));
+  const ToolRun iterate = runTool({"-s", kRichDesc, "iterate", "-m", "ostrel.test.Rich",
+                                   "--delimited", "-i", file, "mid.leaves"});
+  EXPECT_EQ(iterate.status, 1);
+  EXPECT_THAT(iterate.out, StartsWith("[]\n[]\n"));
+}
+
+TEST(OstrelTool, SeveralFilesAreSeveralRecords) {
+  const ToolRun run = runTool({"-s", kShopDesc, "get", "-m", "shop.Order", "-i", kOrder1, "-i",
+                               kOrder2, "--format", "tsv", "id", "items[0].sku"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "id\titems[0].sku\n1001\tPEN-BLUE\n1002\tMUG-LOGO\n");
+  // A stream is not written one value a line.
+  EXPECT_EQ(runTool({"-s", kShopDesc, "get", "-m", "shop.Order", "-i", kOrder1, "-i", kOrder2,
+                     "--format", "lines", "id"})
+                .status,
+            2);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Navigation, iteration and first-of over hand-encoded bytes: the encodings libprotobuf never
 // writes (split messages, mixed packed and unpacked runs, groups, malformed tags).
 
-#include "ostrel/wire/field_path.hpp"
+#include "wire/field_path.hpp"
 
 #include <gtest/gtest.h>
 
@@ -68,18 +68,26 @@ TEST(FieldPathTest, ReadsTheValueAtAPath) {
        Case::int32,
        int32_t{20}},
       {"index into the run after unpacked elements", mixed, {at(4, 2)}, Case::int32, int32_t{30}},
-      {"packed index past the run reads what follows", packed, {at(4, 4)}, Case::int32, int32_t{1}},
+      {"packed index at the run's length is absent", packed, {at(4, 3)}, Case::int32,
+       std::nullopt},
+      {"packed index past the run is absent", packed, {at(4, 4)}, Case::int32, std::nullopt},
+      {"index past unpacked elements and the run", mixed, {at(4, 3)}, Case::int32, std::nullopt},
       {"negative index over unpacked elements", unpacked, {at(4, -1)}, Case::int32, std::nullopt},
-      {"negative index over a packed run reads element 0",
-       packed,
-       {at(4, -1)},
-       Case::int32,
-       int32_t{10}},
-      {"packed fixed32 index past the buffer reads element 0",
+      {"negative index over a packed run", packed, {at(4, -1)}, Case::int32, std::nullopt},
+      {"empty packed run followed by a field", bytesOf({0x22, 0, 0x08, 1}), {at(4, 0)},
+       Case::int32, std::nullopt},
+      {"packed fixed32 index past the buffer",
        bytesOf({0x25 - 3, 8, 1, 0, 0, 0, 2, 0, 0, 0}),
        {at(4, 9)},
        Case::fixed32,
-       uint32_t{1}},
+       std::nullopt},
+      {"packed fixed32 last element", bytesOf({0x25 - 3, 8, 1, 0, 0, 0, 2, 0, 0, 0}), {at(4, 1)},
+       Case::fixed32, uint32_t{2}},
+      {"packed double index 2 before another field",
+       bytesOf({0x22, 16, 0, 0, 0, 0, 0, 0, 0xf8, 0x3f, 0, 0, 0, 0, 0, 0, 4, 0x40, 0x08, 1}),
+       {at(4, 2)},
+       Case::double_,
+       std::nullopt},
       {"repeated message element through an index",
        bytesOf({0x22, 2, 0x08, 1, 0x22, 2, 0x08, 2}),
        {at(4, 1), at(1)},
@@ -157,6 +165,21 @@ TEST(FieldPathTest, FaultsAreReportedWithTheirExactErrors) {
        {at(2), at(1)},
        Case::int32,
        is(SerializationError::malformedProtobuf())},
+      {"packed varint running over the run's end",
+       bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}),
+       {at(4, 1)},
+       Case::int32,
+       is(SerializationError::malformedProtobuf())},
+      {"packed varint skipped over the run's end",
+       bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}),
+       {at(4, 2)},
+       Case::int32,
+       is(SerializationError::malformedProtobuf())},
+      {"packed fixed32 cut short by the run's end",
+       bytesOf({0x22, 6, 1, 0, 0, 0, 2, 0, 0, 0}),
+       {at(4, 1)},
+       Case::fixed32,
+       is(SerializationError::malformedProtobuf())},
       {"truncated string",
        bytesOf({0x0a, 5, 'a'}),
        {at(1)},
@@ -216,7 +239,8 @@ std::vector<int32_t> visitAll(const Bytes& bytes, const FixedField& field,
   std::vector<int32_t> seen;
   Reader reader(bytes);
   try {
-    forEachValue(reader, field, [&](AnyValueImpl&& value) { seen.push_back(value.int32Value()); });
+    forEachValue(reader, field,
+                 [&](detail::AnyValueImpl&& value) { seen.push_back(value.int32Value()); });
   } catch (...) {
     if (seenBeforeFailure) *seenBeforeFailure = seen;
     throw;
@@ -228,17 +252,20 @@ TEST(ForEachValueTest, VisitsEveryValueOfOneField) {
   const FixedField repeated(4, true, Case::int32);
   EXPECT_EQ(visitAll(bytesOf({0x20, 1, 0x08, 9, 0x20, 2, 0x20, 3}), repeated),
             (std::vector<int32_t>{1, 2, 3}));
-  // A packed run's end is counted from its length prefix: the walk stops one byte short of the
-  // run, visiting 1 and 2, and then reads the last element's byte as a tag.
+  // Each packed run exactly to its end, then the walk goes on after it.
+  EXPECT_EQ(visitAll(bytesOf({0x22, 3, 1, 2, 3, 0x08, 0x00, 0x20, 4}), repeated),
+            (std::vector<int32_t>{1, 2, 3, 4}));
+  EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x22, 1, 0x7f}), repeated), std::vector<int32_t>{127});
+  const FixedField doubles(4, true, Case::double_);
+  std::vector<int32_t> none;
+  EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x08, 1}), doubles), none);
+  // An element running over its run's end is malformed and is not visited.
   std::vector<int32_t> seen;
   EXPECT_EQ(catchError([&] {
-              visitAll(bytesOf({0x22, 3, 1, 2, 3}), repeated, &seen);
+              visitAll(bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}), repeated, &seen);
             }),
             SerializationError::malformedProtobuf());
-  EXPECT_EQ(seen, (std::vector<int32_t>{1, 2}));
-  // Where the stray byte happens to be a valid key, the walk goes on from it.
-  EXPECT_EQ(visitAll(bytesOf({0x22, 3, 1, 2, 0x08, 0x00, 0x20, 4}), repeated),
-            (std::vector<int32_t>{1, 2, 4}));
+  EXPECT_EQ(seen, (std::vector<int32_t>{1}));
   EXPECT_EQ(visitAll(bytesOf({0x08, 9}), repeated), std::vector<int32_t>{});
   const FixedField single(4, false, Case::int32);
   EXPECT_EQ(visitAll(bytesOf({0x20, 1, 0x20, 2}), single), std::vector<int32_t>{1});
@@ -251,7 +278,7 @@ TEST(ForEachValueTest, VisitsEveryValueOfOneField) {
   Reader reader(twoValues);
   int visits = 0;
   EXPECT_THROW(forEachValue(reader, repeated,
-                            [&](AnyValueImpl&&) {
+                            [&](detail::AnyValueImpl&&) {
                               ++visits;
                               throw std::runtime_error("stop");
                             }),
@@ -283,6 +310,8 @@ TEST(RepeatableFieldIteratorTest, IteratesPackedAndTaggedElements) {
   EXPECT_EQ(iterateAll(bytesOf({0x0a, 16, 0, 0, 0, 0, 0, 0, 0xf0, 0x3f, 0, 0, 0, 0, 0, 0, 0, 0x40}),
                        1, Case::double_),
             (V{1.0, 2.0}));
+  // An empty run ends the iteration before the field that follows it.
+  EXPECT_EQ(iterateAll(bytesOf({0x0a, 0, 0x08, 3}), 1, Case::int32), V{});
   EXPECT_EQ(iterateAll(bytesOf({0x10, 1}), 1, Case::int32), V{});
   EXPECT_EQ(iterateAll(Bytes{}, 1, Case::int32), V{});
 }
@@ -297,6 +326,24 @@ TEST(RepeatableFieldIteratorTest, PackedRunAfterTaggedElementFailsAndRepeats) {
   EXPECT_EQ(catchError([&] { iterator.next(); }), mismatch);
   EXPECT_FALSE(iterator.isDone());
   EXPECT_EQ(catchError([&] { iterator.next(); }), mismatch);
+}
+
+TEST(RepeatableFieldIteratorTest, PackedElementOverTheRunsEndFailsAndRepeats) {
+  // The run holds 1 and the first byte of 150; the second byte stands after the run. Both the
+  // first step (through navigation) and a later one (from the bookmark) stop there.
+  for (const int first : {1, 0x96}) {
+    SCOPED_TRACE(first);
+    const Bytes bytes = first == 1 ? bytesOf({0x0a, 2, 1, 0x96, 0x01, 0x10, 0x00})
+                                   : bytesOf({0x0a, 1, 0x96, 0x01, 0x10, 0x00});
+    Schematizer::RepeatableFieldIterator iterator(ByteView(bytes), 1,
+                                                  TypeSchema(scalar(Case::int32)));
+    if (first == 1) {
+      EXPECT_EQ(iterator.next(), AnyValue(int32_t{1}));
+    }
+    EXPECT_EQ(catchError([&] { iterator.next(); }), SerializationError::malformedProtobuf());
+    EXPECT_FALSE(iterator.isDone());
+    EXPECT_EQ(catchError([&] { iterator.next(); }), SerializationError::malformedProtobuf());
+  }
 }
 
 TEST(RepeatableFieldIteratorTest, MessageElementsOwnTheirBytes) {

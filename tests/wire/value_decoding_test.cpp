@@ -1,4 +1,4 @@
-#include "ostrel/wire/value_decoding.hpp"
+#include "wire/value_decoding.hpp"
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
@@ -47,10 +47,14 @@ class FakeEnumSchema final : public EnumSchemaDescribing {
   int64_t valueNamed(std::string_view) const override { throw std::logic_error("unused"); }
   const std::string& valueNameFor(int64_t) const override { throw std::logic_error("unused"); }
   const std::string* findValueNameFor(int64_t) const noexcept override { return nullptr; }
+  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept override {
+    return allValues_;
+  }
 
  private:
   std::string name_;
   std::set<int64_t> values_;
+  std::map<std::string, int64_t, std::less<>> allValues_;
   std::optional<SchematizedData> options_;
   std::map<int64_t, SchematizedData> valueOptions_;
 };
@@ -127,16 +131,18 @@ constexpr std::array<ProtoWireType, 6> kAllWireTypes = {
     ProtoWireType::startGroup, ProtoWireType::endGroup, ProtoWireType::fixed32,
 };
 
-AnyValue enumNumber(int64_t number) { return EnumValue(EnumValueImpl{colorSchema(), number}); }
+AnyValue enumNumber(int64_t number) {
+  return EnumValue(detail::EnumValueImpl{colorSchema(), number});
+}
 
 // Equal kind and value; floating-point values must have the same bit pattern, so that NaNs and
 // signed zeros are told apart.
-::testing::AssertionResult sameValue(const AnyValueImpl& actual, const AnyValue& expected) {
+::testing::AssertionResult sameValue(const detail::AnyValueImpl& actual, const AnyValue& expected) {
   bool same = actual.kind() == expected.kind();
-  if (same && actual.kind() == AnyValueImpl::Case::float_) {
+  if (same && actual.kind() == detail::AnyValueImpl::Case::float_) {
     same = std::bit_cast<uint32_t>(actual.floatValue()) ==
            std::bit_cast<uint32_t>(expected.floatValue());
-  } else if (same && actual.kind() == AnyValueImpl::Case::double_) {
+  } else if (same && actual.kind() == detail::AnyValueImpl::Case::double_) {
     same = std::bit_cast<uint64_t>(actual.doubleValue()) ==
            std::bit_cast<uint64_t>(expected.doubleValue());
   } else if (same) {
@@ -234,7 +240,7 @@ TEST(DecodeValueTest, DecodesEachTypeFromItsWireType) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Reader reader(row.bytes);
-    const AnyValueImpl value = decodeValue(reader, typeOf(row.type), row.wireType);
+    const detail::AnyValueImpl value = decodeValue(reader, typeOf(row.type), row.wireType);
     EXPECT_TRUE(sameValue(value, row.expected));
     EXPECT_EQ(reader.position(), row.positionAfter);
   }
@@ -350,8 +356,8 @@ TEST(DecodeValueTest, FaultsOfTheBytes) {
 TEST(DecodeValueTest, StringLengthUsesOnlyTheLow32Bits) {
   const Bytes bytes = bytesOf({0x81, 0x80, 0x80, 0x80, 0x10, 'x', 'y'});
   Reader reader(bytes);
-  const AnyValueImpl value = decodeValue(reader, TypeSchemaDescription::scalar(Case::string),
-                                         ProtoWireType::lengthDelimited);
+  const detail::AnyValueImpl value = decodeValue(
+      reader, TypeSchemaDescription::scalar(Case::string), ProtoWireType::lengthDelimited);
   EXPECT_EQ(value.stringValue(), "x");
   EXPECT_EQ(reader.position(), 6);
 }
@@ -359,9 +365,9 @@ TEST(DecodeValueTest, StringLengthUsesOnlyTheLow32Bits) {
 TEST(DecodeValueTest, BytesBorrowFromTheBuffer) {
   const Bytes bytes = bytesOf({0x03, 0x0a, 0x0b, 0x0c, 0x7f});
   Reader reader(bytes);
-  const AnyValueImpl value = decodeValue(reader, TypeSchemaDescription::scalar(Case::bytes),
-                                         ProtoWireType::lengthDelimited);
-  ASSERT_EQ(value.kind(), AnyValueImpl::Case::bytes);
+  const detail::AnyValueImpl value = decodeValue(reader, TypeSchemaDescription::scalar(Case::bytes),
+                                                 ProtoWireType::lengthDelimited);
+  ASSERT_EQ(value.kind(), detail::AnyValueImpl::Case::bytes);
   EXPECT_EQ(value.bytesValue().view().data(), bytes.data() + 1);
   EXPECT_EQ(value.bytesValue().view().size(), 3u);
 }
@@ -370,9 +376,9 @@ TEST(DecodeValueTest, MessageBorrowsItsPayloadAndKeepsItsSchema) {
   const Bytes bytes = bytesOf({0x0a, 0x02, 0x08, 0x01, 0x10, 0x02});
   Reader reader(bytes);
   reader.setPosition(1);
-  const AnyValueImpl value = decodeValue(reader, TypeSchemaDescription::messageType(pointSchema()),
-                                         ProtoWireType::lengthDelimited);
-  ASSERT_EQ(value.kind(), AnyValueImpl::Case::message);
+  const detail::AnyValueImpl value = decodeValue(
+      reader, TypeSchemaDescription::messageType(pointSchema()), ProtoWireType::lengthDelimited);
+  ASSERT_EQ(value.kind(), detail::AnyValueImpl::Case::message);
   EXPECT_EQ(value.messageValue().bytes().data(), bytes.data() + 2);
   EXPECT_EQ(value.messageValue().bytes().size(), 2u);
   EXPECT_EQ(value.messageValue().messageSchema(), pointSchema());
@@ -386,9 +392,9 @@ TEST(DecodeValueTest, MessageBorrowsItsPayloadAndKeepsItsSchema) {
 TEST(DecodeValueTest, EnumKeepsItsSchemaAndNumber) {
   const Bytes bytes = bytesOf({0x2a});
   Reader reader(bytes);
-  const AnyValueImpl value =
+  const detail::AnyValueImpl value =
       decodeValue(reader, TypeSchemaDescription::enumType(colorSchema()), ProtoWireType::varInt);
-  ASSERT_EQ(value.kind(), AnyValueImpl::Case::enum_);
+  ASSERT_EQ(value.kind(), detail::AnyValueImpl::Case::enum_);
   EXPECT_EQ(value.enumValue().type, colorSchema());
   ASSERT_TRUE(std::holds_alternative<int64_t>(value.enumValue().container));
   EXPECT_EQ(std::get<int64_t>(value.enumValue().container), 42);
@@ -635,72 +641,63 @@ struct SkipRow {
   Case type;
   Bytes bytes;
   int64_t start;
+  int64_t end;  // the run's end: the reader's end position
   int64_t count;
-  std::optional<int64_t> positionAfter;  // no value: malformedProtobuf
+  std::optional<int64_t> positionAfter;  // -1: the run is too short; no value: malformedProtobuf
 };
 
-TEST(SkipPackedElementsTest, SkipsByType) {
+TEST(SkipPackedElementsTest, SkipsByTypeWithinTheRun) {
   const Bytes varints = bytesOf({0x01, 0x96, 0x01, 0xff, 0xff, 0xff, 0xff, 0x0f, 0x03});
   const Bytes words = bytesOf({1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0});
   const Bytes longs = bytesOf({1, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0});
   const int64_t huge = std::numeric_limits<int64_t>::max();
   const std::vector<SkipRow> rows = {
-      {"varint none", Case::int32, varints, 0, 0, 0},
-      {"varint one", Case::int32, varints, 0, 1, 1},
-      {"varint three of different widths", Case::uint64, varints, 0, 3, 8},
-      {"varint all", Case::sint32, varints, 0, 4, 9},
-      {"varint from inside", Case::enum_, varints, 1, 2, 8},
-      {"varint past the end", Case::bool_, varints, 0, 5, std::nullopt},
-      {"varint huge count", Case::int64, varints, 0, huge, std::nullopt},
-      {"varint negative count", Case::sint64, varints, 0, -3, 0},
-      {"varint runs off mid-value", Case::uint32, bytesOf({0x01, 0x80}), 0, 2, std::nullopt},
-      {"fixed32 one", Case::fixed32, words, 0, 1, 4},
-      {"fixed32 to the last", Case::fixed32, words, 0, 2, 8},
-      {"fixed32 to the end stays", Case::fixed32, words, 0, 3, 0},
-      {"fixed32 past the end stays", Case::sfixed32, words, 0, 10, 0},
-      {"fixed32 from inside", Case::float_, words, 4, 1, 8},
-      {"fixed32 from inside past the end stays", Case::float_, words, 4, 2, 4},
-      {"fixed32 overflowing count stays", Case::fixed32, words, 4, huge, 4},
-      {"fixed32 negative count stays", Case::fixed32, words, 8, -1, 8},
-      {"fixed32 zero", Case::sfixed32, words, 4, 0, 4},
-      {"fixed64 one", Case::fixed64, longs, 0, 1, 8},
-      {"fixed64 to the end stays", Case::sfixed64, longs, 0, 2, 0},
-      {"fixed64 overflowing count stays", Case::double_, longs, 8, huge / 4, 8},
-      {"fixed64 negative count stays", Case::double_, longs, 8, -1, 8},
-      {"string", Case::string, varints, 0, 1, std::nullopt},
-      {"string zero count", Case::string, varints, 0, 0, std::nullopt},
-      {"bytes", Case::bytes, varints, 0, 1, std::nullopt},
-      {"message", Case::message, varints, 0, 1, std::nullopt},
+      {"varint none", Case::int32, varints, 0, 9, 0, 0},
+      {"varint one", Case::int32, varints, 0, 9, 1, 1},
+      {"varint three of different widths", Case::uint64, varints, 0, 9, 3, 8},
+      {"varint all", Case::sint32, varints, 0, 9, 4, 9},
+      {"varint from inside", Case::enum_, varints, 1, 9, 2, 8},
+      {"varint past the run", Case::bool_, varints, 0, 9, 5, -1},
+      {"varint past a run shorter than the buffer", Case::bool_, varints, 0, 3, 3, -1},
+      {"varint huge count", Case::int64, varints, 0, 9, huge, -1},
+      {"varint negative count", Case::sint64, varints, 0, 9, -3, -1},
+      {"varint running over the run's end", Case::uint32, varints, 0, 2, 2, std::nullopt},
+      {"varint runs off the buffer", Case::uint32, bytesOf({0x01, 0x80}), 0, 2, 2, std::nullopt},
+      {"fixed32 one", Case::fixed32, words, 0, 12, 1, 4},
+      {"fixed32 to the last", Case::fixed32, words, 0, 12, 2, 8},
+      {"fixed32 to the run's end", Case::fixed32, words, 0, 12, 3, 12},
+      {"fixed32 past the run", Case::sfixed32, words, 0, 12, 10, -1},
+      {"fixed32 past a run shorter than the buffer", Case::sfixed32, words, 0, 8, 3, -1},
+      {"fixed32 from inside", Case::float_, words, 4, 12, 1, 8},
+      {"fixed32 from inside past the run", Case::float_, words, 4, 12, 3, -1},
+      {"fixed32 overflowing count", Case::fixed32, words, 4, 12, huge, -1},
+      {"fixed32 negative count", Case::fixed32, words, 8, 12, -1, -1},
+      {"fixed32 zero", Case::sfixed32, words, 4, 12, 0, 4},
+      {"fixed32 run past the buffer", Case::fixed32, words, 0, 40, 5, 20},
+      {"fixed64 one", Case::fixed64, longs, 0, 16, 1, 8},
+      {"fixed64 past the run", Case::sfixed64, longs, 0, 16, 3, -1},
+      {"fixed64 overflowing count", Case::double_, longs, 8, 16, huge / 4, -1},
+      {"fixed64 negative count", Case::double_, longs, 8, 16, -1, -1},
+      {"string", Case::string, varints, 0, 9, 1, std::nullopt},
+      {"string zero count", Case::string, varints, 0, 9, 0, std::nullopt},
+      {"bytes", Case::bytes, varints, 0, 9, 1, std::nullopt},
+      {"message", Case::message, varints, 0, 9, 1, std::nullopt},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Reader reader(row.bytes);
     reader.setPosition(row.start);
-    if (row.positionAfter) {
-      skipPackedElements(reader, typeOf(row.type), row.count);
-      EXPECT_EQ(reader.position(), *row.positionAfter);
-    } else {
+    reader.setEndPosition(row.end);
+    if (!row.positionAfter) {
       EXPECT_EQ(catchError([&] { skipPackedElements(reader, typeOf(row.type), row.count); }),
                 kMalformed);
+    } else if (*row.positionAfter < 0) {
+      EXPECT_FALSE(skipPackedElements(reader, typeOf(row.type), row.count));
+    } else {
+      EXPECT_TRUE(skipPackedElements(reader, typeOf(row.type), row.count));
+      EXPECT_EQ(reader.position(), *row.positionAfter);
     }
   }
-}
-
-TEST(SkipPackedElementsTest, IndexPastTheBufferReadsElementZero) {
-  // A packed fixed32 run [7, 8] at the end of the buffer, after its tag and length.
-  const Bytes bytes = bytesOf({0x22, 0x08, 7, 0, 0, 0, 8, 0, 0, 0});
-  const auto type = TypeSchemaDescription::scalar(Case::fixed32);
-  for (int64_t index : {int64_t{0}, int64_t{2}, int64_t{5}}) {
-    SCOPED_TRACE(index);
-    Reader reader(bytes);
-    reader.setPosition(2);
-    skipPackedElements(reader, type, index);
-    EXPECT_EQ(decodePackedElement(reader, type).uint32Value(), 7u);
-  }
-  Reader reader(bytes);
-  reader.setPosition(2);
-  skipPackedElements(reader, type, 1);
-  EXPECT_EQ(decodePackedElement(reader, type).uint32Value(), 8u);
 }
 
 // Differential check against libprotobuf's encoder: each row writes a value derived from random

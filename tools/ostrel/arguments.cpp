@@ -78,6 +78,8 @@ bool GlobalOptions::parse(Arguments& args) {
     protoFiles.push_back(std::move(value));
   } else if (args.value({"-I", "--proto-path"}, value)) {
     includePaths.push_back(std::move(value));
+  } else if (args.flag({"--skip-groups"})) {
+    skipGroups = true;
   } else {
     return false;
   }

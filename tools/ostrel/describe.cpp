@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "ostrel/core/errors.hpp"
-#include "ostrel/store/proto_schemas.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -53,15 +52,7 @@ std::string describeEnum(const SchemaStore& store, const std::string& name) {
   const EnumSchema schema = store.enumSchema(name);
   // Number, then name: the order of the lines.
   std::vector<std::pair<int64_t, std::string>> values;
-  // The library's own enums keep every name; other implementations tell one name per number.
-  if (const auto proto = std::dynamic_pointer_cast<ProtoEnumSchema>(schema.impl())) {
-    for (const auto& [valueName, number] : proto->allValues())
-      values.emplace_back(number, valueName);
-  } else {
-    for (const int64_t number : schema.valueSet()) {
-      values.emplace_back(number, schema.valueNameFor(number));
-    }
-  }
+  for (const auto& [valueName, number] : schema.allValues()) values.emplace_back(number, valueName);
   std::sort(values.begin(), values.end());
   std::string out;
   for (const auto& [number, valueName] : values) {

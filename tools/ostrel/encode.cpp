@@ -1,4 +1,4 @@
-#include "ostrel/output/json_encoding.hpp"
+#include "ostrel/output/json.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {

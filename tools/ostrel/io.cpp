@@ -1,13 +1,15 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <sstream>
+#include <limits>
 
-#include "ostrel/core/base64.hpp"
+#include "ostrel/core/values.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -53,18 +55,73 @@ Bytes decodeBase64(std::string_view text) {
 
 }  // namespace
 
-std::string readAll(const std::optional<std::string>& path) {
-  if (!path) {
-    std::ostringstream text;
-    text << std::cin.rdbuf();
-    if (std::cin.bad()) throw ToolError("cannot read standard input");
-    return std::move(text).str();
+namespace {
+
+// Reads the whole of `path` ("-" or none: standard input) into `buffer`, a std::string or Bytes,
+// and nothing else: a regular file's size is reserved up front, so the bytes are held once. More
+// than `limit` bytes fail, naming `what`.
+template <typename Buffer>
+void readInto(const std::optional<std::string>& path, Buffer& buffer, size_t limit,
+              std::string_view what) {
+  const bool standardInput = !path || *path == "-";
+  const std::string name = standardInput ? "standard input" : *path;
+  int fd = STDIN_FILENO;
+  if (!standardInput) {
+    fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw ToolError("cannot read " + name + ": " + std::strerror(errno));
   }
-  std::ifstream in(*path, std::ios::binary);
-  if (!in) throw ToolError("cannot read " + *path + ": " + std::strerror(errno));
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) throw ToolError("cannot read " + *path + ": " + std::strerror(errno));
+  struct Closer {
+    int fd;
+    bool owned;
+    ~Closer() {
+      if (owned) ::close(fd);
+    }
+  } closer{fd, !standardInput};
+  const auto tooLarge = [&] {
+    return ToolError(name + ": " + std::string(what) + " larger than " +
+                     std::to_string(limit >> 20) + " MiB");
+  };
+  struct stat info {};
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+    if (static_cast<uint64_t>(info.st_size) > limit) throw tooLarge();
+    // One more byte, so that reaching the end of a file that did not grow costs no reallocation.
+    buffer.reserve(static_cast<size_t>(info.st_size) + 1);
+  }
+  constexpr size_t kChunk = 1 << 16;
+  for (;;) {
+    const size_t used = buffer.size();
+    if (used > limit) throw tooLarge();
+    // Reads into the whole free capacity; full, it doubles (an input of unknown size).
+    if (buffer.capacity() == used) buffer.reserve(std::max(used * 2, used + kChunk));
+    buffer.resize(buffer.capacity());
+    const ssize_t got = ::read(fd, buffer.data() + used, buffer.size() - used);
+    if (got < 0 && errno == EINTR) {
+      buffer.resize(used);
+      continue;
+    }
+    if (got < 0) {
+      const int error = errno;
+      buffer.resize(used);
+      throw ToolError("cannot read " + name + ": " + std::strerror(error));
+    }
+    buffer.resize(used + static_cast<size_t>(got));
+    if (got == 0) break;
+  }
+  if (buffer.size() > limit) throw tooLarge();
+}
+
+}  // namespace
+
+std::string readAll(const std::optional<std::string>& path, size_t limit, std::string_view what) {
+  std::string text;
+  readInto(path, text, limit, what);
   return text;
+}
+
+Bytes readAllBytes(const std::optional<std::string>& path) {
+  Bytes bytes;
+  readInto(path, bytes, std::numeric_limits<size_t>::max(), "input");
+  return bytes;
 }
 
 Bytes decodeData(std::string_view text, DataFormat format) {
@@ -112,6 +169,7 @@ bool MessageInput::parse(Arguments& args, bool acceptsFormat) {
     message = value;
   } else if (args.value({"-i", "--input-file"}, value)) {
     file = value;
+    files.push_back(value);
   } else if (acceptsFormat && args.value({"--input"}, value)) {
     format = parseDataFormat(value, "--input");
   } else {
@@ -124,6 +182,10 @@ MessageSchema MessageInput::schema(const LoadedSchemas& schemas) const {
   return schemas.store.messageSchema(*message);
 }
 
-Bytes MessageInput::read() const { return decodeData(readAll(file), format); }
+Bytes MessageInput::readFile(const std::optional<std::string>& path) const {
+  // Binary input is the message itself: read straight into the buffer that becomes its bytes.
+  if (format == DataFormat::binary) return readAllBytes(path);
+  return decodeData(readAll(path), format);
+}
 
 }  // namespace ostrel::tool

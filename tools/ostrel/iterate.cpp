@@ -1,5 +1,4 @@
 #include "ostrel/core/errors.hpp"
-#include "ostrel/paths/key_path.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "tool.hpp"
@@ -19,15 +18,23 @@ items, or orders[2].items to go through element 2 of a repeated message field fi
 the message does not hold prints nothing.
 
   -m, --message MSG       the message type of the data, fully qualified (e.g. shop.Order)
-  -i, --input-file FILE   read the data from FILE rather than standard input
+  -i, --input-file FILE   read the data from FILE rather than standard input; several -i
+                          are read in turn (one record each, or a stream with --delimited)
   --input FORMAT          how the data is written: binary (default), hex or base64
+  --delimited             each input holds records, each preceded by its length as a varint
+  --fail-fast             stop at the first bad record
+
+On a stream of records (--delimited, or several -i files, one record each) every record prints
+as one line: a JSON array of its elements. A record that cannot be read is reported on standard
+error with its number and byte offset and skipped; the exit status is then 1.
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
   MessageInput input;
+  RecordOptions records;
   std::optional<std::string> path;
   while (!args.done()) {
-    if (globals.parse(args) || input.parse(args)) continue;
+    if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
     if (!path) {
       path = args.positional();
     } else {
@@ -52,7 +59,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   std::optional<FieldSchema> found;
   try {
     if (!prefix.empty()) {
-      const FieldPathAndType resolved = resolveKeyPath(*schema.impl(), prefix);
+      const FieldPathAndType resolved = resolvePropertyPath(schema, prefix);
       if (resolved.type.kind() != TypeSchemaDescription::Case::message) {
         throw SchematizerError::nonMessageTypeInKeypath();
       }
@@ -68,17 +75,36 @@ int run(Arguments& args, GlobalOptions& globals) {
                     container.name());
   }
 
-  const SchematizedData data = schema.schematizedData(input.read());
-  try {
-    ByteView bytes = data.bytes();
+  // The elements of one record, each handed to `emit` as JSON.
+  const auto elementsOf = [&](ByteView record, const auto& emit) {
     std::optional<AnyValue> containing;
     if (!prefix.empty()) {
-      containing = data.value(prefix);
-      if (!containing) return kExitSuccess;
-      bytes = containing->messageValue().bytes();
+      containing = UnsafeSchematizedData(schema.impl(), record).value(prefix);
+      if (!containing) return;
+      record = containing->messageValue().bytes();
     }
-    Schematizer::RepeatableFieldIterator elementsOf(bytes, field.fieldNumber(), field.type());
-    for (const AnyValue& element : elementsOf) writeOut(valueJSON(element) + "\n");
+    Schematizer::RepeatableFieldIterator elements(record, field.fieldNumber(), field.type());
+    for (const AnyValue& element : elements) emit(valueJSON(element));
+  };
+
+  if (records.streams(input)) {
+    return forEachRecord(input, records, [&](ByteView record) {
+      std::string line = "[";
+      try {
+        elementsOf(record, [&](const std::string& json) {
+          if (line.size() > 1) line += ',';
+          line += json;
+        });
+      } catch (const Error& error) {
+        throw ToolError(*path + ": " + error.what());
+      }
+      writeOut(line + "]\n");
+    });
+  }
+
+  const SchematizedData data = schema.schematizedData(input.read());
+  try {
+    elementsOf(data.bytes(), [](const std::string& json) { writeOut(json + "\n"); });
   } catch (const Error& error) {
     throw ToolError(*path + ": " + error.what());
   }

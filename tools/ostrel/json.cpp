@@ -1,21 +1,37 @@
-#include "ostrel/output/json_rendering.hpp"
+#include "ostrel/output/json.hpp"
+
+#include "ostrel/wire/reader.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
 namespace {
 
 constexpr std::string_view kUsage =
-    R"usage(usage: ostrel [SCHEMAS] json -m MSG [-i FILE] [--input FORMAT] [--pretty]
+    R"usage(usage: ostrel [SCHEMAS] json -m MSG [-i FILE] [--input FORMAT] [--pretty] [--json-names]
+                                [--enums-as-numbers] [--print-defaults]
 
 Prints one encoded MSG message as a JSON object: every field present in the data under its
 declared name, in field-number order; absent fields are left out. Values as the protobuf JSON
 mapping writes them: 64-bit integers as strings, bytes as base64, enums by name (by number when
-the enum does not know it), repeated fields as arrays, map fields as objects.
+the enum does not know it), repeated fields as arrays, map fields as objects, and the well-known
+types (Timestamp, Duration, wrappers, Struct, Value, FieldMask, Any...) in their own JSON forms.
+The text is written as it is made, so that large messages print in little memory.
 
   -m, --message MSG       the message type of the data, fully qualified (e.g. shop.Order)
-  -i, --input-file FILE   read the data from FILE rather than standard input
+  -i, --input-file FILE   read the data from FILE rather than standard input; several -i
+                          are read in turn (one record each, or a stream with --delimited)
   --input FORMAT          how the data is written: binary (default), hex or base64
   --pretty                indent the output instead of writing one line
+  --json-names            fields under their lowerCamelCase JSON names, not their declared names
+  --enums-as-numbers      enum values as numbers, not names
+  --print-defaults        also fields absent from the data that have no presence of their own
+                          (proto3 scalars, repeated and map fields), with their default values
+  --delimited             each input holds records, each preceded by its length as a varint;
+                          every record prints as one line (JSON Lines without --pretty)
+  --fail-fast             stop at the first bad record
+
+Several -i files are several records. A record whose fields cannot be walked is reported on
+standard error with its number and byte offset and skipped; the exit status is then 1.
 
 A field that cannot be decoded shows as the text "Sch: Error encoding FIELD: ERROR" and the rest
 of the message still prints; the error also goes to standard error and the exit status is 1.
@@ -23,11 +39,18 @@ of the message still prints; the error also goes to standard error and the exit 
 
 int run(Arguments& args, GlobalOptions& globals) {
   MessageInput input;
-  bool pretty = false;
+  RecordOptions records;
+  JsonOptions options;
   while (!args.done()) {
-    if (globals.parse(args) || input.parse(args)) continue;
+    if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
     if (args.flag({"--pretty"})) {
-      pretty = true;
+      options.style = JsonStyle::indented;
+    } else if (args.flag({"--json-names"})) {
+      options.jsonNames = true;
+    } else if (args.flag({"--enums-as-numbers"})) {
+      options.enumsAsNumbers = true;
+    } else if (args.flag({"--print-defaults"})) {
+      options.printDefaults = true;
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
@@ -35,8 +58,23 @@ int run(Arguments& args, GlobalOptions& globals) {
   require(input.message, "-m MSG");
 
   const LoadedSchemas schemas = loadSchemas(globals);
+  if (records.streams(input)) {
+    const MessageSchema schema = input.schema(schemas);
+    return forEachRecord(input, records, [&](ByteView record) {
+      // The top-level fields are walked first, so that a record broken at that level is a bad
+      // record rather than a rendering with an error text in it.
+      Reader walk(record);
+      while (walk.hasMoreFields()) walk.skipField(walk.readTag());
+      renderJSON(
+          UnsafeSchematizedData(schema.impl(), record),
+          [](std::string_view text) { writeOut(text); }, options);
+      writeOut("\n");
+    });
+  }
   const SchematizedData data = input.schema(schemas).schematizedData(input.read());
-  writeOut(renderJSON(data.unsafe(), pretty ? JsonStyle::indented : JsonStyle::compact) + "\n");
+  renderJSON(
+      data.unsafe(), [](std::string_view text) { writeOut(text); }, options);
+  writeOut("\n");
   return kExitSuccess;
 }
 

@@ -2,6 +2,8 @@
 // .proto files), then lists and describes them, reads values out of encoded messages, renders and
 // encodes messages as JSON, and exports manifests.
 
+#include <google/protobuf/stubs/logging.h>
+
 #include <array>
 #include <exception>
 #include <iostream>
@@ -29,26 +31,35 @@ Typed access to Protocol Buffers data whose schema is known only at run time.
 
 Schemas (accepted before and after the command):
   -s, --schema FILE       a serialized FileDescriptorSet (protoc --descriptor_set_out
-                          --include_imports) or a JSON schema manifest, told apart by content
+                          --include_imports) or a JSON schema manifest, told apart by content;
+                          at most 64 MiB, "-" for standard input
   --proto FILE.proto      a .proto file, parsed at run time
   -I, --proto-path DIR    where --proto files and their imports are found; without -I, the
                           directory of each --proto file
+  --skip-groups           leave proto2 group fields out of the schemas (each one noted on
+                          standard error) instead of refusing the whole file with "Group is
+                          deprecated"; their data is then skipped like an unknown field's
 Several schemas are merged; the first definition of a name wins (-s files first, then the
 --proto files, each in command-line order). The descriptor.proto messages the library needs are
 always known, in addition to the loaded ones.
+
+Enum values are shown by name. A number the enum does not declare is shown as that number, as
+the bytes hold it, for closed (proto2) enums too, where libprotobuf would instead move the field
+to the unknown fields.
 
 Commands:
 )usage";
 
 constexpr std::string_view kUsageTail = R"usage(
 Run "ostrel COMMAND --help" for the usage of a command.
+Data options "-i FILE" read standard input when FILE is "-" (as without -i).
 Exit status: 0 success, 1 schema or data error, 2 usage error. Errors go to standard error as
 "ostrel: <error text>".
 )usage";
 
 constexpr std::string_view kCommandUsageTail = R"usage(
-SCHEMAS: -s FILE, --proto FILE.proto and -I DIR, as "ostrel --help" describes them; they may
-also follow the command.
+SCHEMAS: -s FILE, --proto FILE.proto, -I DIR and --skip-groups, as "ostrel --help" describes
+them; they may also follow the command.
 )usage";
 
 std::string commandUsage(const Command& command) {
@@ -118,9 +129,21 @@ int run(std::vector<std::string> argv) {
   }
 }
 
+// libprotobuf (parsing --proto files) logs on its own, by default to standard error in a form
+// of its own; its messages take the tool's prefix like every other line there. They are warnings
+// about the input ("No syntax specified ..."), not faults, so they do not fail the run.
+void logProtobuf(google::protobuf::LogLevel level, const char* /*file*/, int /*line*/,
+                 const std::string& message) {
+  const char* kind = "warning";
+  if (level == google::protobuf::LOGLEVEL_INFO) kind = "info";
+  if (level >= google::protobuf::LOGLEVEL_ERROR) kind = "error";
+  std::cerr << "ostrel: libprotobuf " << kind << ": " << message << "\n";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  google::protobuf::SetLogHandler(&logProtobuf);
   // A person at a shell wants the library's diagnostics where the errors go, not in the system log.
   ostrel::setLogHandler([](std::string_view message) {
     std::cerr << "ostrel: " << message << "\n";

@@ -1,7 +1,6 @@
 #include <set>
+#include <vector>
 
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/manifest/json_manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "tool.hpp"
 
@@ -28,17 +27,23 @@ reach, transitively (map entry messages included), built-in entries included whe
   --output FORMAT           for descriptor-set: binary (default), or hex or base64 as one line
 )usage";
 
-// Looks `name` up and, through the types of its fields, everything it reaches; the lookups
-// materialise those schemas in the store.
-void reach(const MessageSchema& message, std::set<std::string>& messages,
+// Looks `root` up and, through the types of its fields, everything it reaches; the lookups
+// materialise those schemas in the store. A worklist rather than recursion: a chain of types is
+// as long as the schema makes it, and the stack is not.
+void reach(const MessageSchema& root, std::set<std::string>& messages,
            std::set<std::string>& enums) {
-  if (!messages.insert(message.name()).second) return;
-  for (const auto& [number, field] : message.fieldsByNumber()) {
-    const TypeSchema type = field.type();
-    if (const std::optional<MessageSchema> nested = type.messageSchema()) {
-      reach(*nested, messages, enums);
-    } else if (const std::optional<EnumSchema> enumSchema = type.enumSchema()) {
-      enums.insert(enumSchema->name());
+  std::vector<MessageSchema> pending;
+  if (messages.insert(root.name()).second) pending.push_back(root);
+  while (!pending.empty()) {
+    const MessageSchema message = std::move(pending.back());
+    pending.pop_back();
+    for (const auto& [number, field] : message.fieldsByNumber()) {
+      const TypeSchema type = field.type();
+      if (std::optional<MessageSchema> nested = type.messageSchema()) {
+        if (messages.insert(nested->name()).second) pending.push_back(std::move(*nested));
+      } else if (const std::optional<EnumSchema> enumSchema = type.enumSchema()) {
+        enums.insert(enumSchema->name());
+      }
     }
   }
 }

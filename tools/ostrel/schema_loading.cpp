@@ -1,9 +1,10 @@
 #include <algorithm>
 #include <filesystem>
+#include <functional>
+#include <iostream>
 
 #include "ostrel/core/errors.hpp"
-#include "ostrel/manifest/descriptor_set.hpp"
-#include "ostrel/manifest/json_manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -16,14 +17,51 @@ bool looksLikeJSON(std::string_view text) {
   return first != std::string_view::npos && text[first] == '{';
 }
 
+// Runs one descriptor import with groups left out when --skip-groups asks for it, each one noted
+// on standard error (a note, not a fault: the run still succeeds). Without the flag, a group fails
+// the import as the library reports it; the error then names the group fields, found by importing
+// once more with them left out, and the flag.
+SchemaManifest importDescriptors(
+    bool skipGroups,
+    const std::function<SchemaManifest(const DescriptorImportOptions&)>& import) {
+  DescriptorImportOptions options;
+  options.skipGroups = skipGroups;
+  options.groupSkipped = [](const std::string& field) {
+    std::cerr << "ostrel: note: group field " << field << " left out of the schema\n";
+  };
+  try {
+    return import(options);
+  } catch (const SchemaManifestDSCError& error) {
+    if (skipGroups || !(error == SchemaManifestDSCError::invalidValueType("Group is deprecated"))) {
+      throw;
+    }
+    std::vector<std::string> groups;
+    options.skipGroups = true;
+    options.groupSkipped = [&](const std::string& field) { groups.push_back(field); };
+    try {
+      import(options);
+    } catch (const Error&) {
+      throw error;  // a fault beyond the groups: the group is still the first one met
+    }
+    std::string text = std::string(error.what()) + ": group field";
+    if (groups.size() > 1) text += "s";
+    for (size_t i = 0; i < groups.size(); ++i) text += (i == 0 ? " " : ", ") + groups[i];
+    throw ToolError(text + " (--skip-groups leaves group fields out of the schema)");
+  }
+}
+
 // The file's name leads the error text: with several schema files, the library's own text does
 // not tell which one is broken.
-SchemaManifest manifestFromFile(const std::string& path) {
-  const std::string text = readAll(path);
+SchemaManifest manifestFromFile(const std::string& path, bool skipGroups) {
+  const std::string text = readAll(path, kMaxSchemaFileSize, "schema");
   try {
-    return looksLikeJSON(text) ? schemaManifestFromJSON(text)
-                               : schemaManifestFromDescriptorSet(asBytes(text));
+    if (looksLikeJSON(text)) return schemaManifestFromJSON(text);
+    return importDescriptors(skipGroups, [&](const DescriptorImportOptions& options) {
+      return schemaManifestFromDescriptorSet(asBytes(text), options);
+    });
   } catch (const Error& error) {
+    throw ToolError(path + ": " + error.what());
+  } catch (const ToolError& error) {
     throw ToolError(path + ": " + error.what());
   }
 }
@@ -33,7 +71,7 @@ SchemaManifest manifestFromFile(const std::string& path) {
 LoadedSchemas loadSchemas(const GlobalOptions& options) {
   SchemaManifest defined;
   for (const std::string& path : options.schemaFiles) {
-    defined = defined.merging(manifestFromFile(path));
+    defined = defined.merging(manifestFromFile(path, options.skipGroups));
   }
   if (!options.protoFiles.empty()) {
     std::vector<std::string> includePaths = options.includePaths;
@@ -46,7 +84,10 @@ LoadedSchemas loadSchemas(const GlobalOptions& options) {
         }
       }
     }
-    defined = defined.merging(schemaManifestFromProtoFiles(options.protoFiles, includePaths));
+    defined = defined.merging(
+        importDescriptors(options.skipGroups, [&](const DescriptorImportOptions& importOptions) {
+          return schemaManifestFromProtoFiles(options.protoFiles, includePaths, importOptions);
+        }));
   }
   SchemaStore store(defined);
   return {std::move(defined), std::move(store)};

@@ -4,14 +4,15 @@
 // small argument cursor, the global options and the schemas they load, data input and output, and
 // the JSON text of a single value.
 
+#include <functional>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "ostrel/core/bytes.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/store/schemas.hpp"
@@ -72,6 +73,9 @@ struct GlobalOptions {
   std::vector<std::string> schemaFiles;
   std::vector<std::string> protoFiles;
   std::vector<std::string> includePaths;
+  // --skip-groups: group fields are left out of the schemas (noted on standard error) instead of
+  // failing the load.
+  bool skipGroups = false;
 
   // Consumes a global option at the cursor, if there is one.
   bool parse(Arguments& args);
@@ -95,9 +99,17 @@ enum class DataFormat { binary, hex, base64 };
 // Parses "binary", "hex" or "base64"; throws UsageError naming `option` for anything else.
 DataFormat parseDataFormat(std::string_view text, std::string_view option);
 
-// The contents of `path`, or of standard input when `path` is absent. Throws ToolError when the
-// file cannot be read.
-std::string readAll(const std::optional<std::string>& path);
+// The contents of `path`, or of standard input when `path` is absent or "-". Throws ToolError
+// when the file cannot be read or holds more than `limit` bytes (the error calls them `what`).
+std::string readAll(const std::optional<std::string>& path,
+                    size_t limit = std::numeric_limits<size_t>::max(),
+                    std::string_view what = "input");
+// The same as bytes, without a limit: an encoded message is held once, as read.
+Bytes readAllBytes(const std::optional<std::string>& path);
+
+// The largest schema file (-s) read: a schema is text or descriptors a person or protoc wrote,
+// and a path to an endless stream (-s /dev/zero) must end with an error rather than fill memory.
+inline constexpr size_t kMaxSchemaFileSize = size_t{64} << 20;
 // Decodes text in `format` into bytes; whitespace is ignored in hex and base64. Throws ToolError
 // for text that is not in that format.
 Bytes decodeData(std::string_view text, DataFormat format);
@@ -119,7 +131,9 @@ std::string valueJSON(const AnyValue& value);
 // command reads JSON, --input FORMAT.
 struct MessageInput {
   std::optional<std::string> message;
+  // The last -i FILE, and every one in order (record streams read them all).
   std::optional<std::string> file;
+  std::vector<std::string> files;
   DataFormat format = DataFormat::binary;
 
   // Consumes one of these options at the cursor, if there is one.
@@ -128,8 +142,33 @@ struct MessageInput {
   // keep its store alive.
   MessageSchema schema(const LoadedSchemas& schemas) const;
   // The input (-i FILE or standard input), decoded from --input's format.
-  Bytes read() const;
+  Bytes read() const { return readFile(file); }
+  // The same for the file `path` (standard input when absent or "-").
+  Bytes readFile(const std::optional<std::string>& path) const;
 };
+
+// How a command reads records: --delimited (each input a stream of records, each preceded by its
+// length as a varint) and --fail-fast (stop at the first bad record).
+struct RecordOptions {
+  bool delimited = false;
+  bool failFast = false;
+
+  // Consumes one of these options at the cursor, if there is one.
+  bool parse(Arguments& args);
+  // Whether the command works on a stream of records (--delimited or several -i files) rather
+  // than on one message.
+  bool streams(const MessageInput& input) const;
+};
+
+// Hands every record of the inputs (-i FILE..., standard input without one) to `handle`, in order:
+// one record per file, or every delimited record of each file. Regular files are memory-mapped,
+// not copied. A record `handle` throws for, or a length prefix that cannot be followed (which ends
+// its file), is reported on standard error with its file, its number from 1 and the byte offset
+// where it starts, and skipped, or with `failFast` ends the run. Returns kExitFailure when any
+// record was bad, else kExitSuccess. On a terminal, a progress line shows on standard error once
+// the run has taken a second.
+int forEachRecord(const MessageInput& input, const RecordOptions& options,
+                  const std::function<void(ByteView record)>& handle);
 
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.

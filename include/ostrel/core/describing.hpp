@@ -16,13 +16,14 @@
 #include <string_view>
 #include <vector>
 
-#include "ostrel/core/bytes.hpp"
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
+#include "ostrel/manifest/manifest.hpp"
 
 namespace ostrel {
 
 class FieldSchemaDescribing;
+class SchemaStoreDescribing;
 class OneofSchemaDescribing;
 
 class SchemaDescribing {
@@ -35,7 +36,7 @@ class SchemaDescribing {
 
 // The values of one field that buildData writes: none, one, or (for a repeated field) several,
 // written one after another.
-using FieldValues = std::vector<AnyValueImpl>;
+using FieldValues = std::vector<detail::AnyValueImpl>;
 
 // Asked once per field by buildData; returns the values to write for it (empty: nothing).
 using ValueForField =
@@ -63,6 +64,9 @@ class MessageSchemaDescribing : public virtual SchemaDescribing {
   virtual UnsafeSchematizedData unsafeSchematizedData(ByteView bytes) const = 0;
   // Writes a new message, asking `valueForField` for each field in ascending order of field name.
   virtual SchematizedData buildData(const ValueForField& valueForField) const = 0;
+  // The store this schema came from while it is alive, else null; for looking up the types an
+  // Any names. Schemas not made by a store have none.
+  virtual std::shared_ptr<SchemaStoreDescribing> originStore() const { return nullptr; }
 };
 
 class FieldSchemaDescribing : public virtual SchemaDescribing {
@@ -84,6 +88,9 @@ class EnumSchemaDescribing : public virtual SchemaDescribing {
   virtual const std::map<int64_t, SchematizedData>& valueOptions() const noexcept = 0;
   virtual int64_t valueNamed(std::string_view name) const = 0;
   virtual const std::string& valueNameFor(int64_t number) const = 0;
+  // Every value name with its number, aliases included (several names may share a number), in
+  // name order.
+  virtual const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept = 0;
   // The name of `number`, or null when the enum has no such value.
   virtual const std::string* findValueNameFor(int64_t number) const noexcept = 0;
 };
@@ -105,6 +112,10 @@ class SchemaStoreDescribing {
   virtual std::set<std::string> enumSchemaNames() const = 0;
   virtual std::shared_ptr<MessageSchemaDescribing> messageSchema(std::string_view name) const = 0;
   virtual std::shared_ptr<EnumSchemaDescribing> enumSchema(std::string_view name) const = 0;
+
+  // The manifest of the schemas looked up so far (materialised ones only). A store that does not
+  // keep track throws SchematizerError::internalError("Unsupported manifestEngagementsOnly").
+  virtual SchemaManifest engagedManifest() const;
 
   // Whether messageSchemaNames() holds `name`; stores override this with a direct lookup.
   virtual bool hasMessageSchemaNamed(std::string_view name) const {

@@ -9,7 +9,6 @@
 
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
-#include "ostrel/core/wire_type.hpp"
 
 namespace ostrel {
 
@@ -139,7 +138,8 @@ class SerializationError final : public Error {
   };
 
   // `value` must be a scalar value (it is kept, and must not borrow from a buffer).
-  static SerializationError invalidIntType(const AnyValueImpl& value, TypeSchemaDescription type);
+  static SerializationError invalidIntType(const detail::AnyValueImpl& value,
+                                           TypeSchemaDescription type);
   static SerializationError typeMismatch(TypeSchemaDescription type, ProtoWireType wireType);
   static SerializationError notInitialized() { return SerializationError(Code::notInitialized); }
   static SerializationError malformedProtobuf() {
@@ -150,7 +150,7 @@ class SerializationError final : public Error {
 
   Code code() const noexcept { return code_; }
   // The payload of invalidIntType; no value for the other cases.
-  const std::optional<AnyValueImpl>& value() const noexcept { return payload_->value; }
+  const std::optional<detail::AnyValueImpl>& value() const noexcept { return payload_->value; }
   // The field type of invalidIntType and typeMismatch; no value for the other cases.
   const std::optional<TypeSchemaDescription>& type() const noexcept { return payload_->type; }
   // The wire type found, for typeMismatch; no value for the other cases.
@@ -162,7 +162,7 @@ class SerializationError final : public Error {
 
  private:
   struct Payload {
-    std::optional<AnyValueImpl> value;
+    std::optional<detail::AnyValueImpl> value;
     std::optional<TypeSchemaDescription> type;
     std::optional<ProtoWireType> wireType;
   };

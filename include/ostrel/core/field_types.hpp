@@ -5,9 +5,21 @@
 #include <optional>
 #include <string_view>
 
-#include "ostrel/core/wire_type.hpp"
-
 namespace ostrel {
+
+// The wire types of the protobuf encoding, with their raw values. Raw values 6 and 7 have no case:
+// a tag carrying them is rejected when the tag is made.
+enum class ProtoWireType : uint8_t {
+  varInt = 0,
+  fixed64 = 1,
+  lengthDelimited = 2,
+  startGroup = 3,
+  endGroup = 4,
+  fixed32 = 5,
+};
+
+// The case name, for example "varInt".
+std::string_view caseName(ProtoWireType type) noexcept;
 
 class EnumSchemaDescribing;
 class MessageSchemaDescribing;

@@ -1,16 +1,77 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <variant>
+#include <vector>
 
-#include "ostrel/core/bytes.hpp"
-#include "ostrel/core/data_value.hpp"
 #include "ostrel/core/field_types.hpp"
 
 namespace ostrel {
+
+// The one owned byte buffer type of the library.
+using Bytes = std::vector<std::byte>;
+
+// A borrowed, read-only range of bytes. Valid while the memory it points into is alive and
+// unchanged.
+using ByteView = std::span<const std::byte>;
+
+// Views the characters of `text` as bytes; valid while `text` is.
+inline ByteView asBytes(std::string_view text) noexcept {
+  return {reinterpret_cast<const std::byte*>(text.data()), text.size()};
+}
+
+// Views bytes as characters; valid while `bytes` is.
+inline std::string_view asText(ByteView bytes) noexcept {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// An owned copy of `bytes`.
+inline Bytes toBytes(ByteView bytes) { return Bytes(bytes.begin(), bytes.end()); }
+inline Bytes toBytes(std::string_view text) { return toBytes(asBytes(text)); }
+
+// An owned copy of `bytes` as a std::string, the form libprotobuf and most I/O APIs take.
+inline std::string toString(ByteView bytes) { return std::string(asText(bytes)); }
+
+// A byte container from which an owned copy of the bytes can be taken.
+class DataValueDescribing {
+ public:
+  virtual ~DataValueDescribing() = default;
+
+  // The bytes held. Valid while this container (and, for a borrowed one, its buffer) is alive.
+  virtual ByteView view() const noexcept = 0;
+
+  // An owned copy of exactly the bytes held; an empty container gives an empty buffer.
+  Bytes copy() const { return toBytes(view()); }
+};
+
+// A borrowed view of someone else's bytes; valid while that buffer is alive and unchanged.
+class BorrowedData final : public DataValueDescribing {
+ public:
+  BorrowedData() = default;
+  explicit BorrowedData(ByteView bytes) noexcept : bytes_(bytes) {}
+  ByteView view() const noexcept override { return bytes_; }
+
+ private:
+  ByteView bytes_;
+};
+
+// An owned, immutable buffer. Copies share the buffer.
+class OwnedData final : public DataValueDescribing {
+ public:
+  OwnedData() : bytes_(std::make_shared<const Bytes>()) {}
+  explicit OwnedData(Bytes bytes) : bytes_(std::make_shared<const Bytes>(std::move(bytes))) {}
+  ByteView view() const noexcept override { return *bytes_; }
+  const Bytes& bytes() const noexcept { return *bytes_; }
+
+ private:
+  std::shared_ptr<const Bytes> bytes_;
+};
 
 class EnumSchemaDescribing;
 class FieldSchemaDescribing;
@@ -73,10 +134,10 @@ class SchematizedData {
   UnsafeSchematizedData unsafe() const noexcept { return {schema_, data_.view()}; }
 
   // Reads the value at a property path such as "a.b[2].c"; no value when the bytes do not hold
-  // it. Throws PropertyPathUtil::Error for a malformed path, SchematizerError for a path the
+  // it, an index past the last element included (for packed runs too). Throws PropertyPathUtil::Error for a malformed path, SchematizerError for a path the
   // schema does not have, SerializationError for malformed bytes.
   std::optional<AnyValue> value(std::string_view propertyPath) const;
-  // Reads the value at a field path resolved beforehand (see resolveKeyPath), skipping the
+  // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
   // resolution: the fast way to read one path from many records.
   std::optional<AnyValue> value(const FieldPathAndType& path) const;
 
@@ -87,6 +148,25 @@ class SchematizedData {
   std::shared_ptr<MessageSchemaDescribing> schema_;
   OwnedData data_;
 };
+
+// ---------------------------------------------------------------------------------------------
+// Internal: the value forms the library's own code works with (they borrow from the buffer they
+// were decoded from). They appear here only because the schema interfaces and a few conversions of
+// the public types name them; users read AnyValue and EnumValue.
+namespace detail {
+
+// Throws SchematizerError::unexpectedType naming both kinds, for an accessor of one value kind
+// called on a value of another: "expected a string value, found int64".
+[[noreturn]] void throwWrongValueKind(uint8_t wanted, uint8_t found);
+
+// The payload of alternative I of `variant` (const or not), or the wrong-kind error.
+template <size_t I, typename Variant>
+auto& checkedGet(Variant& variant) {
+  if (variant.index() != I) {
+    throwWrongValueKind(static_cast<uint8_t>(I), static_cast<uint8_t>(variant.index()));
+  }
+  return *std::get_if<I>(&variant);
+}
 
 // An enum value as the library handles it internally: the enum's schema and either a value name
 // or a value number.
@@ -139,19 +219,19 @@ class AnyValueImpl {
 
   Case kind() const noexcept { return static_cast<Case>(value_.index()); }
 
-  // Accessors of the payload; each requires kind() to be the matching case.
-  int32_t int32Value() const { return std::get<0>(value_); }
-  uint32_t uint32Value() const { return std::get<1>(value_); }
-  int64_t int64Value() const { return std::get<2>(value_); }
-  uint64_t uint64Value() const { return std::get<3>(value_); }
-  float floatValue() const { return std::get<4>(value_); }
-  double doubleValue() const { return std::get<5>(value_); }
-  bool boolValue() const { return std::get<6>(value_); }
-  const EnumValueImpl& enumValue() const { return std::get<7>(value_); }
-  const std::string& stringValue() const { return std::get<8>(value_); }
-  std::string& stringValue() { return std::get<8>(value_); }
-  const DataValueDescribing& bytesValue() const { return std::get<9>(value_); }
-  const UnsafeSchematizedData& messageValue() const { return std::get<10>(value_); }
+  // Accessors of the payload; one of another kind throws SchematizerError::unexpectedType.
+  int32_t int32Value() const { return detail::checkedGet<0>(value_); }
+  uint32_t uint32Value() const { return detail::checkedGet<1>(value_); }
+  int64_t int64Value() const { return detail::checkedGet<2>(value_); }
+  uint64_t uint64Value() const { return detail::checkedGet<3>(value_); }
+  float floatValue() const { return detail::checkedGet<4>(value_); }
+  double doubleValue() const { return detail::checkedGet<5>(value_); }
+  bool boolValue() const { return detail::checkedGet<6>(value_); }
+  const EnumValueImpl& enumValue() const { return detail::checkedGet<7>(value_); }
+  const std::string& stringValue() const { return detail::checkedGet<8>(value_); }
+  std::string& stringValue() { return detail::checkedGet<8>(value_); }
+  const DataValueDescribing& bytesValue() const { return detail::checkedGet<9>(value_); }
+  const UnsafeSchematizedData& messageValue() const { return detail::checkedGet<10>(value_); }
 
   // A short rendering for error texts and test output, for example "int32(5)".
   std::string describe() const;
@@ -171,12 +251,15 @@ struct FieldValueImpl {
   AnyValueImpl value;
 };
 
+}  // namespace detail
+// ---------------------------------------------------------------------------------------------
+
 // An enum value handed to library users.
 class EnumValue {
  public:
-  explicit EnumValue(EnumValueImpl impl) : impl_(std::move(impl)) {}
+  explicit EnumValue(detail::EnumValueImpl impl) : impl_(std::move(impl)) {}
 
-  const EnumValueImpl& impl() const noexcept { return impl_; }
+  const detail::EnumValueImpl& impl() const noexcept { return impl_; }
   // The number; a value held by name is looked up (throws enumValueNotFound when unknown).
   int64_t number() const { return impl_.number(); }
   // The name; a value held by number is looked up (throws enumValueNotFound when unknown).
@@ -188,13 +271,13 @@ class EnumValue {
   friend bool operator==(const EnumValue& a, const EnumValue& b);
 
  private:
-  EnumValueImpl impl_;
+  detail::EnumValueImpl impl_;
 };
 
 // A typed value handed to library users; it owns everything it holds.
 class AnyValue {
  public:
-  using Case = AnyValueImpl::Case;
+  using Case = detail::AnyValueImpl::Case;
 
   AnyValue(int32_t v) : value_(std::in_place_index<0>, v) {}
   AnyValue(uint32_t v) : value_(std::in_place_index<1>, v) {}
@@ -210,26 +293,26 @@ class AnyValue {
   AnyValue(SchematizedData v) : value_(std::in_place_index<10>, std::move(v)) {}
 
   // The owned form of an internal value: bytes and nested messages are copied.
-  static AnyValue from(const AnyValueImpl& impl);
+  static AnyValue from(const detail::AnyValueImpl& impl);
   // The same, moving a string instead of copying it.
-  static AnyValue from(AnyValueImpl&& impl);
+  static AnyValue from(detail::AnyValueImpl&& impl);
   // The internal form, borrowing this value's bytes and nested message; valid while this value
   // is alive and unchanged.
-  AnyValueImpl impl() const;
+  detail::AnyValueImpl impl() const;
 
   Case kind() const noexcept { return static_cast<Case>(value_.index()); }
 
-  int32_t int32Value() const { return std::get<0>(value_); }
-  uint32_t uint32Value() const { return std::get<1>(value_); }
-  int64_t int64Value() const { return std::get<2>(value_); }
-  uint64_t uint64Value() const { return std::get<3>(value_); }
-  float floatValue() const { return std::get<4>(value_); }
-  double doubleValue() const { return std::get<5>(value_); }
-  bool boolValue() const { return std::get<6>(value_); }
-  const EnumValue& enumValue() const { return std::get<7>(value_); }
-  const std::string& stringValue() const { return std::get<8>(value_); }
-  const Bytes& bytesValue() const { return std::get<9>(value_); }
-  const SchematizedData& messageValue() const { return std::get<10>(value_); }
+  int32_t int32Value() const { return detail::checkedGet<0>(value_); }
+  uint32_t uint32Value() const { return detail::checkedGet<1>(value_); }
+  int64_t int64Value() const { return detail::checkedGet<2>(value_); }
+  uint64_t uint64Value() const { return detail::checkedGet<3>(value_); }
+  float floatValue() const { return detail::checkedGet<4>(value_); }
+  double doubleValue() const { return detail::checkedGet<5>(value_); }
+  bool boolValue() const { return detail::checkedGet<6>(value_); }
+  const EnumValue& enumValue() const { return detail::checkedGet<7>(value_); }
+  const std::string& stringValue() const { return detail::checkedGet<8>(value_); }
+  const Bytes& bytesValue() const { return detail::checkedGet<9>(value_); }
+  const SchematizedData& messageValue() const { return detail::checkedGet<10>(value_); }
 
   // A short rendering for messages and test output, for example "string(\"x\")".
   std::string describe() const;
@@ -243,6 +326,19 @@ class AnyValue {
 };
 
 // The case name of a value case, for example "uint64".
-std::string_view caseName(AnyValueImpl::Case kind) noexcept;
+std::string_view caseName(detail::AnyValueImpl::Case kind) noexcept;
+
+// The standard alphabet ("+" and "/"), padded with "=" to a multiple of four characters. An empty
+// buffer gives "".
+std::string base64Encode(ByteView bytes);
+// The same text appended to `out`.
+void appendBase64(ByteView bytes, std::string& out);
+
+// The bytes of `text`, or no value unless `text` is exactly what base64Encode writes: a multiple of
+// four characters of the standard alphabet, "=" only as one or two final padding characters, and
+// zero in the bits that padding leaves unused. No whitespace, no URL-safe alphabet, no missing
+// padding. Being this strict gives every buffer a single accepted text, so texts compare as their
+// bytes do.
+std::optional<Bytes> base64Decode(std::string_view text);
 
 }  // namespace ostrel

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "ostrel/core/bytes.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
 
 namespace ostrel {
 

@@ -4,11 +4,13 @@
 #include <memory>
 #include <string_view>
 
-#include "ostrel/core/bytes.hpp"
+#include "ostrel/core/values.hpp"
 
 namespace ostrel {
 
+namespace detail {
 class AnyValueImpl;
+}  // namespace detail
 class FieldSchemaDescribing;
 
 // A protobuf wire writer. Each write appends one complete field, key and value, to the buffer;
@@ -99,7 +101,7 @@ class WireDataWriter final : public ProtobufWriting {
 // error, and a negative number stops the process (it cannot be written as uint64).
 //
 // Errors of the field schema (its type() or fieldNumber()) pass through unchanged.
-void writeFieldValue(const AnyValueImpl& value, const FieldSchemaDescribing& field,
+void writeFieldValue(const detail::AnyValueImpl& value, const FieldSchemaDescribing& field,
                      ProtobufWriting& writer);
 
 }  // namespace ostrel

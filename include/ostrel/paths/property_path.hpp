@@ -10,7 +10,9 @@
 #include <string_view>
 #include <vector>
 
+#include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/wire/schematizer.hpp"
 
 namespace ostrel {
 
@@ -74,5 +76,20 @@ class PropertyPathUtil {
   // not starting with a digit, an index is a decimal integer. Throws Error at the first fault.
   static std::vector<PropertyPathElement> parse(std::string_view path);
 };
+
+// Resolution of property paths such as a.b[2].c against a message schema, into the field path and
+// declared type that the wire navigation reads.
+
+// Resolves a property path against a message schema into the field path and declared type that
+// reads follow (SchematizedData::value(const FieldPathAndType&)): resolve once, read many records.
+// A component written name[index] must name a repeated field, one without an index a field that
+// is not repeated; every component but the last must name a message field.
+//
+// Throws PropertyPathUtil::Error for a path that breaks the grammar above (checked before any
+// lookup), SchematizerError nonMessageTypeInKeypath, scalarValueAccessWithIndex or
+// repeatedValueAccessNoIndex, and the schema's own lookup and type resolution errors
+// (fieldNotFound, ...). Nothing is returned on failure.
+FieldPathAndType resolvePropertyPath(const MessageSchema& schema, std::string_view path);
+FieldPathAndType resolvePropertyPath(const MessageSchemaDescribing& schema, std::string_view path);
 
 }  // namespace ostrel

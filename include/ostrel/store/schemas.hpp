@@ -32,6 +32,10 @@ class EnumSchema {
   }
   int64_t valueNamed(std::string_view name) const { return impl_->valueNamed(name); }
   const std::string& valueNameFor(int64_t number) const { return impl_->valueNameFor(number); }
+  // Every value name with its number, aliases included, in name order.
+  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept {
+    return impl_->allValues();
+  }
 
   // The same schema object.
   friend bool operator==(const EnumSchema& a, const EnumSchema& b) { return a.impl_ == b.impl_; }

@@ -11,12 +11,16 @@
 #include <optional>
 #include <string>
 
-#include "ostrel/core/bytes.hpp"
 #include "ostrel/core/errors.hpp"
-#include "ostrel/core/fatal.hpp"
-#include "ostrel/core/wire_type.hpp"
+#include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
 
 namespace ostrel {
+
+namespace detail {
+// Stops the process after logging `message`: for violated preconditions of the caller only.
+[[noreturn]] void fatal(std::string_view message) noexcept;
+}  // namespace detail
 
 // Fixed-width values are loaded with one unaligned copy, which is their wire order only on
 // little-endian hosts.

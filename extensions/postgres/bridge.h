@@ -1,0 +1,147 @@
+#ifndef OSTREL_POSTGRES_BRIDGE_H
+#define OSTREL_POSTGRES_BRIDGE_H
+
+/*
+ * The plain C interface between the PostgreSQL entry points (functions.c) and the C++ library
+ * (bridge.cpp). It exists so that no C++ object is ever alive on a stack that PostgreSQL's error
+ * handling unwinds with longjmp: every bridge function is noexcept, catches whatever the library
+ * throws, destroys its C++ objects and reports the failure in an OstrelError, and only then does
+ * the C side raise the SQL error. The C++ side includes no PostgreSQL header and calls no
+ * PostgreSQL function except through the allocator it is handed, which returns NULL instead of
+ * raising an error.
+ */
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Memory for results, in the caller's memory context; NULL when none is left. */
+typedef void *(*OstrelAlloc)(size_t size);
+
+typedef enum OstrelFailure {
+  OSTREL_OK = 0,
+  OSTREL_BAD_DATA,      /* malformed record bytes (the library's SerializationError) */
+  OSTREL_BAD_REQUEST,   /* an unknown field, a malformed path, a bad schema or JSON text */
+  OSTREL_UNKNOWN_TYPE,  /* the message type named by the caller is not in the backend's store */
+  OSTREL_WRONG_TYPE,    /* the value exists but the SQL result type cannot hold its kind */
+  OSTREL_OUT_OF_RANGE,  /* the value does not fit the SQL result type */
+  OSTREL_NO_MEMORY,
+  OSTREL_INTERNAL
+} OstrelFailure;
+
+/* Longer texts are cut at this size (with "..." at the end). */
+#define OSTREL_ERROR_TEXT_SIZE 2048
+
+typedef struct OstrelError {
+  OstrelFailure failure;
+  char text[OSTREL_ERROR_TEXT_SIZE];
+} OstrelError;
+
+/* The backend's store, built from the definitions of the extension's catalog (each the JSON
+ * manifest text of one type). Replaces the store in use; sites compiled before keep the store they
+ * were compiled against alive. */
+bool ostrel_store_load(const char *const *definitions, const size_t *sizes, size_t count,
+                       OstrelError *error);
+/* Forgets the backend's store and its compiled paths; the next compile needs a load first. */
+void ostrel_store_clear(void);
+bool ostrel_store_loaded(void);
+
+typedef enum OstrelSiteKind {
+  OSTREL_SITE_VALUE,   /* a property path to one value: p_get*, p_has */
+  OSTREL_SITE_EACH,    /* a property path to a repeated field or map: p_each */
+  OSTREL_SITE_MESSAGE  /* the message type alone: p_json, p_encode */
+} OstrelSiteKind;
+
+/* A message type and (but for OSTREL_SITE_MESSAGE) a property path, resolved against the backend's
+ * store. Compiled sites are also kept per backend, so a path used by many statements is resolved
+ * once. Text arguments are UTF-8. NULL on failure: OSTREL_UNKNOWN_TYPE when the store has no such
+ * message type (the caller may reload the store and try again). */
+typedef struct OstrelSite OstrelSite;
+OstrelSite *ostrel_site_compile(OstrelSiteKind kind, const char *type, size_t typeSize,
+                                const char *path, size_t pathSize, OstrelError *error);
+void ostrel_site_release(OstrelSite *site);
+
+typedef enum OstrelKind {
+  OSTREL_ABSENT = 0,
+  OSTREL_INT,     /* i: int32, int64, sint*, sfixed* */
+  OSTREL_UINT,    /* u: uint32, uint64, fixed* */
+  OSTREL_FLOAT,   /* d: a float, widened */
+  OSTREL_DOUBLE,  /* d */
+  OSTREL_BOOL,    /* b */
+  OSTREL_ENUM,    /* i: the number; data/size: the value name, data NULL when the enum has none */
+  OSTREL_STRING,  /* data/size: UTF-8 text */
+  OSTREL_BYTES,   /* data/size */
+  OSTREL_MESSAGE  /* data/size: the encoded message, or its JSON text with OSTREL_MESSAGE_JSON */
+} OstrelKind;
+
+typedef struct OstrelValue {
+  OstrelKind kind;
+  int64_t i;
+  uint64_t u;
+  double d;
+  bool b;
+  /* Borrowed from the record for bytes and encoded messages, else allocated. */
+  const char *data;
+  size_t size;
+} OstrelValue;
+
+/* Render message values as JSON text instead of handing out their bytes. */
+#define OSTREL_MESSAGE_JSON 1
+
+/* The value at the site's path in `record`; kind OSTREL_ABSENT when the record does not hold it. */
+bool ostrel_read(const OstrelSite *site, const char *record, size_t size, int flags,
+                 OstrelAlloc alloc, OstrelValue *value, OstrelError *error);
+
+typedef struct OstrelElement {
+  OstrelValue key; /* OSTREL_ABSENT but for map entries; then its text in data/size */
+  OstrelValue value;
+} OstrelElement;
+
+/* Every element of the repeated field or map at the site's path, in the order of the bytes;
+ * message values as JSON text. No elements when the field is absent. */
+bool ostrel_each(const OstrelSite *site, const char *record, size_t size, OstrelAlloc alloc,
+                 OstrelElement **elements, size_t *count, OstrelError *error);
+
+/* The record rendered as JSON text (UTF-8, not NUL-terminated). */
+bool ostrel_render(const OstrelSite *site, const char *record, size_t size, OstrelAlloc alloc,
+                   char **json, size_t *jsonSize, OstrelError *error);
+
+/* A record of the site's type built from JSON text. */
+bool ostrel_encode(const OstrelSite *site, const char *json, size_t jsonSize, OstrelAlloc alloc,
+                   char **record, size_t *size, OstrelError *error);
+
+typedef enum OstrelSchemaFormat {
+  OSTREL_DESCRIPTOR_SET,
+  OSTREL_MANIFEST,
+  OSTREL_PROTO
+} OstrelSchemaFormat;
+
+typedef struct OstrelDefinition {
+  const char *name; /* fully qualified, NUL-terminated */
+  bool isMessage;
+  const char *text; /* the JSON manifest of this one type, NUL-terminated */
+} OstrelDefinition;
+
+/* Splits a schema in one of the formats into one definition per message and enum type, each in a
+ * canonical text: two definitions of a type are the same exactly when their texts are equal. */
+bool ostrel_definitions(OstrelSchemaFormat format, const char *input, size_t size,
+                        OstrelAlloc alloc, OstrelDefinition **definitions, size_t *count,
+                        OstrelError *error);
+
+/* Checks that the definitions together make a store in which every type a field refers to
+ * resolves. */
+bool ostrel_check_definitions(const char *const *definitions, const size_t *sizes, size_t count,
+                              OstrelError *error);
+
+/* Routes the library's diagnostics to the server log (stderr). */
+void ostrel_bridge_init(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

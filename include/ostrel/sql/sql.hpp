@@ -1,0 +1,104 @@
+#pragma once
+
+// SQL over schematized records stored as blobs: the text of projections, and the functions that
+// read the records inside SQLite.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/manifest/manifest.hpp"
+#include "ostrel/store/schemas.hpp"
+
+struct sqlite3;
+
+namespace ostrel {
+
+// One projected column: a property path and the name of its result column (the path itself when
+// no alias is given).
+struct ProjectedPath {
+  std::string path;
+  std::optional<std::string> alias;
+};
+
+// Builds
+//   SELECT
+//     P_GET(column, 'path') AS alias,
+//     ...
+//   FROM table
+// after parsing every path (PropertyPathUtil::Error, with its position) and resolving it against
+// `schema` (SchematizerError); on any failure no text is returned. Identifiers are written bare
+// when they are plain ([A-Za-z_][A-Za-z0-9_]*, not a keyword), else double-quoted with inner quotes
+// doubled; paths are string literals with single quotes doubled. Whatever the input, the text is
+// exactly one SELECT. Throws std::invalid_argument for no paths, or an empty identifier or one
+// holding a NUL character (which SQL text cannot carry).
+std::string buildProjection(const MessageSchema& schema, std::string_view table,
+                            std::string_view column, const std::vector<ProjectedPath>& paths);
+
+// The database the text is written for.
+enum class SqlDialect : uint8_t {
+  // P_GET(column, 'path'), or P_GET(column, 'type', 'path') with typePerCall; identifiers quoted
+  // by SQLite's keyword list.
+  sqlite,
+  // p_get(column, 'type', 'path'), always with the type (a jsonb per column); identifiers bare
+  // only when lower case, plain and not reserved by PostgreSQL, which folds bare names to lower
+  // case.
+  postgres,
+};
+
+struct ProjectionOptions {
+  SqlDialect dialect = SqlDialect::sqlite;
+  // Name the message type in every call, for tables that hold records of several types or
+  // connections without a default type.
+  bool typePerCall = false;
+};
+
+// buildProjection as above, in `options`' form.
+std::string buildProjection(const MessageSchema& schema, std::string_view table,
+                            std::string_view column, const std::vector<ProjectedPath>& paths,
+                            const ProjectionOptions& options);
+
+// `name` as an SQL identifier: bare when plain and not a keyword, else double-quoted.
+std::string sqlIdentifier(std::string_view name, SqlDialect dialect = SqlDialect::sqlite);
+
+// `text` as an SQL string literal, single quotes doubled.
+std::string sqlStringLiteral(std::string_view text);
+
+// Registers the SQL function set on `db`, over schemas of the connection's own that start as
+// `manifest` (merged into the built-in descriptor schemas), with `defaultType` as the message type
+// the forms without a type argument read. The loadable extension (libostrel_sqlite) registers the
+// same functions, starting with no schemas:
+//
+//   ostrel_register_descriptor_set(blob), ostrel_register_manifest(json text),
+//   ostrel_register_proto(.proto text)
+//       merge definitions into the connection's schemas and return how many message types are
+//       registered in all. A message or enum type already registered with another definition is
+//       refused with an error naming it (a changed definition needs a new name); registering the
+//       same definition again changes nothing. Callable only from top-level statements.
+//   ostrel_default_type(type)
+//       names the default message type; returns it.
+//   P_GET(record, path), P_GET(record, type, path)
+//       the value at a property path: INTEGER (a uint64 above INT64_MAX as TEXT), REAL (NaN as
+//       NULL), bool as 0/1, TEXT, BLOB, an enum as its name when known else INTEGER, a message as
+//       its JSON text; NULL when absent.
+//   P_HAS(record, path), P_HAS(record, type, path)
+//       1 when the record holds the field at the path, else 0.
+//   P_EACH(record, path), P_EACH(record, type, path)
+//       table-valued: one row per element of the repeated field or map at the path, with columns
+//       "index" (from 0), key (the map key, else NULL) and value (as P_GET gives it).
+//   P_JSON(record), P_JSON(record, type)
+//       the record as JSON text; a record that does not read back whole is an error.
+//   P_ENCODE(type, json)
+//       the record that the JSON text describes, as a BLOB.
+//
+// A NULL argument gives NULL (no rows for P_EACH). A record that is not a BLOB, malformed bytes,
+// an unknown type and a bad path raise an SQLite error whose message is the library's error text.
+// Paths are parsed and resolved once per statement. The reads are deterministic and innocuous, so
+// that expression indexes can be built on them. Throws std::runtime_error when SQLite refuses a
+// registration, and the errors of building a store from `manifest` or of finding `defaultType`.
+void registerSqliteFunctions(sqlite3* db, const SchemaManifest& manifest = {},
+                             const std::optional<std::string>& defaultType = std::nullopt);
+
+}  // namespace ostrel

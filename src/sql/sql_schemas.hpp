@@ -1,0 +1,106 @@
+#pragma once
+
+// What the SQL functions of one database connection share, apart from the database's own API: the
+// schemas registered on it, the message type the short forms read, and property paths resolved
+// once for many rows.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ostrel/manifest/manifest.hpp"
+#include "ostrel/store/schemas.hpp"
+#include "wire/field_path.hpp"
+#include "ostrel/wire/schematizer.hpp"
+
+namespace ostrel::detail {
+
+// The schemas registered on one connection. Definitions only ever grow: a type, once registered,
+// keeps its definition, so that a deterministic function's result over a stored record never
+// changes under an index built from it.
+class SqlSchemas {
+ public:
+  explicit SqlSchemas(SchemaManifest registered = {},
+                      std::optional<std::string> defaultType = std::nullopt);
+
+  // Merges `incoming` into the registered definitions and returns how many message types are
+  // registered in all. A message or enum already registered with another definition is refused
+  // with MergeConflict naming it; the same definition again changes nothing. On any failure
+  // nothing is registered.
+  size_t add(const SchemaManifest& incoming);
+  size_t addDescriptorSet(ByteView bytes);
+  size_t addManifestJSON(std::string_view json);
+  size_t addProtoText(std::string_view text);
+
+  // Names the message type the forms without a type argument read. Throws
+  // SchematizerError::schemaNotFound when no such message type is registered.
+  void setDefaultType(std::string_view name);
+  const std::optional<std::string>& defaultType() const noexcept { return defaultType_; }
+
+  // The message type named `name`; throws SchematizerError::schemaNotFound.
+  MessageSchema messageSchema(std::string_view name) const { return store_.messageSchema(name); }
+  // The default type's schema; throws SchematizerError::schemaNotFound when none is named.
+  MessageSchema defaultSchema() const;
+
+  const SchemaStore& store() const noexcept { return store_; }
+  const SchemaManifest& registered() const noexcept { return registered_; }
+  // Changes whenever the store or the default type changes: what was resolved against an older
+  // generation must be resolved again when it depends on the default type.
+  uint64_t generation() const noexcept { return generation_; }
+
+ private:
+  SchemaManifest registered_;
+  SchemaStore store_;
+  std::optional<std::string> defaultType_;
+  uint64_t generation_ = 0;
+};
+
+// A property path resolved against one message type, kept for the rows of a statement. It holds
+// its store: the store may be replaced by a later registration while the statement still runs.
+struct ResolvedPath {
+  SchemaStore store;
+  std::string type;
+  uint64_t generation = 0;
+  FieldPathAndType path;
+};
+
+// Parses and resolves `path` against `type` of `schemas` (the default type when `type` is absent).
+// Throws PropertyPathUtil::Error and SchematizerError.
+std::unique_ptr<ResolvedPath> resolvePath(const SqlSchemas& schemas,
+                                          std::optional<std::string_view> type,
+                                          std::string_view path);
+
+// A repeated field reached through a property path: the path to the message holding it (empty for
+// the record itself) and the field, with the key and value fields of its entries when it is a map.
+struct ResolvedRepeated {
+  SchemaStore store;
+  std::string type;
+  std::string pathText;
+  uint64_t generation = 0;
+  std::optional<FieldPathAndType> container;
+  std::shared_ptr<FieldSchemaDescribing> field;
+  const FieldSchemaDescribing* mapKey = nullptr;
+  const FieldSchemaDescribing* mapValue = nullptr;
+};
+
+// Resolves a path whose last component names a repeated field, written without an index ("items",
+// "customer.tags"). Throws PropertyPathUtil::Error, SchematizerError for a path the schema does
+// not have, and SchematizerError::unexpectedType when the last field is not repeated.
+std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,
+                                                  std::optional<std::string_view> type,
+                                                  std::string_view path);
+
+// The library's iterator over the elements of `repeated` in `record`, over a copy of the bytes of
+// the message holding the field; no value when the record does not hold that message. Throws the
+// errors of reading the way to it.
+std::optional<Schematizer::RepeatableFieldIterator> iterateElements(
+    ByteView record, const ResolvedRepeated& repeated);
+
+// Walks the whole record, nested messages included, so that a malformed record is reported as an
+// error rather than rendered with error texts in it. Throws SerializationError and
+// SchematizerError::protocolBufferError("Nesting deeper than 100 messages").
+void checkRecord(const UnsafeSchematizedData& record);
+
+}  // namespace ostrel::detail

@@ -1,0 +1,28 @@
+#pragma once
+
+// The SQL function set on an SQLite connection. The same source is compiled twice: into the
+// library, calling the SQLite it is linked with, and into the loadable extension, calling whatever
+// SQLite loaded it through the routine table handed to the extension's entry point. A process may
+// hold both, so each build lives in its own namespace.
+
+#include <memory>
+
+struct sqlite3;
+
+namespace ostrel::detail {
+
+class SqlSchemas;
+
+namespace sqlite_linked {
+// Registers ostrel_register_descriptor_set, ostrel_register_manifest, ostrel_register_proto,
+// ostrel_default_type, P_GET, P_HAS, P_JSON, P_ENCODE and the table-valued P_EACH on `db`, all
+// sharing `schemas`. Throws std::runtime_error with SQLite's message when SQLite refuses one.
+void registerFunctionSet(sqlite3* db, std::shared_ptr<SqlSchemas> schemas);
+}  // namespace sqlite_linked
+
+namespace sqlite_loadable {
+// The same, through the routine table of the SQLite that loaded the extension.
+void registerFunctionSet(sqlite3* db, std::shared_ptr<SqlSchemas> schemas);
+}  // namespace sqlite_loadable
+
+}  // namespace ostrel::detail

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "ostrel/core/describing.hpp"
+#include "ostrel/manifest/manifest.hpp"
+#include "store/proto_schemas.hpp"
+
+namespace ostrel {
+
+// The library's schema store: every message and enum of one manifest (merged into the built-in
+// descriptor manifest), materialised lazily. An entry stays in manifest form until its first
+// successful lookup, then the schema replaces it and every later lookup returns the same object.
+// Lookups mutate the store: use one store from one thread at a time.
+class ProtoSchemaStore final : public SchemaStoreDescribing,
+                               public std::enable_shared_from_this<ProtoSchemaStore> {
+ public:
+  using MessageContainer = std::variant<MessageManifest, std::shared_ptr<ProtoMessageSchema>>;
+  using EnumContainer = std::variant<EnumManifest, std::shared_ptr<ProtoEnumSchema>>;
+
+  // Merges `manifest` into the built-in descriptor manifest under keepExisting (the built-in
+  // records win every clash; the caller's fields are added to them). Nothing is validated here.
+  static std::shared_ptr<ProtoSchemaStore> make(const SchemaManifest& manifest);
+
+  // Schemas refer to each other strongly (a field to its type, a schema to its options' schema),
+  // so recursive types form reference cycles. When the store goes, the references that close a
+  // cycle are released: afterwards such a field's type() reports the store as destroyed, while
+  // every other materialised schema keeps working for whoever still holds it.
+  ~ProtoSchemaStore() override;
+
+  std::set<std::string> messageSchemaNames() const override;
+  std::set<std::string> enumSchemaNames() const override;
+  bool hasMessageSchemaNamed(std::string_view name) const override;
+  // Throws SchematizerError::schemaNotFound, or the error of creating the schema (the entry then
+  // stays in manifest form and the next lookup tries again).
+  std::shared_ptr<MessageSchemaDescribing> messageSchema(std::string_view name) const override;
+  // Throws SchematizerError::enumNotFound, or the error of creating the schema.
+  std::shared_ptr<EnumSchemaDescribing> enumSchema(std::string_view name) const override;
+  SchemaManifest engagedManifest() const override;
+
+  const detail::StringMap<MessageContainer>& messageSchemas() const noexcept {
+    return messageSchemas_;
+  }
+  const detail::StringMap<EnumContainer>& enumSchemas() const noexcept { return enumSchemas_; }
+
+  // "MessageSchema store size: " and the number of messages, materialised or not.
+  std::string description() const;
+
+ private:
+  ProtoSchemaStore() = default;
+
+  mutable detail::StringMap<EnumContainer> enumSchemas_;
+  mutable detail::StringMap<MessageContainer> messageSchemas_;
+  // Messages whose schema is being created; a lookup of one of them from inside its own creation
+  // (an options message that carries options of its own kind) would never end.
+  mutable std::set<std::string, std::less<>> creating_;
+};
+
+}  // namespace ostrel

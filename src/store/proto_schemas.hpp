@@ -1,0 +1,239 @@
+#pragma once
+
+// The library's own schema objects. Message and enum schemas are created by ProtoSchemaStore on
+// first lookup; field and oneof schemas by their message schema on first lookup. Each refers to the
+// store only weakly, so the store and its schemas form no reference cycle.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <variant>
+#include <vector>
+
+#include "ostrel/core/describing.hpp"
+#include "ostrel/manifest/manifest.hpp"
+
+namespace ostrel {
+
+namespace detail {
+
+// Hashing for string-keyed maps that are looked up by std::string_view without a copy.
+struct StringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const noexcept {
+    return std::hash<std::string_view>{}(text);
+  }
+};
+
+template <typename T>
+using StringMap = std::unordered_map<std::string, T, StringHash, std::equal_to<>>;
+
+}  // namespace detail
+
+class ProtoBaseSchema : public virtual SchemaDescribing {
+ public:
+  explicit ProtoBaseSchema(std::string name) : name_(std::move(name)) {}
+  const std::string& name() const noexcept final { return name_; }
+  // Empty for every schema of the library.
+  std::string typeDescription() const override { return {}; }
+
+ private:
+  std::string name_;
+};
+
+class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescribing {
+ public:
+  // The unresolved type: resolved through the store on the first call of type().
+  struct Config {
+    TypeManifest type;
+    std::optional<std::string> typeName;
+    std::weak_ptr<SchemaStoreDescribing> store;
+  };
+  using FieldContainer = std::variant<Config, TypeSchemaDescription>;
+
+  // Fails when the field's options cannot be paired with the store's FieldOptions schema.
+  static std::shared_ptr<ProtoFieldSchema> make(
+      std::string name, const FieldManifest& manifest,
+      const std::shared_ptr<SchemaStoreDescribing>& store);
+
+  bool isRepeated() const noexcept override { return isRepeated_; }
+  bool isOptional() const noexcept override { return true; }
+  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
+  std::optional<int32_t> oneofIndex() const noexcept override { return oneofIndex_; }
+  int64_t fieldNumber() const noexcept override { return fieldNumber_; }
+  // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
+  // resolved and the store is gone, and the store's lookup errors; a failure leaves the type
+  // unresolved, so the next call tries again.
+  const TypeSchemaDescription& type() const override;
+
+  // The manifest type and type name this field was made from.
+  TypeManifest manifestType() const noexcept { return manifestType_; }
+  const std::optional<std::string>& typeName() const noexcept { return typeName_; }
+
+  // The resolved type, or null while the type is unresolved.
+  const TypeSchemaDescription* resolvedType() const noexcept {
+    return std::get_if<TypeSchemaDescription>(&info_);
+  }
+  // Drops the references that close a cycle of schemas when their store goes: the resolved type
+  // falls back to its unresolved form (so type() reports the store as destroyed) and the options
+  // are dropped.
+  void releaseType() const;
+  void releaseOptions() const { options_.reset(); }
+
+ private:
+  ProtoFieldSchema(std::string name, const FieldManifest& manifest,
+                   const std::shared_ptr<SchemaStoreDescribing>& store);
+
+  mutable FieldContainer info_;
+  bool isRepeated_;
+  int64_t fieldNumber_;
+  mutable std::optional<SchematizedData> options_;
+  std::optional<int32_t> oneofIndex_;
+  TypeManifest manifestType_;
+  std::optional<std::string> typeName_;
+};
+
+class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {
+ public:
+  // Fails when the options cannot be paired with the store's options schemas.
+  static std::shared_ptr<ProtoEnumSchema> make(std::string name, const EnumManifest& manifest,
+                                               const SchemaStoreDescribing& store);
+
+  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept override {
+    return allValues_;
+  }
+  const std::set<int64_t>& valueSet() const noexcept override { return valueSet_; }
+  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
+  const std::map<int64_t, SchematizedData>& valueOptions() const noexcept override {
+    return valueOptions_;
+  }
+  // Throws SchematizerError::enumValueNotFound "Enum: <enum>, <name> value".
+  int64_t valueNamed(std::string_view name) const override;
+  // With aliases, the first name in name order. Throws SchematizerError::enumValueNotFound
+  // "Enum: <enum>, <number> value".
+  const std::string& valueNameFor(int64_t number) const override;
+  const std::string* findValueNameFor(int64_t number) const noexcept override;
+
+ private:
+  explicit ProtoEnumSchema(std::string name) : ProtoBaseSchema(std::move(name)) {}
+
+  std::map<std::string, int64_t, std::less<>> allValues_;
+  std::set<int64_t> valueSet_;
+  std::optional<SchematizedData> options_;
+  std::map<int64_t, SchematizedData> valueOptions_;
+  // Number to the first of its names in allValues_ order, for rendering values by name.
+  std::unordered_map<int64_t, const std::string*> namesByNumber_;
+};
+
+class ProtoOneOfSchema final : public ProtoBaseSchema, public OneofSchemaDescribing {
+ public:
+  // `fields` maps the names of the oneof's member fields to their numbers.
+  static std::shared_ptr<ProtoOneOfSchema> make(const OneofManifest& manifest,
+                                                std::map<std::string, int64_t, std::less<>> fields,
+                                                const SchemaStoreDescribing& store);
+
+  const std::map<std::string, int64_t, std::less<>>& fieldsMap() const noexcept {
+    return fieldsMap_;
+  }
+  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
+  const std::set<int64_t>& allFieldNumbers() const noexcept override { return allFieldNumbers_; }
+  const std::set<std::string>& allFieldNames() const noexcept override { return allFieldNames_; }
+  // Throws SchematizerError::fieldNotFound "One of field with field number: <number>".
+  const std::string& fieldNameFor(int64_t number) const override;
+  // Throws SchematizerError::fieldNotFound "One of property with name: <name>".
+  int64_t fieldNumberNamed(std::string_view name) const override;
+
+ private:
+  explicit ProtoOneOfSchema(std::string name) : ProtoBaseSchema(std::move(name)) {}
+
+  std::map<std::string, int64_t, std::less<>> fieldsMap_;
+  std::set<std::string> allFieldNames_;
+  std::set<int64_t> allFieldNumbers_;
+  std::optional<SchematizedData> options_;
+};
+
+class ProtoMessageSchema final : public ProtoBaseSchema,
+                                 public MessageSchemaDescribing,
+                                 public std::enable_shared_from_this<ProtoMessageSchema> {
+ public:
+  using FieldContainer = std::variant<FieldManifest, std::shared_ptr<FieldSchemaDescribing>>;
+  struct OneofContainer {
+    int32_t index;
+    std::variant<OneofManifest, std::shared_ptr<OneofSchemaDescribing>> value;
+  };
+
+  // Fails when the message's options cannot be paired with the store's MessageOptions schema.
+  // Stops the process on two oneofs of one name.
+  static std::shared_ptr<ProtoMessageSchema> make(
+      std::string name, const MessageManifest& manifest,
+      const std::shared_ptr<SchemaStoreDescribing>& store);
+
+  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
+  const std::vector<std::string>& allFieldNames() const noexcept override { return allFieldNames_; }
+  const std::vector<std::string>& allOneofNames() const noexcept override { return allOneofNames_; }
+  const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>& fieldsByNumber() const override;
+  std::vector<std::shared_ptr<OneofSchemaDescribing>> allOneofs() const override;
+  const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(std::string_view name) const override;
+  const std::shared_ptr<FieldSchemaDescribing>& fieldWithNumber(int64_t number) const override;
+  const std::shared_ptr<OneofSchemaDescribing>& oneofNamed(std::string_view name) const override;
+  SchematizedData schematizedData(Bytes data) const override;
+  UnsafeSchematizedData unsafeSchematizedData(ByteView bytes) const override;
+  SchematizedData buildData(const ValueForField& valueForField) const override;
+  std::shared_ptr<SchemaStoreDescribing> originStore() const override { return origin_.lock(); }
+
+  // The fields materialised so far, by number.
+  const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>& fieldsCache() const noexcept {
+    return fieldsCache_;
+  }
+  // The number of fields and oneofs not materialised yet.
+  int64_t uninitializedCount() const noexcept { return uninitializedCount_; }
+  // Whether the schema still refers to its store: it lets go once nothing is left to materialise.
+  bool refersToStore() const noexcept { return !store_.expired(); }
+
+  // The manifest this schema describes, rebuilt from its fields and oneofs (materialised or not).
+  MessageManifest manifest() const;
+
+  // Calls `visit` with each materialised field.
+  template <typename Visit>
+  void forEachMaterialisedField(Visit&& visit) const {
+    for (const auto& entry : fields_) {
+      if (const auto* field = std::get_if<1>(&entry.second)) visit(**field);
+    }
+  }
+  // Calls `visit` with each materialised oneof.
+  template <typename Visit>
+  void forEachMaterialisedOneof(Visit&& visit) const {
+    for (const auto& entry : oneofs_) {
+      if (const auto* oneof = std::get_if<1>(&entry.second.value)) visit(**oneof);
+    }
+  }
+
+ private:
+  explicit ProtoMessageSchema(std::string name) : ProtoBaseSchema(std::move(name)) {}
+
+  std::shared_ptr<SchemaStoreDescribing> lockStore() const;
+  const std::shared_ptr<FieldSchemaDescribing>& materialiseField(FieldContainer& slot,
+                                                                 const std::string& name) const;
+  const std::shared_ptr<OneofSchemaDescribing>& materialiseOneof(OneofContainer& slot) const;
+  void countMaterialised() const;
+
+  std::optional<SchematizedData> options_;
+  std::vector<std::string> allFieldNames_;
+  std::vector<std::string> allOneofNames_;
+  mutable std::weak_ptr<SchemaStoreDescribing> store_;
+  // Kept when store_ is let go: only lookups by name (an Any's type) need it.
+  std::weak_ptr<SchemaStoreDescribing> origin_;
+  mutable detail::StringMap<FieldContainer> fields_;
+  mutable std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>> fieldsCache_;
+  mutable detail::StringMap<OneofContainer> oneofs_;
+  mutable int64_t uninitializedCount_ = 0;
+  // The fields among them: once none is left, fieldsByNumber() has nothing to materialise.
+  mutable int64_t uninitializedFieldCount_ = 0;
+};
+
+}  // namespace ostrel

@@ -1,0 +1,589 @@
+// Projections: many paths read from a record in one pass; typed scalar reads; delimited streams.
+
+#include "ostrel/wire/schematizer.hpp"
+
+#include <algorithm>
+#include <limits>
+
+#include "ostrel/paths/property_path.hpp"
+#include "wire/navigation.hpp"
+#include "wire/scalar_decoding.hpp"
+#include "wire/value_decoding.hpp"
+
+namespace ostrel {
+namespace detail {
+namespace {
+
+using TypeCase = TypeSchemaDescription::Case;
+using ValueCase = AnyValue::Case;
+
+// The kind of value a field of declared type `kind` is read as.
+ValueCase valueCaseOf(TypeCase kind) noexcept {
+  switch (kind) {
+    case TypeCase::int32:
+    case TypeCase::sint32:
+    case TypeCase::sfixed32:
+      return ValueCase::int32;
+    case TypeCase::uint32:
+    case TypeCase::fixed32:
+      return ValueCase::uint32;
+    case TypeCase::int64:
+    case TypeCase::sint64:
+    case TypeCase::sfixed64:
+      return ValueCase::int64;
+    case TypeCase::uint64:
+    case TypeCase::fixed64:
+      return ValueCase::uint64;
+    case TypeCase::float_:
+      return ValueCase::float_;
+    case TypeCase::double_:
+      return ValueCase::double_;
+    case TypeCase::bool_:
+      return ValueCase::bool_;
+    case TypeCase::enum_:
+      return ValueCase::enum_;
+    case TypeCase::string:
+      return ValueCase::string;
+    case TypeCase::bytes:
+      return ValueCase::bytes;
+    case TypeCase::message:
+      break;
+  }
+  return ValueCase::message;
+}
+
+void checkKind(ValueCase wanted, ValueCase found) {
+  if (wanted != found) {
+    throwWrongValueKind(static_cast<uint8_t>(wanted), static_cast<uint8_t>(found));
+  }
+}
+
+}  // namespace
+
+// The compiled form of a projection: a tree of the fields to look for, one level per message the
+// paths go through. A node is either a leaf, whose value answers one or more paths, or a branch,
+// whose nested message holds the rest of its paths; a field that is both (a message read whole and
+// a path into it) has one node of each kind, because the two resolve differently (an intermediate
+// element must be length-delimited, a last one is decoded by its type).
+struct ProjectionPlan {
+  static constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
+
+  struct Node {
+    int64_t number = 0;
+    std::optional<int64_t> index;
+    bool leaf = false;
+    // Leaf: the declared type of the field, and the paths it answers.
+    const TypeSchemaDescription* type = nullptr;
+    std::vector<uint32_t> slots;
+    // Branch: the level of its nested message.
+    uint32_t childLevel = kNone;
+    // Every path through this node: those a fault in its field fails.
+    std::vector<uint32_t> subtreeSlots;
+  };
+
+  // The nodes looked for in one message, sorted by field number; the nodes of one number are
+  // found by a table for small numbers and by a binary search beyond it.
+  struct Level {
+    struct Group {
+      int64_t number;
+      uint32_t first;
+      uint32_t count;
+    };
+    std::vector<uint32_t> nodes;
+    std::vector<Group> groups;
+    // For numbers below its size: the group's index plus one, or 0 for none.
+    std::vector<uint16_t> table;
+
+    const Group* find(int64_t number) const noexcept {
+      if (static_cast<uint64_t>(number) < table.size()) {
+        const uint16_t entry = table[static_cast<size_t>(number)];
+        return entry == 0 ? nullptr : &groups[entry - 1];
+      }
+      const auto it = std::lower_bound(
+          groups.begin(), groups.end(), number,
+          [](const Group& group, int64_t wanted) { return group.number < wanted; });
+      return it != groups.end() && it->number == number ? &*it : nullptr;
+    }
+  };
+
+  std::vector<std::string> texts;
+  std::vector<FieldPathAndType> paths;
+  std::vector<ValueCase> kinds;
+  std::vector<Node> nodes;
+  std::vector<Level> levels;
+  // Paths deeper than kTreeDepth are read one by one with the single read, whose walk is a loop:
+  // the tree's walk recurses once per level, and a path (and bytes) thousands of messages deep
+  // must not exhaust the stack.
+  static constexpr size_t kTreeDepth = 64;
+  std::vector<uint32_t> deepSlots;
+
+  ProjectionPlan(const MessageSchema& schema, std::vector<std::string> pathTexts);
+
+  uint32_t nodeFor(uint32_t level, const FieldPathComponent& component, bool leaf);
+  void index();
+
+  void read(ByteView record, ProjectionRow& row) const;
+  void scan(uint32_t level, Reader& reader, int64_t position, int64_t end,
+            ProjectionRow& row) const;
+  bool occurrence(uint32_t nodeIndex, FieldTag tag, Reader& reader, ProjectionRow& row) const;
+  void decodeLeaf(uint32_t nodeIndex, FieldTag tag, Reader& reader, ProjectionRow& row) const;
+  struct StoreScalar;
+  void fail(const std::vector<uint32_t>& slots, const std::exception_ptr& error,
+            ProjectionRow& row) const;
+};
+
+// Stores each decoded C++ type in a row cell (an enum as its number).
+struct ProjectionPlan::StoreScalar {
+  ProjectionRow::Cell* cell;
+  template <typename V>
+  bool operator()(V v) const {
+    auto& s = cell->scalar;
+    if constexpr (std::is_same_v<V, int32_t>) {
+      s.i32 = v;
+    } else if constexpr (std::is_same_v<V, uint32_t>) {
+      s.u32 = v;
+    } else if constexpr (std::is_same_v<V, int64_t>) {
+      s.i64 = v;
+    } else if constexpr (std::is_same_v<V, uint64_t>) {
+      s.u64 = v;
+    } else if constexpr (std::is_same_v<V, float>) {
+      s.f32 = v;
+    } else if constexpr (std::is_same_v<V, double>) {
+      s.f64 = v;
+    } else if constexpr (std::is_same_v<V, bool>) {
+      s.b = v;
+    } else {
+      s.i64 = std::get<int64_t>(v.container);
+    }
+    return true;
+  }
+};
+
+ProjectionPlan::ProjectionPlan(const MessageSchema& schema, std::vector<std::string> pathTexts)
+    : texts(std::move(pathTexts)) {
+  paths.reserve(texts.size());
+  for (const std::string& text : texts) paths.push_back(resolvePropertyPath(schema, text));
+  levels.emplace_back();
+  for (uint32_t slot = 0; slot < paths.size(); ++slot) {
+    const FieldPathAndType& path = paths[slot];
+    kinds.push_back(valueCaseOf(path.type.kind()));
+    if (path.fieldPath.size() > kTreeDepth) {
+      deepSlots.push_back(slot);
+      continue;
+    }
+    uint32_t level = 0;
+    for (size_t depth = 0; depth < path.fieldPath.size(); ++depth) {
+      const bool last = depth + 1 == path.fieldPath.size();
+      const uint32_t node = nodeFor(level, path.fieldPath[depth], last);
+      nodes[node].subtreeSlots.push_back(slot);
+      if (last) {
+        nodes[node].slots.push_back(slot);
+        nodes[node].type = &path.type;
+      } else {
+        level = nodes[node].childLevel;
+      }
+    }
+  }
+  index();
+}
+
+uint32_t ProjectionPlan::nodeFor(uint32_t level, const FieldPathComponent& component, bool leaf) {
+  for (uint32_t node : levels[level].nodes) {
+    if (nodes[node].number == component.number && nodes[node].index == component.index &&
+        nodes[node].leaf == leaf) {
+      return node;
+    }
+  }
+  const auto node = static_cast<uint32_t>(nodes.size());
+  Node created;
+  created.number = component.number;
+  created.index = component.index;
+  created.leaf = leaf;
+  if (!leaf) {
+    created.childLevel = static_cast<uint32_t>(levels.size());
+    levels.emplace_back();
+  }
+  nodes.push_back(std::move(created));
+  levels[level].nodes.push_back(node);
+  return node;
+}
+
+void ProjectionPlan::index() {
+  // Field numbers below this get a table entry: every number of a real schema's common fields.
+  constexpr int64_t kTableLimit = 1024;
+  for (Level& level : levels) {
+    std::stable_sort(level.nodes.begin(), level.nodes.end(),
+                     [&](uint32_t a, uint32_t b) { return nodes[a].number < nodes[b].number; });
+    for (uint32_t i = 0; i < level.nodes.size(); ++i) {
+      const int64_t number = nodes[level.nodes[i]].number;
+      if (level.groups.empty() || level.groups.back().number != number) {
+        level.groups.push_back({number, i, 0});
+      }
+      ++level.groups.back().count;
+    }
+    int64_t highest = -1;
+    for (const Level::Group& group : level.groups) {
+      if (group.number < kTableLimit) highest = std::max(highest, group.number);
+    }
+    level.table.assign(static_cast<size_t>(highest + 1), 0);
+    for (size_t g = 0; g < level.groups.size(); ++g) {
+      const int64_t number = level.groups[g].number;
+      if (number >= 0 && number < kTableLimit) {
+        level.table[static_cast<size_t>(number)] = static_cast<uint16_t>(g + 1);
+      }
+    }
+  }
+}
+
+void ProjectionPlan::fail(const std::vector<uint32_t>& slots, const std::exception_ptr& error,
+                          ProjectionRow& row) const {
+  for (uint32_t slot : slots) {
+    ProjectionRow::Cell& cell = row.cells_[slot];
+    if (cell.state == ProjectionRow::State::failed) continue;
+    cell.state = ProjectionRow::State::failed;
+    row.errors_[slot] = error;
+    ++row.failures_;
+  }
+}
+
+void ProjectionPlan::read(ByteView record, ProjectionRow& row) const {
+  if (row.failures_ > 0) {
+    std::fill(row.errors_.begin(), row.errors_.end(), nullptr);
+    row.failures_ = 0;
+  }
+  for (ProjectionRow::Cell& cell : row.cells_) cell.state = ProjectionRow::State::absent;
+  Reader reader(record);
+  scan(0, reader, 0, reader.size(), row);
+  for (uint32_t slot : deepSlots) {
+    ProjectionRow::Cell& cell = row.cells_[slot];
+    const FieldPathAndType& path = paths[slot];
+    try {
+      Reader single(record);
+      const bool present =
+          readValueAs(single, path.fieldPath, path.type, StoreScalar{&cell},
+                      [&](Reader& current, ProtoWireType wireType) {
+                        if (wireType != kRequiredWireType[static_cast<size_t>(path.type.kind())]) {
+                          throwTypeMismatch(path.type, wireType);
+                        }
+                        cell.payload = current.readLengthDelimited();
+                        return true;
+                      });
+      if (present) cell.state = ProjectionRow::State::present;
+    } catch (...) {
+      fail({slot}, std::current_exception(), row);
+    }
+  }
+}
+
+// Looks for the nodes of `level` in the message [position, end), as the single read of each of
+// their paths searches it: tag by tag, every field stepped over as skipField steps over it, until
+// every node has its answer. A fault met while some nodes are still looking is the answer of
+// those nodes' paths: their single reads would have met it at the same place.
+void ProjectionPlan::scan(uint32_t levelIndex, Reader& reader, int64_t position, int64_t end,
+                          ProjectionRow& row) const {
+  const Level& level = levels[levelIndex];
+  size_t unresolved = level.nodes.size();
+  for (uint32_t node : level.nodes) {
+    row.remaining_[node] = nodes[node].index.value_or(0);
+    row.done_[node] = 0;
+  }
+  reader.setEndPosition(end);
+  try {
+    // The search loop of Reader::findField, with the position in a local: tags are validated as
+    // readTag validates them and fields stepped over as skipField steps over them.
+    while (position < end) {
+      const uint64_t raw = reader.readVarint(position);
+      if (raw > 0xFFFFFFFEu || raw < 8 || (raw & 7) > 5) [[unlikely]] {
+        throw SerializationError::malformedProtobuf();
+      }
+      const FieldTag tag(static_cast<uint32_t>(raw));
+      if (const Level::Group* group = level.find(tag.fieldNumber())) {
+        for (uint32_t i = group->first; i < group->first + group->count; ++i) {
+          const uint32_t node = level.nodes[i];
+          if (row.done_[node]) continue;
+          reader.setPosition(position);
+          if (occurrence(node, tag, reader, row)) {
+            row.done_[node] = 1;
+            --unresolved;
+          }
+          reader.setEndPosition(end);
+        }
+        if (unresolved == 0) return;
+      }
+      switch (tag.wireType()) {
+        case ProtoWireType::varInt:
+          reader.readVarint(position);
+          break;
+        case ProtoWireType::fixed64:
+          position += 8;
+          break;
+        case ProtoWireType::lengthDelimited:
+          position += reader.readLength(position);
+          break;
+        case ProtoWireType::startGroup:
+          reader.setPosition(position);
+          reader.skipGroup(tag.fieldNumber());
+          position = reader.position();
+          break;
+        case ProtoWireType::endGroup:
+          throw SerializationError::malformedProtobuf();
+        case ProtoWireType::fixed32:
+          position += 4;
+          break;
+      }
+    }
+  } catch (...) {
+    const std::exception_ptr error = std::current_exception();
+    for (uint32_t node : level.nodes) {
+      if (!row.done_[node]) fail(nodes[node].subtreeSlots, error, row);
+    }
+  }
+}
+
+// One occurrence of a node's field, the reader just past its tag: whether it settles the node.
+bool ProjectionPlan::occurrence(uint32_t nodeIndex, FieldTag tag, Reader& reader,
+                                ProjectionRow& row) const {
+  const Node& node = nodes[nodeIndex];
+  const bool delimited = tag.wireType() == ProtoWireType::lengthDelimited;
+  if (node.leaf) {
+    if (node.index) {
+      if (delimited && packable(node.type->kind())) {
+        // A packed run settles the index: what is left of it counts in this run alone.
+        decodeLeaf(nodeIndex, tag, reader, row);
+        return true;
+      }
+      if (row.remaining_[nodeIndex] != 0) {
+        --row.remaining_[nodeIndex];
+        return false;
+      }
+    }
+    decodeLeaf(nodeIndex, tag, reader, row);
+    return true;
+  }
+  try {
+    if (!delimited) {
+      if (node.index) throwIntermediateNotDelimited();
+      throwUnexpectedType(tag.rawValue());
+    }
+    if (node.index && row.remaining_[nodeIndex] != 0) {
+      --row.remaining_[nodeIndex];
+      return false;
+    }
+    const int64_t length = reader.readLength();
+    const int64_t start = reader.position();
+    scan(node.childLevel, reader, start, start + length, row);
+  } catch (...) {
+    fail(node.subtreeSlots, std::current_exception(), row);
+  }
+  return true;
+}
+
+// Decodes a leaf's occurrence into the cells of its paths, as the last step of the single read
+// decodes it (a packed run for an indexed packable field); a fault is those paths' answer.
+void ProjectionPlan::decodeLeaf(uint32_t nodeIndex, FieldTag tag, Reader& reader,
+                                ProjectionRow& row) const {
+  const Node& node = nodes[nodeIndex];
+  ProjectionRow::Cell& cell = row.cells_[node.slots.front()];
+  const TypeSchemaDescription& type = *node.type;
+  const TypeCase kind = type.kind();
+  const ProtoWireType wireType = tag.wireType();
+  try {
+    bool present = true;
+    if (node.index && wireType == ProtoWireType::lengthDelimited && packable(kind)) {
+      present = readPackedElementAs(reader, type, row.remaining_[nodeIndex], StoreScalar{&cell});
+    } else if (wireType != kRequiredWireType[static_cast<size_t>(kind)]) {
+      throwTypeMismatch(type, wireType);
+    } else if (hasFixedEncoding(kind)) {
+      decodeFixedEncodingAs(reader, type, StoreScalar{&cell});
+    } else {
+      cell.payload = reader.readLengthDelimited();
+    }
+    if (present) {
+      cell.state = ProjectionRow::State::present;
+      for (size_t i = 1; i < node.slots.size(); ++i) row.cells_[node.slots[i]] = cell;
+    }
+  } catch (...) {
+    fail(node.slots, std::current_exception(), row);
+  }
+}
+
+}  // namespace detail
+
+namespace {
+
+std::vector<std::string> copyPaths(std::span<const std::string> paths) {
+  return {paths.begin(), paths.end()};
+}
+
+std::vector<std::string> copyPaths(std::initializer_list<std::string_view> paths) {
+  std::vector<std::string> copies;
+  copies.reserve(paths.size());
+  for (std::string_view path : paths) copies.emplace_back(path);
+  return copies;
+}
+
+}  // namespace
+
+Projection::Projection(const MessageSchema& schema, std::span<const std::string> paths)
+    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths))) {}
+
+Projection::Projection(const MessageSchema& schema, std::initializer_list<std::string_view> paths)
+    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths))) {}
+
+size_t Projection::size() const noexcept { return plan_->paths.size(); }
+const std::string& Projection::pathText(size_t i) const { return plan_->texts.at(i); }
+const FieldPathAndType& Projection::path(size_t i) const { return plan_->paths.at(i); }
+
+void Projection::read(ByteView record, ProjectionRow& row) const {
+  if (row.plan_ != plan_) {
+    throw SchematizerError::internalError("a projection row read by another projection");
+  }
+  plan_->read(record, row);
+}
+
+ProjectionRow Projection::makeRow() const {
+  ProjectionRow row;
+  row.plan_ = plan_;
+  row.cells_.resize(plan_->paths.size());
+  row.errors_.resize(plan_->paths.size());
+  row.remaining_.resize(plan_->nodes.size());
+  row.done_.resize(plan_->nodes.size());
+  return row;
+}
+
+AnyValue::Case ProjectionRow::kind(size_t i) const { return plan_->kinds.at(i); }
+
+std::exception_ptr ProjectionRow::error(size_t i) const { return errors_.at(i); }
+
+const ProjectionRow::Cell& ProjectionRow::checkedCell(size_t i, AnyValue::Case wanted) const {
+  detail::checkKind(wanted, kind(i));
+  const Cell& cell = cells_[i];
+  if (cell.state == State::failed) std::rethrow_exception(errors_[i]);
+  return cell;
+}
+
+std::optional<AnyValue> ProjectionRow::value(size_t i) const {
+  const Cell& cell = cells_.at(i);
+  if (cell.state == State::failed) std::rethrow_exception(errors_[i]);
+  if (cell.state == State::absent) return std::nullopt;
+  const TypeSchemaDescription& type = plan_->paths[i].type;
+  switch (plan_->kinds[i]) {
+    case AnyValue::Case::int32:
+      return AnyValue(cell.scalar.i32);
+    case AnyValue::Case::uint32:
+      return AnyValue(cell.scalar.u32);
+    case AnyValue::Case::int64:
+      return AnyValue(cell.scalar.i64);
+    case AnyValue::Case::uint64:
+      return AnyValue(cell.scalar.u64);
+    case AnyValue::Case::float_:
+      return AnyValue(cell.scalar.f32);
+    case AnyValue::Case::double_:
+      return AnyValue(cell.scalar.f64);
+    case AnyValue::Case::bool_:
+      return AnyValue(cell.scalar.b);
+    case AnyValue::Case::enum_:
+      return AnyValue(EnumValue(detail::EnumValueImpl{type.enumSchema(), cell.scalar.i64}));
+    case AnyValue::Case::string:
+      return AnyValue(decodeUtf8Lossy(cell.payload));
+    case AnyValue::Case::bytes:
+      return AnyValue(toBytes(cell.payload));
+    case AnyValue::Case::message:
+      return AnyValue(SchematizedData(type.messageSchema(), toBytes(cell.payload)));
+  }
+  return std::nullopt;
+}
+
+#define OSTREL_ROW_ACCESSOR(Type, name, valueCase, member)        \
+  std::optional<Type> ProjectionRow::name(size_t i) const {       \
+    const Cell& cell = checkedCell(i, AnyValue::Case::valueCase); \
+    if (cell.state == State::absent) return std::nullopt;         \
+    return cell.scalar.member;                                    \
+  }
+OSTREL_ROW_ACCESSOR(int32_t, int32Value, int32, i32)
+OSTREL_ROW_ACCESSOR(uint32_t, uint32Value, uint32, u32)
+OSTREL_ROW_ACCESSOR(int64_t, int64Value, int64, i64)
+OSTREL_ROW_ACCESSOR(uint64_t, uint64Value, uint64, u64)
+OSTREL_ROW_ACCESSOR(float, floatValue, float_, f32)
+OSTREL_ROW_ACCESSOR(double, doubleValue, double_, f64)
+OSTREL_ROW_ACCESSOR(bool, boolValue, bool_, b)
+OSTREL_ROW_ACCESSOR(int64_t, enumNumber, enum_, i64)
+#undef OSTREL_ROW_ACCESSOR
+
+std::optional<ByteView> ProjectionRow::payload(size_t i) const {
+  const AnyValue::Case found = kind(i);
+  if (found != AnyValue::Case::string && found != AnyValue::Case::bytes &&
+      found != AnyValue::Case::message) {
+    detail::throwWrongValueKind(static_cast<uint8_t>(AnyValue::Case::bytes),
+                                static_cast<uint8_t>(found));
+  }
+  const Cell& cell = cells_[i];
+  if (cell.state == State::failed) std::rethrow_exception(errors_[i]);
+  if (cell.state == State::absent) return std::nullopt;
+  return cell.payload;
+}
+
+namespace {
+
+// The scalar of kind `wanted` at `path`, as the single read finds and decodes it.
+template <typename T>
+std::optional<T> readScalar(ByteView data, const FieldPathAndType& path, AnyValue::Case wanted) {
+  detail::checkKind(wanted, detail::valueCaseOf(path.type.kind()));
+  Reader reader(data);
+  return detail::readValueAs(
+      reader, path.fieldPath, path.type,
+      [](auto v) -> std::optional<T> {
+        if constexpr (std::is_same_v<decltype(v), detail::EnumValueImpl>) {
+          return static_cast<T>(std::get<int64_t>(v.container));
+        } else {
+          return static_cast<T>(v);
+        }
+      },
+      [&path](Reader&, ProtoWireType) -> std::optional<T> {
+        // Strings, bytes and messages were turned away by the kind check.
+        detail::throwWrongValueKind(static_cast<uint8_t>(AnyValue::Case::int64),
+                                    static_cast<uint8_t>(detail::valueCaseOf(path.type.kind())));
+      });
+}
+
+}  // namespace
+
+std::optional<int32_t> readInt32(ByteView data, const FieldPathAndType& path) {
+  return readScalar<int32_t>(data, path, AnyValue::Case::int32);
+}
+std::optional<uint32_t> readUInt32(ByteView data, const FieldPathAndType& path) {
+  return readScalar<uint32_t>(data, path, AnyValue::Case::uint32);
+}
+std::optional<int64_t> readInt64(ByteView data, const FieldPathAndType& path) {
+  return readScalar<int64_t>(data, path, AnyValue::Case::int64);
+}
+std::optional<uint64_t> readUInt64(ByteView data, const FieldPathAndType& path) {
+  return readScalar<uint64_t>(data, path, AnyValue::Case::uint64);
+}
+std::optional<float> readFloat(ByteView data, const FieldPathAndType& path) {
+  return readScalar<float>(data, path, AnyValue::Case::float_);
+}
+std::optional<double> readDouble(ByteView data, const FieldPathAndType& path) {
+  return readScalar<double>(data, path, AnyValue::Case::double_);
+}
+std::optional<bool> readBool(ByteView data, const FieldPathAndType& path) {
+  return readScalar<bool>(data, path, AnyValue::Case::bool_);
+}
+std::optional<int64_t> readEnumNumber(ByteView data, const FieldPathAndType& path) {
+  return readScalar<int64_t>(data, path, AnyValue::Case::enum_);
+}
+
+std::optional<ByteView> DelimitedRecords::next() {
+  const auto size = static_cast<int64_t>(stream_.size());
+  if (position_ >= size) return std::nullopt;
+  Reader reader(stream_);
+  reader.setPosition(position_);
+  const uint64_t length = reader.readVarint();
+  const int64_t start = reader.position();
+  if (length > static_cast<uint64_t>(size - start)) throw SerializationError::truncated();
+  position_ = start + static_cast<int64_t>(length);
+  ++count_;
+  return stream_.subspan(static_cast<size_t>(start), static_cast<size_t>(length));
+}
+
+}  // namespace ostrel

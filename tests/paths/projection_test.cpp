@@ -1,0 +1,388 @@
+// Projections and typed reads against the single read of each path: on seeded random messages
+// built by libprotobuf (every leaf path at once, index one past the end included), on the same
+// bytes damaged (a byte flipped, cut short), and on hand-encoded cases of first occurrences,
+// packed runs and faults.
+
+#include "ostrel/wire/schematizer.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "legacy.pb.h"
+#include "ostrel/manifest/manifest_data.hpp"
+#include "ostrel/paths/property_path.hpp"
+#include "ostrel/store/schemas.hpp"
+#include "rich.pb.h"
+#include "support/random_message.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+namespace pb = google::protobuf;
+using Field = pb::FieldDescriptor;
+using testing_support::bytesOf;
+
+SchemaStore storeFrom(const std::string& descriptorSet) {
+  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + descriptorSet, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return SchemaStore(schemaManifestFromDescriptorSet(asBytes(bytes)));
+}
+
+// A read's answer as comparable text: "absent", the value (described, so that NaNs compare), or
+// the error's type and text.
+template <typename Read>
+std::string outcome(Read&& read) {
+  try {
+    const auto value = read();
+    if (!value) return "absent";
+    if constexpr (std::is_same_v<std::decay_t<decltype(*value)>, AnyValue>) {
+      return value->describe();
+    } else if constexpr (std::is_same_v<std::decay_t<decltype(*value)>, std::string>) {
+      return *value;
+    } else {
+      return testing::PrintToString(*value);
+    }
+  } catch (const Error& e) {
+    return std::string("error ") + typeid(e).name() + ": " + e.what();
+  }
+}
+
+// Every path into `message` worth asking: each field present or not, each element of a repeated
+// field and the index one past its end, down into nested messages (absent ones one level deep).
+void collectPaths(const pb::Message* message, const pb::Descriptor* descriptor,
+                  const std::string& prefix, int depth, std::vector<std::string>& paths) {
+  const auto* r = message ? message->GetReflection() : nullptr;
+  for (int i = 0; i < descriptor->field_count(); ++i) {
+    const Field* field = descriptor->field(i);
+    const std::string name = prefix + field->name();
+    const bool isMessage = field->cpp_type() == Field::CPPTYPE_MESSAGE;
+    if (!field->is_repeated()) {
+      paths.push_back(name);
+      if (isMessage && depth < 5) {
+        const bool present = message && r->HasField(*message, field);
+        if (present || message) {
+          collectPaths(present ? &r->GetMessage(*message, field) : nullptr, field->message_type(),
+                       name + ".", present ? depth + 1 : 5, paths);
+        }
+      }
+      continue;
+    }
+    const int size = message ? r->FieldSize(*message, field) : 0;
+    for (int n = 0; n <= size; ++n) {
+      const std::string element = name + "[" + std::to_string(n) + "]";
+      paths.push_back(element);
+      if (isMessage && depth < 5 && n < size) {
+        collectPaths(&r->GetRepeatedMessage(*message, field, n), field->message_type(),
+                     element + ".", depth + 1, paths);
+      }
+    }
+  }
+}
+
+// Checks that the projection of `paths` answers each path on `bytes` as the single read does,
+// and that every typed read agrees with the single read of a scalar path. Returns how many paths
+// were present.
+int checkAgreement(const MessageSchema& schema, const Projection& projection, ProjectionRow& row,
+                   ByteView bytes) {
+  const SchematizedData data = schema.schematizedData(Bytes(bytes.begin(), bytes.end()));
+  projection.read(bytes, row);
+  int present = 0;
+  bool anyFailed = false;
+  for (size_t i = 0; i < projection.size(); ++i) {
+    const std::string& path = projection.pathText(i);
+    const std::string single = outcome([&] { return data.value(path); });
+    const std::string projected = outcome([&] { return row.value(i); });
+    EXPECT_EQ(projected, single) << path;
+    present += row.state(i) == ProjectionRow::State::present;
+    anyFailed |= row.state(i) == ProjectionRow::State::failed;
+    EXPECT_EQ(row.state(i) == ProjectionRow::State::failed, single.starts_with("error")) << path;
+  }
+  EXPECT_EQ(row.failed(), anyFailed);
+  return present;
+}
+
+std::string typedRead(ByteView bytes, const FieldPathAndType& path, AnyValue::Case kind) {
+  switch (kind) {
+    case AnyValue::Case::int32:
+      return outcome([&] { return readInt32(bytes, path); });
+    case AnyValue::Case::uint32:
+      return outcome([&] { return readUInt32(bytes, path); });
+    case AnyValue::Case::int64:
+      return outcome([&] { return readInt64(bytes, path); });
+    case AnyValue::Case::uint64:
+      return outcome([&] { return readUInt64(bytes, path); });
+    case AnyValue::Case::float_:
+      return outcome([&] { return readFloat(bytes, path); });
+    case AnyValue::Case::double_:
+      return outcome([&] { return readDouble(bytes, path); });
+    case AnyValue::Case::bool_:
+      return outcome([&] { return readBool(bytes, path); });
+    case AnyValue::Case::enum_:
+      return outcome([&] { return readEnumNumber(bytes, path); });
+    default:
+      return "not a scalar";
+  }
+}
+
+// The single read's answer in the typed form: the scalar printed as the typed read prints it.
+std::string singleAsTyped(const SchematizedData& data, const FieldPathAndType& path) {
+  return outcome([&]() -> std::optional<std::string> {
+    const std::optional<AnyValue> value = data.value(path);
+    if (!value) return std::nullopt;
+    switch (value->kind()) {
+      case AnyValue::Case::int32:
+        return testing::PrintToString(value->int32Value());
+      case AnyValue::Case::uint32:
+        return testing::PrintToString(value->uint32Value());
+      case AnyValue::Case::int64:
+        return testing::PrintToString(value->int64Value());
+      case AnyValue::Case::uint64:
+        return testing::PrintToString(value->uint64Value());
+      case AnyValue::Case::float_:
+        return testing::PrintToString(value->floatValue());
+      case AnyValue::Case::double_:
+        return testing::PrintToString(value->doubleValue());
+      case AnyValue::Case::bool_:
+        return testing::PrintToString(value->boolValue());
+      case AnyValue::Case::enum_:
+        return testing::PrintToString(value->enumValue().number());
+      default:
+        return "not a scalar";
+    }
+  });
+}
+
+void checkTypedReads(const MessageSchema& schema, const Projection& projection, ByteView bytes) {
+  const SchematizedData data = schema.schematizedData(Bytes(bytes.begin(), bytes.end()));
+  const ProjectionRow kinds = projection.makeRow();
+  for (size_t i = 0; i < projection.size(); ++i) {
+    const FieldPathAndType& path = projection.path(i);
+    const std::string typed = typedRead(bytes, path, kinds.kind(i));
+    if (typed == "not a scalar") continue;
+    EXPECT_EQ(typed, singleAsTyped(data, path)) << projection.pathText(i);
+  }
+}
+
+TEST(ProjectionTest, AgreesWithSingleReadsOnRandomMessagesWholeAndDamaged) {
+  const SchemaStore store = storeFrom("rich.desc");
+  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
+  testing_support::RandomMessageFiller filler(20261123);
+  std::mt19937 damage(17);
+  const int messages = testing_support::generatedMessageCount(400);
+  int present = 0;
+  size_t paths = 0;
+  for (int m = 0; m < messages; ++m) {
+    test::Rich message;
+    const std::string bytes = filler.fillParsed(message);
+    std::vector<std::string> texts;
+    collectPaths(&message, message.GetDescriptor(), "", 0, texts);
+    paths += texts.size();
+    const Projection projection(schema, texts);
+    ProjectionRow row = projection.makeRow();
+    SCOPED_TRACE("message " + std::to_string(m));
+    present += checkAgreement(schema, projection, row, asBytes(bytes));
+    checkTypedReads(schema, projection, asBytes(bytes));
+
+    // The same paths over damaged copies, read into the same row: faults must land on exactly
+    // the paths whose single reads meet them.
+    for (int d = 0; d < 4 && !bytes.empty(); ++d) {
+      std::string damaged = bytes;
+      const size_t at = std::uniform_int_distribution<size_t>(0, bytes.size() - 1)(damage);
+      if (d % 2 == 0) {
+        damaged[at] = static_cast<char>(damaged[at] ^ (1 << (damage() % 8)));
+      } else {
+        damaged.resize(at);
+      }
+      SCOPED_TRACE("damaged " + std::to_string(d));
+      checkAgreement(schema, projection, row, asBytes(damaged));
+      checkTypedReads(schema, projection, asBytes(damaged));
+    }
+    if (HasFailure()) {
+      ADD_FAILURE() << message.DebugString();
+      break;
+    }
+  }
+  EXPECT_GT(present, 20 * messages);
+  EXPECT_GT(paths, static_cast<size_t>(60 * messages));
+}
+
+// Hand-encoded records of ostrel.legacy.Unpacked (r_int32 = 1, r_sint64 = 2, r_fixed32 = 3,
+// r_double = 4, r_bool = 5, single = 6) and ostrel.test.Rich.
+struct Case {
+  const char* name;
+  const char* message;
+  Bytes bytes;
+  std::vector<std::string> paths;
+  // Per path: the single read's answer, as outcome() writes it.
+  std::vector<std::string> expected;
+};
+
+TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
+  const SchemaStore legacyStore = storeFrom("legacy.desc");
+  const SchemaStore richStore = storeFrom("rich.desc");
+  const std::string malformed =
+      outcome([]() -> std::optional<AnyValue> { throw SerializationError::malformedProtobuf(); });
+  const std::vector<Case> cases = {
+      {"first occurrence wins",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x30, 5, 0x30, 7}),
+       {"single", "r_int32[0]"},
+       {"int32(5)", "absent"}},
+      {"unpacked elements then a packed run count as one sequence",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x08, 10, 0x0a, 2, 20, 30, 0x08, 40}),
+       {"r_int32[0]", "r_int32[1]", "r_int32[2]", "r_int32[3]"},
+       {"int32(10)", "int32(20)", "int32(30)", "absent"}},
+      {"a fault after every answer is not met",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x30, 5, 0x08, 1, 0xff}),
+       {"single", "r_int32[0]"},
+       {"int32(5)", "int32(1)"}},
+      {"a fault before an answer fails only the paths still looking",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x30, 5, 0x08, 0xff}),
+       {"single", "r_int32[0]", "r_bool[0]"},
+       {"int32(5)", malformed, malformed}},
+      {"a wire type that does not fit fails its path alone",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x19, 1, 2, 3, 4, 5, 6, 7, 8, 0x30, 9}),
+       {"r_fixed32[0]", "single"},
+       {outcome([]() -> std::optional<AnyValue> {
+          throw SerializationError::typeMismatch(
+              TypeSchemaDescription::scalar(TypeSchemaDescription::Case::fixed32),
+              ProtoWireType::fixed64);
+        }),
+        "int32(9)"}},
+      {"a path asked twice gets the answer twice",
+       "ostrel.legacy.Unpacked",
+       bytesOf({0x30, 3}),
+       {"single", "single"},
+       {"int32(3)", "int32(3)"}},
+      {"a nested message split in two is entered at its first occurrence only",
+       "ostrel.test.Rich",
+       bytesOf({0x0a, 2, 0x1a, 0, 0x0a, 4, 0x0a, 2, 0x08, 9}),
+       {"mid.leaf.id", "mid.note"},
+       {"absent", "string(\"\")"}},
+      {"an intermediate field that is not a message fails the paths through it",
+       "ostrel.test.Rich",
+       bytesOf({0x08, 1, 0x58, 2}),
+       {"mid.note", "mid.leaf.id", "color"},
+       {outcome([]() -> std::optional<AnyValue> {
+          throw SchematizerError::protocolBufferError(
+              "Unexpected PB type reading message: FieldTag(rawValue: 8)");
+        }),
+        outcome([]() -> std::optional<AnyValue> {
+          throw SchematizerError::protocolBufferError(
+              "Unexpected PB type reading message: FieldTag(rawValue: 8)");
+        }),
+        "enum(ostrel.test.Color(2))"}},
+      {"a repeated intermediate element that is not a message fails at any index",
+       "ostrel.test.Rich",
+       bytesOf({0x20, 1, 0x58, 1}),
+       {"mids[1].note", "color"},
+       {outcome([]() -> std::optional<AnyValue> {
+          throw SchematizerError::protocolBufferError(
+              "Element at intermediate path must have length delimited wire type (message)");
+        }),
+        "enum(ostrel.test.Color(1))"}},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    const MessageSchema schema =
+        (std::string_view(row.message).starts_with("ostrel.test") ? richStore : legacyStore)
+            .messageSchema(row.message);
+    const SchematizedData data = schema.schematizedData(row.bytes);
+    const Projection projection(schema, row.paths);
+    ProjectionRow answers = projection.makeRow();
+    projection.read(row.bytes, answers);
+    for (size_t i = 0; i < row.paths.size(); ++i) {
+      SCOPED_TRACE(row.paths[i]);
+      // The expectation is the single read's, so that the table cannot drift from it.
+      ASSERT_EQ(outcome([&] { return data.value(row.paths[i]); }), row.expected[i]);
+      EXPECT_EQ(outcome([&] { return answers.value(i); }), row.expected[i]);
+    }
+  }
+}
+
+TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
+  const SchemaStore store = storeFrom("rich.desc");
+  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
+  test::Rich message;
+  message.mutable_scalars()->set_f_sint64(-5);
+  message.mutable_scalars()->set_f_string("text");
+  message.set_color(test::BLUE);
+  const Bytes bytes = toBytes(message.SerializeAsString());
+  const Projection projection(schema, {"scalars.f_sint64", "scalars.f_string", "color"});
+  ProjectionRow row = projection.makeRow();
+  projection.read(bytes, row);
+  EXPECT_EQ(row.int64Value(0), -5);
+  EXPECT_EQ(row.enumNumber(2), 3);
+  EXPECT_EQ(asText(*row.payload(1)), "text");
+  const auto wrongKind = SchematizerError::unexpectedType("expected int32 value, found int64");
+  EXPECT_EQ(testing_support::catchError([&] { row.int32Value(0); }), wrongKind);
+  EXPECT_EQ(testing_support::catchError([&] { readInt32(bytes, projection.path(0)); }), wrongKind);
+  EXPECT_EQ(readInt64(bytes, projection.path(0)), -5);
+  EXPECT_EQ(testing_support::catchError([&] { readInt64(bytes, projection.path(2)); }),
+            SchematizerError::unexpectedType("expected int64 value, found enum"));
+  EXPECT_EQ(readEnumNumber(bytes, projection.path(2)), 3);
+}
+
+TEST(ProjectionTest, PathsThatDoNotResolveFailTheProjection) {
+  const SchemaStore store = storeFrom("rich.desc");
+  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
+  EXPECT_EQ(testing_support::catchError([&] {
+              Projection(schema, {"color", "mids.note"});
+            }),
+            SchematizerError::repeatedValueAccessNoIndex());
+  EXPECT_EQ(testing_support::catchError([&] { Projection(schema, {"color.x"}); }),
+            SchematizerError::nonMessageTypeInKeypath());
+}
+
+struct StreamCase {
+  const char* name;
+  Bytes stream;
+  std::vector<std::string> records;
+  // The error that ends the stream, as outcome() writes it, or "" for a clean end.
+  std::string end;
+};
+
+TEST(DelimitedRecordsTest, SplitsRecordsAndStopsAtABadPrefix) {
+  const auto error = [](auto thrown) {
+    return outcome([&]() -> std::optional<AnyValue> { throw thrown; });
+  };
+  const std::vector<StreamCase> cases = {
+      {"empty stream", {}, {}, ""},
+      {"records and an empty one", bytesOf({2, 'a', 'b', 0, 1, 'c'}), {"ab", "", "c"}, ""},
+      {"truncated last record",
+       bytesOf({1, 'a', 3, 'b', 'c'}),
+       {"a"},
+       error(SerializationError::truncated())},
+      {"unterminated length prefix",
+       bytesOf({1, 'a', 0x80}),
+       {"a"},
+       error(SerializationError::malformedProtobuf())},
+  };
+  for (const StreamCase& row : cases) {
+    SCOPED_TRACE(row.name);
+    DelimitedRecords records(row.stream);
+    std::vector<std::string> got;
+    std::string end;
+    try {
+      while (std::optional<ByteView> record = records.next()) got.emplace_back(asText(*record));
+    } catch (const Error&) {
+      end = outcome([&] { return records.next(); });
+      // A bad prefix stays bad: the stream does not move past it.
+      EXPECT_EQ(outcome([&] { return records.next(); }), end);
+    }
+    EXPECT_EQ(got, row.records);
+    EXPECT_EQ(end, row.end);
+    EXPECT_EQ(records.count(), static_cast<int64_t>(row.records.size()));
+  }
+}
+
+}  // namespace
+}  // namespace ostrel
