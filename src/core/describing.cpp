@@ -11,6 +11,11 @@ constexpr std::string_view kEnumValueOptions = "google.protobuf.EnumValueOptions
 
 }  // namespace
 
+const std::optional<std::string>& FieldSchemaDescribing::extensionName() const noexcept {
+  static const std::optional<std::string> none;
+  return none;
+}
+
 bool SchemaStoreDescribing::hasMessageOptionsSchema() const {
   return hasMessageSchemaNamed(kMessageOptions);
 }

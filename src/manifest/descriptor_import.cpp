@@ -114,6 +114,7 @@ MessageManifest& extendeeEntry(SchemaManifest& manifest, const std::string& name
 void ExtensionFields::add(SchemaManifest& manifest, const std::string& extendee,
                           const std::string& fullName, const std::string& name,
                           FieldManifest&& field) {
+  field.extensionName = fullName;
   auto& fields = extendeeEntry(manifest, extendee).fields;
   const auto [holder, first] = holders_.try_emplace({extendee, name}, Holder{fullName});
   if (first) {

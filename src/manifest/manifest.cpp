@@ -33,7 +33,10 @@ RawOptions& merge(RawOptions& receiver, const RawOptions& other, MergePolicy pol
 }
 
 FieldManifest& FieldManifest::merge(const FieldManifest& other, MergePolicy policy) {
-  return mergeWholeRecord(*this, other, policy, "Conflict merging FieldManifest");
+  std::optional<std::string> extension = extensionName ? extensionName : other.extensionName;
+  mergeWholeRecord(*this, other, policy, "Conflict merging FieldManifest");
+  if (!extensionName) extensionName = std::move(extension);
+  return *this;
 }
 
 OneofManifest& OneofManifest::merge(const OneofManifest& other, MergePolicy policy) {

@@ -270,8 +270,8 @@ class Encoder {
     return values;
   }
 
-  // The field a member names: by its declared name or its JSON name (lowerCamelCase). Any other
-  // name fails with the schema's own error.
+  // The field a member names: by its declared name, its JSON name (lowerCamelCase), or for an
+  // extension "[its.full.name]". Any other name fails with the schema's own error.
   const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(const MessageSchemaDescribing& schema,
                                                            const std::string& name) {
     auto [it, added] = names_.try_emplace(&schema);
@@ -282,6 +282,9 @@ class Encoder {
       for (const auto& [number, field] : fields) names.emplace(field->name(), &field);
       for (const auto& [number, field] : fields) {
         names.emplace(detail::jsonName(field->name()), &field);
+        if (const auto& extension = field->extensionName()) {
+          names.emplace(detail::extensionMemberName(*extension), &field);
+        }
       }
     }
     if (const auto found = names.find(name); found != names.end()) return *found->second;

@@ -177,9 +177,10 @@ class Renderer {
     out_.push_back('}');
   }
 
-  // A field the bytes do not hold, with its default when it has no presence of its own.
+  // A field the bytes do not hold, with its default when it has no presence of its own (members
+  // of a oneof and extensions have).
   void defaultMember(const FieldSchemaDescribing& field, int level, bool& any) {
-    if (field.oneofIndex()) return;
+    if (field.oneofIndex() || field.extensionName()) return;
     const TypeSchemaDescription& type = field.type();
     if (field.isRepeated()) {
       separate(any, level);
@@ -753,10 +754,15 @@ class Renderer {
     string(text);
   }
 
+  // An extension as "[its.full.name]", whatever the naming option; the message's own fields by
+  // their declared or their JSON names.
   const std::string& memberName(const FieldSchemaDescribing& field) {
-    if (!options_.jsonNames) return field.name();
-    auto [it, added] = jsonNames_.try_emplace(&field);
-    if (added) it->second = detail::jsonName(field.name());
+    const std::optional<std::string>& extension = field.extensionName();
+    if (!extension && !options_.jsonNames) return field.name();
+    auto [it, added] = memberNames_.try_emplace(&field);
+    if (added)
+      it->second =
+          extension ? detail::extensionMemberName(*extension) : detail::jsonName(field.name());
     return it->second;
   }
 
@@ -813,7 +819,7 @@ class Renderer {
   int holds_ = 0;
   // The gathered occurrences of the messages being rendered, innermost last.
   std::vector<Occurrence> occurrences_;
-  std::unordered_map<const FieldSchemaDescribing*, std::string> jsonNames_;
+  std::unordered_map<const FieldSchemaDescribing*, std::string> memberNames_;
   const EnumSchemaDescribing* lastEnum_ = nullptr;
   bool lastEnumIsNull_ = false;
 };

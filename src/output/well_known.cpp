@@ -318,4 +318,13 @@ std::string jsonName(std::string_view fieldName) {
   return out;
 }
 
+std::string extensionMemberName(std::string_view fullName) {
+  std::string out;
+  out.reserve(fullName.size() + 2);
+  out += '[';
+  out += fullName;
+  out += ']';
+  return out;
+}
+
 }  // namespace ostrel::detail

@@ -71,4 +71,7 @@ std::shared_ptr<MessageSchemaDescribing> anyType(const MessageSchemaDescribing& 
 // protoc's JSON name of a field: underscores dropped, the letter after each one upper-cased.
 std::string jsonName(std::string_view fieldName);
 
+// The JSON member name of an extension field: its full name in brackets, "[pkg.ext]".
+std::string extensionMemberName(std::string_view fullName);
+
 }  // namespace ostrel::detail

@@ -20,7 +20,8 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
                                          &SchemaStoreDescribing::fieldOptionsSchema)),
       oneofIndex_(manifest.oneofIndex),
       manifestType_(manifest.type),
-      typeName_(manifest.typeName) {}
+      typeName_(manifest.typeName),
+      extensionName_(manifest.extensionName) {}
 
 void ProtoFieldSchema::releaseType() const {
   if (resolvedType()) info_ = Config{manifestType_, typeName_, {}};

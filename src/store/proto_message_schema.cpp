@@ -210,13 +210,13 @@ MessageManifest ProtoMessageSchema::manifest() const {
       continue;
     }
     const auto& field = static_cast<const ProtoFieldSchema&>(*std::get<1>(slot));
-    manifest.fields.emplace(fieldName,
-                            FieldManifest{.type = field.manifestType(),
-                                          .typeName = field.typeName(),
-                                          .fieldNumber = field.fieldNumber(),
-                                          .isRepeated = field.isRepeated(),
-                                          .oneofIndex = field.oneofIndex(),
-                                          .options = detail::rawOptions(field.options())});
+    manifest.fields.emplace(fieldName, FieldManifest{.type = field.manifestType(),
+                                                     .typeName = field.typeName(),
+                                                     .fieldNumber = field.fieldNumber(),
+                                                     .isRepeated = field.isRepeated(),
+                                                     .oneofIndex = field.oneofIndex(),
+                                                     .options = detail::rawOptions(field.options()),
+                                                     .extensionName = field.extensionName()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

@@ -66,6 +66,9 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   const std::optional<SchematizedData>& options() const noexcept override { return options_; }
   std::optional<int32_t> oneofIndex() const noexcept override { return oneofIndex_; }
   int64_t fieldNumber() const noexcept override { return fieldNumber_; }
+  const std::optional<std::string>& extensionName() const noexcept override {
+    return extensionName_;
+  }
   // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
   // resolved and the store is gone, and the store's lookup errors; a failure leaves the type
   // unresolved, so the next call tries again.
@@ -96,6 +99,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::optional<int32_t> oneofIndex_;
   TypeManifest manifestType_;
   std::optional<std::string> typeName_;
+  std::optional<std::string> extensionName_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

@@ -3,6 +3,7 @@
 // three entry points (descriptor-set bytes, libprotobuf's parsed set, .proto files).
 
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -29,9 +30,8 @@ using testing_support::readGenerated;
 // The group fields of proto2_shapes.proto, by full name, in the order of the descriptors (a
 // message's fields before its nested types, a file's messages before its extensions).
 const std::vector<std::string> kGroupFields = {
-    "ostrel.proto2.Legacy.header", "ostrel.proto2.Legacy.item",
-    "ostrel.proto2.Legacy.choice", "ostrel.proto2.Legacy.Header.entry",
-    "ostrel.proto2.marker",
+    "ostrel.proto2.Legacy.header",       "ostrel.proto2.Legacy.item", "ostrel.proto2.Legacy.choice",
+    "ostrel.proto2.Legacy.Header.entry", "ostrel.proto2.marker",
 };
 
 struct Import {
@@ -119,8 +119,8 @@ TEST(Proto2Import, GroupDataIsSkippedAsUnknown) {
   DescriptorImportOptions options;
   options.skipGroups = true;
   options.groupSkipped = [](const std::string&) {};
-  const SchemaStore store(schemaManifestFromDescriptorSet(readGenerated("proto2_shapes.desc"),
-                                                          options));
+  const SchemaStore store(
+      schemaManifestFromDescriptorSet(readGenerated("proto2_shapes.desc"), options));
   proto2::Legacy message;
   message.set_id(3);
   message.mutable_header()->set_title("t");
@@ -157,6 +157,10 @@ TEST(Proto2Import, ExtensionsSharingASimpleNameAreBothKept) {
     EXPECT_EQ(fields.at("note").fieldNumber, 9);
     EXPECT_EQ(fields.at("ostrel.proto2.note").fieldNumber, 111);
     EXPECT_EQ(fields.at("ext_values").fieldNumber, 110);
+    // Every extension knows its full name, whatever key it has; the message's own fields have none.
+    EXPECT_EQ(fields.at("ext_values").extensionName, "ostrel.proto2.ext_values");
+    EXPECT_EQ(fields.at("ostrel.proto2.note").extensionName, "ostrel.proto2.note");
+    EXPECT_EQ(fields.at("note").extensionName, std::nullopt);
   }
 
   const SchemaStore store(imports().front().run(options));
@@ -184,10 +188,53 @@ TEST(Proto2Import, ExtensionsSharingASimpleNameAreBothKept) {
   ASSERT_TRUE(second);
   EXPECT_EQ(second->messageValue().value("b"), AnyValue("two"));
   EXPECT_EQ(data.value("note"), AnyValue("field"));
-  EXPECT_EQ(toJSON(data),
-            R"({"note":"field","ostrel.proto2.note":"extension",)"
-            R"("ostrel.proto2.First.message_set_extension":{"a":1},)"
-            R"("ostrel.proto2.Second.message_set_extension":{"b":"two"}})");
+}
+
+// ProtoJSON writes an extension under its full name in brackets, with JSON names or without;
+// encode reads that form and the schema's own key for the field. (libprotobuf 3.21's JSON
+// printer leaves extensions out altogether, so the reference is the text itself.)
+TEST(Proto2Import, ExtensionsInJsonAsLibprotobufWritesThem) {
+  DescriptorImportOptions options;
+  options.skipGroups = true;
+  options.groupSkipped = [](const std::string&) {};
+  const SchemaStore store(imports().front().run(options));
+  const MessageSchema legacy = store.messageSchema("ostrel.proto2.Legacy");
+
+  proto2::Legacy message;
+  message.set_note("field");
+  message.SetExtension(proto2::note, "extension");
+  message.AddExtension(proto2::ext_values, -3);
+  message.AddExtension(proto2::ext_values, 4);
+  message.MutableExtension(proto2::First::message_set_extension)->set_a(1);
+  message.MutableExtension(proto2::Second::message_set_extension)->set_b("two");
+  const SchematizedData data = legacy.schematizedData(message.SerializeAsString());
+  // The schema's own keys: the simple name, or the full name where the simple one is shared.
+  const std::string ownKeys =
+      R"({"note":"field","ext_values":[-3,4],"ostrel.proto2.note":"extension",)"
+      R"("ostrel.proto2.First.message_set_extension":{"a":1},)"
+      R"("ostrel.proto2.Second.message_set_extension":{"b":"two"}})";
+  const std::string brackets =
+      R"({"note":"field","[ostrel.proto2.ext_values]":[-3,4],"[ostrel.proto2.note]":"extension",)"
+      R"("[ostrel.proto2.First.message_set_extension]":{"a":1},)"
+      R"("[ostrel.proto2.Second.message_set_extension]":{"b":"two"}})";
+  EXPECT_EQ(toJSON(data), brackets);
+  EXPECT_EQ(toJSON(data, JsonOptions{.jsonNames = true}), brackets);
+  // Extensions have presence: no defaults are made up for them.
+  proto2::Legacy plain;
+  plain.set_note("field");
+  EXPECT_EQ(
+      toJSON(legacy.schematizedData(plain.SerializeAsString()), JsonOptions{.printDefaults = true}),
+      R"({"id":0,"codes":[],"note":"field"})");
+
+  for (const std::string& text : {brackets, ownKeys}) {
+    SCOPED_TRACE(text);
+    const SchematizedData encoded = encodeJSON(legacy, text);
+    proto2::Legacy parsed;
+    ASSERT_TRUE(
+        parsed.ParseFromArray(encoded.data().data(), static_cast<int>(encoded.data().size())));
+    EXPECT_TRUE(google::protobuf::util::MessageDifferencer::Equals(parsed, message))
+        << parsed.DebugString();
+  }
 }
 
 }  // namespace

@@ -79,6 +79,9 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   virtual int64_t fieldNumber() const = 0;
   // The resolved type; resolves message and enum types through the store on first call.
   virtual const TypeSchemaDescription& type() const = 0;
+  // For an extension field, the extension's fully qualified name; none for the message's own
+  // fields (and for every field of a schema that does not record extensions).
+  virtual const std::optional<std::string>& extensionName() const noexcept;
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

@@ -36,6 +36,12 @@ struct FieldManifest {
   // Index into the owning message's oneofs.
   std::optional<int32_t> oneofIndex;
   RawOptions options;
+  // For an extension field, the extension's fully qualified name: ProtoJSON writes the field as
+  // "[full.name]". Set by the descriptor-set and .proto imports. The JSON manifest form and the
+  // exports have no place for it, so an exported extension comes back as an ordinary field; for
+  // that reason it is an annotation, not part of the field's identity: equality and merges leave
+  // it out (a merge keeps it from whichever side has it).
+  std::optional<std::string> extensionName;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".
@@ -45,7 +51,10 @@ struct FieldManifest {
     return other ? merge(*other, policy) : *this;
   }
 
-  friend bool operator==(const FieldManifest&, const FieldManifest&) = default;
+  friend bool operator==(const FieldManifest& a, const FieldManifest& b) {
+    return a.type == b.type && a.typeName == b.typeName && a.fieldNumber == b.fieldNumber &&
+           a.isRepeated == b.isRepeated && a.oneofIndex == b.oneofIndex && a.options == b.options;
+  }
 };
 
 struct OneofManifest {

@@ -18,9 +18,10 @@ namespace ostrel {
 // Schematized data as JSON text, in the value mapping protobuf's own JSON uses, so that the output
 // looks familiar and compares with other tools:
 //
-// - Each field present in the bytes appears under its declared name, in ascending field number.
-//   Absent fields are left out; no default values are made up. Field numbers the schema does not
-//   know are skipped.
+// - Each field present in the bytes appears under its declared name, in ascending field number;
+//   an extension field (one a descriptor set or .proto import marked as such, see
+//   FieldManifest::extensionName) under its full name in brackets, "[pkg.ext]". Absent fields are
+//   left out; no default values are made up. Field numbers the schema does not know are skipped.
 // - int32, uint32, sint32, fixed32, sfixed32, float and double are JSON numbers; floats and doubles
 //   in the shortest text that reads back as the same float or double, NaN and the infinities as
 //   the strings "NaN", "Infinity" and "-Infinity". 64-bit integers are decimal strings (a JSON
@@ -118,8 +119,9 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 // renderJSON writes reads back, so that encoding a rendering and rendering the result gives the
 // same text:
 //
-// - The text is one JSON object; each member names a field of the message schema and gives its
-//   value; null stands for an absent field.
+// - The text is one JSON object; each member names a field of the message schema (by its
+//   declared name, its JSON name, or for an extension "[pkg.ext]") and gives its value; null
+//   stands for an absent field.
 // - Integers of every type as JSON numbers or decimal strings, range-checked against the field's
 //   type (a number with a fraction or exponent is taken when it is an exact integer); float and
 //   double as numbers, numeric strings or "NaN", "Infinity", "-Infinity"; bool as true or false;

@@ -86,6 +86,9 @@ class FieldSchema {
   const std::optional<SchematizedData>& options() const noexcept { return impl_->options(); }
   std::optional<int32_t> oneofIndex() const noexcept { return impl_->oneofIndex(); }
   int64_t fieldNumber() const { return impl_->fieldNumber(); }
+  const std::optional<std::string>& extensionName() const noexcept {
+    return impl_->extensionName();
+  }
   // Resolves the type on first use; throws "Store is destroyed" when that needs a store that is
   // gone.
   TypeSchema type() const { return TypeSchema(impl_->type()); }
