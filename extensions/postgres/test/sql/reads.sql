@@ -39,7 +39,7 @@ CREATE TABLE scalars AS SELECT p_encode('t.Scalars', '{
   "d": 2.5, "f": 0.1, "b": true, "raw": "AAEC/w==", "s32": -7, "sf64": "-9000000000",
   "i32": -2147483648, "names": {"1": "one", "-2": "minus two"}, "ds": [1.5, "NaN", "-Infinity"],
   "s": "héllo", "big": "18446744073709551615", "level": "HIGH",
-  "at": {"seconds": "1700000000", "nanos": 5}, "levels": ["LOW", 7],
+  "at": "2023-11-14T22:13:20.000000005Z", "levels": ["LOW", 7],
   "children": {"a": {"i32": 1}, "b": {}}, "flags": {"true": 1, "false": 0}}') AS r;
 
 SELECT p_get_double(r, 't.Scalars', 'd') AS d, p_get_double(r, 't.Scalars', 'f') AS f,
