@@ -407,7 +407,7 @@ AllocationCounts runSelfChecks(const Workload& w, Ours& ours, Peer& peer) {
 
 // Ten scalar leaves of the 1 KB record, from its front to its very end.
 const std::vector<std::string> kTenPaths = {
-    "mid.leaf.id",   "mid.weight",   "kind",          "items[0].id", "items[0].price",
+    "mid.leaf.id",     "mid.weight",     "kind",           "items[0].id", "items[0].price",
     "items[0].active", "items[0].delta", "items[0].flags", "code",        "tail.leaf.id"};
 const std::vector<std::string> kOrderPaths = {"id", "customer.name", "items[0].price"};
 
@@ -462,7 +462,8 @@ struct Many {
         orderRow(orders.makeRow()),
         stream(buildOrderStream(smoke ? 10000 : 1000000, idSum)),
         recordCount(smoke ? 10000 : 1000000) {
-    for (const std::string& path : kTenPaths) tenResolved.push_back(resolvePropertyPath(ours.schema, path));
+    for (const std::string& path : kTenPaths)
+      tenResolved.push_back(resolvePropertyPath(ours.schema, path));
   }
 
   Projection ten;
@@ -766,12 +767,12 @@ void registerManyBenchmarks(const Workload& w, const Ours& ours, Peer& peer, Man
   add("Ostrel/Projection/ten/1KB", ten, [&w, &many] { return tenByProjection(many, w); });
   add("Ostrel/ReadPreResolved/ten/1KB", ten,
       [&ours, &many] { return tenBySingleReads(many, ours); });
-  add("Protobuf/DynamicParseReflect/ten/1KB", ten, [&w, &peer] { return tenByReflection(peer, w); });
+  add("Protobuf/DynamicParseReflect/ten/1KB", ten,
+      [&w, &peer] { return tenByReflection(peer, w); });
   const uint64_t orders = ordersByProjection(many);
   const std::string n = many.recordCount == 1000000 ? "1M" : std::to_string(many.recordCount);
   add("Floor/FrameScan/orders/" + n, many.recordCount, [&many] { return framesOnly(many); });
-  add("Ostrel/StreamProjection/orders/" + n, orders,
-      [&many] { return ordersByProjection(many); });
+  add("Ostrel/StreamProjection/orders/" + n, orders, [&many] { return ordersByProjection(many); });
   add("Protobuf/DynamicParseReflect/orders/" + n, orders,
       [&many, &peer, &order] { return ordersByReflection(many, peer, order); });
 }
@@ -892,13 +893,12 @@ std::vector<RatioTarget> ratioTargets(const std::string& records) {
       {"8a", "10 leaf paths of 1 KB: projection vs 10 pre-resolved single reads (speedup)",
        "Ostrel/Projection/ten/1KB", "Ostrel/ReadPreResolved/ten/1KB", B::speedupAtLeast, 3},
       {"8b", "10 leaf paths of 1 KB: projection vs DynamicMessage parse + reflection (speedup)",
-       "Ostrel/Projection/ten/1KB", "Protobuf/DynamicParseReflect/ten/1KB", B::speedupAtLeast,
-       10},
+       "Ostrel/Projection/ten/1KB", "Protobuf/DynamicParseReflect/ten/1KB", B::speedupAtLeast, 10},
       {"8c", "10 leaf paths of 1 KB: projection vs hand-written single pass",
        "Ostrel/Projection/ten/1KB", "Floor/HandPass/ten/1KB", B::oursAtMost, 1.5},
       {"9a", "delimited order stream, 3 paths each: projection vs DynamicMessage loop (speedup)",
-       "Ostrel/StreamProjection/orders/" + records, "Protobuf/DynamicParseReflect/orders/" + records,
-       B::speedupAtLeast, 5},
+       "Ostrel/StreamProjection/orders/" + records,
+       "Protobuf/DynamicParseReflect/orders/" + records, B::speedupAtLeast, 5},
       {"9b", "delimited order stream, 3 paths each: projection vs bare frame scan",
        "Ostrel/StreamProjection/orders/" + records, "Floor/FrameScan/orders/" + records,
        B::oursAtMost, 2},
@@ -985,15 +985,14 @@ int main(int argc, char** argv) {
   registerBenchmarks(workload, ours, peer, smoke);
   registerManyBenchmarks(workload, ours, peer, many, *order);
   registerGrowthBenchmarks(growthSmall);
-  TargetReporter reporter(ratioTargets(many.recordCount == 1000000
-                                           ? "1M"
-                                           : std::to_string(many.recordCount)),
-                          {{"7a", "heap allocations, scalar read through a pre-resolved path",
-                            "Ostrel/Allocations/scalar", 0, allocations.scalar},
-                           {"7b", "heap allocations, string read through a pre-resolved path",
-                            "Ostrel/Allocations/string", 1, allocations.string},
-                           {"7c", "heap allocations, typed scalar read (readInt64)",
-                            "Ostrel/Allocations/typed", 0, typedAllocations}});
+  TargetReporter reporter(
+      ratioTargets(many.recordCount == 1000000 ? "1M" : std::to_string(many.recordCount)),
+      {{"7a", "heap allocations, scalar read through a pre-resolved path",
+        "Ostrel/Allocations/scalar", 0, allocations.scalar},
+       {"7b", "heap allocations, string read through a pre-resolved path",
+        "Ostrel/Allocations/string", 1, allocations.string},
+       {"7c", "heap allocations, typed scalar read (readInt64)", "Ostrel/Allocations/typed", 0,
+        typedAllocations}});
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   return 0;

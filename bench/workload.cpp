@@ -187,31 +187,31 @@ std::string buildOrderStream(size_t count, uint64_t& idSum) {
   idSum = 0;
   // The streams write into `out` until they are destroyed, at the end of this block.
   {
-  google::protobuf::io::StringOutputStream stream(&out);
-  google::protobuf::io::CodedOutputStream coded(&stream);
-  ShopOrder order;
-  for (size_t n = 0; n < count; ++n) {
-    order.Clear();
-    order.set_id(1000000 + n);
-    idSum += order.id();
-    ShopCustomer* customer = order.mutable_customer();
-    customer->set_id(static_cast<uint64_t>(random.between(1, 1000000)));
-    customer->set_name("customer " + random.text(8));
-    customer->set_email(random.text(10) + "@example.com");
-    const int64_t items = random.between(1, 3);
-    for (int64_t i = 0; i < items; ++i) {
-      ShopItem* item = order.add_items();
-      item->set_sku("SKU-" + random.text(6));
-      item->set_quantity(static_cast<uint32_t>(random.between(1, 5)));
-      item->set_price(random.between(100, 100000));
+    google::protobuf::io::StringOutputStream stream(&out);
+    google::protobuf::io::CodedOutputStream coded(&stream);
+    ShopOrder order;
+    for (size_t n = 0; n < count; ++n) {
+      order.Clear();
+      order.set_id(1000000 + n);
+      idSum += order.id();
+      ShopCustomer* customer = order.mutable_customer();
+      customer->set_id(static_cast<uint64_t>(random.between(1, 1000000)));
+      customer->set_name("customer " + random.text(8));
+      customer->set_email(random.text(10) + "@example.com");
+      const int64_t items = random.between(1, 3);
+      for (int64_t i = 0; i < items; ++i) {
+        ShopItem* item = order.add_items();
+        item->set_sku("SKU-" + random.text(6));
+        item->set_quantity(static_cast<uint32_t>(random.between(1, 5)));
+        item->set_price(random.between(100, 100000));
+      }
+      order.set_state(static_cast<Kind>(random.between(1, 3)));
+      order.set_created_at(1700000000000 + random.between(0, 1000000000));
+      order.set_updated_at(order.created_at() + random.between(0, 100000));
+      for (int i = 0; i < 2; ++i) order.add_coupons(static_cast<uint32_t>(random.between(1, 500)));
+      coded.WriteVarint32(static_cast<uint32_t>(order.ByteSizeLong()));
+      order.SerializeWithCachedSizes(&coded);
     }
-    order.set_state(static_cast<Kind>(random.between(1, 3)));
-    order.set_created_at(1700000000000 + random.between(0, 1000000000));
-    order.set_updated_at(order.created_at() + random.between(0, 100000));
-    for (int i = 0; i < 2; ++i) order.add_coupons(static_cast<uint32_t>(random.between(1, 500)));
-    coded.WriteVarint32(static_cast<uint32_t>(order.ByteSizeLong()));
-    order.SerializeWithCachedSizes(&coded);
-  }
   }
   return out;
 }

@@ -24,11 +24,11 @@ typedef void *(*OstrelAlloc)(size_t size);
 
 typedef enum OstrelFailure {
   OSTREL_OK = 0,
-  OSTREL_BAD_DATA,      /* malformed record bytes (the library's SerializationError) */
-  OSTREL_BAD_REQUEST,   /* an unknown field, a malformed path, a bad schema or JSON text */
-  OSTREL_UNKNOWN_TYPE,  /* the message type named by the caller is not in the backend's store */
-  OSTREL_WRONG_TYPE,    /* the value exists but the SQL result type cannot hold its kind */
-  OSTREL_OUT_OF_RANGE,  /* the value does not fit the SQL result type */
+  OSTREL_BAD_DATA,     /* malformed record bytes (the library's SerializationError) */
+  OSTREL_BAD_REQUEST,  /* an unknown field, a malformed path, a bad schema or JSON text */
+  OSTREL_UNKNOWN_TYPE, /* the message type named by the caller is not in the backend's store */
+  OSTREL_WRONG_TYPE,   /* the value exists but the SQL result type cannot hold its kind */
+  OSTREL_OUT_OF_RANGE, /* the value does not fit the SQL result type */
   OSTREL_NO_MEMORY,
   OSTREL_INTERNAL
 } OstrelFailure;
@@ -51,9 +51,9 @@ void ostrel_store_clear(void);
 bool ostrel_store_loaded(void);
 
 typedef enum OstrelSiteKind {
-  OSTREL_SITE_VALUE,   /* a property path to one value: p_get*, p_has */
-  OSTREL_SITE_EACH,    /* a property path to a repeated field or map: p_each */
-  OSTREL_SITE_MESSAGE  /* the message type alone: p_json, p_encode */
+  OSTREL_SITE_VALUE,  /* a property path to one value: p_get*, p_has */
+  OSTREL_SITE_EACH,   /* a property path to a repeated field or map: p_each */
+  OSTREL_SITE_MESSAGE /* the message type alone: p_json, p_encode */
 } OstrelSiteKind;
 
 /* A message type and (but for OSTREL_SITE_MESSAGE) a property path, resolved against the backend's
@@ -67,15 +67,15 @@ void ostrel_site_release(OstrelSite *site);
 
 typedef enum OstrelKind {
   OSTREL_ABSENT = 0,
-  OSTREL_INT,     /* i: int32, int64, sint*, sfixed* */
-  OSTREL_UINT,    /* u: uint32, uint64, fixed* */
-  OSTREL_FLOAT,   /* d: a float, widened */
-  OSTREL_DOUBLE,  /* d */
-  OSTREL_BOOL,    /* b */
-  OSTREL_ENUM,    /* i: the number; data/size: the value name, data NULL when the enum has none */
-  OSTREL_STRING,  /* data/size: UTF-8 text */
-  OSTREL_BYTES,   /* data/size */
-  OSTREL_MESSAGE  /* data/size: the encoded message, or its JSON text with OSTREL_MESSAGE_JSON */
+  OSTREL_INT,    /* i: int32, int64, sint*, sfixed* */
+  OSTREL_UINT,   /* u: uint32, uint64, fixed* */
+  OSTREL_FLOAT,  /* d: a float, widened */
+  OSTREL_DOUBLE, /* d */
+  OSTREL_BOOL,   /* b */
+  OSTREL_ENUM,   /* i: the number; data/size: the value name, data NULL when the enum has none */
+  OSTREL_STRING, /* data/size: UTF-8 text */
+  OSTREL_BYTES,  /* data/size */
+  OSTREL_MESSAGE /* data/size: the encoded message, or its JSON text with OSTREL_MESSAGE_JSON */
 } OstrelKind;
 
 typedef struct OstrelValue {

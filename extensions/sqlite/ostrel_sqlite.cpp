@@ -18,8 +18,8 @@ extern "C" __attribute__((visibility("default"))) int sqlite3_ostrelsqlite_init(
   // The oldest SQLite whose routine table holds everything the functions call (innocuous
   // functions and virtual tables).
   if (sqlite3_libversion_number() < 3031000) {
-    *errorMessage = sqlite3_mprintf("ostrel needs SQLite 3.31.0 or later, not %s",
-                                    sqlite3_libversion());
+    *errorMessage =
+        sqlite3_mprintf("ostrel needs SQLite 3.31.0 or later, not %s", sqlite3_libversion());
     return SQLITE_ERROR;
   }
   try {

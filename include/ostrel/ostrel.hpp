@@ -29,8 +29,8 @@
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "ostrel/wire/schematizer.hpp"
 #include "ostrel/wire/reader.hpp"
+#include "ostrel/wire/schematizer.hpp"
 
 // Reading libprotobuf's parsed descriptor sets (ostrel/manifest/typed_import.hpp) is left out: it
 // brings in libprotobuf's descriptor headers.

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "ostrel/core/field_types.hpp"
-#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel::detail {
 

@@ -97,7 +97,8 @@ class DescriptorSetWriter {
     values["label"].push_back(detail::AnyValueImpl::int32(field.isRepeated ? 3 : 1));
     values["type"].push_back(detail::AnyValueImpl::int32(detail::descriptorTypeNumber(field.type)));
     // Fully qualified with a leading dot, as protoc writes references; importing strips it.
-    if (field.typeName) values["type_name"].push_back(detail::AnyValueImpl::string("." + *field.typeName));
+    if (field.typeName)
+      values["type_name"].push_back(detail::AnyValueImpl::string("." + *field.typeName));
     if (field.oneofIndex && *field.oneofIndex >= 0 &&
         static_cast<size_t>(*field.oneofIndex) < oneofCount) {
       values["oneof_index"].push_back(detail::AnyValueImpl::int32(*field.oneofIndex));

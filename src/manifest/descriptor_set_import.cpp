@@ -34,14 +34,18 @@ bool isInt32(const detail::AnyValueImpl& value) { return value.kind() == Case::i
 bool isEnum(const detail::AnyValueImpl& value) { return value.kind() == Case::enum_; }
 
 // The raw bytes of an options message, exactly as they stand in the input.
-Bytes rawBytes(const detail::AnyValueImpl& message) { return toBytes(message.messageValue().bytes()); }
+Bytes rawBytes(const detail::AnyValueImpl& message) {
+  return toBytes(message.messageValue().bytes());
+}
 
 // Visits the present fields of a message value by descriptor field name, in byte order.
 template <typename Visit>
 void walk(const detail::AnyValueImpl& message, Visit&& visit) {
-  forEachPresentField(message.messageValue(),
-                      [&](const std::shared_ptr<FieldSchemaDescribing>& field,
-                          detail::AnyValueImpl&& value) { visit(field->name(), std::move(value)); });
+  forEachPresentField(
+      message.messageValue(),
+      [&](const std::shared_ptr<FieldSchemaDescribing>& field, detail::AnyValueImpl&& value) {
+        visit(field->name(), std::move(value));
+      });
 }
 
 // Reads the descriptors of one set into one manifest. Descriptor field names are matched as text,
@@ -52,10 +56,10 @@ class DescriptorSetReader {
   explicit DescriptorSetReader(const DescriptorImportOptions& options) : groups_(options) {}
 
   SchemaManifest read(const SchematizedDataDescribing& set) {
-    forEachPresentField(
-        set, [&](const std::shared_ptr<FieldSchemaDescribing>& field, detail::AnyValueImpl&& value) {
-          if (field->name() == "file") readFile(value);
-        });
+    forEachPresentField(set, [&](const std::shared_ptr<FieldSchemaDescribing>& field,
+                                 detail::AnyValueImpl&& value) {
+      if (field->name() == "file") readFile(value);
+    });
     // Checked once the whole set is read: extensions add fields to messages of other files.
     if (const auto fault = detail::fieldNumberFault(manifest_)) {
       throw SchemaManifestDSCError::invalidValueType(
@@ -172,8 +176,8 @@ class DescriptorSetReader {
 
   // The field's name and record; nothing for a group field left out. `scope` is the path of the
   // message (or, for an extension, of the scope) the field is declared in.
-  std::optional<std::pair<std::string, FieldManifest>> readField(const NamePath& scope,
-                                                                 const detail::AnyValueImpl& value) {
+  std::optional<std::pair<std::string, FieldManifest>> readField(
+      const NamePath& scope, const detail::AnyValueImpl& value) {
     if (!isMessage(value)) invalidValue("Field descriptor");
     std::optional<std::string> name;
     std::optional<int32_t> number;

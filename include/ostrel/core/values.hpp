@@ -134,8 +134,9 @@ class SchematizedData {
   UnsafeSchematizedData unsafe() const noexcept { return {schema_, data_.view()}; }
 
   // Reads the value at a property path such as "a.b[2].c"; no value when the bytes do not hold
-  // it, an index past the last element included (for packed runs too). Throws PropertyPathUtil::Error for a malformed path, SchematizerError for a path the
-  // schema does not have, SerializationError for malformed bytes.
+  // it, an index past the last element included (for packed runs too). Throws
+  // PropertyPathUtil::Error for a malformed path, SchematizerError for a path the schema does not
+  // have, SerializationError for malformed bytes.
   std::optional<AnyValue> value(std::string_view propertyPath) const;
   // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
   // resolution: the fast way to read one path from many records.

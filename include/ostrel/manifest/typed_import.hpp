@@ -7,8 +7,8 @@
 
 #include <google/protobuf/descriptor.pb.h>
 
-#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 
