@@ -5,10 +5,11 @@
 # g++'s maybe-uninitialized analysis runs after inlining and reports the std::string member of a
 # std::variant destroyed on paths it cannot prove unreachable; at -O2 and -O3 it fires or not with
 # unrelated changes to a caller, so it cannot gate a build. Clang's -Wuninitialized and the
-# sanitizer stages cover uninitialised reads instead.
+# sanitizer stages cover uninitialised reads instead. Its -Wrestrict has the same fault with
+# std::string appends of literals (GCC bug 105329): it fired in a test file that had not changed.
 set(OSTREL_WARNING_OPTIONS -Wall -Wextra -Wpedantic -Wno-missing-field-initializers)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  list(APPEND OSTREL_WARNING_OPTIONS -Wno-maybe-uninitialized)
+  list(APPEND OSTREL_WARNING_OPTIONS -Wno-maybe-uninitialized -Wno-restrict)
 endif()
 if(OSTREL_DEVELOPER_MODE)
   list(APPEND OSTREL_WARNING_OPTIONS -Werror)

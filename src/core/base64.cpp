@@ -1,6 +1,7 @@
 #include <array>
 #include <cstdint>
 
+#include "core/base64.hpp"
 #include "ostrel/core/values.hpp"
 
 namespace ostrel {
@@ -21,13 +22,7 @@ constexpr std::array<int8_t, 256> kDecodeTable = [] {
 
 }  // namespace
 
-void appendBase64(ByteView bytes, std::string& out) {
-  // Written into the grown string through a pointer: appending a character at a time costs a
-  // capacity check and a terminator store per character, which showed in rendering large bytes
-  // fields.
-  const size_t start = out.size();
-  out.resize(start + (bytes.size() + 2) / 3 * 4);
-  char* p = out.data() + start;
+char* detail::writeBase64(char* p, ByteView bytes) noexcept {
   size_t i = 0;
   for (; i + 3 <= bytes.size(); i += 3) {
     const uint32_t group = std::to_integer<uint32_t>(bytes[i]) << 16 |
@@ -47,7 +42,15 @@ void appendBase64(ByteView bytes, std::string& out) {
     p[1] = kAlphabet[(group >> 12) & 0x3F];
     p[2] = rest == 2 ? kAlphabet[(group >> 6) & 0x3F] : '=';
     p[3] = '=';
+    p += 4;
   }
+  return p;
+}
+
+void appendBase64(ByteView bytes, std::string& out) {
+  const size_t start = out.size();
+  out.resize(start + detail::base64Size(bytes.size()));
+  detail::writeBase64(out.data() + start, bytes);
 }
 
 std::string base64Encode(ByteView bytes) {

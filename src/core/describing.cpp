@@ -1,5 +1,7 @@
 #include "ostrel/core/describing.hpp"
 
+#include "core/json_text.hpp"
+
 namespace ostrel {
 namespace {
 
@@ -15,6 +17,8 @@ const std::optional<std::string>& FieldSchemaDescribing::extensionName() const n
   static const std::optional<std::string> none;
   return none;
 }
+
+std::string FieldSchemaDescribing::jsonName() const { return detail::jsonName(name()); }
 
 bool SchemaStoreDescribing::hasMessageOptionsSchema() const {
   return hasMessageSchemaNamed(kMessageOptions);

@@ -33,48 +33,50 @@ inline bool isPlainAscii(const unsigned char* p) noexcept {
   return special == 0;
 }
 
-void appendEscape(std::string& out, unsigned char c) {
+char* writeEscape(char* out, unsigned char c) {
+  const auto two = [&](char second) {
+    out[0] = '\\';
+    out[1] = second;
+    return out + 2;
+  };
   switch (c) {
     case '"':
-      out += "\\\"";
-      return;
+      return two('"');
     case '\\':
-      out += "\\\\";
-      return;
+      return two('\\');
     case '\b':
-      out += "\\b";
-      return;
+      return two('b');
     case '\f':
-      out += "\\f";
-      return;
+      return two('f');
     case '\n':
-      out += "\\n";
-      return;
+      return two('n');
     case '\r':
-      out += "\\r";
-      return;
+      return two('r');
     case '\t':
-      out += "\\t";
-      return;
+      return two('t');
     default: {
       static constexpr char kHex[] = "0123456789abcdef";
       const char sequence[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
-      out.append(sequence, sizeof sequence);
+      std::memcpy(out, sequence, sizeof sequence);
+      return out + sizeof sequence;
     }
   }
 }
 
-// Appends `text` quoted and escaped, in one pass that also validates the UTF-8. False, with a
-// partial string appended, when `text` is not valid UTF-8.
-//
+}  // namespace
+
 // Hand-written because strings dominate rendering time: nlohmann::json escapes only through a
 // json value (a copy of the string) and its serializer, measured at five to ten times the cost of
-// this loop per short string.
-bool appendValid(std::string& out, std::string_view text) {
-  out.push_back('"');
+// this loop per short string. Unescaped runs are copied whole.
+char* writeJsonString(char* out, std::string_view text) noexcept {
+  *out++ = '"';
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* const end = p + text.size();
   const auto* run = p;
+  const auto copyRun = [&] {
+    std::memcpy(out, run, static_cast<size_t>(p - run));
+    out += p - run;
+  };
   while (p < end) {
     // Most text is plain ASCII: step over eight such bytes at a time.
     if (end - p >= 8 && isPlainAscii(p)) {
@@ -84,7 +86,7 @@ bool appendValid(std::string& out, std::string_view text) {
     const unsigned char c = *p;
     if (c >= 0x80) {
       const Utf8Step step = classifyUtf8(p, static_cast<size_t>(end - p));
-      if (!step.valid) return false;
+      if (!step.valid) return nullptr;
       p += step.length;
       continue;
     }
@@ -92,22 +94,43 @@ bool appendValid(std::string& out, std::string_view text) {
       ++p;
       continue;
     }
-    out.append(reinterpret_cast<const char*>(run), static_cast<size_t>(p - run));
-    appendEscape(out, c);
+    copyRun();
+    out = writeEscape(out, c);
     run = ++p;
   }
-  out.append(reinterpret_cast<const char*>(run), static_cast<size_t>(end - run));
-  out.push_back('"');
-  return true;
+  copyRun();
+  *out++ = '"';
+  return out;
 }
-
-}  // namespace
 
 void appendJsonString(std::string& out, std::string_view text) {
   const size_t start = out.size();
-  if (appendValid(out, text)) return;
-  out.resize(start);
-  appendValid(out, decodeUtf8Lossy(asBytes(text)));
+  out.resize(start + maxJsonStringSize(text.size()));
+  if (char* end = writeJsonString(out.data() + start, text)) {
+    out.resize(static_cast<size_t>(end - out.data()));
+    return;
+  }
+  const std::string valid = decodeUtf8Lossy(asBytes(text));
+  out.resize(start + maxJsonStringSize(valid.size()));
+  out.resize(static_cast<size_t>(writeJsonString(out.data() + start, valid) - out.data()));
+}
+
+std::string jsonName(std::string_view fieldName) {
+  std::string out;
+  out.reserve(fieldName.size());
+  bool upper = false;
+  for (const char c : fieldName) {
+    if (c == '_') {
+      upper = true;
+    } else if (upper && c >= 'a' && c <= 'z') {
+      out.push_back(static_cast<char>(c - 'a' + 'A'));
+      upper = false;
+    } else {
+      out.push_back(c);
+      upper = false;
+    }
+  }
+  return out;
 }
 
 }  // namespace ostrel::detail

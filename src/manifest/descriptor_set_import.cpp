@@ -4,9 +4,11 @@
 #include <utility>
 #include <vector>
 
+#include "core/json_text.hpp"
 #include "manifest/descriptor_import.hpp"
 #include "manifest/manifest_check.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
+#include "ostrel/wire/reader.hpp"
 #include "store/proto_schema_store.hpp"
 #include "wire/field_walk.hpp"
 
@@ -19,6 +21,24 @@ using detail::NamePath;
 // libprotobuf refuses to parse messages nested deeper than 100; a descriptor set it can read never
 // comes near this, and the limit keeps hostile input from exhausting the stack.
 constexpr int kMaxMessageDepth = 100;
+// FieldDescriptorProto.json_name. The built-in descriptor schema leaves it out (its field set is
+// fixed), so it is read from the field descriptor's bytes directly.
+constexpr int64_t kJsonNameNumber = 10;
+
+// The last json_name in a field descriptor's bytes, if any.
+std::optional<std::string> declaredJsonName(ByteView descriptor) {
+  std::optional<std::string> found;
+  Reader reader(descriptor);
+  while (reader.hasMoreFields()) {
+    const FieldTag tag = reader.readTag();
+    if (tag.fieldNumber() == kJsonNameNumber && tag.wireType() == ProtoWireType::lengthDelimited) {
+      found = std::string(asText(reader.readLengthDelimited()));
+    } else {
+      reader.skipField(tag);
+    }
+  }
+  return found;
+}
 
 [[noreturn]] void invalidValue(const char* text) {
   throw SchemaManifestDSCError::invalidValueType(text);
@@ -215,6 +235,10 @@ class DescriptorSetReader {
     if (!type || !name || !number) invalidDescriptor("Enum value is missing");
     field.type = *type;
     field.fieldNumber = *number;
+    if (auto json = declaredJsonName(value.messageValue().bytes());
+        json && *json != detail::jsonName(*name)) {
+      field.jsonName = std::move(json);
+    }
     return std::pair(std::move(*name), std::move(field));
   }
 

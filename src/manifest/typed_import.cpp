@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/fatal.hpp"
+#include "core/json_text.hpp"
 #include "manifest/descriptor_import.hpp"
 #include "manifest/manifest_check.hpp"
 
@@ -128,6 +129,9 @@ class TypedDescriptorReader {
       field.typeName = detail::normalizedTypeName(descriptor.type_name());
     }
     if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
+    if (descriptor.has_json_name() && descriptor.json_name() != detail::jsonName(descriptor.name())) {
+      field.jsonName = descriptor.json_name();
+    }
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
     return std::pair(descriptor.name(), std::move(field));
   }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/base64.hpp"
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/logging.hpp"
@@ -28,7 +29,6 @@ namespace {
 
 using Case = TypeSchemaDescription::Case;
 using detail::WellKnown;
-using FieldsByNumber = std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>;
 
 // How much text a streaming rendering gathers before handing it to the sink.
 constexpr size_t kFlushSize = size_t{1} << 16;
@@ -38,14 +38,65 @@ constexpr int kMaxMessageDepth = 100;
 constexpr std::string_view kUnreadableFieldName = "<unreadable>";
 // Field numbers start at 1, so 0 names "no field".
 constexpr int64_t kNoField = 0;
+// Messages whose field numbers all lie below this find their fields by direct index.
+constexpr int64_t kMaxDenseFieldNumber = 4096;
 
-// One occurrence of a known field in a message's bytes.
-struct Occurrence {
-  int64_t fieldNumber = kNoField;
+struct MessagePlan;
+
+// A field as the renderer uses it, resolved once per rendering. The type is resolved on the
+// field's first value, not when its message is planned: resolving can fail, and that failure
+// belongs to the field's value.
+struct FieldPlan {
   const FieldSchemaDescribing* field = nullptr;
-  // Just after the tag.
+  int64_t number = kNoField;
+  // The member's key as written: the quoted name, then ":" (": " when indented).
+  std::string key;
+
+  bool resolved = false;
+  const TypeSchemaDescription* type = nullptr;
+  Case kind = Case::int32;
+  ProtoWireType required = ProtoWireType::varInt;
+  bool packable = false;
+  // Set on first use for message fields, for the same reason.
+  MessagePlan* message = nullptr;
+};
+
+// A message schema as the renderer uses it: its fields by number, and what kind of message it is.
+struct MessagePlan {
+  const MessageSchemaDescribing* schema = nullptr;
+  WellKnown wellKnown = WellKnown::none;
+  std::optional<detail::MapEntryFields> mapEntry;
+  // In ascending field number.
+  std::vector<FieldPlan> fields;
+  // For small field numbers: 1 + the index in `fields` of each number, 0 for an unknown one.
+  std::vector<uint32_t> dense;
+
+  FieldPlan* find(int64_t number) {
+    if (!dense.empty()) {
+      if (number < 0 || number >= static_cast<int64_t>(dense.size())) return nullptr;
+      const uint32_t index = dense[static_cast<size_t>(number)];
+      return index == 0 ? nullptr : &fields[index - 1];
+    }
+    const auto it = std::lower_bound(fields.begin(), fields.end(), number,
+                                     [](const FieldPlan& f, int64_t n) { return f.number < n; });
+    return it != fields.end() && it->number == number ? &*it : nullptr;
+  }
+};
+
+// The occurrences of one field that follow each other in a message's bytes with no other known
+// field between them: a repeated field's elements are usually one run, so that a message's runs
+// take memory by its fields, not by its values.
+struct Run {
+  FieldPlan* plan = nullptr;
+  // The first occurrence: just after its tag, and its wire type.
   int64_t position = 0;
   ProtoWireType wireType = ProtoWireType::varInt;
+  // The last occurrence.
+  int64_t lastPosition = 0;
+  ProtoWireType lastWireType = ProtoWireType::varInt;
+  uint32_t count = 0;
+
+  int64_t number() const noexcept { return plan->number; }
 };
 
 // A break in a message's field structure found while gathering its fields.
@@ -55,11 +106,114 @@ struct ScanFault {
   std::string text;
 };
 
-bool isPackable(Case kind) noexcept { return detail::fieldTypeRow(kind).packable; }
+Reader readerAt(ByteView bytes, int64_t position) {
+  Reader reader(bytes);
+  reader.setPosition(position);
+  return reader;
+}
+
+// Walks the occurrences of a run: the reader stands just after each one's tag. Unknown fields
+// between them are stepped over; they were stepped over once already when the run was gathered.
+class Occurrences {
+ public:
+  Occurrences(ByteView bytes, const Run& run)
+      : reader_(readerAt(bytes, run.position)),
+        number_(run.number()),
+        left_(run.count),
+        position_(run.position),
+        wireType_(run.wireType) {}
+
+  Reader& reader() noexcept { return reader_; }
+  ProtoWireType wireType() const noexcept { return wireType_; }
+  int64_t position() const noexcept { return position_; }
+
+  // Moves to the next occurrence; false after the last.
+  bool next() {
+    if (--left_ == 0) return false;
+    reader_.setPosition(position_);
+    reader_.skipField(FieldTag(static_cast<uint32_t>(number_ << 3) |
+                               static_cast<uint32_t>(wireType_)));
+    for (;;) {
+      const FieldTag tag = reader_.readTag();
+      if (tag.fieldNumber() == number_) {
+        position_ = reader_.position();
+        wireType_ = tag.wireType();
+        return true;
+      }
+      reader_.skipField(tag);
+    }
+  }
+
+ private:
+  Reader reader_;
+  int64_t number_;
+  uint32_t left_;
+  int64_t position_;
+  ProtoWireType wireType_;
+};
+
+// The text being written: a string kept at its full length, written through a cursor, so that a
+// value is formatted straight into place after one capacity check (appending to a std::string
+// checks and terminates per call, which dominated the rendering of small values).
+class Output {
+ public:
+  explicit Output(std::string& text) : text_(text) {
+    text_.clear();
+    if (text_.capacity() > 0) adopt(0, text_.capacity());
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  // Room for `n` characters at the returned cursor; advance() past what was written.
+  char* room(size_t n) {
+    if (n > static_cast<size_t>(end_ - cursor_)) [[unlikely]] grow(n);
+    return cursor_;
+  }
+  void advance(char* to) noexcept { cursor_ = to; }
+
+  void push_back(char c) { *room(1) = c, ++cursor_; }
+  void append(size_t count, char c) {
+    char* p = room(count);
+    std::memset(p, c, count);
+    cursor_ = p + count;
+  }
+  Output& operator+=(std::string_view text) {
+    char* p = room(text.size());
+    std::memcpy(p, text.data(), text.size());
+    cursor_ = p + text.size();
+    return *this;
+  }
+
+  size_t size() const noexcept { return static_cast<size_t>(cursor_ - base_); }
+  bool empty() const noexcept { return cursor_ == base_; }
+  std::string_view view() const noexcept { return {base_, size()}; }
+  // Drops what follows the first `n` characters.
+  void resize(size_t n) noexcept { cursor_ = base_ + n; }
+  void clear() noexcept { cursor_ = base_; }
+  // Leaves the string holding exactly the text.
+  void close() { text_.resize(size()); }
+
+ private:
+  void grow(size_t n) {
+    const size_t used = size();
+    adopt(used, std::max(used + n, 2 * text_.size() + 256));
+  }
+  void adopt(size_t used, size_t length) {
+    text_.resize(length);
+    base_ = text_.data();
+    cursor_ = base_ + used;
+    end_ = base_ + text_.size();
+  }
+
+  std::string& text_;
+  char* base_ = nullptr;
+  char* cursor_ = nullptr;
+  char* end_ = nullptr;
+};
 
 // Streams JSON text in a single pass over each message: the message's fields are gathered in one
-// scan (their positions only), then emitted in field-number order, decoding each value straight
-// into the output. No JSON document is built.
+// scan (as runs of occurrences), then emitted in field-number order, decoding each value straight
+// into the output. No JSON document is built, and no value is decoded into an intermediate form.
 //
 // The text goes into a buffer that a sink, when there is one, takes whenever it has grown past
 // kFlushSize at the start of a member or element. A field that fails is withdrawn from the buffer
@@ -77,19 +231,13 @@ class Renderer {
 
   // The message at `depth` (the outermost is 1) as its JSON value, members starting at `level`.
   void topLevel(const MessageSchemaDescribing& schema, ByteView bytes) {
-    if (detail::wellKnownKind(schema) == WellKnown::none) {
-      message(schema, bytes, 1, 0);
-    } else {
-      messageValue(schema, bytes, 1, 0);
-    }
+    messageValue(plan(schema), bytes, 1, 0);
   }
 
   // Any value, as a field of its kind renders it.
   void anyValue(const detail::AnyValueImpl& value) {
     if (value.kind() == detail::AnyValueImpl::Case::bytes) {
-      out_.push_back('"');
-      appendBase64(value.bytesValue().view(), out_);
-      out_.push_back('"');
+      base64(value.bytesValue().view());
     } else if (value.kind() == detail::AnyValueImpl::Case::message) {
       const UnsafeSchematizedData& data = value.messageValue();
       topLevel(*data.messageSchema(), data.bytes());
@@ -98,18 +246,19 @@ class Renderer {
     }
   }
 
-  // Hands what is left to the sink.
+  // Hands what is left to the sink, or leaves the string holding the text.
   void finish() {
-    if (sink_ && !out_.empty()) (*sink_)(out_);
+    if (!sink_) return out_.close();
+    if (!out_.empty()) (*sink_)(out_.view());
     out_.clear();
   }
 
  private:
-  // Pops the occurrences gathered above `size` on the way out, also when an error unwinds.
+  // Pops the runs gathered above `size` on the way out, also when an error unwinds.
   struct Pop {
-    std::vector<Occurrence>& occurrences;
+    std::vector<Run>& runs;
     size_t size;
-    ~Pop() { occurrences.resize(size); }
+    ~Pop() { runs.resize(size); }
   };
 
   // Holds the text in the buffer while alive.
@@ -119,24 +268,69 @@ class Renderer {
     ~Hold() { --holds; }
   };
 
+  // The plan of `schema`, made on first use. Throws the schema's errors when its fields cannot be
+  // materialised.
+  MessagePlan& plan(const MessageSchemaDescribing& schema) {
+    if (&schema == lastSchema_) return *lastPlan_;
+    auto& slot = plans_[&schema];
+    if (!slot) {
+      auto made = std::make_unique<MessagePlan>();
+      made->schema = &schema;
+      made->wellKnown = detail::wellKnownKind(schema);
+      made->mapEntry = detail::mapEntryFields(schema);
+      const auto& fields = schema.fieldsByNumber();
+      made->fields.reserve(fields.size());
+      for (const auto& [number, field] : fields) {
+        FieldPlan& f = made->fields.emplace_back();
+        f.field = field.get();
+        f.number = number;
+        key(f.key, memberName(*field));
+      }
+      if (!fields.empty() && fields.rbegin()->first < kMaxDenseFieldNumber) {
+        made->dense.assign(static_cast<size_t>(fields.rbegin()->first) + 1, 0);
+        for (size_t i = 0; i < made->fields.size(); ++i) {
+          made->dense[static_cast<size_t>(made->fields[i].number)] = static_cast<uint32_t>(i + 1);
+        }
+      }
+      slot = std::move(made);
+    }
+    lastSchema_ = &schema;
+    lastPlan_ = slot.get();
+    return *slot;
+  }
+
+  // Resolves the field's type. Throws when it cannot be resolved.
+  FieldPlan& resolve(FieldPlan& f) {
+    if (!f.resolved) {
+      f.type = &f.field->type();
+      f.kind = f.type->kind();
+      f.required = detail::kRequiredWireType[static_cast<size_t>(f.kind)];
+      f.packable = detail::fieldTypeRow(f.kind).packable;
+      f.resolved = true;
+    }
+    return f;
+  }
+
+  // The plan of a message field's type. Throws when the type cannot be resolved.
+  MessagePlan& messagePlan(FieldPlan& f) {
+    if (!f.message) f.message = &plan(*resolve(f).type->messageSchema());
+    return *f.message;
+  }
+
   // The message as an object whose members start at `level`; `typeUrl`, when given, is written
   // first as the member "@type" (the message is the content of an Any).
-  void message(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level,
+  void message(MessagePlan& plan, ByteView bytes, int depth, int level,
                std::string_view typeUrl = {}) {
-    const FieldsByNumber& fields = schema.fieldsByNumber();
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
 
-    std::optional<ScanFault> fault = gather(fields, bytes);
-    const auto byNumber = [](const Occurrence& a, const Occurrence& b) {
-      return a.fieldNumber < b.fieldNumber;
-    };
+    std::optional<ScanFault> fault = gather(plan, bytes);
+    const auto byNumber = [](const Run& a, const Run& b) { return a.number() < b.number(); };
     // Encoders write fields in number order, so sorting is rarely needed; stability keeps each
     // field's occurrences in the order of the bytes.
-    if (!std::is_sorted(occurrences_.begin() + static_cast<ptrdiff_t>(first), occurrences_.end(),
-                        byNumber)) {
-      std::stable_sort(occurrences_.begin() + static_cast<ptrdiff_t>(first), occurrences_.end(),
-                       byNumber);
+    const auto begin = runs_.begin() + static_cast<ptrdiff_t>(first);
+    if (!std::is_sorted(begin, runs_.end(), byNumber)) {
+      std::stable_sort(begin, runs_.end(), byNumber);
     }
 
     out_.push_back('{');
@@ -147,24 +341,24 @@ class Renderer {
       string(typeUrl);
       any = true;
     }
-    auto absent = fields.begin();
+    size_t absent = 0;
     // Writes the fields without presence numbered below `limit` that the bytes do not hold.
     const auto defaultsBelow = [&](int64_t limit) {
-      for (; absent != fields.end() && absent->first < limit; ++absent) {
-        defaultMember(*absent->second, level + 1, any);
+      for (; absent < plan.fields.size() && plan.fields[absent].number < limit; ++absent) {
+        defaultMember(plan.fields[absent], level + 1, any);
       }
     };
-    for (size_t begin = first; begin < occurrences_.size();) {
-      const int64_t number = occurrences_[begin].fieldNumber;
-      size_t end = begin + 1;
-      while (end < occurrences_.size() && occurrences_[end].fieldNumber == number) ++end;
+    for (size_t i = first; i < runs_.size();) {
+      const int64_t number = runs_[i].number();
+      size_t end = i + 1;
+      while (end < runs_.size() && runs_[end].number() == number) ++end;
       if (options_.printDefaults) {
         defaultsBelow(number);
-        if (absent != fields.end() && absent->first == number) ++absent;
+        if (absent < plan.fields.size() && plan.fields[absent].number == number) ++absent;
       }
       const std::string* faultText = fault && fault->fieldNumber == number ? &fault->text : nullptr;
-      field(bytes, begin, end, faultText, depth, level + 1, any);
-      begin = end;
+      field(bytes, i, end, faultText, depth, level + 1, any);
+      i = end;
     }
     if (options_.printDefaults) defaultsBelow(std::numeric_limits<int64_t>::max());
     if (fault && fault->fieldNumber == kNoField) {
@@ -179,18 +373,19 @@ class Renderer {
 
   // A field the bytes do not hold, with its default when it has no presence of its own (members
   // of a oneof and extensions have).
-  void defaultMember(const FieldSchemaDescribing& field, int level, bool& any) {
+  void defaultMember(FieldPlan& f, int level, bool& any) {
+    const FieldSchemaDescribing& field = *f.field;
     if (field.oneofIndex() || field.extensionName()) return;
     const TypeSchemaDescription& type = field.type();
     if (field.isRepeated()) {
       separate(any, level);
-      key(memberName(field));
+      out_ += f.key;
       const bool isMap =
           type.kind() == Case::message && detail::mapEntryFields(*type.messageSchema());
       out_ += isMap ? "{}" : "[]";
     } else if (type.kind() != Case::message) {
       separate(any, level);
-      key(memberName(field));
+      out_ += f.key;
       defaultValue(type);
     } else {
       return;
@@ -198,18 +393,28 @@ class Renderer {
     any = true;
   }
 
-  // Appends the occurrences of the known fields of `bytes` to occurrences_, in the order of the
-  // bytes. Stops at the first break in the field structure and reports it.
-  std::optional<ScanFault> gather(const FieldsByNumber& fields, ByteView bytes) {
+  // Appends the runs of the known fields of `bytes` to runs_, in the order of the bytes. Stops at
+  // the first break in the field structure and reports it.
+  std::optional<ScanFault> gather(MessagePlan& plan, ByteView bytes) {
     Reader reader(bytes);
     int64_t current = kNoField;
+    const size_t first = runs_.size();
     try {
       while (reader.hasMoreFields()) {
         current = kNoField;
         const FieldTag tag = reader.readTag();
-        if (const auto it = fields.find(tag.fieldNumber()); it != fields.end()) {
-          current = tag.fieldNumber();
-          occurrences_.push_back({current, it->second.get(), reader.position(), tag.wireType()});
+        const int64_t number = tag.fieldNumber();
+        if (FieldPlan* f = plan.find(number)) {
+          current = number;
+          if (runs_.size() > first && runs_.back().plan == f) {
+            Run& run = runs_.back();
+            run.lastPosition = reader.position();
+            run.lastWireType = tag.wireType();
+            ++run.count;
+          } else {
+            runs_.push_back({f, reader.position(), tag.wireType(), reader.position(),
+                             tag.wireType(), 1});
+          }
         }
         reader.skipField(tag);
         // Skips do not check that the bytes they step over exist.
@@ -221,34 +426,32 @@ class Renderer {
     return std::nullopt;
   }
 
-  // Emits field occurrences_[begin, end) as one member, or nothing for a repeated field without
-  // elements. `any` tells whether the object has members already, and becomes true once this one
-  // is written.
+  // Emits the field whose runs are runs_[begin, end) as one member, or nothing for a repeated
+  // field without elements. `any` tells whether the object has members already, and becomes true
+  // once this one is written.
   void field(ByteView bytes, size_t begin, size_t end, const std::string* faultText, int depth,
              int level, bool& any) {
-    const FieldSchemaDescribing& field = *occurrences_[begin].field;
+    FieldPlan& f = *runs_[begin].plan;
     const size_t memberStart = position();
     separate(any, level);
-    key(memberName(field));
+    out_ += f.key;
     const size_t valueStart = position();
     try {
       if (faultText) {
-        fieldError(field.name(), *faultText);
+        fieldError(f.field->name(), *faultText);
         any = true;
         return;
       }
-      const TypeSchemaDescription& type = field.type();
+      resolve(f);
       bool present = true;
-      if (!field.isRepeated()) {
-        const Occurrence occurrence = occurrences_[begin];
-        Reader reader = readerAt(bytes, occurrence.position);
-        value(type, reader, occurrence.wireType, depth, level);
-      } else if (const auto entry = type.kind() == Case::message
-                                        ? detail::mapEntryFields(*type.messageSchema())
-                                        : std::nullopt) {
-        map(*entry, bytes, begin, end, depth, level);
+      if (!f.field->isRepeated()) {
+        const Run& run = runs_[begin];
+        Reader reader = readerAt(bytes, run.position);
+        value(f, reader, run.wireType, depth, level);
+      } else if (f.kind == Case::message && messagePlan(f).mapEntry) {
+        map(*f.message, bytes, begin, end, depth, level);
       } else {
-        present = repeated(type, bytes, begin, end, depth, level);
+        present = repeated(f, bytes, begin, end, depth, level);
       }
       if (!present) {
         rollback(memberStart);
@@ -256,87 +459,98 @@ class Renderer {
       }
     } catch (const Error& error) {
       rollback(valueStart);
-      fieldError(field.name(), error.what());
+      fieldError(f.field->name(), error.what());
     }
     any = true;
   }
 
-  // Whether the values of `type` can fail after their text has begun: then a field of them is held
-  // whole while streaming.
-  static bool failsInside(const TypeSchemaDescription& type) {
-    return type.kind() == Case::message &&
-           detail::wellKnownKind(*type.messageSchema()) != WellKnown::none;
+  // Whether the values of the field can fail after their text has begun: then a field of them is
+  // held whole while streaming.
+  bool failsInside(FieldPlan& f) {
+    return f.kind == Case::message && messagePlan(f).wellKnown != WellKnown::none;
   }
 
-  // Throws what emitting occurrences_[begin, end) of a repeated field would throw after its first
+  // The packed run at the reader: a reader over its elements.
+  static Reader packedElements(Reader& reader) {
+    const ByteView run = reader.readLengthDelimited();
+    const int64_t runEnd = reader.position();
+    return reader.narrowed(runEnd - static_cast<int64_t>(run.size()), runEnd);
+  }
+
+  // Calls `each(reader, wireType)` for every occurrence of the runs_[begin, end).
+  template <typename Each>
+  void forEachOccurrence(ByteView bytes, size_t begin, size_t end, const Each& each) {
+    for (size_t i = begin; i < end; ++i) {
+      Occurrences occurrences(bytes, runs_[i]);
+      do {
+        Reader reader = readerAt(bytes, occurrences.position());
+        each(reader, occurrences.wireType());
+      } while (occurrences.next());
+    }
+  }
+
+  // Throws what emitting the runs_[begin, end) of a repeated field would throw after its first
   // element: a packed run that does not end on an element boundary, an occurrence of the wrong
   // wire type, a message type that cannot be resolved or nests too deep. Returns the number of
   // elements.
-  size_t checkRepeated(const TypeSchemaDescription& type, ByteView bytes, size_t begin, size_t end,
-                       int depth) {
-    const ProtoWireType required = detail::kRequiredWireType[static_cast<size_t>(type.kind())];
+  size_t checkRepeated(FieldPlan& f, ByteView bytes, size_t begin, size_t end, int depth) {
     size_t count = 0;
-    for (size_t i = begin; i < end; ++i) {
-      const Occurrence occurrence = occurrences_[i];
-      if (occurrence.wireType == ProtoWireType::lengthDelimited && isPackable(type.kind())) {
-        Reader reader = readerAt(bytes, occurrence.position);
-        const ByteView run = reader.readLengthDelimited();
-        const int64_t runEnd = reader.position();
-        Reader elements = reader.narrowed(runEnd - static_cast<int64_t>(run.size()), runEnd);
+    forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
+      if (wireType == ProtoWireType::lengthDelimited && f.packable) {
+        Reader elements = packedElements(reader);
         while (elements.hasMoreFields()) {
-          decodePackedElement(elements, type);
+          skipElement(f, elements);
           ++count;
         }
-        if (elements.position() != runEnd) throw SerializationError::malformedProtobuf();
-      } else if (occurrence.wireType != required) {
-        throw SerializationError::typeMismatch(type, occurrence.wireType);
+        if (elements.position() != elements.endPosition()) {
+          throw SerializationError::malformedProtobuf();
+        }
+      } else if (wireType != f.required) {
+        throw SerializationError::typeMismatch(*f.type, wireType);
       } else {
         ++count;
       }
-    }
-    if (count > 0 && type.kind() == Case::message) checkMessage(type, depth);
+    });
+    if (count > 0 && f.kind == Case::message) checkMessage(f, depth);
     return count;
   }
 
-  void checkMessage(const TypeSchemaDescription& type, int depth) {
+  void checkMessage(FieldPlan& f, int depth) {
     if (depth >= kMaxMessageDepth) {
       throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
     }
-    type.messageSchema()->fieldsByNumber();
+    messagePlan(f);
   }
 
   // Emits every element of a repeated field as an array; false, with nothing emitted, when the
   // occurrences hold no element (empty packed runs).
-  bool repeated(const TypeSchemaDescription& type, ByteView bytes, size_t begin, size_t end,
-                int depth, int level) {
+  bool repeated(FieldPlan& f, ByteView bytes, size_t begin, size_t end, int depth, int level) {
     std::optional<Hold> hold;
     if (sink_) {
-      if (checkRepeated(type, bytes, begin, end, depth) == 0) return false;
-      if (failsInside(type)) hold.emplace(holds_);
+      if (checkRepeated(f, bytes, begin, end, depth) == 0) return false;
+      if (failsInside(f)) hold.emplace(holds_);
     }
     const size_t arrayStart = position();
     out_.push_back('[');
     bool any = false;
-    for (size_t i = begin; i < end; ++i) {
-      const Occurrence occurrence = occurrences_[i];
-      Reader reader = readerAt(bytes, occurrence.position);
-      if (occurrence.wireType == ProtoWireType::lengthDelimited && isPackable(type.kind())) {
-        const ByteView run = reader.readLengthDelimited();
-        const int64_t runEnd = reader.position();
-        Reader elements = reader.narrowed(runEnd - static_cast<int64_t>(run.size()), runEnd);
+    forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
+      if (wireType == ProtoWireType::lengthDelimited && f.packable) {
+        Reader elements = packedElements(reader);
         while (elements.hasMoreFields()) {
           separate(any, level + 1);
           any = true;
-          scalar(decodePackedElement(elements, type));
+          element(f, elements);
         }
         // An element running past the run's end has read the bytes that follow it.
-        if (elements.position() != runEnd) throw SerializationError::malformedProtobuf();
+        if (elements.position() != elements.endPosition()) {
+          throw SerializationError::malformedProtobuf();
+        }
       } else {
         separate(any, level + 1);
         any = true;
-        value(type, reader, occurrence.wireType, depth, level + 1);
+        value(f, reader, wireType, depth, level + 1);
       }
-    }
+    });
     if (!any) {
       rollback(arrayStart);
       return false;
@@ -346,13 +560,11 @@ class Renderer {
     return true;
   }
 
-  // Emits a map field, whose entries are occurrences_[begin, end), as an object.
-  void map(const detail::MapEntryFields& entryFields, ByteView bytes, size_t begin, size_t end,
-           int depth, int level) {
-    const TypeSchemaDescription& keyType = entryFields.key->type();
-    const TypeSchemaDescription& valueType = entryFields.value->type();
-    const ProtoWireType valueWireType =
-        detail::kRequiredWireType[static_cast<size_t>(valueType.kind())];
+  // Emits a map field, whose entries are the occurrences of runs_[begin, end), as an object.
+  void map(MessagePlan& entryPlan, ByteView bytes, size_t begin, size_t end, int depth,
+           int level) {
+    FieldPlan& keyPlan = resolve(*entryPlan.find(1));
+    FieldPlan& valuePlan = resolve(*entryPlan.find(2));
 
     struct Entry {
       std::string key;
@@ -363,13 +575,10 @@ class Renderer {
       bool shown = true;
     };
     std::vector<Entry> entries;
-    entries.reserve(end - begin);
-    for (size_t i = begin; i < end; ++i) {
-      const Occurrence occurrence = occurrences_[i];
-      if (occurrence.wireType != ProtoWireType::lengthDelimited) {
-        throw SerializationError::typeMismatch(occurrence.field->type(), occurrence.wireType);
+    forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
+      if (wireType != ProtoWireType::lengthDelimited) {
+        throw SerializationError::typeMismatch(*runs_[begin].plan->type, wireType);
       }
-      Reader reader = readerAt(bytes, occurrence.position);
       Entry& entry = entries.emplace_back();
       entry.bytes = reader.readLengthDelimited();
       bool hasKey = false;
@@ -377,12 +586,12 @@ class Renderer {
       while (fields.hasMoreFields()) {
         const FieldTag tag = fields.readTag();
         if (tag.fieldNumber() == 1 && !hasKey) {
-          entry.key = keyText(decodeValue(fields, keyType, tag.wireType()));
+          entry.key = keyText(decodeValue(fields, *keyPlan.type, tag.wireType()));
           hasKey = true;
         } else if (tag.fieldNumber() == 2 && !entry.valuePosition) {
           // Checked here, before the object begins, so that no value fails halfway through it.
-          if (sink_ && tag.wireType() != valueWireType) {
-            throw SerializationError::typeMismatch(valueType, tag.wireType());
+          if (sink_ && tag.wireType() != valuePlan.required) {
+            throw SerializationError::typeMismatch(*valuePlan.type, tag.wireType());
           }
           entry.valuePosition = fields.position();
           entry.valueWireType = tag.wireType();
@@ -392,12 +601,12 @@ class Renderer {
         }
         if (fields.position() > fields.size()) throw SerializationError::truncated();
       }
-      if (!hasKey) entry.key = defaultKeyText(keyType.kind());
-    }
+      if (!hasKey) entry.key = defaultKeyText(keyPlan.kind);
+    });
     std::optional<Hold> hold;
-    if (sink_ && !entries.empty() && valueType.kind() == Case::message) {
-      checkMessage(valueType, depth);
-      if (failsInside(valueType)) hold.emplace(holds_);
+    if (sink_ && !entries.empty() && valuePlan.kind == Case::message) {
+      checkMessage(valuePlan, depth);
+      if (failsInside(valuePlan)) hold.emplace(holds_);
     }
     // Of several entries with one key the last wins, where it stands.
     if (entries.size() > 1) {
@@ -419,137 +628,161 @@ class Renderer {
       key(entry.key);
       if (entry.valuePosition) {
         Reader reader = readerAt(entry.bytes, *entry.valuePosition);
-        value(valueType, reader, entry.valueWireType, depth, level + 1);
+        value(valuePlan, reader, entry.valueWireType, depth, level + 1);
       } else {
-        defaultValue(valueType);
+        defaultValue(*valuePlan.type);
       }
     }
     if (any) newline(level);
     out_.push_back('}');
   }
 
-  // Emits the value that follows a tag of `wireType` at the reader's position.
-  void value(const TypeSchemaDescription& type, Reader& reader, ProtoWireType wireType, int depth,
-             int level) {
-    const Case kind = type.kind();
-    if (kind != Case::string && kind != Case::bytes && kind != Case::message) {
-      scalar(decodeValue(reader, type, wireType));
-      return;
+  // Emits the value of field `f` that follows a tag of `wireType` at the reader's position.
+  void value(FieldPlan& f, Reader& reader, ProtoWireType wireType, int depth, int level) {
+    if (wireType != f.required) [[unlikely]] {
+      throw SerializationError::typeMismatch(*f.type, wireType);
     }
-    if (wireType != ProtoWireType::lengthDelimited) {
-      throw SerializationError::typeMismatch(type, wireType);
-    }
-    const ByteView payload = reader.readLengthDelimited();
-    if (kind == Case::string) {
-      string(asText(payload));
-    } else if (kind == Case::bytes) {
-      out_.push_back('"');
-      appendBase64(payload, out_);
-      out_.push_back('"');
-    } else {
-      if (depth >= kMaxMessageDepth) {
-        throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+    switch (f.kind) {
+      case Case::string:
+        string(asText(reader.readLengthDelimited()));
+        return;
+      case Case::bytes:
+        base64(reader.readLengthDelimited());
+        return;
+      case Case::message: {
+        const ByteView payload = reader.readLengthDelimited();
+        if (depth >= kMaxMessageDepth) {
+          throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+        }
+        messageValue(messagePlan(f), payload, depth + 1, level);
+        return;
       }
-      messageValue(*type.messageSchema(), payload, depth + 1, level);
+      default:
+        element(f, reader);
     }
   }
 
+  // Emits one value of a type whose encoding follows from the type (not string, bytes or
+  // message) at the reader, straight from the wire.
+  void element(const FieldPlan& f, Reader& reader) {
+    if (f.kind == Case::enum_) {
+      enumValue(*f.type->enumSchema(), detail::low32Signed(reader.readVarintValue()));
+      return;
+    }
+    detail::decodeFixedEncodingAs(reader, *f.type, [this](auto decoded) { emit(decoded); });
+  }
+
+  // Steps over one element of a packed run of the field's type.
+  static void skipElement(const FieldPlan& f, Reader& reader) {
+    detail::decodeFixedEncodingAs(reader, *f.type, [](auto) {});
+  }
+
+  void emit(int32_t v) { number(v); }
+  void emit(uint32_t v) { number(v); }
+  void emit(int64_t v) { quotedNumber(v); }
+  void emit(uint64_t v) { quotedNumber(v); }
+  void emit(float v) { floatingPoint(v); }
+  void emit(double v) { floatingPoint(v); }
+  void emit(bool v) { out_ += v ? "true" : "false"; }
+  void emit(const detail::EnumValueImpl& v) { enumValue(*v.type, v.number()); }
+
   // A message value at `depth`: a well-known type in its own JSON form, any other as an object.
-  void messageValue(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
-    switch (detail::wellKnownKind(schema)) {
+  void messageValue(MessagePlan& plan, ByteView bytes, int depth, int level) {
+    switch (plan.wellKnown) {
       case WellKnown::none:
-        return message(schema, bytes, depth, level);
+        return message(plan, bytes, depth, level);
       case WellKnown::timestamp:
-        return string(detail::formatTimestamp(secondsAndNanos(schema, bytes)));
+        return string(detail::formatTimestamp(secondsAndNanos(plan, bytes)));
       case WellKnown::duration:
-        return string(detail::formatDuration(secondsAndNanos(schema, bytes)));
+        return string(detail::formatDuration(secondsAndNanos(plan, bytes)));
       case WellKnown::wrapper:
-        return wrapper(schema, bytes, depth, level);
+        return wrapper(plan, bytes, depth, level);
       case WellKnown::fieldMask:
-        return fieldMask(schema, bytes);
+        return fieldMask(plan, bytes);
       case WellKnown::any:
-        return anyMessage(schema, bytes, depth, level);
+        return anyMessage(plan, bytes, depth, level);
       case WellKnown::structType:
       case WellKnown::value:
       case WellKnown::listValue: {
         const Hold hold(holds_);
-        return structured(schema, bytes, depth, level);
+        return structured(plan, bytes, depth, level);
       }
     }
   }
 
-  // The occurrences of the fields of a well-known type's message, gathered above `first`; a break
-  // in its structure fails the whole value.
-  void gatherWhole(const MessageSchemaDescribing& schema, ByteView bytes) {
-    if (const std::optional<ScanFault> fault = gather(schema.fieldsByNumber(), bytes)) {
-      throw SchematizerError::protocolBufferError(schema.name() + ": " + fault->text);
+  // The runs of the fields of a well-known type's message, gathered above the current top; a
+  // break in its structure fails the whole value.
+  void gatherWhole(MessagePlan& plan, ByteView bytes) {
+    if (const std::optional<ScanFault> fault = gather(plan, bytes)) {
+      throw SchematizerError::protocolBufferError(plan.schema->name() + ": " + fault->text);
     }
   }
 
-  // The first occurrence of field `number` among occurrences_[first, end).
-  const Occurrence* find(size_t first, int64_t number) const {
-    for (size_t i = first; i < occurrences_.size(); ++i) {
-      if (occurrences_[i].fieldNumber == number) return &occurrences_[i];
+  // The first run of field `number` among runs_[first, end).
+  const Run* find(size_t first, int64_t number) const {
+    for (size_t i = first; i < runs_.size(); ++i) {
+      if (runs_[i].number() == number) return &runs_[i];
     }
     return nullptr;
   }
 
   std::optional<detail::AnyValueImpl> fieldValue(ByteView bytes, size_t first, int64_t number) {
-    const Occurrence* occurrence = find(first, number);
-    if (!occurrence) return std::nullopt;
-    Reader reader = readerAt(bytes, occurrence->position);
-    return decodeValue(reader, occurrence->field->type(), occurrence->wireType);
+    const Run* run = find(first, number);
+    if (!run) return std::nullopt;
+    Reader reader = readerAt(bytes, run->position);
+    return decodeValue(reader, run->plan->field->type(), run->wireType);
   }
 
-  detail::SecondsAndNanos secondsAndNanos(const MessageSchemaDescribing& schema, ByteView bytes) {
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
-    gatherWhole(schema, bytes);
+  detail::SecondsAndNanos secondsAndNanos(MessagePlan& plan, ByteView bytes) {
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
+    gatherWhole(plan, bytes);
     detail::SecondsAndNanos result;
     if (const auto seconds = fieldValue(bytes, first, 1)) result.seconds = seconds->int64Value();
     if (const auto nanos = fieldValue(bytes, first, 2)) result.nanos = nanos->int32Value();
     return result;
   }
 
-  void wrapper(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
-    gatherWhole(schema, bytes);
-    if (const Occurrence* occurrence = find(first, 1)) {
-      Reader reader = readerAt(bytes, occurrence->position);
-      value(occurrence->field->type(), reader, occurrence->wireType, depth, level);
+  void wrapper(MessagePlan& plan, ByteView bytes, int depth, int level) {
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
+    gatherWhole(plan, bytes);
+    if (const Run* run = find(first, 1)) {
+      Reader reader = readerAt(bytes, run->position);
+      value(resolve(*run->plan), reader, run->wireType, depth, level);
     } else {
-      defaultValue(schema.fieldWithNumber(1)->type());
+      defaultValue(plan.schema->fieldWithNumber(1)->type());
     }
   }
 
-  void fieldMask(const MessageSchemaDescribing& schema, ByteView bytes) {
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
-    gatherWhole(schema, bytes);
+  void fieldMask(MessagePlan& plan, ByteView bytes) {
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
+    gatherWhole(plan, bytes);
     std::string paths;
-    for (size_t i = first; i < occurrences_.size(); ++i) {
-      Reader reader = readerAt(bytes, occurrences_[i].position);
-      const detail::AnyValueImpl path =
-          decodeValue(reader, occurrences_[i].field->type(), occurrences_[i].wireType);
+    bool any = false;
+    forEachOccurrence(bytes, first, runs_.size(), [&](Reader& reader, ProtoWireType wireType) {
+      const detail::AnyValueImpl path = decodeValue(reader, runs_[first].plan->field->type(),
+                                                    wireType);
       const std::optional<std::string> json = detail::fieldMaskPathToJson(path.stringValue());
       if (!json) {
         throw SchematizerError::unexpectedType("google.protobuf.FieldMask path " +
                                                detail::jsonString(path.stringValue()) +
                                                " has no JSON form");
       }
-      if (i > first) paths.push_back(',');
+      if (any) paths.push_back(',');
+      any = true;
       paths += *json;
-    }
+    });
     string(paths);
   }
 
-  void anyMessage(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
-    gatherWhole(schema, bytes);
+  void anyMessage(MessagePlan& plan, ByteView bytes, int depth, int level) {
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
+    gatherWhole(plan, bytes);
     const std::optional<detail::AnyValueImpl> url = fieldValue(bytes, first, 1);
-    const Occurrence* value = find(first, 2);
+    const Run* value = find(first, 2);
     if (!url || url->stringValue().empty()) {
       if (value && !readerAt(bytes, value->position).readLengthDelimited().empty()) {
         throw SchematizerError::unexpectedType("google.protobuf.Any without a type URL");
@@ -558,7 +791,8 @@ class Renderer {
       return;
     }
     const std::string& typeUrl = url->stringValue();
-    const std::shared_ptr<MessageSchemaDescribing> packed = detail::anyType(schema, typeUrl);
+    const std::shared_ptr<MessageSchemaDescribing> packedSchema =
+        detail::anyType(*plan.schema, typeUrl);
     const ByteView packedBytes =
         value ? readerAt(bytes, value->position).readLengthDelimited() : ByteView{};
     if (depth >= kMaxMessageDepth) {
@@ -574,8 +808,10 @@ class Renderer {
       out_.push_back('}');
       return;
     }
-    if (detail::wellKnownKind(*packed) == WellKnown::none) {
-      message(*packed, packedBytes, depth + 1, level, typeUrl);
+    // The store keeps the schema alive; the plan only points at it.
+    MessagePlan& packed = this->plan(*packedSchema);
+    if (packed.wellKnown == WellKnown::none) {
+      message(packed, packedBytes, depth + 1, level, typeUrl);
       return;
     }
 
@@ -586,48 +822,49 @@ class Renderer {
     out_.push_back(',');
     newline(level + 1);
     key("value");
-    messageValue(*packed, packedBytes, depth + 1, level + 1);
+    messageValue(packed, packedBytes, depth + 1, level + 1);
     newline(level);
     out_.push_back('}');
   }
 
   // Struct, Value and ListValue: the JSON they stand for.
-  void structured(const MessageSchemaDescribing& schema, ByteView bytes, int depth, int level) {
-    const size_t first = occurrences_.size();
-    Pop pop{occurrences_, first};
-    gatherWhole(schema, bytes);
-    const WellKnown kind = detail::wellKnownKind(schema);
-    if (kind == WellKnown::structType) {
-      const std::shared_ptr<FieldSchemaDescribing>& fields = schema.fieldWithNumber(1);
-      const auto entry = detail::mapEntryFields(*fields->type().messageSchema());
-      if (!entry) throw SchematizerError::internalError("google.protobuf.Struct without map");
-      if (first == occurrences_.size()) {
+  void structured(MessagePlan& plan, ByteView bytes, int depth, int level) {
+    const size_t first = runs_.size();
+    Pop pop{runs_, first};
+    gatherWhole(plan, bytes);
+    if (plan.wellKnown == WellKnown::structType) {
+      FieldPlan* fields = plan.find(1);
+      if (!fields || !resolve(*fields).type->messageSchema() || !messagePlan(*fields).mapEntry) {
+        throw SchematizerError::internalError("google.protobuf.Struct without map");
+      }
+      if (first == runs_.size()) {
         out_ += "{}";
       } else {
-        map(*entry, bytes, first, occurrences_.size(), depth, level);
+        map(*fields->message, bytes, first, runs_.size(), depth, level);
       }
-    } else if (kind == WellKnown::listValue) {
-      if (first == occurrences_.size() || !repeated(occurrences_[first].field->type(), bytes, first,
-                                                    occurrences_.size(), depth, level)) {
+    } else if (plan.wellKnown == WellKnown::listValue) {
+      if (first == runs_.size() ||
+          !repeated(resolve(*runs_[first].plan), bytes, first, runs_.size(), depth, level)) {
         out_ += "[]";
       }
     } else {
       // Of the kinds of a Value (a oneof), the last in the bytes is the one set.
-      if (first == occurrences_.size()) {
+      if (first == runs_.size()) {
         throw SchematizerError::unexpectedType("google.protobuf.Value with no kind set");
       }
-      const Occurrence kindField = occurrences_.back();
-      Reader reader = readerAt(bytes, kindField.position);
-      const TypeSchemaDescription& type = kindField.field->type();
-      if (kindField.fieldNumber == 2) {
-        const double number = decodeValue(reader, type, kindField.wireType).doubleValue();
+      const Run& kindRun = runs_.back();
+      FieldPlan& kindField = resolve(*kindRun.plan);
+      Reader reader = readerAt(bytes, kindRun.lastPosition);
+      if (kindField.number == 2) {
+        const double number =
+            decodeValue(reader, *kindField.type, kindRun.lastWireType).doubleValue();
         if (!std::isfinite(number)) {
           throw SchematizerError::unexpectedType("google.protobuf.Value number " +
                                                  std::to_string(number) + " has no JSON form");
         }
         floatingPoint(number);
       } else {
-        value(type, reader, kindField.wireType, depth, level);
+        value(kindField, reader, kindRun.lastWireType, depth, level);
       }
     }
   }
@@ -690,11 +927,11 @@ class Renderer {
     } else if (type.kind() == Case::message) {
       // The JSON forms of the well-known types' empty messages: "{}" for most, but a Timestamp is
       // the epoch, a wrapper its default, a ListValue "[]".
-      const auto& schema = *type.messageSchema();
-      if (detail::wellKnownKind(schema) == WellKnown::none) {
+      MessagePlan& messagePlan = plan(*type.messageSchema());
+      if (messagePlan.wellKnown == WellKnown::none) {
         out_ += "{}";
       } else {
-        messageValue(schema, ByteView{}, kMaxMessageDepth - 1, 0);
+        messageValue(messagePlan, ByteView{}, kMaxMessageDepth - 1, 0);
       }
     } else {
       out_ += detail::fieldTypeRow(type.kind()).jsonDefault;
@@ -727,22 +964,45 @@ class Renderer {
 
   template <typename Integer>
   void number(Integer value) {
-    detail::appendJsonInteger(out_, value);
+    out_.advance(detail::writeJsonInteger(out_.room(detail::kMaxJsonNumberSize), value));
   }
 
   template <typename Integer>
   void quotedNumber(Integer value) {
-    out_.push_back('"');
-    number(value);
-    out_.push_back('"');
+    char* p = out_.room(detail::kMaxJsonNumberSize + 2);
+    *p++ = '"';
+    p = detail::writeJsonInteger(p, value);
+    *p++ = '"';
+    out_.advance(p);
   }
 
   template <typename Float>
   void floatingPoint(Float value) {
-    detail::appendJsonFloat(out_, value);
+    out_.advance(detail::writeJsonFloat(out_.room(detail::kMaxJsonNumberSize), value));
   }
 
-  void string(std::string_view text) { detail::appendJsonString(out_, text); }
+  void string(std::string_view text) {
+    // Escaping needs room for the worst case, six characters a byte; long texts go through a
+    // scratch string instead, so that the buffer does not grow by six times their size.
+    if (text.size() <= kFlushSize) {
+      if (char* end =
+              detail::writeJsonString(out_.room(detail::maxJsonStringSize(text.size())), text)) {
+        out_.advance(end);
+        return;
+      }
+    }
+    scratch_.clear();
+    detail::appendJsonString(scratch_, text);
+    out_ += scratch_;
+  }
+
+  void base64(ByteView bytes) {
+    char* p = out_.room(detail::base64Size(bytes.size()) + 2);
+    *p++ = '"';
+    p = detail::writeBase64(p, bytes);
+    *p++ = '"';
+    out_.advance(p);
+  }
 
   // The text of a field that failed, logged and emitted as the field's value.
   void fieldError(std::string_view fieldName, std::string_view errorText) {
@@ -756,30 +1016,29 @@ class Renderer {
 
   // An extension as "[its.full.name]", whatever the naming option; the message's own fields by
   // their declared or their JSON names.
-  const std::string& memberName(const FieldSchemaDescribing& field) {
-    const std::optional<std::string>& extension = field.extensionName();
-    if (!extension && !options_.jsonNames) return field.name();
-    auto [it, added] = memberNames_.try_emplace(&field);
-    if (added)
-      it->second =
-          extension ? detail::extensionMemberName(*extension) : detail::jsonName(field.name());
-    return it->second;
+  std::string memberName(const FieldSchemaDescribing& field) const {
+    if (const std::optional<std::string>& extension = field.extensionName()) {
+      return detail::extensionMemberName(*extension);
+    }
+    return options_.jsonNames ? field.jsonName() : field.name();
+  }
+
+  // Appends the key `name` and its colon to `to`.
+  void key(std::string& to, std::string_view name) const {
+    detail::appendJsonString(to, name);
+    to += indented_ ? ": " : ":";
   }
 
   void key(std::string_view name) {
     string(name);
-    if (indented_) {
-      out_ += ": ";
-    } else {
-      out_.push_back(':');
-    }
+    out_ += indented_ ? ": " : ":";
   }
 
   // Starts a member or element at `level`: a comma after an earlier one, then the line break.
   // Where the sink takes the text: nothing written so far can be withdrawn past this point.
   void separate(bool any, int level) {
     if (sink_ && holds_ == 0 && out_.size() >= kFlushSize) {
-      (*sink_)(out_);
+      (*sink_)(out_.view());
       flushed_ += out_.size();
       out_.clear();
     }
@@ -803,13 +1062,9 @@ class Renderer {
     out_.resize(to - flushed_);
   }
 
-  static Reader readerAt(ByteView bytes, int64_t position) {
-    Reader reader(bytes);
-    reader.setPosition(position);
-    return reader;
-  }
-
-  std::string& out_;
+  Output out_;
+  // For texts too long to escape in place.
+  std::string scratch_;
   const JsonOptions& options_;
   const bool indented_;
   const JsonSink* const sink_;
@@ -817,9 +1072,11 @@ class Renderer {
   size_t flushed_ = 0;
   // While above zero, the text stays in the buffer.
   int holds_ = 0;
-  // The gathered occurrences of the messages being rendered, innermost last.
-  std::vector<Occurrence> occurrences_;
-  std::unordered_map<const FieldSchemaDescribing*, std::string> memberNames_;
+  // The gathered runs of the messages being rendered, innermost last.
+  std::vector<Run> runs_;
+  std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessagePlan>> plans_;
+  const MessageSchemaDescribing* lastSchema_ = nullptr;
+  MessagePlan* lastPlan_ = nullptr;
   const EnumSchemaDescribing* lastEnum_ = nullptr;
   bool lastEnumIsNull_ = false;
 };
@@ -832,7 +1089,9 @@ std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions&
   // Protobuf's binary form is compact: JSON text of the same data is typically one to three times
   // as long.
   out.reserve(2 * bytes.size() + 16);
-  Renderer(out, options).topLevel(*data.messageSchema(), bytes);
+  Renderer renderer(out, options);
+  renderer.topLevel(*data.messageSchema(), bytes);
+  renderer.finish();
   return out;
 }
 
@@ -874,7 +1133,9 @@ std::string toJSON(const AnyValue& value, JsonStyle style) {
   std::string out;
   JsonOptions options;
   options.style = style;
-  Renderer(out, options).anyValue(impl);
+  Renderer renderer(out, options);
+  renderer.anyValue(impl);
+  renderer.finish();
   return out;
 }
 

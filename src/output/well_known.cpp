@@ -300,24 +300,6 @@ std::shared_ptr<MessageSchemaDescribing> anyType(const MessageSchemaDescribing& 
   return store->messageSchema(name);
 }
 
-std::string jsonName(std::string_view fieldName) {
-  std::string out;
-  out.reserve(fieldName.size());
-  bool upper = false;
-  for (const char c : fieldName) {
-    if (c == '_') {
-      upper = true;
-    } else if (upper && c >= 'a' && c <= 'z') {
-      out.push_back(static_cast<char>(c - 'a' + 'A'));
-      upper = false;
-    } else {
-      out.push_back(c);
-      upper = false;
-    }
-  }
-  return out;
-}
-
 std::string extensionMemberName(std::string_view fullName) {
   std::string out;
   out.reserve(fullName.size() + 2);

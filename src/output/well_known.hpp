@@ -68,9 +68,6 @@ std::optional<std::string> fieldMaskPathFromJson(std::string_view path);
 std::shared_ptr<MessageSchemaDescribing> anyType(const MessageSchemaDescribing& any,
                                                  const std::string& typeUrl);
 
-// protoc's JSON name of a field: underscores dropped, the letter after each one upper-cased.
-std::string jsonName(std::string_view fieldName);
-
 // The JSON member name of an extension field: its full name in brackets, "[pkg.ext]".
 std::string extensionMemberName(std::string_view fullName);
 

@@ -21,7 +21,12 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       oneofIndex_(manifest.oneofIndex),
       manifestType_(manifest.type),
       typeName_(manifest.typeName),
-      extensionName_(manifest.extensionName) {}
+      extensionName_(manifest.extensionName),
+      jsonName_(manifest.jsonName) {}
+
+std::string ProtoFieldSchema::jsonName() const {
+  return jsonName_ ? *jsonName_ : FieldSchemaDescribing::jsonName();
+}
 
 void ProtoFieldSchema::releaseType() const {
   if (resolvedType()) info_ = Config{manifestType_, typeName_, {}};

@@ -216,7 +216,8 @@ MessageManifest ProtoMessageSchema::manifest() const {
                                                      .isRepeated = field.isRepeated(),
                                                      .oneofIndex = field.oneofIndex(),
                                                      .options = detail::rawOptions(field.options()),
-                                                     .extensionName = field.extensionName()});
+                                                     .extensionName = field.extensionName(),
+                                                     .jsonName = field.declaredJsonName()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

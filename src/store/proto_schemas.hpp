@@ -69,6 +69,9 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   const std::optional<std::string>& extensionName() const noexcept override {
     return extensionName_;
   }
+  std::string jsonName() const override;
+  // The json_name the schema declares, when it is not the computed one.
+  const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
   // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
   // resolved and the store is gone, and the store's lookup errors; a failure leaves the type
   // unresolved, so the next call tries again.
@@ -100,6 +103,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   TypeManifest manifestType_;
   std::optional<std::string> typeName_;
   std::optional<std::string> extensionName_;
+  std::optional<std::string> jsonName_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

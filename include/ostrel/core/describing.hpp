@@ -82,6 +82,9 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   // For an extension field, the extension's fully qualified name; none for the message's own
   // fields (and for every field of a schema that does not record extensions).
   virtual const std::optional<std::string>& extensionName() const noexcept;
+  // The member name ProtoJSON gives the field: the schema's json_name when it declares one, else
+  // the lowerCamelCase of the name ("foo_bar" becomes "fooBar").
+  virtual std::string jsonName() const;
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

@@ -42,6 +42,9 @@ struct FieldManifest {
   // that reason it is an annotation, not part of the field's identity: equality and merges leave
   // it out (a merge keeps it from whichever side has it).
   std::optional<std::string> extensionName;
+  // The json_name a descriptor declares when it is not the lowerCamelCase of the field's name
+  // (FieldSchemaDescribing::jsonName). An annotation like extensionName, for the same reason.
+  std::optional<std::string> jsonName;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".

@@ -89,6 +89,7 @@ class FieldSchema {
   const std::optional<std::string>& extensionName() const noexcept {
     return impl_->extensionName();
   }
+  std::string jsonName() const { return impl_->jsonName(); }
   // Resolves the type on first use; throws "Store is destroyed" when that needs a store that is
   // gone.
   TypeSchema type() const { return TypeSchema(impl_->type()); }
