@@ -1,5 +1,6 @@
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 #include "core/base64.hpp"
 #include "ostrel/core/values.hpp"
@@ -20,6 +21,13 @@ constexpr std::array<int8_t, 256> kDecodeTable = [] {
   return table;
 }();
 
+// Every twelve bits as their two characters, so that three bytes take two look-ups.
+constexpr std::array<std::array<char, 2>, 4096> kPairs = [] {
+  std::array<std::array<char, 2>, 4096> table{};
+  for (size_t i = 0; i < table.size(); ++i) table[i] = {kAlphabet[i >> 6], kAlphabet[i & 0x3F]};
+  return table;
+}();
+
 }  // namespace
 
 char* detail::writeBase64(char* p, ByteView bytes) noexcept {
@@ -28,10 +36,8 @@ char* detail::writeBase64(char* p, ByteView bytes) noexcept {
     const uint32_t group = std::to_integer<uint32_t>(bytes[i]) << 16 |
                            std::to_integer<uint32_t>(bytes[i + 1]) << 8 |
                            std::to_integer<uint32_t>(bytes[i + 2]);
-    p[0] = kAlphabet[group >> 18];
-    p[1] = kAlphabet[(group >> 12) & 0x3F];
-    p[2] = kAlphabet[(group >> 6) & 0x3F];
-    p[3] = kAlphabet[group & 0x3F];
+    std::memcpy(p, kPairs[group >> 12].data(), 2);
+    std::memcpy(p + 2, kPairs[group & 0xFFF].data(), 2);
     p += 4;
   }
   const size_t rest = bytes.size() - i;

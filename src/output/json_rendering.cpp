@@ -52,6 +52,8 @@ struct FieldPlan {
   // The member's key as written: the quoted name, then ":" (": " when indented).
   std::string key;
 
+  bool repeated = false;
+
   bool resolved = false;
   const TypeSchemaDescription* type = nullptr;
   Case kind = Case::int32;
@@ -284,6 +286,7 @@ class Renderer {
         FieldPlan& f = made->fields.emplace_back();
         f.field = field.get();
         f.number = number;
+        f.repeated = field->isRepeated();
         key(f.key, memberName(*field));
       }
       if (!fields.empty() && fields.rbegin()->first < kMaxDenseFieldNumber) {
@@ -444,7 +447,7 @@ class Renderer {
       }
       resolve(f);
       bool present = true;
-      if (!f.field->isRepeated()) {
+      if (!f.repeated) {
         const Run& run = runs_[begin];
         Reader reader = readerAt(bytes, run.position);
         value(f, reader, run.wireType, depth, level);
@@ -498,10 +501,7 @@ class Renderer {
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
       if (wireType == ProtoWireType::lengthDelimited && f.packable) {
         Reader elements = packedElements(reader);
-        while (elements.hasMoreFields()) {
-          skipElement(f, elements);
-          ++count;
-        }
+        count += skipPacked(f, elements);
         if (elements.position() != elements.endPosition()) {
           throw SerializationError::malformedProtobuf();
         }
@@ -536,11 +536,7 @@ class Renderer {
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
       if (wireType == ProtoWireType::lengthDelimited && f.packable) {
         Reader elements = packedElements(reader);
-        while (elements.hasMoreFields()) {
-          separate(any, level + 1);
-          any = true;
-          element(f, elements);
-        }
+        packed(f, elements, any, level + 1);
         // An element running past the run's end has read the bytes that follow it.
         if (elements.position() != elements.endPosition()) {
           throw SerializationError::malformedProtobuf();
@@ -665,26 +661,37 @@ class Renderer {
   // Emits one value of a type whose encoding follows from the type (not string, bytes or
   // message) at the reader, straight from the wire.
   void element(const FieldPlan& f, Reader& reader) {
-    if (f.kind == Case::enum_) {
-      enumValue(*f.type->enumSchema(), detail::low32Signed(reader.readVarintValue()));
-      return;
-    }
-    detail::decodeFixedEncodingAs(reader, *f.type, [this](auto decoded) { emit(decoded); });
+    detail::withFixedDecoder(f.kind, [&](const auto& decode) { emit(f, decode(reader)); });
   }
 
-  // Steps over one element of a packed run of the field's type.
-  static void skipElement(const FieldPlan& f, Reader& reader) {
-    detail::decodeFixedEncodingAs(reader, *f.type, [](auto) {});
+  // Emits the elements of a packed run, each a member of the array at `level`.
+  void packed(const FieldPlan& f, Reader& elements, bool& any, int level) {
+    detail::withFixedDecoder(f.kind, [&](const auto& decode) {
+      while (elements.hasMoreFields()) {
+        separate(any, level);
+        any = true;
+        emit(f, decode(elements));
+      }
+    });
   }
 
-  void emit(int32_t v) { number(v); }
-  void emit(uint32_t v) { number(v); }
-  void emit(int64_t v) { quotedNumber(v); }
-  void emit(uint64_t v) { quotedNumber(v); }
-  void emit(float v) { floatingPoint(v); }
-  void emit(double v) { floatingPoint(v); }
-  void emit(bool v) { out_ += v ? "true" : "false"; }
-  void emit(const detail::EnumValueImpl& v) { enumValue(*v.type, v.number()); }
+  // Steps over the elements of a packed run; returns how many there were.
+  static size_t skipPacked(const FieldPlan& f, Reader& elements) {
+    return detail::withFixedDecoder(f.kind, [&](const auto& decode) {
+      size_t count = 0;
+      for (; elements.hasMoreFields(); ++count) decode(elements);
+      return count;
+    });
+  }
+
+  void emit(const FieldPlan&, int32_t v) { number(v); }
+  void emit(const FieldPlan&, uint32_t v) { number(v); }
+  void emit(const FieldPlan&, int64_t v) { quotedNumber(v); }
+  void emit(const FieldPlan&, uint64_t v) { quotedNumber(v); }
+  void emit(const FieldPlan&, float v) { floatingPoint(v); }
+  void emit(const FieldPlan&, double v) { floatingPoint(v); }
+  void emit(const FieldPlan&, bool v) { out_ += v ? "true" : "false"; }
+  void emit(const FieldPlan& f, detail::EnumNumber v) { enumValue(*f.type->enumSchema(), v.number); }
 
   // A message value at `depth`: a well-known type in its own JSON form, any other as an object.
   void messageValue(MessagePlan& plan, ByteView bytes, int depth, int level) {

@@ -53,6 +53,55 @@ inline int64_t zigZag64(uint64_t n) noexcept {
   return static_cast<int64_t>((n >> 1) ^ (uint64_t{0} - (n & 1u)));
 }
 
+// An enum value's number as decoded, before it is paired with its enum.
+struct EnumNumber {
+  int32_t number;
+};
+
+// Calls `use` with the decoder of `kind`, one of the types whose encoding follows from the type
+// alone (every type but message, string and bytes): a function object that reads one value from a
+// Reader and returns it in its exact C++ type (int32_t, uint32_t, int64_t, uint64_t, float,
+// double, bool, or EnumNumber). Loops over many values of one kind (packed runs) call it outside
+// the loop, so that the kind is branched on once. Throws malformedProtobuf for the other kinds.
+template <typename Use>
+[[gnu::always_inline]] inline auto withFixedDecoder(Case kind, const Use& use) {
+  switch (kind) {
+    case Case::int32:
+      return use([](Reader& r) __attribute__((always_inline)) { return low32Signed(r.readVarintValue()); });
+    case Case::uint32:
+      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<uint32_t>(r.readVarintValue()); });
+    case Case::sint32:
+      return use([](Reader& r) __attribute__((always_inline)) { return zigZag32(static_cast<uint32_t>(r.readVarintValue())); });
+    case Case::int64:
+      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int64_t>(r.readVarintValue()); });
+    case Case::uint64:
+      return use([](Reader& r) __attribute__((always_inline)) { return r.readVarintValue(); });
+    case Case::sint64:
+      return use([](Reader& r) __attribute__((always_inline)) { return zigZag64(r.readVarintValue()); });
+    case Case::bool_:
+      return use([](Reader& r) __attribute__((always_inline)) { return r.readVarintValue() != 0; });
+    case Case::enum_:
+      return use([](Reader& r) __attribute__((always_inline)) { return EnumNumber{low32Signed(r.readVarintValue())}; });
+    case Case::fixed32:
+      return use([](Reader& r) __attribute__((always_inline)) { return r.readFixed32(); });
+    case Case::sfixed32:
+      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int32_t>(r.readFixed32()); });
+    case Case::float_:
+      return use([](Reader& r) __attribute__((always_inline)) { return std::bit_cast<float>(r.readFixed32()); });
+    case Case::fixed64:
+      return use([](Reader& r) __attribute__((always_inline)) { return r.readFixed64(); });
+    case Case::sfixed64:
+      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int64_t>(r.readFixed64()); });
+    case Case::double_:
+      return use([](Reader& r) __attribute__((always_inline)) { return std::bit_cast<double>(r.readFixed64()); });
+    case Case::message:
+    case Case::string:
+    case Case::bytes:
+      break;
+  }
+  throw SerializationError::malformedProtobuf();
+}
+
 // Decodes a value whose encoding follows from its type alone: every type but message, string and
 // bytes, which the callers handle before coming here. The decoded value is handed to `make` with
 // its exact C++ type (int32_t, uint32_t, int64_t, uint64_t, float, double, bool or
@@ -63,43 +112,14 @@ template <typename Make>
 [[gnu::always_inline]] inline auto decodeFixedEncodingAs(Reader& reader,
                                                          const TypeSchemaDescription& type,
                                                          const Make& make) {
-  switch (type.kind()) {
-    case Case::int32:
-      return make(low32Signed(reader.readVarintValue()));
-    case Case::uint32:
-      return make(static_cast<uint32_t>(reader.readVarintValue()));
-    case Case::sint32:
-      return make(zigZag32(static_cast<uint32_t>(reader.readVarintValue())));
-    case Case::int64:
-      return make(static_cast<int64_t>(reader.readVarintValue()));
-    case Case::uint64:
-      return make(reader.readVarintValue());
-    case Case::sint64:
-      return make(zigZag64(reader.readVarintValue()));
-    case Case::bool_:
-      return make(reader.readVarintValue() != 0);
-    case Case::enum_: {
-      const int64_t number = low32Signed(reader.readVarintValue());
-      return make(detail::EnumValueImpl{type.enumSchema(), number});
+  return withFixedDecoder(type.kind(), [&](const auto& decode) __attribute__((always_inline)) {
+    auto value = decode(reader);
+    if constexpr (std::is_same_v<decltype(value), EnumNumber>) {
+      return make(detail::EnumValueImpl{type.enumSchema(), value.number});
+    } else {
+      return make(value);
     }
-    case Case::fixed32:
-      return make(reader.readFixed32());
-    case Case::sfixed32:
-      return make(static_cast<int32_t>(reader.readFixed32()));
-    case Case::float_:
-      return make(std::bit_cast<float>(reader.readFixed32()));
-    case Case::fixed64:
-      return make(reader.readFixed64());
-    case Case::sfixed64:
-      return make(static_cast<int64_t>(reader.readFixed64()));
-    case Case::double_:
-      return make(std::bit_cast<double>(reader.readFixed64()));
-    case Case::message:
-    case Case::string:
-    case Case::bytes:
-      break;
-  }
-  throw SerializationError::malformedProtobuf();
+  });
 }
 
 // Builds the internal value of each decoded C++ type.
