@@ -93,6 +93,7 @@ int64_t int64Of(const std::optional<AnyValue>& value, const std::string& what) {
 struct Workload {
   std::string small = buildSmallMessage();
   std::string large = buildLargeMessage();
+  std::string events = buildEventsMessage();
   DenseCounts denseCounts;
   std::string dense = buildDenseMessage(kDenseFieldCount, denseCounts);
   std::vector<int32_t> packedValues;
@@ -111,6 +112,7 @@ struct Ours {
         large(schema.schematizedData(w.large)),
         dense(schema.schematizedData(w.dense)),
         packed(schema.schematizedData(w.packed)),
+        events(store.messageSchema("ostrel.bench.Events").schematizedData(w.events)),
         packedBuffer(toBytes(w.packed)),
         int32Type(schema.fieldNamed("ints").type()),
         front(resolvePropertyPath(schema, "mid.leaf.id")),
@@ -124,6 +126,7 @@ struct Ours {
   SchematizedData large;
   SchematizedData dense;
   SchematizedData packed;
+  SchematizedData events;
   OwnedData packedBuffer;
   TypeSchema int32Type;
   FieldPathAndType front;
@@ -152,6 +155,10 @@ struct Peer {
     idField = leafField->message_type()->FindFieldByName("id");
     resolver.reset(pb::util::NewTypeResolverForDescriptorPool(kTypeUrlPrefix, &pool));
     typeUrl = std::string(kTypeUrlPrefix) + "/" + descriptor->full_name();
+    const pb::Descriptor* eventsDescriptor = pool.FindMessageTypeByName("ostrel.bench.Events");
+    if (!eventsDescriptor) fail("ostrel.bench.Events is not in the pool");
+    events.reset(factory.GetPrototype(eventsDescriptor)->New());
+    eventsUrl = std::string(kTypeUrlPrefix) + "/" + eventsDescriptor->full_name();
     jsonOptions.preserve_proto_field_names = true;
   }
 
@@ -167,18 +174,23 @@ struct Peer {
     return readId(*dynamic, outer);
   }
 
-  std::string binaryToJson(const std::string& bytes) {
+  // `url` names the message type; the Bench message by default.
+  std::string binaryToJson(const std::string& bytes, const std::string* url = nullptr) {
     std::string json;
-    if (!pb::util::BinaryToJsonString(resolver.get(), typeUrl, bytes, &json, jsonOptions).ok()) {
+    if (!pb::util::BinaryToJsonString(resolver.get(), url ? *url : typeUrl, bytes, &json,
+                                      jsonOptions)
+             .ok()) {
       fail("BinaryToJsonString failed");
     }
     return json;
   }
 
-  std::string parseToJson(const std::string& bytes) {
-    if (!dynamic->ParseFromString(bytes)) fail("DynamicMessage parse failed");
+  // Into `message`, the reused Bench message by default.
+  std::string parseToJson(const std::string& bytes, pb::Message* message = nullptr) {
+    pb::Message& target = message ? *message : *dynamic;
+    if (!target.ParseFromString(bytes)) fail("DynamicMessage parse failed");
     std::string json;
-    if (!pb::util::MessageToJsonString(*dynamic, &json, jsonOptions).ok()) {
+    if (!pb::util::MessageToJsonString(target, &json, jsonOptions).ok()) {
       fail("MessageToJsonString failed");
     }
     return json;
@@ -189,6 +201,9 @@ struct Peer {
   const pb::Descriptor* descriptor = nullptr;
   // Reused by every parse.
   std::unique_ptr<pb::Message> dynamic;
+  // Reused by the parses of the well-known types workload.
+  std::unique_ptr<pb::Message> events;
+  std::string eventsUrl;
   // The 1 MB message, parsed once, for reflection on a parsed message.
   std::unique_ptr<pb::Message> parsed;
   const pb::FieldDescriptor* midField = nullptr;
@@ -363,6 +378,8 @@ AllocationCounts runSelfChecks(const Workload& w, Ours& ours, Peer& peer) {
   checkJson("JSON 1 MB vs BinaryToJsonString", renderOurs(ours.large), peer.binaryToJson(w.large));
   checkJson("JSON 1 MB vs MessageToJsonString", renderOurs(ours.large), peer.parseToJson(w.large));
   checkJson("JSON 1 KB vs BinaryToJsonString", renderOurs(ours.small), peer.binaryToJson(w.small));
+  checkJson("JSON of events vs BinaryToJsonString", renderOurs(ours.events),
+            peer.binaryToJson(w.events, &peer.eventsUrl));
 
   // Importing descriptor.proto's descriptor set: the same manifest either way.
   pb::FileDescriptorSet set;
@@ -823,6 +840,8 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
   const size_t smallJson = renderOurs(ours.small).size();
   add("Ostrel/RenderJSON/1MB", largeJson, [&ours] { return renderOurs(ours.large).size(); });
   add("Ostrel/RenderJSON/1KB", smallJson, [&ours] { return renderOurs(ours.small).size(); });
+  const size_t eventsJson = renderOurs(ours.events).size();
+  add("Ostrel/RenderJSON/events", eventsJson, [&ours] { return renderOurs(ours.events).size(); });
   const size_t descriptorMessages = importOurs(w).messages.size();
   add("Ostrel/ImportDescriptorSet/descriptor.proto", descriptorMessages,
       [&w] { return importOurs(w).messages.size(); });
@@ -883,6 +902,10 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
       [&w, &peer] { return peer.binaryToJson(w.large).size(); });
   add("Protobuf/DynamicParseToJson/1MB", peer.parseToJson(w.large).size(),
       [&w, &peer] { return peer.parseToJson(w.large).size(); });
+  add("Protobuf/BinaryToJsonString/events", peer.binaryToJson(w.events, &peer.eventsUrl).size(),
+      [&w, &peer] { return peer.binaryToJson(w.events, &peer.eventsUrl).size(); });
+  add("Protobuf/DynamicParseToJson/events", peer.parseToJson(w.events, peer.events.get()).size(),
+      [&w, &peer] { return peer.parseToJson(w.events, peer.events.get()).size(); });
 }
 
 std::vector<RatioTarget> ratioTargets(const std::string& records) {
@@ -921,6 +944,10 @@ std::vector<RatioTarget> ratioTargets(const std::string& records) {
        "Ostrel/RenderJSON/1MB", "Protobuf/BinaryToJsonString/1MB", B::speedupAtLeast, 2},
       {"5b", "JSON of 1 MB vs DynamicMessage parse + MessageToJsonString", "Ostrel/RenderJSON/1MB",
        "Protobuf/DynamicParseToJson/1MB", B::speedupAtLeast, 4},
+      {"5c", "JSON of 1 MB of well-known types vs BinaryToJsonString (speedup)",
+       "Ostrel/RenderJSON/events", "Protobuf/BinaryToJsonString/events", B::speedupAtLeast, 2},
+      {"5d", "JSON of 1 MB of well-known types vs DynamicMessage + MessageToJsonString",
+       "Ostrel/RenderJSON/events", "Protobuf/DynamicParseToJson/events", B::speedupAtLeast, 4},
       {"6", "import descriptor.proto's set vs ParseFromString + typed import",
        "Ostrel/ImportDescriptorSet/descriptor.proto",
        "Protobuf/ParseAndTypedImport/descriptor.proto", B::oursAtMost, 2},

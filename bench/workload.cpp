@@ -118,6 +118,36 @@ std::string buildLargeMessage() {
   return message.SerializeAsString();
 }
 
+std::string buildEventsMessage() {
+  Random random(5);
+  Events events;
+  for (int i = 0; i < 3000; ++i) {
+    Event& event = *events.add_events();
+    event.set_id(random.between(1, 1000000000));
+    event.mutable_at()->set_seconds(random.between(0, 4000000000));
+    event.mutable_at()->set_nanos(static_cast<int32_t>(random.between(0, 999) * 1000000));
+    event.mutable_took()->set_seconds(random.between(0, 100));
+    event.mutable_took()->set_nanos(static_cast<int32_t>(random.between(0, 999999999)));
+    event.mutable_retries()->set_value(random.between(0, 5));
+    event.mutable_region()->set_value(i % 2 ? "eu-west-1" : "us-east-2");
+    event.mutable_score()->set_value(static_cast<double>(random.between(0, 100000)) / 7);
+    auto& fields = *event.mutable_attributes()->mutable_fields();
+    fields["user"].set_string_value("user-" + std::to_string(random.between(0, 99999)));
+    fields["bytes"].set_number_value(static_cast<double>(random.between(0, 1 << 20)));
+    fields["cached"].set_bool_value(random.next() & 1);
+    fields["parent"].set_null_value(google::protobuf::NULL_VALUE);
+    auto& tags = *fields["tags"].mutable_list_value();
+    for (int t = 0; t < 3; ++t) tags.add_values()->set_string_value("t" + std::to_string(t));
+    event.mutable_changed()->add_paths("mid.leaf");
+    event.mutable_changed()->add_paths("title");
+    Leaf leaf;
+    leaf.set_id(random.between(0, 1000000));
+    leaf.set_label("detail");
+    event.mutable_detail()->PackFrom(leaf);
+  }
+  return events.SerializeAsString();
+}
+
 std::string buildDenseMessage(size_t fieldCount, DenseCounts& counts) {
   Random random(3);
   counts = {};

@@ -37,6 +37,8 @@ std::string buildSmallMessage();
 
 // A record of about 1 MB: thousands of nested items, packed runs, strings and bytes.
 std::string buildLargeMessage();
+// About 1 MB of ostrel.bench.Events: event records full of well-known types.
+std::string buildEventsMessage();
 
 // About 1 MB holding mid, then `fieldCount` tiny top-level fields (one tag each) in random order,
 // then tail: the worst case for a reader that steps over fields. `counts` receives how many of
