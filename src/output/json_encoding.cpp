@@ -281,7 +281,7 @@ class Encoder {
       // Declared names first, so that they win over a JSON name that happens to be the same.
       for (const auto& [number, field] : fields) names.emplace(field->name(), &field);
       for (const auto& [number, field] : fields) {
-        names.emplace(detail::jsonName(field->name()), &field);
+        names.emplace(field->jsonName(), &field);
         if (const auto& extension = field->extensionName()) {
           names.emplace(detail::extensionMemberName(*extension), &field);
         }
