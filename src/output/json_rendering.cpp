@@ -13,6 +13,7 @@
 
 #include "core/base64.hpp"
 #include "core/json_text.hpp"
+#include "core/utf8.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/values.hpp"
@@ -99,6 +100,17 @@ struct Run {
   uint32_t count = 0;
 
   int64_t number() const noexcept { return plan->number; }
+};
+
+// One entry of a map being rendered; its key's text is kept apart, in the renderer's key buffer.
+struct MapEntry {
+  ByteView bytes;
+  size_t keyStart = 0;
+  size_t keyLength = 0;
+  // The value's first occurrence in `bytes`, or -1.
+  int64_t valuePosition = -1;
+  ProtoWireType valueWireType = ProtoWireType::varInt;
+  bool shown = true;
 };
 
 // A break in a message's field structure found while gathering its fields.
@@ -562,29 +574,34 @@ class Renderer {
     FieldPlan& keyPlan = resolve(*entryPlan.find(1));
     FieldPlan& valuePlan = resolve(*entryPlan.find(2));
 
-    struct Entry {
-      std::string key;
-      ByteView bytes;
-      // The value's first occurrence in `bytes`, if any.
-      std::optional<int64_t> valuePosition;
-      ProtoWireType valueWireType = ProtoWireType::varInt;
-      bool shown = true;
-    };
-    std::vector<Entry> entries;
+    // The keys' texts go to keys_, which nested maps share: positions, not pointers, survive its
+    // growth. Entries are trivially copied records, gathered above the current top of entries_.
+    const size_t keysBase = keys_.size();
+    const size_t first = entries_.size();
+    struct Restore {
+      Renderer& renderer;
+      size_t keys;
+      size_t entries;
+      ~Restore() {
+        renderer.keys_.resize(keys);
+        renderer.entries_.resize(entries);
+      }
+    } restore{*this, keysBase, first};
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
       if (wireType != ProtoWireType::lengthDelimited) {
         throw SerializationError::typeMismatch(*runs_[begin].plan->type, wireType);
       }
-      Entry& entry = entries.emplace_back();
+      MapEntry entry;
       entry.bytes = reader.readLengthDelimited();
+      entry.keyStart = keys_.size();
       bool hasKey = false;
       Reader fields(entry.bytes);
       while (fields.hasMoreFields()) {
         const FieldTag tag = fields.readTag();
         if (tag.fieldNumber() == 1 && !hasKey) {
-          entry.key = keyText(decodeValue(fields, *keyPlan.type, tag.wireType()));
+          mapKey(keyPlan, fields, tag.wireType());
           hasKey = true;
-        } else if (tag.fieldNumber() == 2 && !entry.valuePosition) {
+        } else if (tag.fieldNumber() == 2 && entry.valuePosition < 0) {
           // Checked here, before the object begins, so that no value fails halfway through it.
           if (sink_ && tag.wireType() != valuePlan.required) {
             throw SerializationError::typeMismatch(*valuePlan.type, tag.wireType());
@@ -597,33 +614,53 @@ class Renderer {
         }
         if (fields.position() > fields.size()) throw SerializationError::truncated();
       }
-      if (!hasKey) entry.key = defaultKeyText(keyPlan.kind);
+      if (!hasKey) keys_ += defaultKeyText(keyPlan.kind);
+      entry.keyLength = keys_.size() - entry.keyStart;
+      entries_.push_back(entry);
     });
+    const size_t count = entries_.size() - first;
     std::optional<Hold> hold;
-    if (sink_ && !entries.empty() && valuePlan.kind == Case::message) {
+    if (sink_ && count > 0 && valuePlan.kind == Case::message) {
       checkMessage(valuePlan, depth);
       if (failsInside(valuePlan)) hold.emplace(holds_);
     }
-    // Of several entries with one key the last wins, where it stands.
-    if (entries.size() > 1) {
-      std::vector<size_t> order(entries.size());
-      for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    const auto keyOf = [&](size_t i) {
+      const MapEntry& entry = entries_[first + i];
+      return std::string_view(keys_).substr(entry.keyStart, entry.keyLength);
+    };
+    // Of several entries with one key the last wins, where it stands. Maps are mostly small:
+    // pairs are compared directly up to a few dozen entries, larger maps sort an index.
+    constexpr size_t kPairwiseLimit = 32;
+    if (count > 1 && count <= kPairwiseLimit) {
+      for (size_t a = 0; a < count; ++a) {
+        for (size_t b = a + 1; b < count; ++b) {
+          if (keyOf(a) == keyOf(b)) {
+            entries_[first + a].shown = false;
+            break;
+          }
+        }
+      }
+    } else if (count > kPairwiseLimit) {
+      std::vector<size_t> order(count);
+      for (size_t i = 0; i < count; ++i) order[i] = i;
       std::stable_sort(order.begin(), order.end(),
-                       [&](size_t a, size_t b) { return entries[a].key < entries[b].key; });
-      for (size_t i = 0; i + 1 < order.size(); ++i) {
-        if (entries[order[i]].key == entries[order[i + 1]].key) entries[order[i]].shown = false;
+                       [&](size_t a, size_t b) { return keyOf(a) < keyOf(b); });
+      for (size_t i = 0; i + 1 < count; ++i) {
+        if (keyOf(order[i]) == keyOf(order[i + 1])) entries_[first + order[i]].shown = false;
       }
     }
 
     out_.push_back('{');
     bool any = false;
-    for (const Entry& entry : entries) {
+    for (size_t i = 0; i < count; ++i) {
+      const MapEntry entry = entries_[first + i];
       if (!entry.shown) continue;
       separate(any, level + 1);
       any = true;
-      key(entry.key);
-      if (entry.valuePosition) {
-        Reader reader = readerAt(entry.bytes, *entry.valuePosition);
+      // Not through keyOf's view: rendering the value may grow keys_.
+      key(std::string_view(keys_).substr(entry.keyStart, entry.keyLength));
+      if (entry.valuePosition >= 0) {
+        Reader reader = readerAt(entry.bytes, entry.valuePosition);
         value(valuePlan, reader, entry.valueWireType, depth, level + 1);
       } else {
         defaultValue(*valuePlan.type);
@@ -798,8 +835,7 @@ class Renderer {
       return;
     }
     const std::string& typeUrl = url->stringValue();
-    const std::shared_ptr<MessageSchemaDescribing> packedSchema =
-        detail::anyType(*plan.schema, typeUrl);
+    MessagePlan& packed = anyType(plan, typeUrl);
     const ByteView packedBytes =
         value ? readerAt(bytes, value->position).readLengthDelimited() : ByteView{};
     if (depth >= kMaxMessageDepth) {
@@ -815,8 +851,6 @@ class Renderer {
       out_.push_back('}');
       return;
     }
-    // The store keeps the schema alive; the plan only points at it.
-    MessagePlan& packed = this->plan(*packedSchema);
     if (packed.wellKnown == WellKnown::none) {
       message(packed, packedBytes, depth + 1, level, typeUrl);
       return;
@@ -832,6 +866,16 @@ class Renderer {
     messageValue(packed, packedBytes, depth + 1, level + 1);
     newline(level);
     out_.push_back('}');
+  }
+
+  // The plan of the type an Any's URL names. The store is asked once per URL and Any schema.
+  MessagePlan& anyType(const MessagePlan& any, const std::string& typeUrl) {
+    const auto it = anyTypes_.find(typeUrl);
+    if (it != anyTypes_.end() && it->second.first == any.schema) return *it->second.second;
+    anySchemas_.push_back(detail::anyType(*any.schema, typeUrl));
+    MessagePlan& packed = plan(*anySchemas_.back());
+    anyTypes_.insert_or_assign(typeUrl, std::pair(any.schema, &packed));
+    return packed;
   }
 
   // Struct, Value and ListValue: the JSON they stand for.
@@ -945,23 +989,33 @@ class Renderer {
     }
   }
 
-  static std::string keyText(const detail::AnyValueImpl& key) {
-    switch (key.kind()) {
-      case detail::AnyValueImpl::Case::bool_:
-        return key.boolValue() ? "true" : "false";
-      case detail::AnyValueImpl::Case::string:
-        return key.stringValue();
-      case detail::AnyValueImpl::Case::int32:
-        return std::to_string(key.int32Value());
-      case detail::AnyValueImpl::Case::uint32:
-        return std::to_string(key.uint32Value());
-      case detail::AnyValueImpl::Case::int64:
-        return std::to_string(key.int64Value());
-      case detail::AnyValueImpl::Case::uint64:
-        return std::to_string(key.uint64Value());
-      default:
-        throw SchematizerError::internalError("JSON map key of " + key.describe());
+  // Appends the text of the map key after a tag of `wireType` at the reader to keys_: a string
+  // as it is (invalid UTF-8 replaced), an integer in decimal, a bool as "true" or "false".
+  void mapKey(const FieldPlan& keyPlan, Reader& fields, ProtoWireType wireType) {
+    if (wireType != keyPlan.required) {
+      throw SerializationError::typeMismatch(*keyPlan.type, wireType);
     }
+    if (keyPlan.kind == Case::string) {
+      const std::string_view text = asText(fields.readLengthDelimited());
+      if (detail::isUtf8(text)) {
+        keys_ += text;
+      } else {
+        keys_ += decodeUtf8Lossy(asBytes(text));
+      }
+      return;
+    }
+    detail::withFixedDecoder(keyPlan.kind, [&](const auto& decode) {
+      const auto key = decode(fields);
+      using Key = std::decay_t<decltype(key)>;
+      if constexpr (std::is_same_v<Key, bool>) {
+        keys_ += key ? "true" : "false";
+      } else if constexpr (std::is_integral_v<Key>) {
+        char digits[detail::kMaxJsonNumberSize];
+        keys_.append(digits, detail::writeJsonInteger(digits, key));
+      } else {
+        throw SchematizerError::internalError("JSON map key of " + keyPlan.type->describe());
+      }
+    });
   }
 
   static std::string defaultKeyText(Case kind) {
@@ -1081,6 +1135,13 @@ class Renderer {
   int holds_ = 0;
   // The gathered runs of the messages being rendered, innermost last.
   std::vector<Run> runs_;
+  // The entries and key texts of the maps being rendered, innermost last.
+  std::vector<MapEntry> entries_;
+  std::string keys_;
+  // The packed types of Any values by type URL, and the schemas they came from, kept alive.
+  std::unordered_map<std::string, std::pair<const MessageSchemaDescribing*, MessagePlan*>>
+      anyTypes_;
+  std::vector<std::shared_ptr<MessageSchemaDescribing>> anySchemas_;
   std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessagePlan>> plans_;
   const MessageSchemaDescribing* lastSchema_ = nullptr;
   MessagePlan* lastPlan_ = nullptr;
