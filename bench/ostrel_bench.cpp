@@ -805,6 +805,14 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
     benchmark::ClobberMemory();
     return copy->size();
   });
+  // The rendering's own limit: copying its output.
+  const auto json = std::make_shared<std::string>(renderOurs(ours.large));
+  auto jsonCopy = std::make_shared<std::string>(json->size(), '\0');
+  add("Floor/memcpy/json", json->size(), [json, jsonCopy] {
+    std::memcpy(jsonCopy->data(), json->data(), json->size());
+    benchmark::ClobberMemory();
+    return jsonCopy->size();
+  });
   add("Floor/SkipAllFields/1MB", floors::skipAllFields(w.large),
       [&w] { return floors::skipAllFields(w.large); });
   add("Floor/SkipAllFields/dense", floors::skipAllFields(w.dense),
@@ -948,6 +956,8 @@ std::vector<RatioTarget> ratioTargets(const std::string& records) {
        "Ostrel/RenderJSON/events", "Protobuf/BinaryToJsonString/events", B::speedupAtLeast, 2},
       {"5d", "JSON of 1 MB of well-known types vs DynamicMessage + MessageToJsonString",
        "Ostrel/RenderJSON/events", "Protobuf/DynamicParseToJson/events", B::speedupAtLeast, 4},
+      {"5e", "JSON of 1 MB vs a memcpy of its output (distance to the limit)",
+       "Ostrel/RenderJSON/1MB", "Floor/memcpy/json", B::report, 0},
       {"6", "import descriptor.proto's set vs ParseFromString + typed import",
        "Ostrel/ImportDescriptorSet/descriptor.proto",
        "Protobuf/ParseAndTypedImport/descriptor.proto", B::oursAtMost, 2},

@@ -110,8 +110,10 @@ void TargetReporter::printTargets() const {
   for (const RatioTarget& target : ratios_) {
     const Sample* ours = find(target.ours);
     const Sample* peer = find(target.peer);
-    const bool atMost = target.kind == RatioTarget::Bound::oursAtMost;
-    const std::string bound = (atMost ? "<= " : ">= ") + formatRatio(target.bound);
+    const bool reportOnly = target.kind == RatioTarget::Bound::report;
+    const bool atMost = target.kind == RatioTarget::Bound::oursAtMost || reportOnly;
+    const std::string bound =
+        reportOnly ? std::string("-") : (atMost ? "<= " : ">= ") + formatRatio(target.bound);
     out << padded(target.id, 4) << padded(target.description, 68);
     if (!ours || !peer) {
       out << padded("n/a", 14) << padded(bound, 12) << "not run ("
@@ -120,7 +122,8 @@ void TargetReporter::printTargets() const {
     }
     const double ratio = atMost ? ours->median() / peer->median() : peer->median() / ours->median();
     const bool pass = atMost ? ratio <= target.bound : ratio >= target.bound;
-    out << padded(formatRatio(ratio), 14) << padded(bound, 12) << (pass ? "pass" : "MISS") << "\n";
+    out << padded(formatRatio(ratio), 14) << padded(bound, 12)
+        << (reportOnly ? "report" : pass ? "pass" : "MISS") << "\n";
   }
   for (const AllocationTarget& target : allocations_) {
     // The benchmark's counter when it ran, else the exact count of the self-check.

@@ -22,6 +22,8 @@ struct RatioTarget {
     oursAtMost,
     // peer / ours must be at least `bound`: "at least 4x faster than".
     speedupAtLeast,
+    // ours / peer, reported with no bound: how far a measurement is from a limit.
+    report,
   };
   std::string id;
   std::string description;

@@ -22,7 +22,8 @@ The text is written as it is made, so that large messages print in little memory
                           are read in turn (one record each, or a stream with --delimited)
   --input FORMAT          how the data is written: binary (default), hex or base64
   --pretty                indent the output instead of writing one line
-  --json-names            fields under their lowerCamelCase JSON names, not their declared names
+  --json-names            fields under their JSON names (json_name, else lowerCamelCase), not
+                          their declared names
   --enums-as-numbers      enum values as numbers, not names
   --print-defaults        also fields absent from the data that have no presence of their own
                           (proto3 scalars, repeated and map fields), with their default values

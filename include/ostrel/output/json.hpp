@@ -70,8 +70,9 @@ enum class JsonStyle : uint8_t {
 // described above.
 struct JsonOptions {
   JsonStyle style = JsonStyle::compact;
-  // Members under their JSON names (lowerCamelCase of the declared name: "foo_bar" becomes
-  // "fooBar") instead of the declared names.
+  // Members under their JSON names (FieldSchemaDescribing::jsonName: the json_name the schema
+  // declares, else the lowerCamelCase of the declared name, "foo_bar" becoming "fooBar") instead
+  // of the declared names.
   bool jsonNames = false;
   // Enum values as their numbers, never their names.
   bool enumsAsNumbers = false;
