@@ -5,6 +5,7 @@
 // and each path's answer in the row is exactly what the single read of that path gives, the same
 // value, the same absence or the same error text, also when the row is read a second time.
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -27,7 +28,16 @@ struct Outcome {
   std::optional<AnyValue> value;
   std::optional<std::string> error;
 
-  friend bool operator==(const Outcome&, const Outcome&) = default;
+  // A NaN read both ways is the same answer, though it compares unequal to itself.
+  friend bool operator==(const Outcome& a, const Outcome& b) {
+    if (a.error != b.error || a.value.has_value() != b.value.has_value()) return false;
+    return !a.value || *a.value == *b.value || (isNaN(*a.value) && isNaN(*b.value));
+  }
+
+  static bool isNaN(const AnyValue& value) {
+    return (value.kind() == AnyValue::Case::double_ && std::isnan(value.doubleValue())) ||
+           (value.kind() == AnyValue::Case::float_ && std::isnan(value.floatValue()));
+  }
 
   std::string text() const {
     if (error) return "error " + *error;
