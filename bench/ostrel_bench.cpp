@@ -35,6 +35,7 @@
 #include "bench.pb.h"
 #include "growth.hpp"
 #include "hand_floors.hpp"
+#include "json_encoding_bench.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/manifest/typed_import.hpp"
 #include "ostrel/output/json.hpp"
@@ -1022,14 +1023,19 @@ int main(int argc, char** argv) {
   registerBenchmarks(workload, ours, peer, smoke);
   registerManyBenchmarks(workload, ours, peer, many, *order);
   registerGrowthBenchmarks(growthSmall);
-  TargetReporter reporter(
-      ratioTargets(many.recordCount == 1000000 ? "1M" : std::to_string(many.recordCount)),
-      {{"7a", "heap allocations, scalar read through a pre-resolved path",
-        "Ostrel/Allocations/scalar", 0, allocations.scalar},
-       {"7b", "heap allocations, string read through a pre-resolved path",
-        "Ostrel/Allocations/string", 1, allocations.string},
-       {"7c", "heap allocations, typed scalar read (readInt64)", "Ostrel/Allocations/typed", 0,
-        typedAllocations}});
+  const std::string largeJson = renderOurs(ours.large);
+  registerJsonEncodingBenchmarks(ours.schema, workload.benchDescriptorSet, workload.large,
+                                 largeJson, smoke);
+  std::vector<RatioTarget> targets =
+      ratioTargets(many.recordCount == 1000000 ? "1M" : std::to_string(many.recordCount));
+  for (RatioTarget& target : jsonEncodingTargets()) targets.push_back(std::move(target));
+  TargetReporter reporter(std::move(targets),
+                          {{"7a", "heap allocations, scalar read through a pre-resolved path",
+                            "Ostrel/Allocations/scalar", 0, allocations.scalar},
+                           {"7b", "heap allocations, string read through a pre-resolved path",
+                            "Ostrel/Allocations/string", 1, allocations.string},
+                           {"7c", "heap allocations, typed scalar read (readInt64)",
+                            "Ostrel/Allocations/typed", 0, typedAllocations}});
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   return 0;

@@ -1,36 +1,41 @@
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <deque>
 #include <limits>
-#include <map>
-#include <nlohmann/json.hpp>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
-#include "core/json_document.hpp"
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
-#include "output/field_type_table.hpp"
+#include "output/json_input.hpp"
 #include "output/map_entry.hpp"
 #include "output/well_known.hpp"
+#include "output/wire_buffer.hpp"
 
 namespace ostrel {
 namespace {
 
-// Ordered, so that members are written in the order of the text: map entries keep their order and
-// a rendering of the result matches the text it came from.
-using Json = nlohmann::ordered_json;
+namespace ondemand = simdjson::ondemand;
 using Case = TypeSchemaDescription::Case;
+using detail::JsonTextFault;
+using detail::take;
 using detail::WellKnown;
+using detail::WireType;
+using JsonType = ondemand::json_type;
 
 // The outermost message counts as the first.
 constexpr int kMaxMessageDepth = 100;
 // A message adds at most two levels of JSON (its object, and the array or map object it stands
-// in); deeper text could never encode, so the parse refuses it before building it.
+// in); deeper text could never encode.
 constexpr size_t kMaxDocumentDepth = 2 * kMaxMessageDepth + 1;
 
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
@@ -108,36 +113,34 @@ std::optional<T> parseInteger(std::string_view text, bool& outOfRange) {
   return static_cast<T>(value);
 }
 
-// `value` as an integer of type T, which the field type `typeName` holds: a JSON number that is an
-// exact integer, or a decimal string.
+// `value` (of JSON type `type`) as an integer of type T, which the field type `typeName` holds: a
+// JSON number that is an exact integer, or a decimal string.
 template <typename T>
-T integer(const Json& value, const Path& path, std::string_view typeName) {
+T integer(ondemand::value& value, JsonType type, const Path& path, std::string_view typeName) {
   bool outOfRange = false;
   std::optional<T> result;
-  if (value.is_number_unsigned()) {
-    const auto number = value.get<uint64_t>();
-    if (std::in_range<T>(number)) result = static_cast<T>(number);
-    outOfRange = !result;
-  } else if (value.is_number_integer()) {
-    const auto number = value.get<int64_t>();
-    if (std::in_range<T>(number)) result = static_cast<T>(number);
-    outOfRange = !result;
-  } else if (value.is_number_float()) {
-    const auto number = value.get<double>();
-    if (std::isfinite(number) && std::trunc(number) == number) {
+  if (type == JsonType::number) {
+    const detail::JsonNumber number = detail::readNumber(value);
+    if (number.kind == detail::JsonNumber::Kind::integer) {
+      if (std::in_range<T>(number.nonNegative)) result = static_cast<T>(number.nonNegative);
+      outOfRange = !result;
+    } else if (number.kind == detail::JsonNumber::Kind::negativeInteger) {
+      if (std::in_range<T>(number.negative)) result = static_cast<T>(number.negative);
+      outOfRange = !result;
+    } else if (const double real = number.real; std::isfinite(real) && std::trunc(real) == real) {
       // Both bounds are powers of two, exact as doubles.
       constexpr double kTwoTo63 = 9223372036854775808.0;
-      if (number >= -kTwoTo63 && number < kTwoTo63) {
-        const auto whole = static_cast<int64_t>(number);
+      if (real >= -kTwoTo63 && real < kTwoTo63) {
+        const auto whole = static_cast<int64_t>(real);
         if (std::in_range<T>(whole)) result = static_cast<T>(whole);
-      } else if (number >= 0 && number < 2 * kTwoTo63) {
-        const auto whole = static_cast<uint64_t>(number);
+      } else if (real >= 0 && real < 2 * kTwoTo63) {
+        const auto whole = static_cast<uint64_t>(real);
         if (std::in_range<T>(whole)) result = static_cast<T>(whole);
       }
       outOfRange = !result;
     }
-  } else if (value.is_string()) {
-    result = parseInteger<T>(value.get_ref<const std::string&>(), outOfRange);
+  } else if (type == JsonType::string) {
+    result = parseInteger<T>(take(value.get_string()), outOfRange);
   }
   if (result) return *result;
   if (outOfRange) expected(path, "an integer in the range of " + std::string(typeName));
@@ -146,12 +149,13 @@ T integer(const Json& value, const Path& path, std::string_view typeName) {
 
 // `value` as a double: a JSON number, a numeric string, or one of the strings of the special
 // values.
-double realNumber(const Json& value, const Path& path, std::string_view typeName) {
-  if (value.is_number()) {
-    const auto number = value.get<double>();
+double realNumber(ondemand::value& value, JsonType type, const Path& path,
+                  std::string_view typeName) {
+  if (type == JsonType::number) {
+    const double number = detail::readNumber(value).asDouble();
     if (std::isfinite(number)) return number;
-  } else if (value.is_string()) {
-    const auto& text = value.get_ref<const std::string&>();
+  } else if (type == JsonType::string) {
+    const std::string_view text = take(value.get_string());
     if (text == "NaN") return std::numeric_limits<double>::quiet_NaN();
     if (text == "Infinity") return std::numeric_limits<double>::infinity();
     if (text == "-Infinity") return -std::numeric_limits<double>::infinity();
@@ -165,8 +169,8 @@ double realNumber(const Json& value, const Path& path, std::string_view typeName
   expected(path, "a number of type " + std::string(typeName));
 }
 
-float floatNumber(const Json& value, const Path& path) {
-  const double number = realNumber(value, path, "float");
+float floatNumber(ondemand::value& value, JsonType type, const Path& path) {
+  const double number = realNumber(value, type, path, "float");
   // Halfway between the largest float and 2^128: anything below rounds to a finite float. The
   // shortest text of the largest float, 3.4028235e+38, reads as a double a little above it and
   // must still be taken.
@@ -177,365 +181,644 @@ float floatNumber(const Json& value, const Path& path) {
   return static_cast<float>(number);
 }
 
-// `value` as an integer of the value case `valueCase` (int32, uint32, int64 or uint64), for a field
-// of the type named `typeName`.
-detail::AnyValueImpl integerValue(detail::AnyValueImpl::Case valueCase, const Json& value,
-                                  const Path& path, std::string_view typeName) {
-  using Value = detail::AnyValueImpl::Case;
-  switch (valueCase) {
-    case Value::int32:
-      return detail::AnyValueImpl::int32(integer<int32_t>(value, path, typeName));
-    case Value::uint32:
-      return detail::AnyValueImpl::uint32(integer<uint32_t>(value, path, typeName));
-    case Value::int64:
-      return detail::AnyValueImpl::int64(integer<int64_t>(value, path, typeName));
-    case Value::uint64:
-      return detail::AnyValueImpl::uint64(integer<uint64_t>(value, path, typeName));
+// A null the encoder takes as a value (or passes over) must still be the literal null.
+void readNull(ondemand::value& value) {
+  if (!take(value.is_null())) throw JsonTextFault{simdjson::N_ATOM_ERROR};
+}
+
+WireType wireTypeOf(Case kind) noexcept {
+  switch (kind) {
+    case Case::fixed32:
+    case Case::sfixed32:
+    case Case::float_:
+      return WireType::fixed32;
+    case Case::fixed64:
+    case Case::sfixed64:
+    case Case::double_:
+      return WireType::fixed64;
+    case Case::message:
+    case Case::string:
+    case Case::bytes:
+      return WireType::lengthDelimited;
     default:
-      throw SchematizerError::internalError("JSON encoding of " + std::string(typeName));
+      return WireType::varint;
   }
 }
 
-class Encoder {
- public:
-  // `object` as a message of `schema`; the member "@type" is passed over when `inAny` (the object
-  // is the content of an Any).
-  SchematizedData message(const MessageSchemaDescribing& schema, const Json& object,
-                          const Path& path, int depth, bool inAny = false) {
-    if (!object.is_object()) expected(path, "an object");
-    // Values written by buildData borrow these: the nested messages and the decoded bytes.
-    Buffers buffers;
-    std::map<std::string_view, FieldValues> values;
-    for (const auto& [name, member] : object.items()) {
-      if (inAny && name == "@type") continue;
-      const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(schema, name);
-      const Path memberPath = path.member(field->name());
-      if (member.is_null()) {
-        // null leaves a field out, except where it is a value: a google.protobuf.Value or
-        // NullValue field is then set to null.
-        const TypeSchemaDescription& type = field->type();
-        const bool isValue = type.kind() == Case::message &&
-                             detail::wellKnownKind(*type.messageSchema()) == WellKnown::value;
-        if (field->isRepeated() || (!isValue && !detail::isNullValue(type))) continue;
-      }
-      if (!values.emplace(field->name(), fieldValues(*field, member, memberPath, depth, buffers))
-               .second) {
-        expected(memberPath, "the field once, under one of its names");
-      }
+struct MessageEntry;
+
+// A field as the encoder writes it. Its type is resolved when the field first occurs in the text,
+// so that a field whose type the store cannot resolve fails only when it is used.
+struct FieldEntry {
+  const FieldSchemaDescribing* schema = nullptr;
+  // In the message's fields, for telling whether it was given twice.
+  size_t index = 0;
+  bool resolved = false;
+  Case kind = Case::int32;
+  bool repeated = false;
+  // Whether null is a value of the field (google.protobuf.Value, NullValue), not its absence.
+  bool nullIsValue = false;
+  // The field number and wire type as one varint.
+  uint64_t key = 0;
+  int64_t number = 0;
+  std::string_view name;
+  const TypeSchemaDescription* type = nullptr;
+  // Of a message field.
+  MessageEntry* message = nullptr;
+  // Of a repeated message field: whether its type is a map entry, and the entry's key and value
+  // fields, looked at when the field first holds a value.
+  enum class Map : uint8_t { unknown, no, yes } map = Map::unknown;
+  FieldEntry* mapKey = nullptr;
+  FieldEntry* mapValue = nullptr;
+};
+
+struct StringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const noexcept {
+    return std::hash<std::string_view>{}(text);
+  }
+};
+
+// A message schema as the encoder uses it.
+struct MessageEntry {
+  // Member names to their fields, and each name's place among them (for telling a name given
+  // twice); filled on first use.
+  struct Name {
+    FieldEntry* field;
+    size_t index;
+  };
+
+  std::shared_ptr<MessageSchemaDescribing> owner;
+  const MessageSchemaDescribing* schema = nullptr;
+  WellKnown kind = WellKnown::none;
+  // A deque: entries point at each other, and adding one moves none.
+  std::deque<FieldEntry> fields;
+  std::unordered_map<const FieldSchemaDescribing*, FieldEntry*> byField;
+  bool namesBuilt = false;
+  std::unordered_map<std::string, Name, StringHash, std::equal_to<>> names;
+
+  FieldEntry& entryFor(const FieldSchemaDescribing& field) {
+    auto [it, added] = byField.try_emplace(&field, nullptr);
+    if (added) {
+      FieldEntry& entry = fields.emplace_back();
+      entry.schema = &field;
+      entry.index = fields.size() - 1;
+      it->second = &entry;
     }
-    return schema.buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
-      const auto it = values.find(field->name());
-      return it == values.end() ? FieldValues{} : std::move(it->second);
-    });
+    return *it->second;
   }
 
-  // The top-level message: a well-known type in its JSON form, any other as an object.
-  SchematizedData document(const MessageSchemaDescribing& schema, const Json& json) {
-    const WellKnown kind = detail::wellKnownKind(schema);
-    if (kind != WellKnown::none) return wellKnown(schema, kind, json, Path{}, 1);
-    return message(schema, json, Path{}, 1);
+  // The field a member names: by its declared name, its JSON name (json_name or lowerCamelCase), or
+  // for an extension "[its.full.name]". Any other name fails with the schema's own error.
+  const Name& named(std::string_view name) {
+    if (!namesBuilt) {
+      const auto& byNumber = schema->fieldsByNumber();
+      // Declared names first, so that they win over a JSON name that happens to be the same.
+      for (const auto& [number, field] : byNumber) addName(field->name(), *field);
+      for (const auto& [number, field] : byNumber) {
+        addName(field->jsonName(), *field);
+        if (const auto& extension = field->extensionName()) {
+          addName(detail::extensionMemberName(*extension), *field);
+        }
+      }
+      namesBuilt = true;
+    }
+    if (const auto found = names.find(name); found != names.end()) return found->second;
+    const std::string owned(name);
+    const std::shared_ptr<FieldSchemaDescribing>& field = schema->fieldNamed(owned);
+    return addName(owned, *field);
+  }
+
+  const Name& addName(std::string name, const FieldSchemaDescribing& field) {
+    const size_t index = names.size();
+    return names.try_emplace(std::move(name), Name{&entryFor(field), index}).first->second;
+  }
+};
+
+// Which of the small numbers an object's members used, kept in a word while they are below 64.
+class IndexSet {
+ public:
+  // Adds `index`; false when it was there already.
+  bool insert(size_t index) {
+    if (index < 64) {
+      const uint64_t bit = uint64_t{1} << index;
+      if (low_ & bit) return false;
+      low_ |= bit;
+      return true;
+    }
+    index -= 64;
+    if (index >= high_.size()) high_.resize(index + 1);
+    if (high_[index]) return false;
+    high_[index] = true;
+    return true;
   }
 
  private:
-  struct Buffers {
-    // Deques: adding an element never moves the others, which values already point into.
-    std::deque<SchematizedData> messages;
-    std::deque<Bytes> bytes;
-  };
+  uint64_t low_ = 0;
+  std::vector<bool> high_;
+};
 
-  // The values of `field` that `member` gives: one, or for a repeated field its elements, or for a
-  // map field its entries.
-  FieldValues fieldValues(const FieldSchemaDescribing& field, const Json& member,
-                          const Path& memberPath, int depth, Buffers& buffers) {
-    const TypeSchemaDescription& type = field.type();
-    FieldValues values;
-    if (!field.isRepeated()) {
-      values.push_back(value(type, member, memberPath, depth, buffers));
-    } else if (const auto entry = type.kind() == Case::message
-                                      ? detail::mapEntryFields(*type.messageSchema())
-                                      : std::nullopt) {
-      if (!member.is_object()) expected(memberPath, "an object");
-      values.reserve(member.size());
-      for (const auto& [keyText, entryValue] : member.items()) {
-        values.push_back(mapEntry(*type.messageSchema(), *entry, keyText, entryValue,
-                                  memberPath.key(keyText), depth, buffers));
+// The member names of one map object, for telling a key given twice.
+class KeySet {
+ public:
+  // Adds `key` (which must stay valid while the set lives); false when it was there already.
+  bool insert(std::string_view key) {
+    if (hashed_.empty()) {
+      for (const std::string_view seen : few_) {
+        if (seen == key) return false;
       }
+      if (few_.size() < kFew) {
+        few_.push_back(key);
+        return true;
+      }
+      hashed_.insert(few_.begin(), few_.end());
+    }
+    return hashed_.insert(key).second;
+  }
+
+ private:
+  static constexpr size_t kFew = 16;
+  std::vector<std::string_view> few_;
+  std::unordered_set<std::string_view> hashed_;
+};
+
+// Writes the message a JSON text describes as it reads the text: each member's field goes out as
+// soon as its value is read, nested messages in place.
+class Encoder {
+ public:
+  explicit Encoder(detail::WireBuffer& out) : out_(out) {}
+
+  // The top-level message: a well-known type in its JSON form, any other as an object.
+  void document(const MessageSchemaDescribing& schema, ondemand::value& root) {
+    MessageEntry& entry = messageEntry(schema, nullptr);
+    const JsonType type = take(root.type());
+    if (entry.kind != WellKnown::none) {
+      wellKnown(entry, root, type, Path{}, 1);
     } else {
-      if (!member.is_array()) expected(memberPath, "an array");
-      values.reserve(member.size());
-      for (size_t i = 0; i < member.size(); ++i) {
-        values.push_back(value(type, member[i], memberPath.element(i), depth, buffers));
-      }
+      message(entry, root, type, Path{}, 1);
     }
-    return values;
   }
 
-  // The field a member names: by its declared name, its JSON name (lowerCamelCase), or for an
-  // extension "[its.full.name]". Any other name fails with the schema's own error.
-  const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(const MessageSchemaDescribing& schema,
-                                                           const std::string& name) {
-    auto [it, added] = names_.try_emplace(&schema);
-    auto& names = it->second;
+ private:
+  MessageEntry& messageEntry(const MessageSchemaDescribing& schema,
+                             std::shared_ptr<MessageSchemaDescribing> owner) {
+    auto [it, added] = messages_.try_emplace(&schema);
     if (added) {
-      const auto& fields = schema.fieldsByNumber();
-      // Declared names first, so that they win over a JSON name that happens to be the same.
-      for (const auto& [number, field] : fields) names.emplace(field->name(), &field);
-      for (const auto& [number, field] : fields) {
-        names.emplace(field->jsonName(), &field);
-        if (const auto& extension = field->extensionName()) {
-          names.emplace(detail::extensionMemberName(*extension), &field);
-        }
+      it->second = std::make_unique<MessageEntry>();
+      it->second->owner = std::move(owner);
+      it->second->schema = &schema;
+      it->second->kind = detail::wellKnownKind(schema);
+    }
+    return *it->second;
+  }
+
+  FieldEntry& resolve(FieldEntry& entry) {
+    if (entry.resolved) return entry;
+    const FieldSchemaDescribing& field = *entry.schema;
+    const TypeSchemaDescription& type = field.type();
+    entry.type = &type;
+    entry.kind = type.kind();
+    entry.repeated = field.isRepeated();
+    entry.number = field.fieldNumber();
+    entry.name = field.name();
+    entry.key = detail::fieldKey(entry.number, wireTypeOf(entry.kind));
+    if (entry.kind == Case::message) {
+      entry.message = &messageEntry(*type.messageSchema(), type.messageSchema());
+      entry.nullIsValue = entry.message->kind == WellKnown::value;
+    } else if (entry.kind == Case::enum_) {
+      entry.nullIsValue = detail::isNullValue(type);
+    }
+    entry.resolved = true;
+    return entry;
+  }
+
+  // Whether `entry` (resolved, repeated) is a map field.
+  bool isMap(FieldEntry& entry) {
+    if (entry.map == FieldEntry::Map::unknown) {
+      const std::optional<detail::MapEntryFields> fields =
+          entry.kind == Case::message ? detail::mapEntryFields(*entry.message->schema)
+                                      : std::nullopt;
+      if (fields) {
+        entry.mapKey = &entry.message->entryFor(*fields->key);
+        entry.mapValue = &entry.message->entryFor(*fields->value);
+      }
+      entry.map = fields ? FieldEntry::Map::yes : FieldEntry::Map::no;
+    }
+    return entry.map == FieldEntry::Map::yes;
+  }
+
+  // `value` as a message of `entry`: an object.
+  void message(MessageEntry& entry, ondemand::value& value, JsonType type, const Path& path,
+               int depth) {
+    if (type != JsonType::object) expected(path, "an object");
+    ondemand::object object = take(value.get_object());
+    members(entry, object, path, depth, false);
+  }
+
+  // The members of `object` as fields of `entry`; the member "@type" is passed over when `inAny`
+  // (the object is the content of an Any).
+  void members(MessageEntry& entry, ondemand::object& object, const Path& path, int depth,
+               bool inAny) {
+    IndexSet names;
+    IndexSet fields;
+    bool typeSeen = false;
+    for (auto member : object) {
+      ondemand::field field = take(std::move(member));
+      const std::string_view name = detail::memberName(field, scratch_);
+      if (inAny && name == "@type") {
+        if (typeSeen) throw JsonTextFault{};
+        typeSeen = true;
+        continue;
+      }
+      const MessageEntry::Name& named = entry.named(name);
+      if (!names.insert(named.index)) throw JsonTextFault{};
+      FieldEntry& target = resolve(*named.field);
+      const Path memberPath = path.member(target.name);
+      ondemand::value& value = field.value();
+      const JsonType type = take(value.type());
+      if (type == JsonType::null && (target.repeated || !target.nullIsValue)) {
+        // null leaves a field out, except where it is a value: a google.protobuf.Value or
+        // NullValue field is then set to null.
+        readNull(value);
+        continue;
+      }
+      fieldValues(target, value, type, memberPath, depth);
+      if (!fields.insert(target.index)) {
+        expected(memberPath, "the field once, under one of its names");
       }
     }
-    if (const auto found = names.find(name); found != names.end()) return *found->second;
-    return schema.fieldNamed(name);
   }
 
-  // A message with the given values of its fields, by number.
-  static SchematizedData build(const MessageSchemaDescribing& schema,
-                               std::map<int64_t, FieldValues> byNumber) {
-    return schema.buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
-      const auto it = byNumber.find(field->fieldNumber());
-      return it == byNumber.end() ? FieldValues{} : std::move(it->second);
-    });
-  }
-
-  // A well-known type's message from its JSON form.
-  SchematizedData wellKnown(const MessageSchemaDescribing& schema, WellKnown kind, const Json& json,
-                            const Path& path, int depth) {
-    Buffers buffers;
-    const auto field = [&](int64_t number) -> const FieldSchemaDescribing& {
-      return *schema.fieldWithNumber(number);
-    };
-    switch (kind) {
-      case WellKnown::timestamp:
-      case WellKnown::duration: {
-        std::optional<detail::SecondsAndNanos> time;
-        if (json.is_string()) {
-          const auto& text = json.get_ref<const std::string&>();
-          time = kind == WellKnown::timestamp ? detail::parseTimestamp(text)
-                                              : detail::parseDuration(text);
-        }
-        if (!time) {
-          expected(path, kind == WellKnown::timestamp
-                             ? "an RFC 3339 timestamp of years 1 to 9999"
-                             : "a duration such as \"-1.5s\" within 315576000000 seconds");
-        }
-        std::map<int64_t, FieldValues> values;
-        if (time->seconds != 0) values[1] = {detail::AnyValueImpl::int64(time->seconds)};
-        if (time->nanos != 0) values[2] = {detail::AnyValueImpl::int32(time->nanos)};
-        return build(schema, std::move(values));
+  // The values of `field` that `value` gives: one, or for a repeated field its elements, or for a
+  // map field its entries.
+  void fieldValues(FieldEntry& field, ondemand::value& value, JsonType type, const Path& path,
+                   int depth) {
+    if (!field.repeated) return single(field, value, type, path, depth);
+    if (isMap(field)) {
+      if (type != JsonType::object) expected(path, "an object");
+      ondemand::object object = take(value.get_object());
+      KeySet keys;
+      // Keys with escapes, decoded; a deque so that the views in `keys` stay valid.
+      std::deque<std::string> decoded;
+      for (auto member : object) {
+        ondemand::field entry = take(std::move(member));
+        std::string_view key = detail::memberName(entry, scratch_);
+        if (key.data() == scratch_.data()) key = decoded.emplace_back(key);
+        if (!keys.insert(key)) throw JsonTextFault{};
+        mapEntry(field, key, entry.value(), path.key(key), depth);
       }
-      case WellKnown::wrapper:
-        return build(schema, {{1, {value(field(1).type(), json, path, depth, buffers)}}});
-      case WellKnown::fieldMask: {
-        if (!json.is_string()) expected(path, "a string of paths");
-        FieldValues paths;
-        const std::string_view text = json.get_ref<const std::string&>();
-        for (size_t start = 0; !text.empty() && start <= text.size();) {
-          const size_t comma = std::min(text.find(',', start), text.size());
-          const std::optional<std::string> path_ =
-              detail::fieldMaskPathFromJson(text.substr(start, comma - start));
-          if (!path_) expected(path, "paths in lowerCamelCase");
-          paths.push_back(detail::AnyValueImpl::string(*path_));
-          start = comma + 1;
-        }
-        return build(schema, {{1, std::move(paths)}});
-      }
-      case WellKnown::structType:
-        if (!json.is_object()) expected(path, "an object");
-        return build(schema, {{1, fieldValues(field(1), json, path, depth, buffers)}});
-      case WellKnown::listValue:
-        if (!json.is_array()) expected(path, "an array");
-        return build(schema, {{1, fieldValues(field(1), json, path, depth, buffers)}});
-      case WellKnown::value: {
-        int64_t number = 0;
-        if (json.is_null()) {
-          number = 1;
-        } else if (json.is_number()) {
-          number = 2;
-        } else if (json.is_string()) {
-          number = 3;
-        } else if (json.is_boolean()) {
-          number = 4;
-        } else if (json.is_object()) {
-          number = 5;
-        } else {
-          number = 6;
-        }
-        const TypeSchemaDescription& type = field(number).type();
-        return build(schema, {{number,
-                               {number == 1 ? detail::AnyValueImpl::int32(0)
-                                            : value(type, json, path, depth, buffers)}}});
-      }
-      case WellKnown::any: {
-        if (!json.is_object()) expected(path, "an object");
-        if (json.empty()) return build(schema, {});
-        const auto typeMember = json.find("@type");
-        if (typeMember == json.end() || !typeMember->is_string()) {
-          expected(path, "an object with a member \"@type\"");
-        }
-        const std::string& typeUrl = typeMember->get_ref<const std::string&>();
-        const std::shared_ptr<MessageSchemaDescribing> packed = detail::anyType(schema, typeUrl);
-        if (depth >= kMaxMessageDepth) {
-          throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-        }
-        const WellKnown packedKind = detail::wellKnownKind(*packed);
-        const auto encodeContent = [&]() -> SchematizedData {
-          if (packedKind == WellKnown::none) return message(*packed, json, path, depth + 1, true);
-          for (const auto& [name, member] : json.items()) {
-            if (name != "@type" && name != "value") {
-              expected(path.member(name), "no member beside \"@type\" and \"value\"");
-            }
-          }
-          const auto valueMember = json.find("value");
-          // "@type" alone is the empty message.
-          if (valueMember == json.end()) return build(*packed, {});
-          return wellKnown(*packed, packedKind, *valueMember, path.member("value"), depth + 1);
-        };
-        const SchematizedData content = encodeContent();
-        const Bytes& bytes = buffers.bytes.emplace_back(toBytes(content.bytes()));
-        return build(schema, {{1, {detail::AnyValueImpl::string(typeUrl)}},
-                              {2, {detail::AnyValueImpl::bytes(bytes)}}});
-      }
-      case WellKnown::none:
-        break;
+      return;
     }
-    return message(schema, json, path, depth);
+    if (type != JsonType::array) expected(path, "an array");
+    ondemand::array array = take(value.get_array());
+    size_t index = 0;
+    for (auto element : array) {
+      ondemand::value elementValue = take(std::move(element));
+      single(field, elementValue, take(elementValue.type()), path.element(index++), depth);
+    }
   }
 
-  detail::AnyValueImpl value(const TypeSchemaDescription& type, const Json& json, const Path& path,
-                             int depth, Buffers& buffers) {
-    switch (type.kind()) {
-      case Case::float_:
-        return detail::AnyValueImpl::float_(floatNumber(json, path));
-      case Case::double_:
-        return detail::AnyValueImpl::double_(realNumber(json, path, "double"));
-      case Case::bool_:
-        if (!json.is_boolean()) expected(path, "a boolean");
-        return detail::AnyValueImpl::bool_(json.get<bool>());
+  // One entry of a map field, key and value both written.
+  void mapEntry(FieldEntry& field, std::string_view keyText, ondemand::value& value,
+                const Path& path, int depth) {
+    const size_t mark = out_.beginNested(field.key);
+    mapKey(resolve(*field.mapKey), keyText, path);
+    FieldEntry& valueField = resolve(*field.mapValue);
+    single(valueField, value, take(value.type()), path, depth);
+    out_.endNested(mark);
+  }
+
+  void mapKey(FieldEntry& key, std::string_view text, const Path& path) {
+    switch (key.kind) {
       case Case::string:
-        if (!json.is_string()) expected(path, "a string");
-        return detail::AnyValueImpl::string(json.get<std::string>());
+        return out_.lengthDelimited(key.key, text);
+      case Case::bool_:
+        if (text != "true" && text != "false") expected(path, "a key of type bool");
+        out_.varint(key.key);
+        return out_.varint(text == "true" ? 1 : 0);
+      default: {
+        bool outOfRange = false;
+        const std::string_view typeName = caseName(key.kind);
+        const auto check = [&](const auto& parsed) {
+          if (!parsed) {
+            expected(path, (outOfRange ? "an integer in the range of " : "an integer of type ") +
+                               std::string(typeName));
+          }
+          return *parsed;
+        };
+        switch (key.kind) {
+          case Case::int64:
+          case Case::sint64:
+          case Case::sfixed64:
+            return writeInteger(key, check(parseInteger<int64_t>(text, outOfRange)));
+          case Case::uint64:
+          case Case::fixed64:
+            return writeInteger(key, check(parseInteger<uint64_t>(text, outOfRange)));
+          case Case::uint32:
+          case Case::fixed32:
+            return writeInteger(key, check(parseInteger<uint32_t>(text, outOfRange)));
+          default:
+            return writeInteger(key, check(parseInteger<int32_t>(text, outOfRange)));
+        }
+      }
+    }
+  }
+
+  // Writes `value`, an integer of the width and signedness `field`'s type takes, in that type's
+  // encoding.
+  template <typename T>
+  void writeInteger(const FieldEntry& field, T value) {
+    out_.varint(field.key);
+    switch (field.kind) {
+      case Case::sint32:
+        return out_.varint(detail::WireBuffer::zigZag32(static_cast<int32_t>(value)));
+      case Case::sint64:
+        return out_.varint(detail::WireBuffer::zigZag64(static_cast<int64_t>(value)));
+      case Case::fixed32:
+      case Case::sfixed32:
+        return out_.fixed32(static_cast<uint32_t>(value));
+      case Case::fixed64:
+      case Case::sfixed64:
+        return out_.fixed64(static_cast<uint64_t>(value));
+      default:
+        // int32 and enum values are sign-extended to ten bytes when negative, as protobuf's are.
+        return out_.varint(static_cast<uint64_t>(static_cast<int64_t>(value)));
+    }
+  }
+
+  // One value of `field`, key and value.
+  void single(FieldEntry& field, ondemand::value& value, JsonType type, const Path& path,
+              int depth) {
+    switch (field.kind) {
+      case Case::float_: {
+        const float number = floatNumber(value, type, path);
+        out_.varint(field.key);
+        return out_.fixed32(std::bit_cast<uint32_t>(number));
+      }
+      case Case::double_: {
+        const double number = realNumber(value, type, path, "double");
+        out_.varint(field.key);
+        return out_.fixed64(std::bit_cast<uint64_t>(number));
+      }
+      case Case::bool_: {
+        if (type != JsonType::boolean) expected(path, "a boolean");
+        const bool flag = take(value.get_bool());
+        out_.varint(field.key);
+        return out_.varint(flag ? 1 : 0);
+      }
+      case Case::string:
+        if (type != JsonType::string) expected(path, "a string");
+        return out_.lengthDelimited(field.key, take(value.get_string()));
       case Case::bytes: {
         std::optional<Bytes> decoded;
-        if (json.is_string()) decoded = base64Decode(json.get_ref<const std::string&>());
+        if (type == JsonType::string) decoded = base64Decode(take(value.get_string()));
         if (!decoded) expected(path, "a base64 string");
-        return detail::AnyValueImpl::bytes(buffers.bytes.emplace_back(std::move(*decoded)));
+        return out_.lengthDelimited(field.key, asText(*decoded));
       }
       case Case::enum_:
-        if (json.is_null() && detail::isNullValue(type)) return detail::AnyValueImpl::int32(0);
-        // Written as an int32 value, which an enum field takes as it is: negative numbers too.
-        if (json.is_string()) {
-          const auto& text = json.get_ref<const std::string&>();
-          bool outOfRange = false;
-          if (const auto number = parseInteger<int32_t>(text, outOfRange)) {
-            return detail::AnyValueImpl::int32(*number);
-          }
-          if (outOfRange) expected(path, "an integer in the range of int32");
-          const int64_t number = type.enumSchema()->valueNamed(text);
-          if (!std::in_range<int32_t>(number)) expected(path, "an integer in the range of int32");
-          return detail::AnyValueImpl::int32(static_cast<int32_t>(number));
-        }
-        if (!json.is_number()) expected(path, "an enum name or number");
-        return detail::AnyValueImpl::int32(integer<int32_t>(json, path, "int32"));
+        return writeInteger(field, enumNumber(field, value, type, path));
       case Case::message: {
         if (depth >= kMaxMessageDepth) {
           throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
         }
-        const MessageSchemaDescribing& schema = *type.messageSchema();
-        const WellKnown kind = detail::wellKnownKind(schema);
-        const SchematizedData& nested = buffers.messages.emplace_back(
-            kind == WellKnown::none ? message(schema, json, path, depth + 1)
-                                    : wellKnown(schema, kind, json, path, depth + 1));
-        return detail::AnyValueImpl::message(nested.unsafe());
+        MessageEntry& nested = *field.message;
+        const size_t mark = out_.beginNested(field.key);
+        if (nested.kind == WellKnown::none) {
+          message(nested, value, type, path, depth + 1);
+        } else {
+          wellKnown(nested, value, type, path, depth + 1);
+        }
+        return out_.endNested(mark);
       }
-      default:
-        return integerValue(detail::fieldTypeRow(type.kind()).valueCase, json, path,
-                            caseName(type.kind()));
+      case Case::int32:
+      case Case::sint32:
+      case Case::sfixed32:
+        return writeInteger(field, integer<int32_t>(value, type, path, caseName(field.kind)));
+      case Case::uint32:
+      case Case::fixed32:
+        return writeInteger(field, integer<uint32_t>(value, type, path, caseName(field.kind)));
+      case Case::int64:
+      case Case::sint64:
+      case Case::sfixed64:
+        return writeInteger(field, integer<int64_t>(value, type, path, caseName(field.kind)));
+      case Case::uint64:
+      case Case::fixed64:
+        return writeInteger(field, integer<uint64_t>(value, type, path, caseName(field.kind)));
     }
-    throw SchematizerError::internalError("JSON encoding of " + type.describe());
+    throw SchematizerError::internalError("JSON encoding of " + field.type->describe());
   }
 
-  // One entry of a map field, key and value both written.
-  detail::AnyValueImpl mapEntry(const MessageSchemaDescribing& entrySchema,
-                                const detail::MapEntryFields& fields, const std::string& keyText,
-                                const Json& json, const Path& path, int depth, Buffers& buffers) {
-    const detail::AnyValueImpl key = mapKey(fields.key->type(), keyText, path);
-    const detail::AnyValueImpl value =
-        this->value(fields.value->type(), json, path, depth, buffers);
-    const FieldSchemaDescribing* const keyField = fields.key;
-    const FieldSchemaDescribing* const valueField = fields.value;
-    const SchematizedData& entry = buffers.messages.emplace_back(
-        entrySchema.buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
-          if (field.get() == keyField) return FieldValues{key};
-          if (field.get() == valueField) return FieldValues{value};
-          return FieldValues{};
-        }));
-    return detail::AnyValueImpl::message(entry.unsafe());
+  // An enum value: its name, its number, or its number as a decimal string; null for NullValue.
+  // Taken as an int32, which an enum field takes as it is: negative numbers too.
+  int32_t enumNumber(const FieldEntry& field, ondemand::value& value, JsonType type,
+                     const Path& path) {
+    if (type == JsonType::null && field.nullIsValue) {
+      readNull(value);
+      return 0;
+    }
+    if (type == JsonType::string) {
+      const std::string_view text = take(value.get_string());
+      bool outOfRange = false;
+      if (const auto number = parseInteger<int32_t>(text, outOfRange)) return *number;
+      if (outOfRange) expected(path, "an integer in the range of int32");
+      const int64_t number = field.type->enumSchema()->valueNamed(text);
+      if (!std::in_range<int32_t>(number)) expected(path, "an integer in the range of int32");
+      return static_cast<int32_t>(number);
+    }
+    if (type != JsonType::number) expected(path, "an enum name or number");
+    return integer<int32_t>(value, type, path, "int32");
   }
 
-  // Each message schema's fields by declared and JSON name, built on first use.
-  std::unordered_map<
-      const MessageSchemaDescribing*,
-      std::map<std::string, const std::shared_ptr<FieldSchemaDescribing>*, std::less<>>>
-      names_;
+  // The field of a well-known type's message with the given number; the schema's error when it
+  // has none.
+  static FieldEntry& wellKnownField(MessageEntry& entry, int64_t number) {
+    return entry.entryFor(*entry.schema->fieldWithNumber(number));
+  }
 
-  detail::AnyValueImpl mapKey(const TypeSchemaDescription& type, const std::string& text,
-                              const Path& path) {
-    switch (type.kind()) {
-      case Case::string:
-        return detail::AnyValueImpl::string(text);
-      case Case::bool_:
-        if (text == "true") return detail::AnyValueImpl::bool_(true);
-        if (text == "false") return detail::AnyValueImpl::bool_(false);
-        expected(path, "a key of type bool");
-      default: {
-        // The member name as a JSON string, so that integer() reads it as a decimal string.
-        Buffers unused;
-        return value(type, Json(text), path, 0, unused);
+  // The field with the given number, or null when the schema has none: the fields of a
+  // Timestamp, Duration, FieldMask or Any that a schema leaves out are not written.
+  static const FieldSchemaDescribing* optionalField(const MessageEntry& entry, int64_t number) {
+    const auto& fields = entry.schema->fieldsByNumber();
+    const auto it = fields.find(number);
+    return it == fields.end() ? nullptr : it->second.get();
+  }
+
+  void writeValue(const MessageEntry& entry, int64_t number, const detail::AnyValueImpl& value) {
+    if (const FieldSchemaDescribing* field = optionalField(entry, number)) {
+      writeFieldValue(value, *field, out_);
+    }
+  }
+
+  // The content of a well-known type's message from its JSON form.
+  void wellKnown(MessageEntry& entry, ondemand::value& value, JsonType type, const Path& path,
+                 int depth) {
+    switch (entry.kind) {
+      case WellKnown::timestamp:
+      case WellKnown::duration: {
+        std::optional<detail::SecondsAndNanos> time;
+        if (type == JsonType::string) {
+          const std::string_view text = take(value.get_string());
+          time = entry.kind == WellKnown::timestamp ? detail::parseTimestamp(text)
+                                                    : detail::parseDuration(text);
+        }
+        if (!time) {
+          expected(path, entry.kind == WellKnown::timestamp
+                             ? "an RFC 3339 timestamp of years 1 to 9999"
+                             : "a duration such as \"-1.5s\" within 315576000000 seconds");
+        }
+        if (time->seconds != 0) writeValue(entry, 1, detail::AnyValueImpl::int64(time->seconds));
+        if (time->nanos != 0) writeValue(entry, 2, detail::AnyValueImpl::int32(time->nanos));
+        return;
+      }
+      case WellKnown::wrapper:
+        return single(resolve(wellKnownField(entry, 1)), value, type, path, depth);
+      case WellKnown::fieldMask: {
+        if (type != JsonType::string) expected(path, "a string of paths");
+        const std::string_view text = take(value.get_string());
+        for (size_t start = 0; !text.empty() && start <= text.size();) {
+          const size_t comma = std::min(text.find(',', start), text.size());
+          std::optional<std::string> maskPath =
+              detail::fieldMaskPathFromJson(text.substr(start, comma - start));
+          if (!maskPath) expected(path, "paths in lowerCamelCase");
+          writeValue(entry, 1, detail::AnyValueImpl::string(std::move(*maskPath)));
+          start = comma + 1;
+        }
+        return;
+      }
+      case WellKnown::structType:
+        if (type != JsonType::object) expected(path, "an object");
+        return fieldValues(resolve(wellKnownField(entry, 1)), value, type, path, depth);
+      case WellKnown::listValue:
+        if (type != JsonType::array) expected(path, "an array");
+        return fieldValues(resolve(wellKnownField(entry, 1)), value, type, path, depth);
+      case WellKnown::value: {
+        int64_t number = 6;
+        switch (type) {
+          case JsonType::null:
+            number = 1;
+            break;
+          case JsonType::number:
+            number = 2;
+            break;
+          case JsonType::string:
+            number = 3;
+            break;
+          case JsonType::boolean:
+            number = 4;
+            break;
+          case JsonType::object:
+            number = 5;
+            break;
+          case JsonType::array:
+            break;
+        }
+        FieldEntry& field = resolve(wellKnownField(entry, number));
+        if (number != 1) return single(field, value, type, path, depth);
+        readNull(value);
+        return writeFieldValue(detail::AnyValueImpl::int32(0), *field.schema, out_);
+      }
+      case WellKnown::any:
+        return any(entry, value, type, path, depth);
+      case WellKnown::none:
+        break;
+    }
+    message(entry, value, type, path, depth);
+  }
+
+  // An Any: "@type" with the type URL, and the packed message's fields (or "value" for a packed
+  // well-known type with a JSON form of its own) beside it, "@type" anywhere among them. The
+  // object is read twice: once for "@type", which decides how to read the rest, then for the
+  // rest. The first pass steps over the other values without reading them.
+  void any(MessageEntry& entry, ondemand::value& value, JsonType type, const Path& path,
+           int depth) {
+    if (type != JsonType::object) expected(path, "an object");
+    ondemand::object object = take(value.get_object());
+    bool empty = true;
+    int typeMembers = 0;
+    int valueMembers = 0;
+    std::optional<std::string> typeUrl;
+    // The first member beside "@type" and "value", for a packed well-known type.
+    std::optional<std::string> stray;
+    for (auto member : object) {
+      ondemand::field field = take(std::move(member));
+      empty = false;
+      const std::string_view name = detail::memberName(field, scratch_);
+      if (name == "@type") {
+        if (++typeMembers == 1 && take(field.value().type()) == JsonType::string) {
+          typeUrl.emplace(take(field.value().get_string()));
+        }
+      } else if (name == "value") {
+        ++valueMembers;
+      } else if (!stray) {
+        stray.emplace(name);
       }
     }
+    // A member given twice is the text's fault, which the caller reports.
+    if (typeMembers > 1 || valueMembers > 1) throw JsonTextFault{};
+    if (empty) return;
+    if (!typeUrl) expected(path, "an object with a member \"@type\"");
+    const std::shared_ptr<MessageSchemaDescribing> packed =
+        detail::anyType(*entry.schema, *typeUrl);
+    if (depth >= kMaxMessageDepth) {
+      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+    }
+    MessageEntry& content = messageEntry(*packed, packed);
+    writeValue(entry, 1, detail::AnyValueImpl::string(*typeUrl));
+    // The content is written in place as field 2, or (for a schema without that field) read and
+    // then dropped.
+    const FieldSchemaDescribing* const valueField = optionalField(entry, 2);
+    const size_t start = out_.size();
+    const size_t mark = valueField ? out_.beginNested(detail::fieldKey(valueField->fieldNumber(),
+                                                                       WireType::lengthDelimited))
+                                   : 0;
+    take(object.reset());
+    if (content.kind == WellKnown::none) {
+      members(content, object, path, depth + 1, true);
+    } else {
+      if (stray) expected(path.member(*stray), "no member beside \"@type\" and \"value\"");
+      // "@type" alone is the empty message.
+      for (auto member : object) {
+        ondemand::field field = take(std::move(member));
+        if (detail::memberName(field, scratch_) != "value") continue;
+        ondemand::value& packedValue = field.value();
+        wellKnown(content, packedValue, take(packedValue.type()), path.member("value"), depth + 1);
+      }
+    }
+    if (valueField) {
+      out_.endNested(mark);
+    } else {
+      out_.truncate(start);
+    }
   }
+
+  detail::WireBuffer& out_;
+  std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessageEntry>> messages_;
+  // Member names with escapes, decoded; valid until the next member name is read.
+  std::string scratch_;
 };
-
-// Where a refused parse stopped, in the form of Path::text: the members of the open objects and
-// the positions in the open arrays; the innermost object's member only when `withLastKey`.
-std::string refusalPath(const std::vector<detail::JsonFrame>& frames, bool withLastKey) {
-  std::string out = "$";
-  for (size_t i = 0; i < frames.size(); ++i) {
-    if (!frames[i].isObject) {
-      out += '[' + std::to_string(frames[i].position) + ']';
-    } else if (i + 1 < frames.size() || withLastKey) {
-      out += '.';
-      out += frames[i].key;
-    }
-  }
-  return out;
-}
 
 }  // namespace
 
 SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json) {
-  Json document;
-  std::optional<detail::JsonRefusal> refusal;
+  detail::JsonInput input(json, kMaxDocumentDepth);
+  // Wire bytes take less room than their JSON text.
+  detail::WireBuffer out(json.size() / 2);
   try {
-    refusal = detail::parseJsonDocument(json, kMaxDocumentDepth, document);
-  } catch (const Json::exception& error) {
-    throw SchematizerError::unexpectedType(std::string("invalid JSON: ") + error.what());
+    ondemand::value root = input.root();
+    Encoder(out).document(schema, root);
+    input.finish();
+  } catch (const JsonTextFault& fault) {
+    input.check();
+    // The walk found no fault where the encoder did: a fault of the encoder itself.
+    throw SchematizerError::internalError(std::string("JSON encoding: ") +
+                                          simdjson::error_message(fault.code));
+  } catch (...) {
+    // The text's own faults come first, wherever they stand, as they would for a parser that
+    // reads all of the text before anything is encoded.
+    input.check();
+    throw;
   }
-  if (refusal) {
-    if (refusal->kind == detail::JsonRefusal::Kind::repeatedMember) {
-      // Which of two values was meant cannot be told; taking either would lose data silently.
-      throw SchematizerError::unexpectedType(refusalPath(refusal->frames, false) +
-                                             ": duplicate key " +
-                                             detail::jsonString(refusal->frames.back().key));
-    }
-    throw SchematizerError::unexpectedType(refusalPath(refusal->frames, true) +
-                                           ": nesting deeper than " +
-                                           std::to_string(kMaxDocumentDepth) + " levels");
-  }
-  return Encoder().document(schema, document);
+  return schema.schematizedData(out.data());
 }
 
 SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json) {

@@ -130,13 +130,19 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 //   number; a message as an object; a repeated field as an array; a map field (a repeated field
 //   of a map entry message) as an object whose member names are the keys: integers in decimal,
 //   bool "true" or "false".
-// - Fields are written through MessageSchemaDescribing::buildData, so in ascending order of field
-//   name, repeated elements one by one (not packed), map entries with both key and value.
+// - Fields are written as their members are read, in the order of the text (an Any's type URL
+//   before its content, a Timestamp's or Duration's seconds before its nanos), repeated elements
+//   one by one (not packed), map entries with both key and value. Readers take fields in any
+//   order, and renderJSON writes them by field number whatever order they come in.
 // - Messages nest at most 100 deep, the outermost counting as the first.
 //
-// Errors, thrown before anything is written:
-// - text that is not JSON: SchematizerError::unexpectedType("invalid JSON: " and the parser's
+// Errors, thrown instead of a result (nothing is returned in part):
+// - text that is not JSON: SchematizerError::unexpectedType("invalid JSON: " and simdjson's
 //   message);
+// - a member given twice in one object: SchematizerError::unexpectedType("<path>: duplicate key
+//   \"name\""), the path naming the object; text nested deeper than 201 levels (which no message
+//   of 100 levels needs): SchematizerError::unexpectedType("<path>: nesting deeper than 201
+//   levels");
 // - a value of the wrong kind or out of range: SchematizerError::unexpectedType("<path>: expected
 //   ..."), where the path starts at "$" and goes on with ".name" for members, "[3]" for elements
 //   and "[\"key\"]" for map keys, for example "$.mids[1].leaf.id: expected an integer of type
@@ -145,6 +151,10 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 // - an enum name the enum does not have: the enum schema's SchematizerError::enumValueNotFound;
 // - nesting deeper than 100 messages: SchematizerError::protocolBufferError("Nesting deeper than
 //   100 messages").
+// The faults of the text itself (the first two items) are reported before any other wherever
+// they stand, the first of them in text order; an unclosed string, bytes that are not UTF-8 and
+// an unescaped control character in a string, which a first pass over all of the text finds,
+// come first of all.
 
 // The message that `json` describes, encoded, paired with `schema`.
 SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json);
