@@ -81,12 +81,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       finding("P_GET fails with " + std::string(sqlite3_errmsg(db)) + ", the read with " + *error);
     }
   } else {
-    if (status != SQLITE_ROW) finding("P_GET fails where the read answers: " + std::string(sqlite3_errmsg(db)));
+    if (status != SQLITE_ROW)
+      finding("P_GET fails where the read answers: " + std::string(sqlite3_errmsg(db)));
     const bool isNull = sqlite3_column_type(get.stmt, 0) == SQLITE_NULL;
     const bool has = sqlite3_column_int(get.stmt, 1) == 1;
     if (has != value.has_value()) finding("P_HAS disagrees with the read");
-    const bool nan = value && ((value->kind() == AnyValue::Case::double_ && std::isnan(value->doubleValue())) ||
-                               (value->kind() == AnyValue::Case::float_ && std::isnan(value->floatValue())));
+    const bool nan =
+        value && ((value->kind() == AnyValue::Case::double_ && std::isnan(value->doubleValue())) ||
+                  (value->kind() == AnyValue::Case::float_ && std::isnan(value->floatValue())));
     if (!value && !isNull) finding("P_GET is not NULL for an absent value");
     if (value && isNull && !nan) finding("P_GET is NULL for a present value");
   }

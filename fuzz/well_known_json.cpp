@@ -2,9 +2,9 @@
 // single, repeated, in maps, oneofs and Any). The first byte picks the direction: even, the rest
 // is an encoded Holder to render; odd, the rest is JSON text to encode.
 //
-// Invariants: a rendering is JSON; one without errors in it encodes to a message that renders the
-// same; text that encodes renders without errors, and that rendering encodes and renders the same
-// again.
+// Invariants: a rendering is JSON; one without errors in it encodes back, and after that first
+// round renders and encodes to itself; text that encodes renders without errors, and that
+// rendering encodes and renders the same again.
 
 #include <cstddef>
 #include <cstdint>
@@ -27,15 +27,24 @@ MessageSchema holder() {
   return store.messageSchema("ostrel.test.wkt.Holder");
 }
 
-// `rendered`, made without faults, must encode back to a message that renders as `rendered`.
-void expectRoundTrip(const MessageSchema& schema, const std::string& rendered) {
-  std::string again;
+std::string encodeAndRender(const MessageSchema& schema, const std::string& rendered) {
   try {
-    again = toJSON(encodeJSON(schema, rendered));
+    return toJSON(encodeJSON(schema, rendered));
   } catch (const Error& e) {
     finding(std::string("a rendering does not encode back: ") + e.what() + "\n" + rendered);
   }
-  if (again != rendered) finding("encoded and rendered again, it differs:\n" + rendered + "\n" + again);
+}
+
+// `rendered`, made without faults, must encode back, and from there on the round trip must be
+// stable. The first round may change the text: bytes that are not the canonical encoding (an Any
+// holding a Duration whose zero seconds are written out) render differently from what encoding
+// their rendering gives, as they do in libprotobuf.
+void expectRoundTrip(const MessageSchema& schema, const std::string& rendered) {
+  const std::string again = encodeAndRender(schema, rendered);
+  if (again == rendered) return;
+  if (again.find(kFault) != std::string::npos) finding("a round trip makes a fault:\n" + again);
+  const std::string third = encodeAndRender(schema, again);
+  if (third != again) finding("a second round trip differs:\n" + again + "\n" + third);
 }
 
 }  // namespace
