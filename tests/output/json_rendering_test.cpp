@@ -231,6 +231,35 @@ std::vector<RenderRow> renderRows() {
            .bytesField(19, "y")
            .bytes(),
        R"({"ri":[1,2,3,4],"rs":["x","y"]})"},
+      {"the runs of a repeated field, unknown fields between its occurrences",
+       Wire()
+           .varintField(18, 1)
+           .varintField(99, 5)
+           .varintField(18, 2)
+           .bytesField(98, "zz")
+           .bytesField(18, "\x03")
+           .bytesField(19, "x")
+           .varintField(18, 4)
+           .bytes(),
+       R"({"ri":[1,2,3,4],"rs":["x"]})"},
+      {"a map of many entries keeps the last of each key where it stands",
+       [] {
+         Wire wire;
+         for (int i = 0; i < 40; ++i) {
+           wire.messageField(21,
+                             Wire().bytesField(1, "k" + std::to_string(i % 20)).varintField(2, i));
+           if (i % 7 == 0) wire.varintField(99, 1);
+         }
+         return wire.bytes();
+       }(),
+       [] {
+         std::string text = R"({"sm":{)";
+         for (int i = 20; i < 40; ++i) {
+           text += (i > 20 ? ",\"k" : "\"k") + std::to_string(i % 20) + "\":\"" +
+                   std::to_string(i) + "\"";
+         }
+         return text + "}}";
+       }()},
       {"a repeated field of empty packed runs is absent",
        Wire().bytesField(18, "").varintField(13, 0).bytes(), R"({"b":false})"},
       {"unknown fields are skipped",
