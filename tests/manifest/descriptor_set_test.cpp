@@ -350,6 +350,30 @@ TEST(DescriptorSetImport, MessagesAndEnumsKeepTheirOptionsAndOneofs) {
             optionsBytes(statusDescriptor.value(1).options()));
 }
 
+// The built-in descriptor schemas are descriptor.proto's cut down to what an import reads: each
+// field they keep is the field descriptor.proto declares, each enum has its values.
+TEST(DescriptorSetImport, BuiltinDescriptorSchemasAreDescriptorProtos) {
+  const SchemaManifest declared = importBytes(readGenerated("descriptor.desc"));
+  const SchemaManifest& builtin = builtinDescriptorManifest();
+  EXPECT_GE(builtin.messages.size(), 8u);
+  for (const auto& [name, message] : builtin.messages) {
+    SCOPED_TRACE(name);
+    ASSERT_TRUE(declared.messages.contains(name));
+    for (const auto& [fieldName, field] : message.fields) {
+      SCOPED_TRACE(fieldName);
+      ASSERT_TRUE(declared.messages.at(name).fields.contains(fieldName));
+      FieldManifest expected = declared.messages.at(name).fields.at(fieldName);
+      expected.options.reset();
+      EXPECT_EQ(field, expected);
+    }
+  }
+  for (const auto& [name, enumManifest] : builtin.enums) {
+    SCOPED_TRACE(name);
+    ASSERT_TRUE(declared.enums.contains(name));
+    EXPECT_EQ(enumManifest.values, declared.enums.at(name).values);
+  }
+}
+
 TEST(DescriptorSetImport, EmptyBufferIsAnEmptyManifest) {
   EXPECT_EQ(importBytes({}), SchemaManifest{});
   EXPECT_EQ(schemaManifestFromDescriptorSet(pb::FileDescriptorSet{}), SchemaManifest{});
