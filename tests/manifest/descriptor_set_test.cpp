@@ -566,6 +566,36 @@ TEST(DescriptorSetImport, HandBuiltSetsImportAlike) {
   }
 }
 
+// A field's json_name is kept only where it is declared and differs from the lowerCamelCase of its
+// name; the other length-delimited members of the field descriptor never pass for it.
+TEST(DescriptorSetImport, JsonNameIsKeptWhereItDiffersFromTheDefault) {
+  struct Row {
+    const char* name;
+    const char* declared;  // null: no json_name
+    std::optional<std::string> expected;
+  };
+  const Row rows[] = {
+      {"not declared", nullptr, std::nullopt},
+      {"declared as the default", "myField", std::nullopt},
+      {"declared otherwise", "custom", "custom"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    pb::FileDescriptorSet set = baseSet();
+    pb::FieldDescriptorProto* field = messageM(set).add_field();
+    field->set_name("my_field");
+    field->set_number(2);
+    field->set_type(pb::FieldDescriptorProto::TYPE_MESSAGE);
+    field->set_type_name(".t.M");
+    field->mutable_options()->set_deprecated(true);
+    if (row.declared) field->set_json_name(row.declared);
+    for (const SchemaManifest& manifest :
+         {importBytes(serialize(set)), schemaManifestFromDescriptorSet(set)}) {
+      EXPECT_EQ(manifest.messages.at("t.M").fields.at("my_field").jsonName, row.expected);
+    }
+  }
+}
+
 TEST(DescriptorSetImport, RejectedDescriptorsFailInBothImporters) {
   using DSC = SchemaManifestDSCError;
   using JSON = SchemaManifestJSONError;
