@@ -4,7 +4,6 @@
 #include <limits>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -183,55 +182,23 @@ TEST(SchemaManifestFromJSON, ReadsTheExampleFieldByField) {
 
 TEST(SchemaManifestToJSON, WritesTheExampleWithSortedMembers) {
   const SchemaManifest manifest = schemaManifestFromJSON(kExample);
+  const std::string compact = schemaManifestToJSON(manifest);
   EXPECT_EQ(
-      schemaManifestToJSON(manifest),
+      compact,
       R"json({"enums":{"shop.State":{"valueOptions":{"1":"CAE="},"values":{"OPEN":0,"PAID":1}}},)json"
       R"json("messages":{"shop.Order":{"fields":{"id":{"fieldNumber":1,"type":"uint64"},)json"
       R"json("items":{"fieldNumber":2,"isRepeated":true,"type":"schema","typeName":"shop.Item"},)json"
       R"json("state":{"fieldNumber":3,"oneofIndex":0,"options":"GAE=","type":"enum",)json"
       R"json("typeName":"shop.State"}},"oneofs":[{"name":"status"}],"options":"GAE="}}})json");
-  EXPECT_EQ(schemaManifestToJSON(manifest, true), R"json({
-  "enums": {
-    "shop.State": {
-      "valueOptions": {
-        "1": "CAE="
-      },
-      "values": {
-        "OPEN": 0,
-        "PAID": 1
-      }
-    }
-  },
-  "messages": {
-    "shop.Order": {
-      "fields": {
-        "id": {
-          "fieldNumber": 1,
-          "type": "uint64"
-        },
-        "items": {
-          "fieldNumber": 2,
-          "isRepeated": true,
-          "type": "schema",
-          "typeName": "shop.Item"
-        },
-        "state": {
-          "fieldNumber": 3,
-          "oneofIndex": 0,
-          "options": "GAE=",
-          "type": "enum",
-          "typeName": "shop.State"
-        }
-      },
-      "oneofs": [
-        {
-          "name": "status"
-        }
-      ],
-      "options": "GAE="
-    }
-  }
-})json");
+  // The indented form is the same text spread over lines, two spaces a level (the example's names
+  // hold no spaces, so dropping the layout gives the compact form back).
+  std::string pretty = schemaManifestToJSON(manifest, true);
+  EXPECT_TRUE(
+      pretty.starts_with("{\n  \"enums\": {\n    \"shop.State\": {\n      \"valueOptions\""))
+      << pretty;
+  std::erase(pretty, '\n');
+  std::erase(pretty, ' ');
+  EXPECT_EQ(pretty, compact);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -455,126 +422,26 @@ TEST(SchemaManifestJSON, HandMadeManifestsRoundTrip) {
     m.enums[""].values[""] = 0;
     rows.push_back({"empty names", m});
   }
+  {
+    SchemaManifest m;
+    for (const std::string& name :
+         std::vector<std::string>{"quote\"d", "\\", "\t", std::string("nul\0in", 6), "[0]",
+                                  "\xc3\xbc\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
+      m.messages[name].fields[name] = field(TypeManifest::message, 1);
+      m.messages[name].fields[name].typeName = name;
+      m.enums[name].values[name] = -1;
+    }
+    rows.push_back({"names JSON must escape, and every UTF-8 width", m});
+  }
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     for (const bool pretty : {false, true}) {
       SCOPED_TRACE(pretty ? "pretty" : "compact");
       const std::string json = schemaManifestToJSON(row.manifest, pretty);
-      expectSameManifest(schemaManifestFromJSON(json), row.manifest);
+      const SchemaManifest read = schemaManifestFromJSON(json);
+      expectSameManifest(read, row.manifest);
+      EXPECT_EQ(schemaManifestToJSON(read, pretty), json);
     }
-  }
-}
-
-// Builds arbitrary manifests that keep the oneofIndex invariant, from awkward names and numbers.
-class RandomManifests {
- public:
-  explicit RandomManifests(uint32_t seed) : random_(seed) {}
-
-  SchemaManifest next() {
-    SchemaManifest manifest;
-    for (int i = pick(6); i > 0; --i) manifest.messages[name()] = message();
-    for (int i = pick(4); i > 0; --i) manifest.enums[name()] = enumManifest();
-    return manifest;
-  }
-
- private:
-  int pick(int bound) { return std::uniform_int_distribution<int>(0, bound - 1)(random_); }
-
-  std::string name() {
-    static const std::string kAwkward[] = {
-        "",
-        "a",
-        "shop.Order",
-        "with space",
-        "quote\"d",
-        "\\",
-        "\xc3\xbc\xc3\xb1\xc3\xaf",
-        "\xf0\x9f\x98\x80",
-        std::string("nul\0in", 6),
-        "\t",
-        "x-y",
-        "0",
-        "$",
-        "[0]",
-    };
-    if (pick(2) == 0) return kAwkward[pick(static_cast<int>(std::size(kAwkward)))];
-    std::string out;
-    for (int i = pick(12) + 1; i > 0; --i) out += static_cast<char>('a' + pick(26));
-    return out;
-  }
-
-  int64_t integer() {
-    static const int64_t kEdges[] = {kInt64Min, kInt64Min + 1, -1, 0, 1, 536870911, kInt64Max};
-    if (pick(3) == 0) return kEdges[pick(static_cast<int>(std::size(kEdges)))];
-    return static_cast<int64_t>(random_());
-  }
-
-  Bytes bytes() {
-    Bytes out(static_cast<size_t>(pick(3) == 0 ? 0 : pick(24)));
-    for (std::byte& b : out) b = static_cast<std::byte>(pick(256));
-    return out;
-  }
-
-  RawOptions options() {
-    if (pick(3) == 0) return std::nullopt;
-    return bytes();
-  }
-
-  // A field number protobuf allows, the edges often.
-  int64_t fieldNumber() {
-    static const int64_t kEdges[] = {1, 2, 18999, 20000, 536870911};
-    if (pick(3) == 0) return kEdges[pick(static_cast<int>(std::size(kEdges)))];
-    const int64_t number = std::uniform_int_distribution<int64_t>(1, 536870911 - 1000)(random_);
-    return number < 19000 ? number : number + 1000;
-  }
-
-  // Oneof names and field numbers are unique in a message, as an import requires.
-  MessageManifest message() {
-    MessageManifest m;
-    std::set<std::string> oneofNames;
-    for (int i = pick(4); i > 0; --i) {
-      std::string oneofName = name();
-      if (oneofNames.insert(oneofName).second) m.oneofs.push_back({oneofName, options()});
-    }
-    std::set<int64_t> numbers;
-    for (int i = pick(8); i > 0; --i) {
-      const int64_t number = fieldNumber();
-      if (!numbers.insert(number).second) continue;
-      FieldManifest f = field(static_cast<TypeManifest>(pick(kTypeManifestCount)), number);
-      if (pick(2) == 0) f.typeName = name();
-      f.isRepeated = pick(2) == 0;
-      if (!m.oneofs.empty() && pick(2) == 0) {
-        f.oneofIndex = pick(static_cast<int>(m.oneofs.size()));
-      }
-      f.options = options();
-      const auto [it, inserted] = m.fields.emplace(name(), f);
-      if (!inserted) numbers.erase(number);
-    }
-    m.options = options();
-    return m;
-  }
-
-  EnumManifest enumManifest() {
-    EnumManifest e;
-    for (int i = pick(6); i > 0; --i) e.values[name()] = integer();
-    e.options = options();
-    for (int i = pick(4); i > 0; --i) e.valueOptions[integer()] = bytes();
-    return e;
-  }
-
-  std::mt19937_64 random_;
-};
-
-TEST(SchemaManifestJSON, RandomManifestsRoundTripAndRewriteIdentically) {
-  RandomManifests manifests(7919);
-  for (int round = 0; round < 400; ++round) {
-    SCOPED_TRACE("manifest " + std::to_string(round));
-    const SchemaManifest manifest = manifests.next();
-    const bool pretty = round % 2 == 1;
-    const std::string json = schemaManifestToJSON(manifest, pretty);
-    const SchemaManifest read = schemaManifestFromJSON(json);
-    expectSameManifest(read, manifest);
-    EXPECT_EQ(schemaManifestToJSON(read, pretty), json);
   }
 }
 
@@ -678,6 +545,12 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
        R"(messages["M"].name: unknown member)"},
       {"unknown message member that is no identifier", R"({"messages":{"M":{"x-y":1}}})",
        R"(messages["M"]["x-y"]: unknown member)"},
+      {"unknown message member with an empty name", R"({"messages":{"M":{"":1}}})",
+       R"(messages["M"][""]: unknown member)"},
+      {"unknown message member starting with a digit", R"({"messages":{"M":{"9z":1}}})",
+       R"(messages["M"]["9z"]: unknown member)"},
+      {"unknown message member with digits after a letter", R"({"messages":{"M":{"Z_09":1}}})",
+       R"(messages["M"].Z_09: unknown member)"},
       {"fields not an object", R"({"messages":{"M":{"fields":[]}}})",
        R"(messages["M"].fields: expected an object)"},
       {"oneofs not an array", R"({"messages":{"M":{"oneofs":{}}}})",
