@@ -354,41 +354,22 @@ struct Utf8Row {
 // U+FFFD REPLACEMENT CHARACTER.
 #define R "\xEF\xBF\xBD"
 
+// The rule at work on the cases that show it; the comparison with the reference decoder below
+// covers the rest.
 TEST(DecodeUtf8LossyTest, ReplacesEachMaximalSubpart) {
   const std::vector<Utf8Row> rows = {
       {"empty", Bytes{}, ""},
-      {"ASCII", bytesOf({'h', 'i'}), "hi"},
-      {"ASCII longer than a word", toBytes("the quick brown fox"), "the quick brown fox"},
-      {"two-byte", bytesOf({0xc3, 0xa9}), "\xC3\xA9"},
-      {"three-byte", bytesOf({0xe2, 0x82, 0xac}), "\xE2\x82\xAC"},
-      {"four-byte", bytesOf({0xf0, 0x9f, 0x98, 0x80}), "\xF0\x9F\x98\x80"},
-      {"smallest two-byte", bytesOf({0xc2, 0x80}), "\xC2\x80"},
-      {"last before surrogates", bytesOf({0xed, 0x9f, 0xbf}), "\xED\x9F\xBF"},
-      {"first after surrogates", bytesOf({0xee, 0x80, 0x80}), "\xEE\x80\x80"},
-      {"U+FFFF", bytesOf({0xef, 0xbf, 0xbf}), "\xEF\xBF\xBF"},
-      {"U+10FFFF", bytesOf({0xf4, 0x8f, 0xbf, 0xbf}), "\xF4\x8F\xBF\xBF"},
-      {"NUL kept", bytesOf({'a', 0x00, 'b'}), std::string("a\0b", 3)},
-      {"C3 28", bytesOf({0xc3, 0x28}), R "("},
+      {"every width, NUL kept",
+       bytesOf({'a', 0x00, 0xc3, 0xa9, 0xe2, 0x82, 0xac, 0xf4, 0x8f, 0xbf, 0xbf}),
+       std::string("a\0\xC3\xA9\xE2\x82\xAC\xF4\x8F\xBF\xBF", 11)},
       {"surrogate ED A0 80", bytesOf({0xed, 0xa0, 0x80}), R R R},
-      {"above U+10FFFF F4 90 80 80", bytesOf({0xf4, 0x90, 0x80, 0x80}), R R R R},
       {"overlong C0 AF", bytesOf({0xc0, 0xaf}), R R},
-      {"overlong C1 BF", bytesOf({0xc1, 0xbf}), R R},
-      {"overlong three-byte E0 80 80", bytesOf({0xe0, 0x80, 0x80}), R R R},
-      {"overlong four-byte F0 80 80 80", bytesOf({0xf0, 0x80, 0x80, 0x80}), R R R R},
-      {"F5 lead", bytesOf({0xf5, 0x80, 0x80, 0x80}), R R R R},
-      {"FF", bytesOf({0xff}), R},
-      {"lone continuation", bytesOf({0x80}), R},
-      {"two continuations", bytesOf({0x80, 0xbf}), R R},
       {"truncated three-byte at end", bytesOf({'a', 0xe2, 0x82}), "a" R},
-      {"truncated four-byte at end", bytesOf({0xf0, 0x9f, 0x98}), R},
-      {"lead alone at end", bytesOf({'a', 0xc3}), "a" R},
-      {"truncated by ASCII", bytesOf({0xe2, 0x82, 'A'}), R "A"},
       {"truncated by a new lead", bytesOf({0xe2, 0xc3, 0xa9}), R "\xC3\xA9"},
       {"invalid in the middle of a word",
        toBytes("abcdefghijk\xff"
                "lmnopqrstu"),
        "abcdefghijk" R "lmnopqrstu"},
-      {"invalid after a valid multi-byte", bytesOf({0xc3, 0xa9, 0xff, 'z'}), "\xC3\xA9" R "z"},
       {"Unicode table 3-8",
        bytesOf({0x61, 0xf1, 0x80, 0x80, 0xe1, 0x80, 0xc2, 0x62, 0x80, 0x63, 0x80, 0xbf, 0x64}),
        "a" R R R "b" R "c" R R "d"},
