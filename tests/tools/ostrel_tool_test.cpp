@@ -546,39 +546,6 @@ TEST(OstrelTool, RichSchemaFromDescriptorSetAndFromProto) {
   }
 }
 
-TEST(OstrelTool, JsonAgreesWithLibprotobufAndEncodeRoundTrips) {
-  std::vector<ostrel::test::Rich> messages;
-  messages.emplace_back();
-  messages.push_back(richMessage());
-  ostrel::test::Rich chosen;
-  chosen.mutable_chosen()->set_label("picked");
-  chosen.set_name("ignored: the last oneof member set wins");
-  chosen.mutable_chosen()->add_codes(-1);
-  messages.push_back(chosen);
-  ostrel::test::Rich specials;
-  specials.mutable_scalars()->set_f_double(std::numeric_limits<double>::infinity());
-  specials.mutable_scalars()->set_f_float(-std::numeric_limits<float>::infinity());
-  specials.mutable_repeats()->add_r_double(std::nan(""));
-  specials.mutable_repeats()->add_r_bytes("");
-  specials.mutable_repeats()->add_r_bytes("\x01\x02");
-  messages.push_back(specials);
-
-  for (const ostrel::test::Rich& message : messages) {
-    SCOPED_TRACE(message.ShortDebugString());
-    const ToolRun json =
-        runTool({"-s", kRichDesc, "json", "-m", "ostrel.test.Rich"}, message.SerializeAsString());
-    ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(nlohmann::json::parse(json.out), nlohmann::json::parse(libprotobufJSON(message)));
-
-    const ToolRun encoded =
-        runTool({"-s", kRichDesc, "encode", "-m", "ostrel.test.Rich"}, json.out);
-    ASSERT_EQ(encoded.status, 0) << encoded.err;
-    ostrel::test::Rich decoded;
-    ASSERT_TRUE(decoded.ParseFromString(encoded.out));
-    EXPECT_EQ(decoded.SerializeAsString(), message.SerializeAsString());
-  }
-}
-
 TEST(OstrelTool, DescribeEnumListsAliasesByNumberThenName) {
   const std::string manifest = (scratch() / "aliases.json").string();
   writeFile(manifest,
