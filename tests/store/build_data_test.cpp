@@ -17,21 +17,13 @@ namespace {
 
 using testing_support::catchError;
 
-// The manifest of ostrel.test.Leaf and a message holding it, written by hand.
+// The manifest of ostrel.test.Leaf, written by hand.
 SchemaManifest leafManifest() {
   SchemaManifest manifest;
   MessageManifest& leaf = manifest.messages["ostrel.test.Leaf"];
   leaf.fields["id"] = {.type = TypeManifest::int32, .fieldNumber = 1};
   leaf.fields["label"] = {.type = TypeManifest::string, .fieldNumber = 2};
   leaf.fields["codes"] = {.type = TypeManifest::int32, .fieldNumber = 3, .isRepeated = true};
-  MessageManifest& mid = manifest.messages["ostrel.test.Mid"];
-  mid.fields["leaf"] = {
-      .type = TypeManifest::message, .typeName = "ostrel.test.Leaf", .fieldNumber = 1};
-  mid.fields["leaves"] = {.type = TypeManifest::message,
-                          .typeName = "ostrel.test.Leaf",
-                          .fieldNumber = 2,
-                          .isRepeated = true};
-  mid.fields["note"] = {.type = TypeManifest::string, .fieldNumber = 3};
   return manifest;
 }
 
@@ -56,30 +48,6 @@ TEST(BuildDataTest, WritesFieldsThatLibprotobufReadsBack) {
   EXPECT_EQ(std::vector<int32_t>(parsed.codes().begin(), parsed.codes().end()),
             (std::vector<int32_t>{1, 300, -2}));
   EXPECT_EQ(data.value("label"), AnyValue("h\xC3\xA9llo"));
-}
-
-TEST(BuildDataTest, NestedMessagesAreWrittenAsTheirBytes) {
-  SchemaStore store(leafManifest());
-  const MessageSchema leaf = store.messageSchema("ostrel.test.Leaf");
-  const MessageSchema mid = store.messageSchema("ostrel.test.Mid");
-  const auto leafWithId = [&](int32_t id) {
-    return leaf.buildData([id](const FieldSchema& field) {
-      return field.name() == "id" ? std::vector<AnyValue>{id} : std::vector<AnyValue>{};
-    });
-  };
-  const SchematizedData data =
-      mid.buildData([&](const FieldSchema& field) -> std::vector<AnyValue> {
-        if (field.name() == "leaf") return {leafWithId(1)};
-        if (field.name() == "leaves") return {leafWithId(2), leafWithId(3)};
-        return {};
-      });
-  test::Mid parsed;
-  ASSERT_TRUE(parsed.ParseFromArray(data.data().data(), static_cast<int>(data.data().size())));
-  EXPECT_EQ(parsed.leaf().id(), 1);
-  ASSERT_EQ(parsed.leaves_size(), 2);
-  EXPECT_EQ(parsed.leaves(1).id(), 3);
-  EXPECT_EQ(parsed.ByteSizeLong(), data.data().size());
-  EXPECT_EQ(data.value("leaves[1].id"), AnyValue(int32_t{3}));
 }
 
 TEST(BuildDataTest, MismatchedIntegerStopsTheBuild) {
