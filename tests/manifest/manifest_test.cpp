@@ -474,24 +474,6 @@ TEST(SchemaManifestMerge, ConflictsLeaveWhatWasMergedBeforeTheClash) {
   }
 }
 
-TEST(SchemaManifestMerge, ExtendeeThatEnteredThroughAnExtensionKeepsItsEmptyOneofs) {
-  // The importer first meets a.Target as the extendee of an extension: an entry holding only the
-  // extension field. Its own definition, with a oneof and options, arrives afterwards.
-  SchemaManifest manifest;
-  manifest.messages["a.Target"] = message({{"ext_note", field(100, TypeManifest::string)}});
-
-  const MessageManifest definition =
-      message({{"choice_a", withOneof(field(1), 0)}, {"choice_b", withOneof(field(2), 0)}},
-              {oneof("choice")}, opts("m"));
-  manifest.merge(SchemaManifest{{{"a.Target", definition}}, {}}, MergePolicy::requireEqual);
-
-  EXPECT_EQ(manifest.messages.at("a.Target"),
-            message({{"choice_a", withOneof(field(1), 0)},
-                     {"choice_b", withOneof(field(2), 0)},
-                     {"ext_note", field(100, TypeManifest::string)}},
-                    {}, opts("m")));
-}
-
 TEST(SchemaManifestMerging, ReceiverWinsDuplicatesAndGainsNewNames) {
   const SchemaManifest receiver{
       {{"a.M",

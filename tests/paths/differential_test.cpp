@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <fstream>
 #include <iterator>
 
@@ -14,6 +13,7 @@
 #include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
+#include "support/reflected_value.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -28,94 +28,24 @@ SchemaStore storeFrom(const std::string& descriptorSet) {
   return SchemaStore(schemaManifestFromDescriptorSet(asBytes(bytes)));
 }
 
-// Whether `actual` is the value libprotobuf holds in `field` (element `index` when repeated).
+// Whether `actual` is the value libprotobuf holds in `field` (element `index` when repeated); a
+// nested message is compared as libprotobuf serializes it.
 ::testing::AssertionResult sameValue(const pb::Message& message, const Field* field, int index,
-                                     const AnyValue& actual) {
-  const auto* r = message.GetReflection();
-  const bool repeated = field->is_repeated();
-  const auto mismatch = [&](const std::string& expected) {
-    return ::testing::AssertionFailure() << field->full_name() << "[" << index << "]: expected "
-                                         << expected << ", read " << actual.describe();
-  };
-  switch (field->cpp_type()) {
-    case Field::CPPTYPE_INT32: {
-      const int32_t v =
-          repeated ? r->GetRepeatedInt32(message, field, index) : r->GetInt32(message, field);
-      if (actual.kind() == AnyValue::Case::int32 && actual.int32Value() == v) break;
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_INT64: {
-      const int64_t v =
-          repeated ? r->GetRepeatedInt64(message, field, index) : r->GetInt64(message, field);
-      if (actual.kind() == AnyValue::Case::int64 && actual.int64Value() == v) break;
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_UINT32: {
-      const uint32_t v =
-          repeated ? r->GetRepeatedUInt32(message, field, index) : r->GetUInt32(message, field);
-      if (actual.kind() == AnyValue::Case::uint32 && actual.uint32Value() == v) break;
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_UINT64: {
-      const uint64_t v =
-          repeated ? r->GetRepeatedUInt64(message, field, index) : r->GetUInt64(message, field);
-      if (actual.kind() == AnyValue::Case::uint64 && actual.uint64Value() == v) break;
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_DOUBLE: {
-      const double v =
-          repeated ? r->GetRepeatedDouble(message, field, index) : r->GetDouble(message, field);
-      if (actual.kind() == AnyValue::Case::double_ &&
-          (actual.doubleValue() == v || (std::isnan(v) && std::isnan(actual.doubleValue())))) {
-        break;
-      }
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_FLOAT: {
-      const float v =
-          repeated ? r->GetRepeatedFloat(message, field, index) : r->GetFloat(message, field);
-      if (actual.kind() == AnyValue::Case::float_ &&
-          (actual.floatValue() == v || (std::isnan(v) && std::isnan(actual.floatValue())))) {
-        break;
-      }
-      return mismatch(std::to_string(v));
-    }
-    case Field::CPPTYPE_BOOL: {
-      const bool v =
-          repeated ? r->GetRepeatedBool(message, field, index) : r->GetBool(message, field);
-      if (actual.kind() == AnyValue::Case::bool_ && actual.boolValue() == v) break;
-      return mismatch(v ? "true" : "false");
-    }
-    case Field::CPPTYPE_ENUM: {
-      const int v = repeated ? r->GetRepeatedEnumValue(message, field, index)
-                             : r->GetEnumValue(message, field);
-      if (actual.kind() == AnyValue::Case::enum_ && actual.enumValue().number() == v) {
-        const auto* known = field->enum_type()->FindValueByNumber(v);
-        if (!known || actual.enumValue().findName() == known->name()) break;
-      }
-      return mismatch("enum " + std::to_string(v));
-    }
-    case Field::CPPTYPE_STRING: {
-      const std::string v =
-          repeated ? r->GetRepeatedString(message, field, index) : r->GetString(message, field);
-      if (field->type() == Field::TYPE_BYTES) {
-        if (actual.kind() == AnyValue::Case::bytes && actual.bytesValue() == toBytes(v)) break;
-      } else if (actual.kind() == AnyValue::Case::string && actual.stringValue() == v) {
-        break;
-      }
-      return mismatch("\"" + v + "\"");
-    }
-    case Field::CPPTYPE_MESSAGE: {
-      const pb::Message& v =
-          repeated ? r->GetRepeatedMessage(message, field, index) : r->GetMessage(message, field);
-      if (actual.kind() == AnyValue::Case::message &&
-          asText(actual.messageValue().bytes()) == v.SerializePartialAsString()) {
-        break;
-      }
-      return mismatch("message " + v.ShortDebugString());
-    }
+                                     const TypeSchema& type, const AnyValue& actual) {
+  bool same;
+  if (field->cpp_type() == Field::CPPTYPE_MESSAGE) {
+    const auto* r = message.GetReflection();
+    const pb::Message& v = field->is_repeated() ? r->GetRepeatedMessage(message, field, index)
+                                                : r->GetMessage(message, field);
+    same = actual.kind() == AnyValue::Case::message &&
+           asText(actual.messageValue().bytes()) == v.SerializePartialAsString();
+  } else {
+    same = testing_support::sameValue(actual,
+                                      testing_support::reflectedValue(message, field, index, type));
   }
-  return ::testing::AssertionSuccess();
+  if (same) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << field->full_name() << "[" << index << "]: read " << actual.describe();
 }
 
 struct Counts {
@@ -135,7 +65,7 @@ void checkMessage(const pb::Message& message, const SchematizedData& data, Count
       const std::optional<AnyValue> value = data.value(field->name());
       ASSERT_EQ(value.has_value(), r->HasField(message, field)) << field->full_name();
       if (!value) continue;
-      EXPECT_TRUE(sameValue(message, field, 0, *value));
+      EXPECT_TRUE(sameValue(message, field, 0, schema.type(), *value));
       ++counts.leaves;
       if (field->cpp_type() == Field::CPPTYPE_MESSAGE) {
         checkMessage(r->GetMessage(message, field), value->messageValue(), counts);
@@ -148,7 +78,7 @@ void checkMessage(const pb::Message& message, const SchematizedData& data, Count
         const std::optional<AnyValue> value =
             data.value(field->name() + "[" + std::to_string(n) + "]");
         ASSERT_TRUE(value) << field->full_name() << "[" << n << "]";
-        EXPECT_TRUE(sameValue(message, field, n, *value));
+        EXPECT_TRUE(sameValue(message, field, n, schema.type(), *value));
         ++counts.leaves;
         if (field->cpp_type() == Field::CPPTYPE_MESSAGE) {
           checkMessage(r->GetRepeatedMessage(message, field, n), value->messageValue(), counts);
@@ -168,7 +98,7 @@ void checkMessage(const pb::Message& message, const SchematizedData& data, Count
         entries.emplace_back(asText(element.messageValue().bytes()));
       } else {
         ASSERT_LT(n, size);
-        EXPECT_TRUE(sameValue(message, field, n, element));
+        EXPECT_TRUE(sameValue(message, field, n, schema.type(), element));
       }
       ++n;
       ++counts.iterated;

@@ -3,8 +3,6 @@
 // bytes damaged (a byte flipped, cut short), and on hand-encoded cases of first occurrences,
 // packed runs and faults.
 
-#include "ostrel/wire/schematizer.hpp"
-
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -15,6 +13,7 @@
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
+#include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
 #include "support/test_support.hpp"
@@ -308,6 +307,28 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
   }
 }
 
+// The projection finds fields by a table over the small numbers and by search above it; fields on
+// both sides of the table's end, and the largest number, are found alike.
+TEST(ProjectionTest, FieldNumbersOnBothSidesOfTheLookupTable) {
+  SchemaManifest manifest;
+  for (const auto& [name, number] : std::vector<std::pair<std::string, int64_t>>{
+           {"first", 1}, {"last_in", 1023}, {"first_out", 1024}, {"largest", 536870911}}) {
+    manifest.messages["t.M"].fields[name] = {.type = TypeManifest::int32, .fieldNumber = number};
+  }
+  const SchemaStore store(manifest);
+  const MessageSchema schema = store.messageSchema("t.M");
+  // largest = 7, first_out = 9, last_in = 3, first = 5
+  const Bytes bytes =
+      bytesOf({0xf8, 0xff, 0xff, 0xff, 0x0f, 7, 0x80, 0x40, 9, 0xf8, 0x3f, 3, 0x08, 5});
+  const Projection projection(schema, {"first", "last_in", "first_out", "largest"});
+  ProjectionRow row = projection.makeRow();
+  projection.read(bytes, row);
+  EXPECT_EQ(row.int32Value(0), 5);
+  EXPECT_EQ(row.int32Value(1), 3);
+  EXPECT_EQ(row.int32Value(2), 9);
+  EXPECT_EQ(row.int32Value(3), 7);
+}
+
 TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
   const SchemaStore store = storeFrom("rich.desc");
   const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
@@ -315,13 +336,17 @@ TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
   message.mutable_scalars()->set_f_sint64(-5);
   message.mutable_scalars()->set_f_string("text");
   message.set_color(test::BLUE);
+  message.mutable_mid()->set_note("m");
   const Bytes bytes = toBytes(message.SerializeAsString());
-  const Projection projection(schema, {"scalars.f_sint64", "scalars.f_string", "color"});
+  const Projection projection(schema, {"scalars.f_sint64", "scalars.f_string", "color", "mid"});
   ProjectionRow row = projection.makeRow();
   projection.read(bytes, row);
   EXPECT_EQ(row.int64Value(0), -5);
   EXPECT_EQ(row.enumNumber(2), 3);
   EXPECT_EQ(asText(*row.payload(1)), "text");
+  EXPECT_EQ(toBytes(*row.payload(3)), toBytes(message.mid().SerializeAsString()));
+  EXPECT_EQ(testing_support::catchError([&] { row.payload(0); }),
+            SchematizerError::unexpectedType("expected bytes value, found int64"));
   const auto wrongKind = SchematizerError::unexpectedType("expected int32 value, found int64");
   EXPECT_EQ(testing_support::catchError([&] { row.int32Value(0); }), wrongKind);
   EXPECT_EQ(testing_support::catchError([&] { readInt32(bytes, projection.path(0)); }), wrongKind);

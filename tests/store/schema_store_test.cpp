@@ -48,23 +48,6 @@ TEST(SchemaStoreTest, EmptyManifestHoldsTheBuiltInDescriptorSchemas) {
   EXPECT_TRUE(store->hasEnumValueOptionsSchema());
 }
 
-TEST(SchemaStoreTest, DescriptorFieldsHaveTheirDescriptorNumbersAndTypes) {
-  SchemaStore store{SchemaManifest{}};
-  const MessageSchema field = store.messageSchema("google.protobuf.FieldDescriptorProto");
-  EXPECT_EQ(field.allFieldNames(),
-            (std::vector<std::string>{"name", "extendee", "number", "label", "type", "type_name",
-                                      "options", "oneof_index"}));
-  EXPECT_EQ(field.fieldNamed("type").type().descriptionText(),
-            "google.protobuf.FieldDescriptorProto.Type enum (try .ostrel describe enum "
-            "google.protobuf.FieldDescriptorProto.Type)");
-  EXPECT_EQ(field.fieldNamed("options").type().descriptionText(),
-            "message of google.protobuf.FieldOptions schema");
-  EXPECT_EQ(field.fieldNamed("oneof_index").fieldNumber(), 9);
-  const MessageSchema message = store.messageSchema("google.protobuf.DescriptorProto");
-  EXPECT_EQ(message.fieldNamed("oneof_decl").fieldNumber(), 8);
-  EXPECT_TRUE(message.fieldNamed("oneof_decl").isRepeated());
-}
-
 TEST(SchemaStoreTest, UnknownNamesAreReportedAsAskedFor) {
   SchemaStore store(shopManifest());
   for (const std::string name : {"", ".shop.Order", "shop.order", "Order"}) {

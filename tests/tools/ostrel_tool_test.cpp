@@ -486,24 +486,6 @@ TEST(OstrelTool, RichSchemaFromDescriptorSetAndFromProto) {
          "ostrel.test.Leaf\nostrel.test.Mid\nostrel.test.Repeats\nostrel.test.Rich\n"
          "ostrel.test.Rich.CountsEntry\nostrel.test.Rich.LeavesByIdEntry\nostrel.test.Scalars\n"
          "ostrel.test.Color\n"},
-        {with({"describe", "message", "ostrel.test.Scalars"}),
-         "1\tf_double\tdouble floating point\n"
-         "2\tf_float\tfloating point\n"
-         "3\tf_int64\tsigned integer 64\n"
-         "4\tf_uint64\tunsigned integer 64\n"
-         "5\tf_int32\tsigned integer 32\n"
-         "6\tf_fixed64\tfixed unsigned integer 64\n"
-         "7\tf_fixed32\tfixed unsigned integer 32\n"
-         "8\tf_bool\tboolean\n"
-         "9\tf_string\ttext string\n"
-         "12\tf_bytes\tbinary data\n"
-         "13\tf_uint32\tunsigned integer 32\n"
-         "14\tf_enum\tostrel.test.Color enum (try .ostrel describe enum ostrel.test.Color)\n"
-         "15\tf_sfixed32\tfixed signed integer 32\n"
-         "16\tf_sfixed64\tfixed signed integer 64\n"
-         "17\tf_sint32\tZigZag encoded signed integer 32\n"
-         "18\tf_sint64\tZigZag encoded signed integer 64\n"
-         "19\tf_message\tmessage of ostrel.test.Leaf schema\n"},
         {with({"describe", "message", "ostrel.test.Rich"}),
          "1\tmid\tmessage of ostrel.test.Mid schema\n"
          "2\tscalars\tmessage of ostrel.test.Scalars schema\n"
@@ -549,58 +531,18 @@ TEST(OstrelTool, RichSchemaFromDescriptorSetAndFromProto) {
          "\"1\"\n4294967295\ntrue\n\"text\"\n\"AP8Q\"\n42\n\"BLUE\"\n-3\n\"-4\"\n-5\n\"-6\"\n"
          "9\n\"ünïcödé \\\"quoted\\\"\\n\"\n5\n77\n0\n\"123\"\nnull\n",
          Compare::exact, data},
-        {with({"iterate", "-m", "ostrel.test.Rich", "repeats.r_int32"}), "1\n-2\n300\n",
-         Compare::exact, data},
-        {with({"iterate", "-m", "ostrel.test.Rich", "repeats.r_float"}), "1.5\n-0.25\n",
-         Compare::exact, data},
-        {with({"iterate", "-m", "ostrel.test.Rich", "repeats.r_string"}), "\"a\"\n\"\"\n\"c\"\n",
-         Compare::exact, data},
         {with({"iterate", "-m", "ostrel.test.Rich", "repeats.r_enum"}), "\"RED\"\n77\n",
          Compare::exact, data},
         {with({"iterate", "-m", "ostrel.test.Rich", "repeats.r_message"}),
          "{\"id\":1}\n{\"label\":\"two\"}\n", Compare::jsonLines, data},
         {with({"iterate", "-m", "ostrel.test.Rich", "mids[1].leaves"}),
          "{\"id\":21}\n{\"codes\":[5]}\n", Compare::jsonLines, data},
-        {with({"iterate", "-m", "ostrel.test.Rich", "mids[0].leaves"}), "", Compare::exact, data},
         {with({"iterate", "-m", "ostrel.test.Rich", "mids[5].leaves"}), "", Compare::exact, data},
         {with({"iterate", "-m", "ostrel.test.Rich", "leaves_by_id"}),
          "{\"key\":3,\"value\":{\"label\":\"three\"}}\n", Compare::jsonLines, data},
         {with({"json", "-m", "ostrel.test.Rich"}), libprotobufJSON(richMessage()) + "\n",
          Compare::jsonLines, data},
     });
-  }
-}
-
-TEST(OstrelTool, JsonAgreesWithLibprotobufAndEncodeRoundTrips) {
-  std::vector<ostrel::test::Rich> messages;
-  messages.emplace_back();
-  messages.push_back(richMessage());
-  ostrel::test::Rich chosen;
-  chosen.mutable_chosen()->set_label("picked");
-  chosen.set_name("ignored: the last oneof member set wins");
-  chosen.mutable_chosen()->add_codes(-1);
-  messages.push_back(chosen);
-  ostrel::test::Rich specials;
-  specials.mutable_scalars()->set_f_double(std::numeric_limits<double>::infinity());
-  specials.mutable_scalars()->set_f_float(-std::numeric_limits<float>::infinity());
-  specials.mutable_repeats()->add_r_double(std::nan(""));
-  specials.mutable_repeats()->add_r_bytes("");
-  specials.mutable_repeats()->add_r_bytes("\x01\x02");
-  messages.push_back(specials);
-
-  for (const ostrel::test::Rich& message : messages) {
-    SCOPED_TRACE(message.ShortDebugString());
-    const ToolRun json =
-        runTool({"-s", kRichDesc, "json", "-m", "ostrel.test.Rich"}, message.SerializeAsString());
-    ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(nlohmann::json::parse(json.out), nlohmann::json::parse(libprotobufJSON(message)));
-
-    const ToolRun encoded =
-        runTool({"-s", kRichDesc, "encode", "-m", "ostrel.test.Rich"}, json.out);
-    ASSERT_EQ(encoded.status, 0) << encoded.err;
-    ostrel::test::Rich decoded;
-    ASSERT_TRUE(decoded.ParseFromString(encoded.out));
-    EXPECT_EQ(decoded.SerializeAsString(), message.SerializeAsString());
   }
 }
 
@@ -929,8 +871,8 @@ TEST(OstrelTool, Proto2GroupsPackedRunsAndClosedEnums) {
         std::vector<std::string>{"--skip-groups", "--proto", proto}}) {
     std::vector<std::string> args = schema;
     for (const char* arg : {"get", "-m", "ostrel.proto2.Packed", "--input", "hex", "p_double[0]",
-                            "p_double[1]", "p_double[2]", "p_double[3]", "p_int32[1]",
-                            "p_int32[2]", "p_int32[1000000]", "after", "closed"}) {
+                            "p_double[1]", "p_double[2]", "p_double[3]", "p_int32[1]", "p_int32[2]",
+                            "p_int32[1000000]", "after", "closed"}) {
       args.emplace_back(arg);
     }
     SCOPED_TRACE(describe(args));
@@ -1165,7 +1107,8 @@ Stream richStream(int count, int corrupt, bool truncateLast) {
     ostrel::test::Rich message;
     message.mutable_scalars()->set_f_int64(n);
     message.mutable_mid()->set_note("note, \"" + std::to_string(n) + "\"");
-    std::string record = n == corrupt ? std::string("\x08\xff\xff", 3) : message.SerializeAsString();
+    std::string record =
+        n == corrupt ? std::string("\x08\xff\xff", 3) : message.SerializeAsString();
     stream.offsets.push_back(stream.bytes.size());
     appendVarint(stream.bytes, record.size());
     if (n == count && truncateLast) record.resize(record.size() / 2);
@@ -1181,16 +1124,15 @@ TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
   const Stream stream = richStream(count, corrupt, true);
   const fs::path file = scratch() / "rich.delimited";
   writeFile(file, stream.bytes);
-  const std::string badMiddle = "ostrel: " + file.string() + ": record " +
-                                std::to_string(corrupt) + " at byte " +
-                                std::to_string(stream.offsets[corrupt - 1]) +
+  const std::string badMiddle = "ostrel: " + file.string() + ": record " + std::to_string(corrupt) +
+                                " at byte " + std::to_string(stream.offsets[corrupt - 1]) +
                                 ": scalars.f_int64: malformedProtobuf";
   const std::string badLast = "record " + std::to_string(count) + " at byte " +
                               std::to_string(stream.offsets[count - 1]) +
                               ": length prefix not followed";
 
-  const std::vector<std::string> base = {"-s", kRichDesc, "get", "-m", "ostrel.test.Rich",
-                                         "--delimited"};
+  const std::vector<std::string> base = {"-s", kRichDesc,          "get",
+                                         "-m", "ostrel.test.Rich", "--delimited"};
   std::vector<std::string> args = base;
   args.insert(args.end(), {"-i", file.string(), "scalars.f_int64", "mid.note", "color"});
   const ToolRun run = runTool(args);
@@ -1229,8 +1171,8 @@ TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
 
   // CSV: a header row of the paths, fields quoted where they must be, absent fields empty.
   args = base;
-  args.insert(args.end(), {"-i", file.string(), "--format", "csv", "scalars.f_int64", "mid.note",
-                           "color"});
+  args.insert(args.end(),
+              {"-i", file.string(), "--format", "csv", "scalars.f_int64", "mid.note", "color"});
   const ToolRun csv = runTool(args);
   EXPECT_THAT(csv.out, StartsWith("scalars.f_int64,mid.note,color\n1,\"note, \"\"1\"\"\",\n"));
 

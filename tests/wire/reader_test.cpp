@@ -220,22 +220,6 @@ TEST(ReaderTest, SkipField) {
   }
 }
 
-TEST(ReaderTest, SkipsHundredThousandNestedGroupsWithoutRecursion) {
-  constexpr int kDepth = 100000;
-  Bytes bytes;
-  for (int i = 0; i < kDepth; ++i) bytes.push_back(std::byte{0x0b});  // start group 1
-  for (int i = 0; i < kDepth; ++i) bytes.push_back(std::byte{0x0c});  // end group 1
-  Reader reader(bytes);
-  const FieldTag tag = reader.readTag();
-  reader.skipField(tag);
-  EXPECT_EQ(reader.position(), 2 * kDepth);
-
-  bytes.pop_back();  // one group left open
-  Reader unterminated(bytes);
-  const FieldTag start = unterminated.readTag();
-  EXPECT_EQ(catchError([&] { unterminated.skipField(start); }), kMalformed);
-}
-
 TEST(ReaderTest, NarrowedReaderSharesBytesAndBoundsOnlyTheSearch) {
   const Bytes bytes = bytesOf({0x0a, 0x02, 0x08, 0x01, 0x10, 0x02});
   Reader outer(bytes);

@@ -10,16 +10,15 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <random>
-#include <set>
-#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "ostrel/core/describing.hpp"
+#include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -33,79 +32,25 @@ using google::protobuf::internal::WireFormatLite;
 const SerializationError kMalformed = SerializationError::malformedProtobuf();
 const SerializationError kTruncated = SerializationError::truncated();
 
-// Just enough of an enum schema to be carried by a type and a value.
-class FakeEnumSchema final : public EnumSchemaDescribing {
- public:
-  explicit FakeEnumSchema(std::string name) : name_(std::move(name)) {}
-  const std::string& name() const noexcept override { return name_; }
-  std::string typeDescription() const override { throw std::logic_error("unused"); }
-  const std::set<int64_t>& valueSet() const noexcept override { return values_; }
-  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
-  const std::map<int64_t, SchematizedData>& valueOptions() const noexcept override {
-    return valueOptions_;
-  }
-  int64_t valueNamed(std::string_view) const override { throw std::logic_error("unused"); }
-  const std::string& valueNameFor(int64_t) const override { throw std::logic_error("unused"); }
-  const std::string* findValueNameFor(int64_t) const noexcept override { return nullptr; }
-  const std::map<std::string, int64_t, std::less<>>& allValues() const noexcept override {
-    return allValues_;
-  }
-
- private:
-  std::string name_;
-  std::set<int64_t> values_;
-  std::map<std::string, int64_t, std::less<>> allValues_;
-  std::optional<SchematizedData> options_;
-  std::map<int64_t, SchematizedData> valueOptions_;
-};
-
-// Just enough of a message schema to be carried by a type and a value.
-class FakeMessageSchema final : public MessageSchemaDescribing {
- public:
-  explicit FakeMessageSchema(std::string name) : name_(std::move(name)) {}
-  const std::string& name() const noexcept override { return name_; }
-  std::string typeDescription() const override { throw std::logic_error("unused"); }
-  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
-  const std::vector<std::string>& allFieldNames() const noexcept override { return names_; }
-  const std::vector<std::string>& allOneofNames() const noexcept override { return names_; }
-  const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>& fieldsByNumber() const override {
-    throw std::logic_error("unused");
-  }
-  std::vector<std::shared_ptr<OneofSchemaDescribing>> allOneofs() const override {
-    throw std::logic_error("unused");
-  }
-  const std::shared_ptr<FieldSchemaDescribing>& fieldNamed(std::string_view) const override {
-    throw std::logic_error("unused");
-  }
-  const std::shared_ptr<FieldSchemaDescribing>& fieldWithNumber(int64_t) const override {
-    throw std::logic_error("unused");
-  }
-  const std::shared_ptr<OneofSchemaDescribing>& oneofNamed(std::string_view) const override {
-    throw std::logic_error("unused");
-  }
-  SchematizedData schematizedData(Bytes) const override { throw std::logic_error("unused"); }
-  UnsafeSchematizedData unsafeSchematizedData(ByteView) const override {
-    throw std::logic_error("unused");
-  }
-  SchematizedData buildData(const ValueForField&) const override {
-    throw std::logic_error("unused");
-  }
-
- private:
-  std::string name_;
-  std::optional<SchematizedData> options_;
-  std::vector<std::string> names_;
-};
+// The enum and message types carried by decoded values, from a real store that outlives the tests.
+const std::shared_ptr<ProtoSchemaStore>& testStore() {
+  static const std::shared_ptr<ProtoSchemaStore> store = [] {
+    SchemaManifest manifest;
+    manifest.enums["test.Color"].values = {{"RED", 0}};
+    manifest.messages["test.Point"].fields["x"] = {.type = TypeManifest::int32, .fieldNumber = 1};
+    return ProtoSchemaStore::make(manifest);
+  }();
+  return store;
+}
 
 const std::shared_ptr<EnumSchemaDescribing>& colorSchema() {
-  static const std::shared_ptr<EnumSchemaDescribing> schema =
-      std::make_shared<FakeEnumSchema>("test.Color");
+  static const std::shared_ptr<EnumSchemaDescribing> schema = testStore()->enumSchema("test.Color");
   return schema;
 }
 
 const std::shared_ptr<MessageSchemaDescribing>& pointSchema() {
   static const std::shared_ptr<MessageSchemaDescribing> schema =
-      std::make_shared<FakeMessageSchema>("test.Point");
+      testStore()->messageSchema("test.Point");
   return schema;
 }
 
@@ -409,41 +354,22 @@ struct Utf8Row {
 // U+FFFD REPLACEMENT CHARACTER.
 #define R "\xEF\xBF\xBD"
 
+// The rule at work on the cases that show it; the comparison with the reference decoder below
+// covers the rest.
 TEST(DecodeUtf8LossyTest, ReplacesEachMaximalSubpart) {
   const std::vector<Utf8Row> rows = {
       {"empty", Bytes{}, ""},
-      {"ASCII", bytesOf({'h', 'i'}), "hi"},
-      {"ASCII longer than a word", toBytes("the quick brown fox"), "the quick brown fox"},
-      {"two-byte", bytesOf({0xc3, 0xa9}), "\xC3\xA9"},
-      {"three-byte", bytesOf({0xe2, 0x82, 0xac}), "\xE2\x82\xAC"},
-      {"four-byte", bytesOf({0xf0, 0x9f, 0x98, 0x80}), "\xF0\x9F\x98\x80"},
-      {"smallest two-byte", bytesOf({0xc2, 0x80}), "\xC2\x80"},
-      {"last before surrogates", bytesOf({0xed, 0x9f, 0xbf}), "\xED\x9F\xBF"},
-      {"first after surrogates", bytesOf({0xee, 0x80, 0x80}), "\xEE\x80\x80"},
-      {"U+FFFF", bytesOf({0xef, 0xbf, 0xbf}), "\xEF\xBF\xBF"},
-      {"U+10FFFF", bytesOf({0xf4, 0x8f, 0xbf, 0xbf}), "\xF4\x8F\xBF\xBF"},
-      {"NUL kept", bytesOf({'a', 0x00, 'b'}), std::string("a\0b", 3)},
-      {"C3 28", bytesOf({0xc3, 0x28}), R "("},
+      {"every width, NUL kept",
+       bytesOf({'a', 0x00, 0xc3, 0xa9, 0xe2, 0x82, 0xac, 0xf4, 0x8f, 0xbf, 0xbf}),
+       std::string("a\0\xC3\xA9\xE2\x82\xAC\xF4\x8F\xBF\xBF", 11)},
       {"surrogate ED A0 80", bytesOf({0xed, 0xa0, 0x80}), R R R},
-      {"above U+10FFFF F4 90 80 80", bytesOf({0xf4, 0x90, 0x80, 0x80}), R R R R},
       {"overlong C0 AF", bytesOf({0xc0, 0xaf}), R R},
-      {"overlong C1 BF", bytesOf({0xc1, 0xbf}), R R},
-      {"overlong three-byte E0 80 80", bytesOf({0xe0, 0x80, 0x80}), R R R},
-      {"overlong four-byte F0 80 80 80", bytesOf({0xf0, 0x80, 0x80, 0x80}), R R R R},
-      {"F5 lead", bytesOf({0xf5, 0x80, 0x80, 0x80}), R R R R},
-      {"FF", bytesOf({0xff}), R},
-      {"lone continuation", bytesOf({0x80}), R},
-      {"two continuations", bytesOf({0x80, 0xbf}), R R},
       {"truncated three-byte at end", bytesOf({'a', 0xe2, 0x82}), "a" R},
-      {"truncated four-byte at end", bytesOf({0xf0, 0x9f, 0x98}), R},
-      {"lead alone at end", bytesOf({'a', 0xc3}), "a" R},
-      {"truncated by ASCII", bytesOf({0xe2, 0x82, 'A'}), R "A"},
       {"truncated by a new lead", bytesOf({0xe2, 0xc3, 0xa9}), R "\xC3\xA9"},
       {"invalid in the middle of a word",
        toBytes("abcdefghijk\xff"
                "lmnopqrstu"),
        "abcdefghijk" R "lmnopqrstu"},
-      {"invalid after a valid multi-byte", bytesOf({0xc3, 0xa9, 0xff, 'z'}), "\xC3\xA9" R "z"},
       {"Unicode table 3-8",
        bytesOf({0x61, 0xf1, 0x80, 0x80, 0xe1, 0x80, 0xc2, 0x62, 0x80, 0x63, 0x80, 0xbf, 0x64}),
        "a" R R R "b" R "c" R R "d"},
@@ -548,35 +474,6 @@ TEST(DecodeUtf8LossyTest, AgreesWithTheReferenceDecoderOnRandomBytes) {
     }
     SCOPED_TRACE(round);
     ASSERT_EQ(decodeUtf8Lossy(bytes), referenceUtf8Decode(bytes));
-  }
-}
-
-TEST(DecodeUtf8LossyTest, ValidTextIsUnchanged) {
-  std::mt19937_64 rng(7);
-  for (int round = 0; round < 2000; ++round) {
-    std::string text;
-    const size_t length = rng() % 30;
-    for (size_t i = 0; i < length; ++i) {
-      uint32_t cp;
-      switch (rng() % 4) {
-        case 0:
-          cp = static_cast<uint32_t>(rng() % 0x80);
-          break;
-        case 1:
-          cp = static_cast<uint32_t>(0x80 + rng() % (0x800 - 0x80));
-          break;
-        case 2:
-          cp = static_cast<uint32_t>(0x800 + rng() % (0x10000 - 0x800));
-          if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;
-          break;
-        default:
-          cp = static_cast<uint32_t>(0x10000 + rng() % (0x110000 - 0x10000));
-          break;
-      }
-      appendCodePoint(text, cp);
-    }
-    SCOPED_TRACE(round);
-    ASSERT_EQ(decodeUtf8Lossy(asBytes(text)), text);
   }
 }
 
@@ -703,12 +600,13 @@ TEST(SkipPackedElementsTest, SkipsByTypeWithinTheRun) {
 // Differential check against libprotobuf's encoder: each row writes a value derived from random
 // bits, after a tag (`tagged`) and bare as a packed element (`packed`, null for types that cannot
 // be packed), and returns the value it wrote.
+using google::protobuf::io::CodedOutputStream;
+
 struct EncoderRow {
   std::string name;
   Case type;
-  std::function<AnyValue(uint64_t bits, int fieldNumber,
-                         google::protobuf::io::CodedOutputStream& tagged,
-                         google::protobuf::io::CodedOutputStream* packed)>
+  std::function<AnyValue(uint64_t bits, int fieldNumber, CodedOutputStream& tagged,
+                         CodedOutputStream* packed)>
       write;
 };
 
@@ -723,117 +621,58 @@ std::string randomText(std::mt19937_64& rng, uint64_t bits) {
   return text;
 }
 
+// A value of type T made from random bits: floating-point values take the bits as they are, so that
+// NaNs, infinities and subnormals come up.
+template <typename T>
+T fromBits(uint64_t bits) {
+  if constexpr (std::is_same_v<T, float>) return std::bit_cast<float>(static_cast<uint32_t>(bits));
+  if constexpr (std::is_same_v<T, double>) return std::bit_cast<double>(bits);
+  if constexpr (std::is_same_v<T, bool>) return (bits & 1) != 0;
+  return static_cast<T>(bits);
+}
+
+// A row writing a scalar with libprotobuf's tagged and bare writers of its type.
+template <typename T>
+EncoderRow scalarRow(std::string name, Case type, void (*tagged)(int, T, CodedOutputStream*),
+                     void (*bare)(T, CodedOutputStream*)) {
+  return {std::move(name), type,
+          [=](uint64_t bits, int field, CodedOutputStream& out, CodedOutputStream* packed) {
+            const T v = fromBits<T>(bits);
+            tagged(field, v, &out);
+            bare(v, packed);
+            return type == Case::enum_ ? enumNumber(v) : AnyValue(v);
+          }};
+}
+
 TEST(DecodeValueTest, AgreesWithLibprotobufEncoder) {
-  using google::protobuf::io::CodedOutputStream;
+  using W = WireFormatLite;
   std::mt19937_64 rng(42);
   const std::vector<EncoderRow> rows = {
-      {"int32", Case::int32,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int32_t>(bits);
-         WireFormatLite::WriteInt32(field, v, &tagged);
-         WireFormatLite::WriteInt32NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"uint32", Case::uint32,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<uint32_t>(bits);
-         WireFormatLite::WriteUInt32(field, v, &tagged);
-         WireFormatLite::WriteUInt32NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"sint32", Case::sint32,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int32_t>(bits);
-         WireFormatLite::WriteSInt32(field, v, &tagged);
-         WireFormatLite::WriteSInt32NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"int64", Case::int64,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int64_t>(bits);
-         WireFormatLite::WriteInt64(field, v, &tagged);
-         WireFormatLite::WriteInt64NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"uint64", Case::uint64,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         WireFormatLite::WriteUInt64(field, bits, &tagged);
-         WireFormatLite::WriteUInt64NoTag(bits, packed);
-         return AnyValue(bits);
-       }},
-      {"sint64", Case::sint64,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int64_t>(bits);
-         WireFormatLite::WriteSInt64(field, v, &tagged);
-         WireFormatLite::WriteSInt64NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"bool", Case::bool_,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const bool v = bits & 1;
-         WireFormatLite::WriteBool(field, v, &tagged);
-         WireFormatLite::WriteBoolNoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"enum", Case::enum_,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int32_t>(bits);
-         WireFormatLite::WriteEnum(field, v, &tagged);
-         WireFormatLite::WriteEnumNoTag(v, packed);
-         return enumNumber(v);
-       }},
-      {"fixed32", Case::fixed32,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<uint32_t>(bits);
-         WireFormatLite::WriteFixed32(field, v, &tagged);
-         WireFormatLite::WriteFixed32NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"sfixed32", Case::sfixed32,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int32_t>(bits);
-         WireFormatLite::WriteSFixed32(field, v, &tagged);
-         WireFormatLite::WriteSFixed32NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"float", Case::float_,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = std::bit_cast<float>(static_cast<uint32_t>(bits));
-         WireFormatLite::WriteFloat(field, v, &tagged);
-         WireFormatLite::WriteFloatNoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"fixed64", Case::fixed64,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         WireFormatLite::WriteFixed64(field, bits, &tagged);
-         WireFormatLite::WriteFixed64NoTag(bits, packed);
-         return AnyValue(bits);
-       }},
-      {"sfixed64", Case::sfixed64,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = static_cast<int64_t>(bits);
-         WireFormatLite::WriteSFixed64(field, v, &tagged);
-         WireFormatLite::WriteSFixed64NoTag(v, packed);
-         return AnyValue(v);
-       }},
-      {"double", Case::double_,
-       [](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream* packed) {
-         const auto v = std::bit_cast<double>(bits);
-         WireFormatLite::WriteDouble(field, v, &tagged);
-         WireFormatLite::WriteDoubleNoTag(v, packed);
-         return AnyValue(v);
-       }},
+      scalarRow<int32_t>("int32", Case::int32, W::WriteInt32, W::WriteInt32NoTag),
+      scalarRow<uint32_t>("uint32", Case::uint32, W::WriteUInt32, W::WriteUInt32NoTag),
+      scalarRow<int32_t>("sint32", Case::sint32, W::WriteSInt32, W::WriteSInt32NoTag),
+      scalarRow<int64_t>("int64", Case::int64, W::WriteInt64, W::WriteInt64NoTag),
+      scalarRow<uint64_t>("uint64", Case::uint64, W::WriteUInt64, W::WriteUInt64NoTag),
+      scalarRow<int64_t>("sint64", Case::sint64, W::WriteSInt64, W::WriteSInt64NoTag),
+      scalarRow<bool>("bool", Case::bool_, W::WriteBool, W::WriteBoolNoTag),
+      scalarRow<int>("enum", Case::enum_, W::WriteEnum, W::WriteEnumNoTag),
+      scalarRow<uint32_t>("fixed32", Case::fixed32, W::WriteFixed32, W::WriteFixed32NoTag),
+      scalarRow<int32_t>("sfixed32", Case::sfixed32, W::WriteSFixed32, W::WriteSFixed32NoTag),
+      scalarRow<float>("float", Case::float_, W::WriteFloat, W::WriteFloatNoTag),
+      scalarRow<uint64_t>("fixed64", Case::fixed64, W::WriteFixed64, W::WriteFixed64NoTag),
+      scalarRow<int64_t>("sfixed64", Case::sfixed64, W::WriteSFixed64, W::WriteSFixed64NoTag),
+      scalarRow<double>("double", Case::double_, W::WriteDouble, W::WriteDoubleNoTag),
       {"string", Case::string,
        [&rng](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream*) {
          const std::string v = randomText(rng, bits);
-         WireFormatLite::WriteString(field, v, &tagged);
+         W::WriteString(field, v, &tagged);
          return AnyValue(v);
        }},
       {"bytes", Case::bytes,
        [&rng](uint64_t bits, int field, CodedOutputStream& tagged, CodedOutputStream*) {
          std::string v(bits % 20, '\0');
          for (auto& c : v) c = static_cast<char>(rng());
-         WireFormatLite::WriteBytes(field, v, &tagged);
+         W::WriteBytes(field, v, &tagged);
          return AnyValue(toBytes(v));
        }},
   };
