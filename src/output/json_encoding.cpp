@@ -801,6 +801,7 @@ class Encoder {
 
 SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json) {
   detail::JsonInput input(json, kMaxDocumentDepth);
+  detail::JsonInput::refuseDeeperThan(json, kMaxDocumentDepth);
   // Wire bytes take less room than their JSON text.
   detail::WireBuffer out(json.size() / 2);
   try {

@@ -1,5 +1,6 @@
 #include "output/json_input.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <string>
@@ -201,6 +202,10 @@ struct Frame {
   bool isObject = false;
   std::string key;      // in an object: the member being read
   size_t position = 0;  // in an array: the element being read
+  // In an object: the names read so far, and the first one repeated. Kept here rather than on the
+  // stack, as is all state of a level, so that each level of recursion costs a small frame.
+  std::unordered_set<std::string> names;
+  std::optional<std::string> repeated;
 };
 
 // "$.a[2].b": the members of the open objects and the positions in the open arrays; the innermost
@@ -228,22 +233,11 @@ class TextCheck {
       case ondemand::json_type::object: {
         open(true);
         ondemand::object object = take(value.get_object());
-        std::unordered_set<std::string> names;
-        // Of several repeated names, the first one repeated, reported when the object ends (after
-        // the faults inside it), as a parser that reads the whole object first finds it.
-        std::optional<std::string> repeated;
         for (auto member : object) {
           ondemand::field field = take(std::move(member));
-          std::string name(memberName(field, scratch_));
-          if (!names.insert(name).second && !repeated) repeated = name;
-          frames_.back().key = std::move(name);
-          this->value(field.value());
+          this->value(enter(field));
         }
-        if (repeated) {
-          throw SchematizerError::unexpectedType(framePath(frames_, false) + ": duplicate key " +
-                                                 jsonString(*repeated));
-        }
-        frames_.pop_back();
+        closeObject();
         break;
       }
       case ondemand::json_type::array: {
@@ -257,6 +251,19 @@ class TextCheck {
         break;
       }
       case ondemand::json_type::number:
+      case ondemand::json_type::string:
+      case ondemand::json_type::boolean:
+      case ondemand::json_type::null:
+        scalar(value);
+        break;
+    }
+  }
+
+ private:
+  // Reads a scalar in full. Apart from the recursion, whose frames it would grow.
+  [[gnu::noinline]] static void scalar(ondemand::value& value) {
+    switch (take(value.type())) {
+      case ondemand::json_type::number:
         readNumber(value);
         break;
       case ondemand::json_type::string:
@@ -268,16 +275,37 @@ class TextCheck {
       case ondemand::json_type::null:
         if (!take(value.is_null())) throw JsonTextFault{simdjson::N_ATOM_ERROR};
         break;
+      case ondemand::json_type::object:
+      case ondemand::json_type::array:
+        break;
     }
   }
 
- private:
+  // Records the member `field` introduces in the innermost object; its value.
+  [[gnu::noinline]] ondemand::value enter(ondemand::field& field) {
+    Frame& frame = frames_.back();
+    std::string name(memberName(field, scratch_));
+    // Of several repeated names, the first one repeated, reported when the object ends (after
+    // the faults inside it), as a parser that reads the whole object first finds it.
+    if (!frame.names.insert(name).second && !frame.repeated) frame.repeated = name;
+    frame.key = std::move(name);
+    return field.value();
+  }
+
+  [[gnu::noinline]] void closeObject() {
+    if (const std::optional<std::string>& repeated = frames_.back().repeated) {
+      throw SchematizerError::unexpectedType(framePath(frames_, false) + ": duplicate key " +
+                                             jsonString(*repeated));
+    }
+    frames_.pop_back();
+  }
+
   void open(bool isObject) {
     if (frames_.size() >= maxDepth_) {
       throw SchematizerError::unexpectedType(framePath(frames_, true) + ": nesting deeper than " +
                                              std::to_string(maxDepth_) + " levels");
     }
-    frames_.push_back(Frame{isObject, {}, 0});
+    frames_.push_back(Frame{isObject, {}, 0, {}, {}});
   }
 
   size_t maxDepth_;
@@ -360,6 +388,52 @@ void JsonInput::finish() {
   const char* location = nullptr;
   if (document_.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {
     throw JsonTextFault{simdjson::TRAILING_CONTENT};
+  }
+}
+
+void JsonInput::refuseDeeperThan(std::string_view text, size_t depth) {
+  // Where the scan stands in each open container: the member being read (its name as written)
+  // or the element's position, as the check's paths name them.
+  struct Open {
+    bool isObject = false;
+    bool expectingName = false;
+    std::string_view name;
+    size_t position = 0;
+  };
+  std::vector<Open> open;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') {
+      const size_t start = ++i;
+      while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
+      if (!open.empty() && open.back().isObject && open.back().expectingName) {
+        open.back().name = text.substr(start, std::min(i, text.size()) - start);
+        open.back().expectingName = false;
+      }
+    } else if (c == '{' || c == '[') {
+      if (open.size() >= depth) {
+        std::string path = "$";
+        for (const Open& container : open) {
+          if (container.isObject) {
+            path += '.';
+            path += container.name;
+          } else {
+            path += '[' + std::to_string(container.position) + ']';
+          }
+        }
+        throw SchematizerError::unexpectedType(path + ": nesting deeper than " +
+                                               std::to_string(depth) + " levels");
+      }
+      open.push_back({c == '{', c == '{', {}, 0});
+    } else if ((c == '}' || c == ']') && !open.empty()) {
+      open.pop_back();
+    } else if (c == ',' && !open.empty()) {
+      if (open.back().isObject) {
+        open.back().expectingName = true;
+      } else {
+        ++open.back().position;
+      }
+    }
   }
 }
 

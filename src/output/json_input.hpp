@@ -91,6 +91,12 @@ class JsonInput {
   // Returns when the text has none of them.
   void check();
 
+  // Throws "<path>: nesting deeper than <depth> levels" when the text's brackets and braces,
+  // outside strings, nest deeper than `depth`. A scan without recursion, so that a text too deep
+  // is refused before a reader descends into it and spends a stack frame on each level; the path
+  // names members as they are written, escapes and all.
+  static void refuseDeeperThan(std::string_view text, size_t depth);
+
  private:
   struct Parser;
 
