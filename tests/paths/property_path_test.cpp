@@ -183,6 +183,7 @@ TEST(PropertyPathErrorTest, IndentsTheArrowByUserPerceivedCharacters) {
       {"malformed bytes", "\xFF\xFE.", 3},
       {"truncated sequence", "\xE6\x97.", 3},
       {"overlong encoding", "\xC0\xAF", 2},
+      {"malformed byte after a joiner", "x\xE2\x80\x8D\x80", 2},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -191,7 +192,10 @@ TEST(PropertyPathErrorTest, IndentsTheArrowByUserPerceivedCharacters) {
     EXPECT_EQ(std::string(error.what()), "PropertyPathUtil Error: Missing separator\n" +
                                              std::string(row.spaces, ' ') + "\xE2\x87\xA9 Here\n" +
                                              in);
-  }
+  }  // Only what stands before the position counts: a character the position cuts in two counts
+  // byte by byte, whatever follows the position.
+  EXPECT_EQ(std::string(Error::missingSeparator("a\xE6\x97\xA5.", 3).what()),
+            "PropertyPathUtil Error: Missing separator\n   \xE2\x87\xA9 Here\na\xE6\x97\xA5.");
 }
 
 }  // namespace
