@@ -123,7 +123,10 @@ void TargetReporter::printTargets() const {
     const double ratio = atMost ? ours->median() / peer->median() : peer->median() / ours->median();
     const bool pass = atMost ? ratio <= target.bound : ratio >= target.bound;
     out << padded(formatRatio(ratio), 14) << padded(bound, 12)
-        << (reportOnly ? "report" : pass ? "pass" : "MISS") << "\n";
+        << (reportOnly ? "report"
+            : pass     ? "pass"
+                       : "MISS")
+        << "\n";
   }
   for (const AllocationTarget& target : allocations_) {
     // The benchmark's counter when it ran, else the exact count of the self-check.

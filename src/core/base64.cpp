@@ -1,8 +1,9 @@
+#include "core/base64.hpp"
+
 #include <array>
 #include <cstdint>
 #include <cstring>
 
-#include "core/base64.hpp"
 #include "ostrel/core/values.hpp"
 
 namespace ostrel {

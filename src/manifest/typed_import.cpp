@@ -129,7 +129,8 @@ class TypedDescriptorReader {
       field.typeName = detail::normalizedTypeName(descriptor.type_name());
     }
     if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
-    if (descriptor.has_json_name() && descriptor.json_name() != detail::jsonName(descriptor.name())) {
+    if (descriptor.has_json_name() &&
+        descriptor.json_name() != detail::jsonName(descriptor.name())) {
       field.jsonName = descriptor.json_name();
     }
     if (descriptor.has_options()) field.options = serialized(descriptor.options());

@@ -20,6 +20,7 @@
 #include "output/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "output/wire_buffer.hpp"
+#include "wire/scalar_decoding.hpp"
 
 namespace ostrel {
 namespace {
@@ -184,25 +185,6 @@ float floatNumber(ondemand::value& value, JsonType type, const Path& path) {
 // A null the encoder takes as a value (or passes over) must still be the literal null.
 void readNull(ondemand::value& value) {
   if (!take(value.is_null())) throw JsonTextFault{simdjson::N_ATOM_ERROR};
-}
-
-WireType wireTypeOf(Case kind) noexcept {
-  switch (kind) {
-    case Case::fixed32:
-    case Case::sfixed32:
-    case Case::float_:
-      return WireType::fixed32;
-    case Case::fixed64:
-    case Case::sfixed64:
-    case Case::double_:
-      return WireType::fixed64;
-    case Case::message:
-    case Case::string:
-    case Case::bytes:
-      return WireType::lengthDelimited;
-    default:
-      return WireType::varint;
-  }
 }
 
 struct MessageEntry;
@@ -381,7 +363,9 @@ class Encoder {
     entry.repeated = field.isRepeated();
     entry.number = field.fieldNumber();
     entry.name = field.name();
-    entry.key = detail::fieldKey(entry.number, wireTypeOf(entry.kind));
+    entry.key = detail::fieldKey(
+        entry.number,
+        static_cast<WireType>(detail::kRequiredWireType[static_cast<size_t>(entry.kind)]));
     if (entry.kind == Case::message) {
       entry.message = &messageEntry(*type.messageSchema(), type.messageSchema());
       entry.nullIsValue = entry.message->kind == WellKnown::value;

@@ -145,8 +145,8 @@ class Occurrences {
   bool next() {
     if (--left_ == 0) return false;
     reader_.setPosition(position_);
-    reader_.skipField(FieldTag(static_cast<uint32_t>(number_ << 3) |
-                               static_cast<uint32_t>(wireType_)));
+    reader_.skipField(
+        FieldTag(static_cast<uint32_t>(number_ << 3) | static_cast<uint32_t>(wireType_)));
     for (;;) {
       const FieldTag tag = reader_.readTag();
       if (tag.fieldNumber() == number_) {
@@ -180,7 +180,8 @@ class Output {
 
   // Room for `n` characters at the returned cursor; advance() past what was written.
   char* room(size_t n) {
-    if (n > static_cast<size_t>(end_ - cursor_)) [[unlikely]] grow(n);
+    if (n > static_cast<size_t>(end_ - cursor_)) [[unlikely]]
+      grow(n);
     return cursor_;
   }
   void advance(char* to) noexcept { cursor_ = to; }
@@ -427,8 +428,8 @@ class Renderer {
             run.lastWireType = tag.wireType();
             ++run.count;
           } else {
-            runs_.push_back({f, reader.position(), tag.wireType(), reader.position(),
-                             tag.wireType(), 1});
+            runs_.push_back(
+                {f, reader.position(), tag.wireType(), reader.position(), tag.wireType(), 1});
           }
         }
         reader.skipField(tag);
@@ -569,8 +570,7 @@ class Renderer {
   }
 
   // Emits a map field, whose entries are the occurrences of runs_[begin, end), as an object.
-  void map(MessagePlan& entryPlan, ByteView bytes, size_t begin, size_t end, int depth,
-           int level) {
+  void map(MessagePlan& entryPlan, ByteView bytes, size_t begin, size_t end, int depth, int level) {
     FieldPlan& keyPlan = resolve(*entryPlan.find(1));
     FieldPlan& valuePlan = resolve(*entryPlan.find(2));
 
@@ -728,7 +728,9 @@ class Renderer {
   void emit(const FieldPlan&, float v) { floatingPoint(v); }
   void emit(const FieldPlan&, double v) { floatingPoint(v); }
   void emit(const FieldPlan&, bool v) { out_ += v ? "true" : "false"; }
-  void emit(const FieldPlan& f, detail::EnumNumber v) { enumValue(*f.type->enumSchema(), v.number); }
+  void emit(const FieldPlan& f, detail::EnumNumber v) {
+    enumValue(*f.type->enumSchema(), v.number);
+  }
 
   // A message value at `depth`: a well-known type in its own JSON form, any other as an object.
   void messageValue(MessagePlan& plan, ByteView bytes, int depth, int level) {
@@ -806,8 +808,8 @@ class Renderer {
     std::string paths;
     bool any = false;
     forEachOccurrence(bytes, first, runs_.size(), [&](Reader& reader, ProtoWireType wireType) {
-      const detail::AnyValueImpl path = decodeValue(reader, runs_[first].plan->field->type(),
-                                                    wireType);
+      const detail::AnyValueImpl path =
+          decodeValue(reader, runs_[first].plan->field->type(), wireType);
       const std::optional<std::string> json = detail::fieldMaskPathToJson(path.stringValue());
       if (!json) {
         throw SchematizerError::unexpectedType("google.protobuf.FieldMask path " +

@@ -67,33 +67,52 @@ template <typename Use>
 [[gnu::always_inline]] inline auto withFixedDecoder(Case kind, const Use& use) {
   switch (kind) {
     case Case::int32:
-      return use([](Reader& r) __attribute__((always_inline)) { return low32Signed(r.readVarintValue()); });
+      return use([](Reader & r)
+                     __attribute__((always_inline)) { return low32Signed(r.readVarintValue()); });
     case Case::uint32:
-      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<uint32_t>(r.readVarintValue()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return static_cast<uint32_t>(r.readVarintValue());
+      });
     case Case::sint32:
-      return use([](Reader& r) __attribute__((always_inline)) { return zigZag32(static_cast<uint32_t>(r.readVarintValue())); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return zigZag32(static_cast<uint32_t>(r.readVarintValue()));
+      });
     case Case::int64:
-      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int64_t>(r.readVarintValue()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return static_cast<int64_t>(r.readVarintValue());
+      });
     case Case::uint64:
-      return use([](Reader& r) __attribute__((always_inline)) { return r.readVarintValue(); });
+      return use([](Reader & r) __attribute__((always_inline)) { return r.readVarintValue(); });
     case Case::sint64:
-      return use([](Reader& r) __attribute__((always_inline)) { return zigZag64(r.readVarintValue()); });
+      return use([](Reader & r)
+                     __attribute__((always_inline)) { return zigZag64(r.readVarintValue()); });
     case Case::bool_:
-      return use([](Reader& r) __attribute__((always_inline)) { return r.readVarintValue() != 0; });
+      return use([](Reader & r)
+                     __attribute__((always_inline)) { return r.readVarintValue() != 0; });
     case Case::enum_:
-      return use([](Reader& r) __attribute__((always_inline)) { return EnumNumber{low32Signed(r.readVarintValue())}; });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return EnumNumber{low32Signed(r.readVarintValue())};
+      });
     case Case::fixed32:
-      return use([](Reader& r) __attribute__((always_inline)) { return r.readFixed32(); });
+      return use([](Reader & r) __attribute__((always_inline)) { return r.readFixed32(); });
     case Case::sfixed32:
-      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int32_t>(r.readFixed32()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return static_cast<int32_t>(r.readFixed32());
+      });
     case Case::float_:
-      return use([](Reader& r) __attribute__((always_inline)) { return std::bit_cast<float>(r.readFixed32()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return std::bit_cast<float>(r.readFixed32());
+      });
     case Case::fixed64:
-      return use([](Reader& r) __attribute__((always_inline)) { return r.readFixed64(); });
+      return use([](Reader & r) __attribute__((always_inline)) { return r.readFixed64(); });
     case Case::sfixed64:
-      return use([](Reader& r) __attribute__((always_inline)) { return static_cast<int64_t>(r.readFixed64()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return static_cast<int64_t>(r.readFixed64());
+      });
     case Case::double_:
-      return use([](Reader& r) __attribute__((always_inline)) { return std::bit_cast<double>(r.readFixed64()); });
+      return use([](Reader & r) __attribute__((always_inline)) {
+        return std::bit_cast<double>(r.readFixed64());
+      });
     case Case::message:
     case Case::string:
     case Case::bytes:
@@ -112,14 +131,15 @@ template <typename Make>
 [[gnu::always_inline]] inline auto decodeFixedEncodingAs(Reader& reader,
                                                          const TypeSchemaDescription& type,
                                                          const Make& make) {
-  return withFixedDecoder(type.kind(), [&](const auto& decode) __attribute__((always_inline)) {
-    auto value = decode(reader);
-    if constexpr (std::is_same_v<decltype(value), EnumNumber>) {
-      return make(detail::EnumValueImpl{type.enumSchema(), value.number});
-    } else {
-      return make(value);
-    }
-  });
+  return withFixedDecoder(
+      type.kind(), [&](const auto& decode) __attribute__((always_inline)) {
+        auto value = decode(reader);
+        if constexpr (std::is_same_v<decltype(value), EnumNumber>) {
+          return make(detail::EnumValueImpl{type.enumSchema(), value.number});
+        } else {
+          return make(value);
+        }
+      });
 }
 
 // Builds the internal value of each decoded C++ type.
