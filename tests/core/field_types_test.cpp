@@ -102,6 +102,11 @@ TEST(ErrorsTest, EqualityIsByCaseAndTextAndWhatNamesBoth) {
       SerializationError::invalidIntType(detail::AnyValueImpl::uint32(5), D::scalar(C::int32));
   EXPECT_STREQ(invalid.what(), "invalidIntType(uint32(5), int32)");
   EXPECT_EQ(invalid.value()->uint32Value(), 5u);
+  // It carries this value and this type, not merely an integer mismatch.
+  EXPECT_FALSE(invalid == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(6),
+                                                             D::scalar(C::int32)));
+  EXPECT_FALSE(invalid == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(5),
+                                                             D::scalar(C::int64)));
   EXPECT_FALSE(SerializationError::truncated() == SerializationError::malformedProtobuf());
   EXPECT_STREQ(SerializationError::truncated().what(), "truncated");
   EXPECT_FALSE(SchemaManifestDSCError::invalidValueType("x") ==

@@ -158,19 +158,13 @@ std::vector<RenderRow> renderRows() {
           (i > 20 ? ",\"k" : "\"k") + std::to_string(i % 20) + "\":\"" + std::to_string(i) + "\"";
   }
   return {
-      {"empty message", "", "{}"},
       {"fields in field-number order, whatever the order of the bytes",
        len(14, "hi") + var(1, -1) + var(13, 1), R"({"i32":-1,"b":true,"s":"hi"})"},
       {"narrow integers keep the low bits of their varint",
        var(1, 0x1'0000'0005u) + var(3, 0x1'0000'0005u), R"({"i32":5,"u32":5})"},
-      {"floats and doubles in their shortest form", f32(11, bits(0.1f)) + f64(12, bits(0.1)),
-       R"({"fl":0.1,"db":0.1})"},
       {"extreme floats and doubles", f32(11, bits(F::denorm_min())) + f64(12, bits(D::lowest())),
        R"({"fl":1e-45,"db":-1.7976931348623157e+308})"},
       {"bool is true for any non-zero varint", var(13, 2), R"({"b":true})"},
-      {"enums by name, unknown numbers as numbers",
-       var(16, 1) + len(25, Wire().varint(0).varint(7).varint(-1ull).bytes()),
-       R"({"e":"ONE","re":["ZERO",7,-1]})"},
       {"strings escaped as JSON requires", len(14, "q\"b\\\n\t\x01/\x7f\xC3\xA9"),
        "{\"s\":\"q\\\"b\\\\\\n\\t\\u0001/\x7f\xC3\xA9\"}"},
       {"invalid UTF-8 becomes U+FFFD", len(14, "\xC3\x28"), "{\"s\":\"\xEF\xBF\xBD(\"}"},

