@@ -114,6 +114,49 @@ TEST(ErrorsTest, EqualityIsByCaseAndTextAndWhatNamesBoth) {
   EXPECT_STREQ(SchemaManifestDSCError::cannotLoadDescriptor().what(), "cannotLoadDescriptor");
 }
 
+// Enum values and messages compare by the name of their schema, not its object, then by number
+// (whether held by name or by number) or by bytes.
+TEST(ValuesTest, EnumsAndMessagesCompareBySchemaNameAndContent) {
+  SchemaManifest manifest;
+  manifest.enums["a.E"].values = {{"Z", 0}, {"ONE", 1}};
+  manifest.enums["b.E"].values = {{"Z", 0}, {"ONE", 1}};
+  manifest.messages["a.M"];
+  manifest.messages["b.M"];
+  const auto store = ProtoSchemaStore::make(manifest);
+  const auto other = ProtoSchemaStore::make(manifest);
+  const auto e = [](const std::shared_ptr<EnumSchemaDescribing>& type,
+                    detail::EnumValueImpl::Container held) {
+    return EnumValue(detail::EnumValueImpl{type, std::move(held)});
+  };
+  const auto aE = store->enumSchema("a.E");
+  const std::vector<std::pair<std::pair<EnumValue, EnumValue>, bool>> enums = {
+      {{e(aE, int64_t{1}), e(other->enumSchema("a.E"), int64_t{1})}, true},
+      {{e(aE, int64_t{1}), e(aE, std::string("ONE"))}, true},
+      {{e(aE, std::string("Z")), e(aE, std::string("Z"))}, true},
+      {{e(aE, int64_t{1}), e(aE, int64_t{0})}, false},
+      {{e(aE, int64_t{1}), e(store->enumSchema("b.E"), int64_t{1})}, false},
+      {{e(aE, int64_t{1}), e(nullptr, int64_t{1})}, false},
+      {{e(nullptr, int64_t{1}), e(aE, int64_t{1})}, false},
+      {{e(nullptr, int64_t{7}), e(nullptr, int64_t{7})}, true}};
+  for (size_t i = 0; i < enums.size(); ++i) {
+    EXPECT_EQ(enums[i].first.first == enums[i].first.second, enums[i].second) << "row " << i;
+  }
+  const auto m = [](const std::shared_ptr<MessageSchemaDescribing>& type, Bytes bytes) {
+    return SchematizedData(type, std::move(bytes));
+  };
+  const auto aM = store->messageSchema("a.M");
+  const std::vector<std::pair<std::pair<SchematizedData, SchematizedData>, bool>> messages = {
+      {{m(aM, bytesOf({8, 1})), m(other->messageSchema("a.M"), bytesOf({8, 1}))}, true},
+      {{m(aM, bytesOf({8, 1})), m(aM, bytesOf({8, 2}))}, false},
+      {{m(aM, bytesOf({8, 1})), m(store->messageSchema("b.M"), bytesOf({8, 1}))}, false},
+      {{m(aM, {}), m(nullptr, {})}, false},
+      {{m(nullptr, {}), m(aM, {})}, false},
+      {{m(nullptr, bytesOf({1})), m(nullptr, bytesOf({1}))}, true}};
+  for (size_t i = 0; i < messages.size(); ++i) {
+    EXPECT_EQ(messages[i].first.first == messages[i].first.second, messages[i].second) << i;
+  }
+}
+
 TEST(ValuesTest, PublicValuesOwnWhatInternalValuesBorrow) {
   std::optional<Bytes> buffer = bytesOf({1, 2, 3});
   const AnyValue owned = AnyValue::from(detail::AnyValueImpl::bytes(ByteView(*buffer).subspan(1)));
