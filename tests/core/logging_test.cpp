@@ -1,13 +1,12 @@
-// The logging hook: messages reach the installed handler, and the default comes back.
+// The logging hook: messages reach the installed handler, and the default comes back. Swapping
+// handlers while other threads log is the reliability tests' part.
 
 #include "ostrel/core/logging.hpp"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace ostrel {
@@ -30,7 +29,6 @@ TEST(LoggingTest, HandlerReceivesMessagesUntilReplaced) {
   // Back to syslog: neither handler hears of this one.
   setLogHandler(nullptr);
   detail::log("Sch: logging test, to the system log");
-
   EXPECT_EQ(first, (std::vector<std::string>{"Sch: one", "Sch: two"}));
   EXPECT_EQ(second, (std::vector<std::string>{"Sch: three"}));
 }
@@ -55,22 +53,6 @@ TEST(LoggingTest, HandlerMayReplaceItself) {
   detail::log("Sch: first");
   detail::log("Sch: second");
   EXPECT_EQ(later, std::vector<std::string>{"Sch: second"});
-}
-
-TEST(LoggingTest, HandlersCanBeSwappedWhileOtherThreadsLog) {
-  RestoreDefaultHandler restore;
-  std::atomic<int> heard = 0;
-  const auto count = [&](std::string_view) { heard.fetch_add(1); };
-  setLogHandler(count);
-  std::vector<std::thread> loggers;
-  for (int t = 0; t < 2; ++t) {
-    loggers.emplace_back([] {
-      for (int i = 0; i < 1000; ++i) detail::log("Sch: busy");
-    });
-  }
-  for (int i = 0; i < 200; ++i) setLogHandler(count);
-  for (std::thread& logger : loggers) logger.join();
-  EXPECT_EQ(heard.load(), 2000);
 }
 
 }  // namespace

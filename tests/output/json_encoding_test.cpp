@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -42,22 +41,6 @@ TEST(JsonEncodingTest, EncodesRenderingsBackToTheMessage) {
   }
 }
 
-TEST(JsonEncodingTest, NegativeZeroKeepsItsSign) {
-  SchemaStore store(generatedManifest("rich.desc"));
-  const MessageSchema schema = store.messageSchema("ostrel.test.Scalars");
-  test::Scalars message;
-  message.set_f_double(-0.0);
-  message.set_f_float(-0.0f);
-  const std::string rendered = toJSON(schema.schematizedData(message.SerializeAsString()));
-  EXPECT_EQ(rendered, R"({"f_double":-0.0,"f_float":-0.0})");
-  const SchematizedData encoded = encodeJSON(schema, rendered);
-  test::Scalars parsed;
-  ASSERT_TRUE(
-      parsed.ParseFromArray(encoded.data().data(), static_cast<int>(encoded.data().size())));
-  EXPECT_TRUE(std::signbit(parsed.f_double()));
-  EXPECT_TRUE(std::signbit(parsed.f_float()));
-}
-
 struct EncodeRow {
   std::string name;
   std::string json;
@@ -79,6 +62,7 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
       {"floats and doubles as numbers, strings and special values",
        R"({"fl":0.1,"db":"1.5","rf":["NaN","Infinity","-Infinity",3,"-0.25"]})",
        R"({"fl":0.1,"db":1.5,"rf":["NaN","Infinity","-Infinity",3,-0.25]})"},
+      {"negative zeros keep their sign", R"({"fl":-0.0,"db":-0.0})", R"({"fl":-0.0,"db":-0.0})"},
       {"the largest float", R"({"fl":3.4028235e+38,"rf":[-3.4028235e38]})",
        R"({"fl":3.4028235e+38,"rf":[-3.4028235e+38]})"},
       {"numbers of more than 19 significant digits",
@@ -91,8 +75,6 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
        "{\"b\":false,\"s\":\"h\xC3\xA9\\n\",\"by\":\"AP8=\"}"},
       {"enums by name, by number and by numeric string", R"({"e":"ONE","re":[0,"ZERO",7,"-1"]})",
        R"({"e":"ONE","re":["ZERO","ZERO",7,-1]})"},
-      {"nested and repeated messages", R"({"child":{"child":{}},"rm":[{"b":true},{}]})",
-       R"({"child":{"child":{}},"rm":[{"b":true},{}]})"},
       {"maps keep the order of their members",
        R"({"sm":{"b":"2","a":1},"bm":{"true":1,"false":"ZERO"},"im":{"-5":{"i32":1},"3":{}}})",
        R"({"sm":{"b":"2","a":"1"},"bm":{"true":"ONE","false":"ZERO"},"im":{"-5":{"i32":1},"3":{}}})"},
@@ -114,147 +96,87 @@ TEST(JsonEncodingTest, WritesMapEntriesWithKeyAndValue) {
   EXPECT_EQ(data.data(), testing_support::bytesOf({0xAA, 0x01, 0x04, 0x0A, 0x00, 0x10, 0x00}));
 }
 
-TEST(JsonEncodingTest, ReadsTheTypeOfAnAnyWhereverItStands) {
-  const std::vector<EncodeRow> rows = {
-      {"after the fields",
-       R"({"any":{"big_id":"7","@type":"type.googleapis.com/ostrel.test.wkt.Inner"}})",
-       R"({"any":{"@type":"type.googleapis.com/ostrel.test.wkt.Inner","big_id":"7"}})"},
-      {"after the value of a well-known type",
-       R"({"any":{"value":"1s","@type":"type.googleapis.com/google.protobuf.Duration"}})",
-       R"({"any":{"@type":"type.googleapis.com/google.protobuf.Duration","value":"1s"}})"},
-      {"between fields, around an Any inside",
-       R"({"any":{"display_name":"a","@type":"type.googleapis.com/ostrel.test.wkt.Inner","nested_anys":)"
-       R"([{"big_id":"1","@type":"type.googleapis.com/ostrel.test.wkt.Inner"}]}})",
-       R"({"any":{"@type":"type.googleapis.com/ostrel.test.wkt.Inner","display_name":"a","nested_anys":)"
-       R"([{"@type":"type.googleapis.com/ostrel.test.wkt.Inner","big_id":"1"}]}})"},
-  };
-  SchemaStore store(generatedManifest("well_known.desc"));
-  const MessageSchema holder = store.messageSchema("ostrel.test.wkt.Holder");
-  for (const EncodeRow& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(toJSON(encodeJSON(holder, row.json)), row.rendered);
-  }
-}
-
-std::string nestedNodes(int depth) {
-  std::string json;
-  for (int i = 1; i < depth; ++i) json += R"({"child":)";
-  json += "{}";
-  for (int i = 1; i < depth; ++i) json += "}";
-  return json;
-}
-
+// Far deeper text is the reliability tests' part; here the limits themselves: a hundred messages,
+// and text nested deeper than any message can be, refused while it is parsed.
 TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   SchemaStore store(sampleManifest());
   const MessageSchema node = store.messageSchema("t.Node");
-  EXPECT_EQ(toJSON(encodeJSON(node, nestedNodes(100))), nestedNodes(100));
-  for (const int depth : {101, 201}) {
-    SCOPED_TRACE(depth);
-    EXPECT_EQ(catchError([&] { encodeJSON(node, nestedNodes(depth)); }),
-              SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
-  }
-  // Text nested deeper than any message can be is refused while it is parsed, before a document
-  // of it is built, naming where the parse stopped.
+  const auto nested = [](int depth) {
+    std::string json = "{}";
+    for (int i = 1; i < depth; ++i) json = R"({"child":)" + json + "}";
+    return json;
+  };
+  EXPECT_EQ(toJSON(encodeJSON(node, nested(100))), nested(100));
+  const auto tooDeep = SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+  EXPECT_EQ(catchError([&] { encodeJSON(node, nested(101)); }), tooDeep);
+  EXPECT_EQ(catchError([&] { encodeJSON(node, nested(201)); }), tooDeep);
   std::string path = "$";
   for (int i = 1; i < 202; ++i) path += ".child";
-  for (const int depth : {202, 1'000'000}) {
-    SCOPED_TRACE(depth);
-    EXPECT_EQ(catchError([&] { encodeJSON(node, nestedNodes(depth)); }),
-              SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
-  }
+  EXPECT_EQ(catchError([&] { encodeJSON(node, nested(202)); }),
+            SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
 }
 
 struct ErrorRow {
-  std::string name;
   std::string json;
   SchematizerError expected;
 };
 
 TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
-  const auto unexpected = [](const std::string& text) {
-    return SchematizerError::unexpectedType(text);
-  };
+  const auto u = [](const std::string& text) { return SchematizerError::unexpectedType(text); };
   const std::vector<ErrorRow> rows = {
-      {"not JSON", "{\"i32\":",
-       unexpected("invalid JSON: The JSON document has an improper structure: missing or "
-                  "superfluous commas, braces, missing keys, etc.")},
-      {"not an object", "[]", unexpected("$: expected an object")},
-      {"unknown member", R"({"i32":1,"nope":1})",
+      {"{\"i32\":", u("invalid JSON: The JSON document has an improper structure: missing or "
+                      "superfluous commas, braces, missing keys, etc.")},
+      {"[]", u("$: expected an object")},
+      {R"({"i32":1,"nope":1})",
        SchematizerError::fieldNotFound("Schema \"t.Sample\" property with name \"nope\"")},
-      {"unknown member of a nested message", R"({"child":{"zz":1}})",
+      {R"({"child":{"zz":1}})",
        SchematizerError::fieldNotFound("Schema \"t.Sample\" property with name \"zz\"")},
-      {"integer with a fraction", R"({"i32":1.5})",
-       unexpected("$.i32: expected an integer of type int32")},
-      {"integer as a boolean", R"({"sf32":true})",
-       unexpected("$.sf32: expected an integer of type sfixed32")},
-      {"integer string with other characters", R"({"i64":"12a"})",
-       unexpected("$.i64: expected an integer of type int64")},
-      {"integer string with a plus sign", R"({"i64":"+1"})",
-       unexpected("$.i64: expected an integer of type int64")},
-      {"empty integer string", R"({"s64":""})",
-       unexpected("$.s64: expected an integer of type sint64")},
-      {"int32 above its range", R"({"i32":2147483648})",
-       unexpected("$.i32: expected an integer in the range of int32")},
-      {"uint32 below its range", R"({"u32":-1})",
-       unexpected("$.u32: expected an integer in the range of uint32")},
-      {"fixed32 string above its range", R"({"f32":"4294967296"})",
-       unexpected("$.f32: expected an integer in the range of fixed32")},
-      {"uint64 string above its range", R"({"u64":"18446744073709551616"})",
-       unexpected("$.u64: expected an integer in the range of uint64")},
-      {"int64 string below its range", R"({"i64":"-9223372036854775809"})",
-       unexpected("$.i64: expected an integer in the range of int64")},
-      {"fixed64 number beyond 64 bits", R"({"f64":1e20})",
-       unexpected("$.f64: expected an integer in the range of fixed64")},
-      {"float above its range", R"({"fl":1e39})",
-       unexpected("$.fl: expected a number in the range of float")},
-      {"float rounding to infinity", R"({"fl":-3.4028236e38})",
-       unexpected("$.fl: expected a number in the range of float")},
-      {"enum numeric string above int32", R"({"e":"2147483648"})",
-       unexpected("$.e: expected an integer in the range of int32")},
-      {"double as a word", R"({"db":"inf"})", unexpected("$.db: expected a number of type double")},
-      {"lone surrogate in a member name", R"({"sm":{"\udc00":1}})",
-       unexpected("invalid JSON: Problem while parsing a string")},
-      {"number beyond every double", R"({"db":1e999})",
-       unexpected("invalid JSON: Problem while parsing a number")},
-      {"float as an object", R"({"fl":{}})", unexpected("$.fl: expected a number of type float")},
-      {"bool as a string", R"({"b":"true"})", unexpected("$.b: expected a boolean")},
-      {"string as a number", R"({"s":1})", unexpected("$.s: expected a string")},
-      {"bytes not in base64", R"({"by":"AP8"})", unexpected("$.by: expected a base64 string")},
-      {"bytes as a number", R"({"by":1})", unexpected("$.by: expected a base64 string")},
-      {"enum name the enum lacks", R"({"e":"TWO"})",
-       SchematizerError::enumValueNotFound("Enum: t.Kind, TWO value")},
-      {"enum as a boolean", R"({"e":true})", unexpected("$.e: expected an enum name or number")},
-      {"enum number above int32", R"({"e":2147483648})",
-       unexpected("$.e: expected an integer in the range of int32")},
-      {"message as a number", R"({"child":1})", unexpected("$.child: expected an object")},
-      {"repeated field as a single value", R"({"ri":1})", unexpected("$.ri: expected an array")},
-      {"element of a repeated field", R"({"rm":[{},{"i32":"x"}]})",
-       unexpected("$.rm[1].i32: expected an integer of type int32")},
-      {"null element", R"({"rs":["a",null]})", unexpected("$.rs[1]: expected a string")},
-      {"map as an array", R"({"sm":[]})", unexpected("$.sm: expected an object")},
-      {"map key not an integer", R"({"im":{"x":{}}})",
-       unexpected("$.im[\"x\"]: expected an integer of type int32")},
-      {"map key not a bool", R"({"bm":{"yes":"ONE"}})",
-       unexpected("$.bm[\"yes\"]: expected a key of type bool")},
-      {"map value of the wrong kind", R"({"sm":{"a\"b":true}})",
-       unexpected("$.sm[\"a\\\"b\"]: expected an integer of type int64")},
-      {"message type the store lacks", R"({"missing":{}})",
-       SchematizerError::schemaNotFound("t.Missing")},
+      {R"({"i32":1.5})", u("$.i32: expected an integer of type int32")},
+      {R"({"sf32":true})", u("$.sf32: expected an integer of type sfixed32")},
+      {R"({"i64":"12a"})", u("$.i64: expected an integer of type int64")},
+      {R"({"i64":"+1"})", u("$.i64: expected an integer of type int64")},
+      {R"({"s64":""})", u("$.s64: expected an integer of type sint64")},
+      {R"({"i32":2147483648})", u("$.i32: expected an integer in the range of int32")},
+      {R"({"u32":-1})", u("$.u32: expected an integer in the range of uint32")},
+      {R"({"f32":"4294967296"})", u("$.f32: expected an integer in the range of fixed32")},
+      {R"({"u64":"18446744073709551616"})", u("$.u64: expected an integer in the range of uint64")},
+      {R"({"i64":"-9223372036854775809"})", u("$.i64: expected an integer in the range of int64")},
+      {R"({"f64":1e20})", u("$.f64: expected an integer in the range of fixed64")},
+      {R"({"fl":1e39})", u("$.fl: expected a number in the range of float")},
+      {R"({"fl":-3.4028236e38})", u("$.fl: expected a number in the range of float")},
+      {R"({"e":"2147483648"})", u("$.e: expected an integer in the range of int32")},
+      {R"({"db":"inf"})", u("$.db: expected a number of type double")},
+      {R"({"sm":{"\udc00":1}})", u("invalid JSON: Problem while parsing a string")},
+      {R"({"db":1e999})", u("invalid JSON: Problem while parsing a number")},
+      {R"({"fl":{}})", u("$.fl: expected a number of type float")},
+      {R"({"b":"true"})", u("$.b: expected a boolean")},
+      {R"({"s":1})", u("$.s: expected a string")},
+      {R"({"by":"AP8"})", u("$.by: expected a base64 string")},
+      {R"({"by":1})", u("$.by: expected a base64 string")},
+      {R"({"e":"TWO"})", SchematizerError::enumValueNotFound("Enum: t.Kind, TWO value")},
+      {R"({"e":true})", u("$.e: expected an enum name or number")},
+      {R"({"e":2147483648})", u("$.e: expected an integer in the range of int32")},
+      {R"({"child":1})", u("$.child: expected an object")},
+      {R"({"ri":1})", u("$.ri: expected an array")},
+      {R"({"rm":[{},{"i32":"x"}]})", u("$.rm[1].i32: expected an integer of type int32")},
+      {R"({"rs":["a",null]})", u("$.rs[1]: expected a string")},
+      {R"({"sm":[]})", u("$.sm: expected an object")},
+      {R"({"im":{"x":{}}})", u("$.im[\"x\"]: expected an integer of type int32")},
+      {R"({"bm":{"yes":"ONE"}})", u("$.bm[\"yes\"]: expected a key of type bool")},
+      {R"({"sm":{"a\"b":true}})", u("$.sm[\"a\\\"b\"]: expected an integer of type int64")},
+      {R"({"missing":{}})", SchematizerError::schemaNotFound("t.Missing")},
       // Of two members of one name, neither can be taken without losing the other.
-      {"member twice", R"({"i32":1,"u32":2,"i32":3})", unexpected(R"($: duplicate key "i32")")},
-      {"member twice, once null", R"({"i32":null,"i32":1})",
-       unexpected(R"($: duplicate key "i32")")},
-      {"member twice in a nested message", R"({"child":{"child":{"rs":[],"rs":[]}}})",
-       unexpected(R"($.child.child: duplicate key "rs")")},
-      {"map key twice", R"({"rm":[{}],"sm":{"a":1,"b":2,"a":1}})",
-       unexpected(R"($.sm: duplicate key "a")")},
-      {"map key twice in an element", R"({"rm":[{},{"sm":{"\u00fc":1,"\u00fc":2}}]})",
-       unexpected("$.rm[1].sm: duplicate key \"\xc3\xbc\"")},
+      {R"({"i32":1,"u32":2,"i32":3})", u(R"($: duplicate key "i32")")},
+      {R"({"i32":null,"i32":1})", u(R"($: duplicate key "i32")")},
+      {R"({"child":{"child":{"rs":[],"rs":[]}}})", u(R"($.child.child: duplicate key "rs")")},
+      {R"({"rm":[{}],"sm":{"a":1,"b":2,"a":1}})", u(R"($.sm: duplicate key "a")")},
+      {R"({"rm":[{},{"sm":{"\u00fc":1,"\u00fc":2}}]})",
+       u("$.rm[1].sm: duplicate key \"\xc3\xbc\"")},
   };
   SchemaStore store(sampleManifest());
   const MessageSchema schema = store.messageSchema("t.Sample");
   for (const ErrorRow& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.json);
     EXPECT_EQ(catchError([&] { encodeJSON(schema, row.json); }), row.expected);
   }
 }

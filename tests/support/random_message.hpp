@@ -1,8 +1,8 @@
 #pragma once
 
 // Fills libprotobuf messages with seeded random content through reflection: every field kind,
-// nesting to a bounded depth, repeated fields of random length, oneofs, maps, enums with numbers
-// the enum does not know, empty and long strings, and the float specials.
+// nesting to a bounded depth, repeated fields of random length, oneofs, maps, extensions, enums
+// with numbers the enum does not know, empty and long strings, and the float specials.
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
@@ -18,6 +18,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace ostrel::testing_support {
 
@@ -47,9 +48,12 @@ class RandomMessageFiller {
   void fill(google::protobuf::Message& message, int depth = 0) {
     if (special_ && special_(message, depth)) return;
     const auto* descriptor = message.GetDescriptor();
-    for (int i = 0; i < descriptor->field_count(); ++i) {
-      const auto* field = descriptor->field(i);
-      if (chance(depth == 0 ? 0.3 : 0.45)) continue;  // leave some fields absent
+    std::vector<const Field*> fields;
+    for (int i = 0; i < descriptor->field_count(); ++i) fields.push_back(descriptor->field(i));
+    descriptor->file()->pool()->FindAllExtensions(descriptor, &fields);
+    for (const Field* field : fields) {
+      // Leave some fields absent; a required one always has its value.
+      if (!field->is_required() && chance(depth == 0 ? 0.3 : 0.45)) continue;
       if (field->real_containing_oneof() && chance(0.5)) continue;
       if (field->is_repeated()) {
         const int count = static_cast<int>(below(depth < 2 ? 6 : 3));
@@ -67,8 +71,8 @@ class RandomMessageFiller {
   std::string fillParsed(google::protobuf::Message& message) {
     const std::unique_ptr<google::protobuf::Message> filled(message.New());
     fill(*filled);
-    std::string bytes = filled->SerializeAsString();
-    if (!message.ParseFromString(bytes))
+    std::string bytes = filled->SerializePartialAsString();
+    if (!message.ParsePartialFromString(bytes))
       throw std::runtime_error("a filled message does not parse");
     return bytes;
   }
@@ -145,6 +149,8 @@ class RandomMessageFiller {
 
   int enumNumber(const Field* field) {
     const auto* type = field->enum_type();
+    // JSON writes every NullValue as null: a number it does not declare has no text to keep it.
+    if (type->full_name() == "google.protobuf.NullValue") return 0;
     if (chance(0.15)) return static_cast<int>(below(1000)) + 100;  // unknown to the enum
     return type->value(static_cast<int>(below(static_cast<uint64_t>(type->value_count()))))
         ->number();

@@ -1,0 +1,619 @@
+// Differential tests: seeded random messages of three schemas (proto3 with every field kind; a
+// proto2 record with a required field, defaults, groups, extensions and closed enums; the
+// well-known types), made and serialized by libprotobuf, then read leaf by leaf, iterated,
+// projected, rendered to JSON, encoded from JSON and built field by field through the library,
+// and compared with what libprotobuf holds.
+//
+// Where the library differs by design the comparison says so, field by field, never by leaving a
+// message out: a field libprotobuf does not set reads absent even where the schema declares a
+// default; the first occurrence of a field is the one read, so a closed enum's numbers that
+// libprotobuf keeps among the unknown fields (and writes after the known ones) are read where
+// they stand; past a packed run there is nothing; group fields are left out of the schema by the
+// import option, so the library skips them; and libprotobuf 3.21's JSON has no extensions.
+
+#include <google/protobuf/any.pb.h>
+#include <google/protobuf/duration.pb.h>
+#include <google/protobuf/field_mask.pb.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/timestamp.pb.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/wrappers.pb.h>
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cctype>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "ostrel/ostrel.hpp"
+#include "output/json_test_support.hpp"
+#include "proto2_record.pb.h"
+#include "rich.pb.h"
+#include "support/random_message.hpp"
+#include "support/reflected_value.hpp"
+#include "support/test_support.hpp"
+#include "well_known.pb.h"
+
+namespace ostrel {
+namespace {
+
+namespace pb = google::protobuf;
+namespace wkt = test::wkt;
+using Field = pb::FieldDescriptor;
+using nlohmann::json;
+
+constexpr int64_t kMinSeconds = -62135596800;
+constexpr int64_t kMaxSeconds = 253402300799;
+constexpr int64_t kMaxDuration = 315576000000;
+
+// Well-known values that their JSON forms can express: Timestamps within years 1 to 9999,
+// Durations within their range, Values without NaN, FieldMask paths in snake_case, and Anys of
+// plain messages, well-known types and other Anys.
+class WellKnownFill {
+ public:
+  explicit WellKnownFill(testing_support::RandomMessageFiller& filler) : filler_(filler) {}
+
+  // libprotobuf 3.21 forgets always_print_primitive_fields inside an Any packed in an Any: rounds
+  // with that option leave such Anys out.
+  bool anyOfAny = true;
+
+  bool operator()(pb::Message& message, int depth) {
+    if (auto* time = dynamic_cast<pb::Timestamp*>(&message)) {
+      time->set_seconds(below(5) == 0 ? between(-100, 100) : between(kMinSeconds, kMaxSeconds));
+      time->set_nanos(nanos());
+    } else if (auto* duration = dynamic_cast<pb::Duration*>(&message)) {
+      const int64_t seconds = below(3) == 0 ? between(-2, 2) : between(-kMaxDuration, kMaxDuration);
+      const int32_t fraction = nanos();
+      duration->set_seconds(seconds);
+      duration->set_nanos(seconds < 0 || (seconds == 0 && below(2) == 0) ? -fraction : fraction);
+    } else if (auto* structure = dynamic_cast<pb::Struct*>(&message)) {
+      fillStruct(*structure, depth);
+    } else if (auto* value = dynamic_cast<pb::Value*>(&message)) {
+      fillValue(*value, depth);
+    } else if (auto* list = dynamic_cast<pb::ListValue*>(&message)) {
+      for (uint64_t n = below(4); n > 0; --n) fillValue(*list->add_values(), depth + 1);
+    } else if (auto* mask = dynamic_cast<pb::FieldMask*>(&message)) {
+      for (uint64_t n = below(4); n > 0; --n)
+        mask->add_paths(below(2) ? "foo_bar.baz" : "ab_cd.e1");
+    } else if (auto* any = dynamic_cast<pb::Any*>(&message)) {
+      fillAny(*any, depth);
+    } else {
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  uint64_t below(uint64_t n) { return std::uniform_int_distribution<uint64_t>(0, n - 1)(rng()); }
+  int64_t between(int64_t low, int64_t high) {
+    return std::uniform_int_distribution<int64_t>(low, high)(rng());
+  }
+  std::mt19937& rng() { return filler_.rng(); }
+
+  // Whole seconds, milliseconds, microseconds or nanoseconds, so that every fraction width shows.
+  int32_t nanos() {
+    static constexpr int32_t kUnits[] = {1000000000, 1000000, 1000, 1};
+    const int32_t unit = kUnits[below(4)];
+    return static_cast<int32_t>(below(static_cast<uint64_t>(1000000000 / unit))) * unit;
+  }
+
+  std::string word() {
+    static const char* const kWords[] = {"a", "id", "foo_bar", "x_y_z", "name", "é", "a1", "\"q\""};
+    return kWords[below(std::size(kWords))];
+  }
+
+  void fillValue(pb::Value& value, int depth) {
+    switch (below(depth >= 3 ? 4 : 6)) {
+      case 0:
+        return value.set_null_value(pb::NULL_VALUE);
+      case 1:
+        return value.set_number_value(
+            below(3) == 0 ? static_cast<double>(between(-1000, 1000))
+                          : std::ldexp(std::uniform_real_distribution<double>(-1, 1)(rng()),
+                                       static_cast<int>(below(120)) - 60));
+      case 2:
+        return value.set_string_value(word());
+      case 3:
+        return value.set_bool_value(below(2) == 1);
+      case 4:
+        return fillStruct(*value.mutable_struct_value(), depth + 1);
+      default:
+        pb::ListValue& list = *value.mutable_list_value();
+        for (uint64_t n = below(4); n > 0; --n) fillValue(*list.add_values(), depth + 1);
+    }
+  }
+
+  void fillStruct(pb::Struct& structure, int depth) {
+    for (uint64_t n = below(4); n > 0; --n) fillValue((*structure.mutable_fields())[word()], depth);
+  }
+
+  void fillAny(pb::Any& any, int depth) {
+    const uint64_t pick = below(depth >= 3 ? 2 : 6);
+    if (pick == 5 && !anyOfAny) return fillAny(any, depth + 1);
+    std::unique_ptr<pb::Message> content;
+    switch (pick) {
+      case 0:
+        content = std::make_unique<pb::Timestamp>();
+        break;
+      case 1:
+        content = std::make_unique<pb::Duration>();
+        break;
+      case 2:
+        content = std::make_unique<wkt::Inner>();
+        break;
+      case 3:
+        content = std::make_unique<pb::Struct>();
+        break;
+      case 4:
+        content = std::make_unique<pb::Int64Value>();
+        break;
+      default:
+        content = std::make_unique<pb::Any>();
+    }
+    filler_.fill(*content, depth + 1);
+    any.PackFrom(*content);
+  }
+
+  testing_support::RandomMessageFiller& filler_;
+};
+
+// One schema under test: a compiled message type and the descriptor set protoc wrote for it.
+struct Subject {
+  const char* name;
+  const char* descriptorSet;
+  const pb::Message* prototype;
+  uint32_t seed;
+  int count;
+};
+
+const Subject kSubjects[] = {
+    {"proto3", "rich.desc", &test::Rich::default_instance(), 20261122, 1000},
+    {"proto2", "proto2_record.desc", &proto2::Record::default_instance(), 20261123, 300},
+    {"well-known types", "well_known.desc", &wkt::Holder::default_instance(), 20250302, 1000},
+};
+
+SchemaStore storeOf(const Subject& subject) {
+  const std::string bytes =
+      testing_support::readFile(std::string(OSTREL_TEST_GENERATED) + "/" + subject.descriptorSet);
+  DescriptorImportOptions options;
+  options.skipGroups = true;
+  options.groupSkipped = [](const std::string&) {};
+  return SchemaStore(schemaManifestFromDescriptorSet(asBytes(bytes), options));
+}
+
+// A message's fields and the extensions of its type that the generated pool knows.
+std::vector<const Field*> fieldsOf(const pb::Descriptor* descriptor) {
+  std::vector<const Field*> fields;
+  for (int i = 0; i < descriptor->field_count(); ++i) fields.push_back(descriptor->field(i));
+  descriptor->file()->pool()->FindAllExtensions(descriptor, &fields);
+  return fields;
+}
+
+// A value as comparable text: its kind and value, floating point by its bits so that NaNs compare,
+// enums by number, messages by their bytes; "absent" for no value, the error for a thrown one.
+std::string canonical(const std::optional<AnyValue>& value) {
+  if (!value) return "absent";
+  using Case = AnyValue::Case;
+  switch (value->kind()) {
+    case Case::float_:
+      return "float:" + std::to_string(std::bit_cast<uint32_t>(value->floatValue()));
+    case Case::double_:
+      return "double:" + std::to_string(std::bit_cast<uint64_t>(value->doubleValue()));
+    case Case::enum_:
+      return "enum:" + std::to_string(value->enumValue().number());
+    case Case::bytes:
+      return "bytes:" + std::string(asText(value->bytesValue()));
+    case Case::message:
+      return "message:" + std::string(asText(value->messageValue().bytes()));
+    default:
+      return value->describe();
+  }
+}
+
+template <typename Read>
+std::string outcome(Read&& read) {
+  try {
+    return canonical(read());
+  } catch (const Error& e) {
+    return std::string("error ") + typeid(e).name() + ": " + e.what();
+  }
+}
+
+// The occurrences of `field` in `message`'s encoding, in order, as canonical() writes them: the
+// values libprotobuf holds, then what it kept of the field among the unknown fields, which it
+// writes after the known ones (a closed enum's numbers it does not declare, whole map entries
+// with such a number as their value).
+std::vector<std::string> occurrences(const pb::Message& message, const Field* field,
+                                     const FieldSchema& schema) {
+  const auto* r = message.GetReflection();
+  std::vector<std::string> out;
+  const int size = field->is_repeated() ? r->FieldSize(message, field)
+                                        : static_cast<int>(r->HasField(message, field));
+  for (int i = 0; i < size; ++i) {
+    const int index = field->is_repeated() ? i : -1;
+    if (field->cpp_type() == Field::CPPTYPE_MESSAGE) {
+      const pb::Message& m =
+          index < 0 ? r->GetMessage(message, field) : r->GetRepeatedMessage(message, field, index);
+      out.push_back("message:" + m.SerializePartialAsString());
+    } else {
+      out.push_back(
+          canonical(testing_support::reflectedValue(message, field, index, schema.type())));
+    }
+  }
+  const pb::UnknownFieldSet& unknown = r->GetUnknownFields(message);
+  for (int i = 0; i < unknown.field_count(); ++i) {
+    const pb::UnknownField& kept = unknown.field(i);
+    if (kept.number() != field->number()) continue;
+    if (kept.type() == pb::UnknownField::TYPE_VARINT) {
+      out.push_back("enum:" + std::to_string(static_cast<int32_t>(kept.varint())));
+    } else if (kept.type() == pb::UnknownField::TYPE_LENGTH_DELIMITED) {
+      out.push_back("message:" + kept.length_delimited());
+    }
+  }
+  return out;
+}
+
+// Map entries ("message:" and their bytes) written again deterministically and sorted: the order
+// of entries, and of the entries of maps nested in their values, is that of one map object, and
+// libprotobuf's reflection hands out copies.
+std::vector<std::string> sortedEntries(const Field* field,
+                                       const std::vector<std::string>& entries) {
+  const pb::Message* prototype =
+      pb::MessageFactory::generated_factory()->GetPrototype(field->message_type());
+  std::vector<std::string> out;
+  for (const std::string& entry : entries) {
+    const std::unique_ptr<pb::Message> parsed(prototype->New());
+    EXPECT_TRUE(parsed->ParsePartialFromString(entry.substr(std::strlen("message:"))));
+    std::string& bytes = out.emplace_back();
+    pb::io::StringOutputStream stream(&bytes);
+    pb::io::CodedOutputStream coded(&stream);
+    coded.SetSerializationDeterministic(true);
+    parsed->SerializePartialToCodedStream(&coded);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// Every path worth asking of one message, with the answer libprotobuf's content calls for.
+struct Reads {
+  std::vector<std::string> paths;
+  std::vector<std::string> expected;
+  int present = 0;
+  int iterated = 0;
+
+  void add(std::string path, std::string answer) {
+    present += answer != "absent";
+    paths.push_back(std::move(path));
+    expected.push_back(std::move(answer));
+  }
+};
+
+// Walks `message` and the library's view of its bytes together: collects each field's paths and
+// answers, and compares each repeated field's iteration on the spot.
+void collectReads(const pb::Message& message, const SchematizedData& data,
+                  const std::string& prefix, Reads& reads) {
+  const auto* r = message.GetReflection();
+  for (const Field* field : fieldsOf(message.GetDescriptor())) {
+    if (field->type() == Field::TYPE_GROUP) {
+      EXPECT_FALSE(data.messageSchema().fieldsByNumber().contains(field->number()))
+          << field->full_name() << " is a group, left out";
+      continue;
+    }
+    const FieldSchema schema = data.messageSchema().fieldWithNumber(field->number());
+    ASSERT_EQ(schema.name(), field->name());
+    const std::string path = prefix + field->name();  // from the outermost message
+    const std::vector<std::string> found = occurrences(message, field, schema);
+    const bool isMessage = field->cpp_type() == Field::CPPTYPE_MESSAGE && !field->is_map();
+    if (!field->is_repeated()) {
+      reads.add(path, found.empty() ? "absent" : found.front());
+      if (isMessage && r->HasField(message, field)) {
+        const std::optional<AnyValue> nested = data.value(field->name());
+        ASSERT_TRUE(nested) << path;
+        collectReads(r->GetMessage(message, field), nested->messageValue(), path + ".", reads);
+      }
+      continue;
+    }
+    // A packed run ends what an index or the iterator reaches; elements written as tags after it
+    // (the closed enum numbers libprotobuf writes last) are not part of it.
+    const bool packed = field->is_packed() && r->FieldSize(message, field) > 0;
+    const std::vector<std::string> reachable(
+        found.begin(), packed ? found.begin() + r->FieldSize(message, field) : found.end());
+    Schematizer::RepeatableFieldIterator iterator(ByteView(data.bytes()), schema.fieldNumber(),
+                                                  schema.type());
+    std::vector<std::string> iterated;
+    for (const AnyValue& element : iterator) iterated.push_back(canonical(element));
+    reads.iterated += static_cast<int>(iterated.size());
+    if (field->is_map()) {  // entries in the order of their keys' hashes: compared as sets
+      EXPECT_EQ(sortedEntries(field, iterated), sortedEntries(field, reachable)) << path;
+      continue;
+    }
+    EXPECT_EQ(iterated, reachable) << path;
+    for (size_t n = 0; n < reachable.size() + 2; ++n) {
+      const std::string index = "[" + std::to_string(n) + "]";
+      const std::string element = path + index;
+      reads.add(element, n < reachable.size() ? reachable[n] : "absent");
+      if (isMessage && n < reachable.size()) {
+        const std::optional<AnyValue> nested = data.value(field->name() + index);
+        ASSERT_TRUE(nested) << element;
+        collectReads(r->GetRepeatedMessage(message, field, static_cast<int>(n)),
+                     nested->messageValue(), element + ".", reads);
+      }
+    }
+  }
+}
+
+// libprotobuf's message as the library reads it from the same bytes, group fields aside.
+void clearGroups(pb::Message& message) {
+  const auto* r = message.GetReflection();
+  std::vector<const Field*> set;
+  r->ListFields(message, &set);
+  for (const Field* field : set) {
+    if (field->type() == Field::TYPE_GROUP) {
+      r->ClearField(&message, field);
+    } else if (field->cpp_type() == Field::CPPTYPE_MESSAGE && !field->is_map()) {
+      if (!field->is_repeated()) {
+        clearGroups(*r->MutableMessage(&message, field));
+      } else {
+        for (int i = 0; i < r->FieldSize(message, field); ++i)
+          clearGroups(*r->MutableRepeatedMessage(&message, field, i));
+      }
+    }
+  }
+}
+
+// The values `message` holds, handed to buildData: nested messages are built the same way.
+SchematizedData buildFrom(const MessageSchema& schema, const pb::Message& message) {
+  const auto* r = message.GetReflection();
+  return schema.buildData([&](const FieldSchema& field) {
+    const auto number = static_cast<int>(field.fieldNumber());
+    const Field* f = message.GetDescriptor()->FindFieldByNumber(number);
+    if (f == nullptr) f = r->FindKnownExtensionByNumber(number);
+    std::vector<AnyValue> values;
+    const int size = f->is_repeated() ? r->FieldSize(message, f) : r->HasField(message, f);
+    for (int i = 0; i < size; ++i) {
+      const int index = f->is_repeated() ? i : -1;
+      if (f->cpp_type() != Field::CPPTYPE_MESSAGE) {
+        values.push_back(testing_support::reflectedValue(message, f, index, field.type()));
+      } else {
+        values.emplace_back(buildFrom(
+            *field.type().messageSchema(),
+            index < 0 ? r->GetMessage(message, f) : r->GetRepeatedMessage(message, f, index)));
+      }
+    }
+    return values;
+  });
+}
+
+// Two JSON values alike, numbers compared as doubles or, failing that, as floats: libprotobuf
+// writes floats with up to nine digits where the shortest form may need fewer.
+bool sameJson(const json& a, const json& b) {
+  if (a.is_number() && b.is_number()) {
+    const auto x = a.get<double>();
+    const auto y = b.get<double>();
+    return x == y || static_cast<float>(x) == static_cast<float>(y);
+  }
+  if (a.type() != b.type() || a.size() != b.size()) return false;
+  if (a.is_object()) {
+    for (const auto& [key, value] : a.items()) {
+      if (!b.contains(key) || !sameJson(value, b[key])) return false;
+    }
+    return true;
+  }
+  if (a.is_array()) {
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (!sameJson(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+// Takes from the texts of `message` what only one writer puts there: libprotobuf's group fields
+// (the library's schema leaves them out), the library's extensions (libprotobuf 3.21 prints none),
+// and, printing defaults, the value of an unset field with presence (libprotobuf prints the
+// default the schema declares, the library the type's zero: it keeps no declared defaults).
+void keepCommonFields(const pb::Message& message, bool jsonNames, json& ours, json& theirs) {
+  for (auto it = ours.begin(); it != ours.end();) {
+    it = it.key().starts_with("[") ? ours.erase(it) : std::next(it);
+  }
+  const auto* r = message.GetReflection();
+  for (const Field* field : fieldsOf(message.GetDescriptor())) {
+    const std::string key = jsonNames ? field->json_name() : field->name();
+    const bool unset = !field->is_repeated() && !r->HasField(message, field);
+    if (field->type() == Field::TYPE_GROUP || (unset && field->has_presence())) {
+      ours.erase(key);
+      theirs.erase(key);
+      continue;
+    }
+    if (field->cpp_type() != Field::CPPTYPE_MESSAGE || field->is_map() || unset ||
+        !ours.contains(key) || !theirs.contains(key)) {
+      continue;
+    }
+    json& a = ours[key];
+    json& b = theirs[key];
+    if (!field->is_repeated()) {
+      if (a.is_object() && b.is_object())
+        keepCommonFields(r->GetMessage(message, field), jsonNames, a, b);
+      continue;
+    }
+    for (int i = 0; i < r->FieldSize(message, field) && a.is_array() && b.is_array() &&
+                    static_cast<size_t>(i) < std::min(a.size(), b.size());
+         ++i) {
+      if (a[i].is_object() && b[i].is_object())
+        keepCommonFields(r->GetRepeatedMessage(message, field, i), jsonNames, a[i], b[i]);
+    }
+  }
+}
+
+// The print options of one round, the same for both writers.
+struct OptionSet {
+  std::string name;
+  JsonOptions ours;
+  pb::util::JsonPrintOptions theirs;
+};
+
+std::vector<OptionSet> optionSets() {
+  std::vector<OptionSet> sets(4);
+  sets[0].name = "declared names";
+  sets[1].name = "JSON names";
+  sets[1].ours.jsonNames = true;
+  sets[2].name = "enums as numbers, indented";
+  sets[2].ours.enumsAsNumbers = true;
+  sets[2].ours.style = JsonStyle::indented;
+  sets[2].theirs.always_print_enums_as_ints = true;
+  sets[2].theirs.add_whitespace = true;
+  sets[3].name = "defaults";
+  sets[3].ours.printDefaults = true;
+  sets[3].theirs.always_print_primitive_fields = true;
+  for (OptionSet& set : sets) set.theirs.preserve_proto_field_names = !set.ours.jsonNames;
+  return sets;
+}
+
+class DifferentialTest : public ::testing::TestWithParam<Subject> {
+ protected:
+  std::unique_ptr<pb::Message> parse(std::string_view bytes) {
+    std::unique_ptr<pb::Message> message(GetParam().prototype->New());
+    EXPECT_TRUE(message->ParsePartialFromArray(bytes.data(), static_cast<int>(bytes.size())));
+    return message;
+  }
+  std::unique_ptr<pb::Message> parse(const SchematizedData& data) {
+    return parse(asText(data.data()));
+  }
+
+  // Reads every path singly and all at once through a projection, on the bytes and on damaged
+  // copies of them (where the two must still agree path by path).
+  void compareReads(const MessageSchema& schema, const pb::Message& message,
+                    const std::string& bytes, std::mt19937& damage, Reads& reads) {
+    const SchematizedData data = schema.schematizedData(bytes);
+    collectReads(message, data, "", reads);
+    const Projection projection(schema, reads.paths);
+    ProjectionRow row = projection.makeRow();
+    projection.read(asBytes(bytes), row);
+    for (size_t i = 0; i < reads.paths.size(); ++i) {
+      EXPECT_EQ(outcome([&] { return data.value(reads.paths[i]); }), reads.expected[i])
+          << reads.paths[i];
+      EXPECT_EQ(outcome([&] { return row.value(i); }), reads.expected[i]) << reads.paths[i];
+    }
+    for (int d = 0; d < 2 && !bytes.empty(); ++d) {
+      std::string damaged = bytes;
+      const size_t at = std::uniform_int_distribution<size_t>(0, bytes.size() - 1)(damage);
+      if (d == 0) damaged[at] = static_cast<char>(damaged[at] ^ (1 << (damage() % 8)));
+      if (d == 1) damaged.resize(at);
+      const SchematizedData broken = schema.schematizedData(damaged);
+      projection.read(asBytes(damaged), row);
+      for (size_t i = 0; i < reads.paths.size(); ++i) {
+        EXPECT_EQ(outcome([&] { return row.value(i); }),
+                  outcome([&] { return broken.value(reads.paths[i]); }))
+            << "damaged " << d << " at " << at << ": " << reads.paths[i];
+      }
+    }
+  }
+
+  // Renders with one option set and compares with libprotobuf's text; encodes both texts back.
+  void compareJson(const MessageSchema& schema, const pb::Message& known, const OptionSet& options,
+                   testing_support::MessageComparison& comparison) {
+    const SchematizedData data = schema.schematizedData(known.SerializePartialAsString());
+    const std::string ourText = renderJSON(data.unsafe(), options.ours);
+    std::string theirText;
+    ASSERT_TRUE(pb::util::MessageToJsonString(known, &theirText, options.theirs).ok());
+    std::ostringstream streamed;
+    renderJSON(data.unsafe(), streamed, options.ours);
+    ASSERT_EQ(streamed.str(), ourText);
+
+    json ours = json::parse(ourText);
+    json theirs = json::parse(theirText);
+    keepCommonFields(known, options.ours.jsonNames, ours, theirs);
+    if (options.ours.printDefaults && known.GetDescriptor() == wkt::Holder::descriptor()) {
+      // libprotobuf 3.21 prints an unset NullValue field as "NULL_VALUE", not null.
+      ASSERT_EQ(ours.value("null_value", json()), json());
+      ours.erase("null_value");
+      theirs.erase("null_value");
+    }
+    ASSERT_TRUE(sameJson(ours, theirs)) << ourText << "\n" << theirText;
+
+    // Our text encodes to bytes that render as the same text, and, unless it holds the defaults
+    // of unset fields (which encode as set ones), to the message it was rendered from.
+    const SchematizedData encoded = encodeJSON(schema, ourText);
+    ASSERT_EQ(renderJSON(encoded.unsafe(), options.ours), ourText);
+    if (!options.ours.printDefaults) {
+      std::unique_ptr<pb::Message> expected(known.New());
+      expected->CopyFrom(known);
+      clearGroups(*expected);
+      ASSERT_TRUE(comparison.equal(*expected, *parse(encoded)))
+          << ourText << comparison.differences();
+    }
+
+    // libprotobuf's text, its group fields taken out, encodes to what libprotobuf reads from it.
+    const std::string common = theirs.dump();
+    std::unique_ptr<pb::Message> fromText(known.New());
+    ASSERT_TRUE(pb::util::JsonStringToMessage(common, fromText.get()).ok()) << common;
+    ASSERT_TRUE(comparison.equal(*fromText, *parse(encodeJSON(schema, common))))
+        << common << comparison.differences();
+  }
+};
+
+TEST_P(DifferentialTest, ReadsRendersEncodesAndBuildsAsLibprotobufHoldsTheMessage) {
+  const Subject& subject = GetParam();
+  const SchemaStore store = storeOf(subject);
+  const MessageSchema schema = store.messageSchema(subject.prototype->GetDescriptor()->full_name());
+  testing_support::RandomMessageFiller filler(subject.seed);
+  WellKnownFill wellKnown(filler);
+  filler.setSpecialFill(std::ref(wellKnown));
+  testing_support::MessageComparison comparison;
+  const std::vector<OptionSet> sets = optionSets();
+  std::mt19937 damage(subject.seed);
+  Reads total;
+  const int count = testing_support::generatedMessageCount(subject.count);
+  for (int i = 0; i < count && !HasFailure(); ++i) {
+    const OptionSet& options = sets[static_cast<size_t>(i) % sets.size()];
+    SCOPED_TRACE("message " + std::to_string(i) + ", " + options.name);
+    wellKnown.anyOfAny = !options.ours.printDefaults;
+    const std::unique_ptr<pb::Message> message(subject.prototype->New());
+    filler.fillParsed(*message);
+    // Serialized again, so that a nested message's bytes are those of the message libprotobuf
+    // holds (the order of map entries is the order of one map object).
+    std::string bytes = message->SerializePartialAsString();
+    if (auto* holder = dynamic_cast<wkt::Holder*>(message.get())) {
+      // A map entry filled field by field may lack its value: an empty Value, which has no JSON
+      // form (libprotobuf 3.21 leaves the entry out, this library refuses it).
+      for (auto& [key, value] : *holder->mutable_value_map()) {
+        if (value.kind_case() == pb::Value::KIND_NOT_SET) value.set_null_value(pb::NULL_VALUE);
+      }
+      bytes = holder->SerializePartialAsString();
+    }
+
+    Reads reads;
+    compareReads(schema, *message, bytes, damage, reads);
+    total.present += reads.present;
+    total.iterated += reads.iterated;
+
+    // The message as libprotobuf holds it: without what it keeps among the unknown fields.
+    std::unique_ptr<pb::Message> known(message->New());
+    known->CopyFrom(*message);
+    known->DiscardUnknownFields();
+    compareJson(schema, *known, options, comparison);
+
+    clearGroups(*known);
+    const auto built = parse(buildFrom(schema, *known));
+    EXPECT_TRUE(comparison.equal(*known, *built)) << comparison.differences();
+    if (HasFailure()) ADD_FAILURE() << message->DebugString();
+  }
+  // The generator reaches deep into each schema: the comparisons had work to do.
+  EXPECT_GT(total.present, 10 * count);
+  EXPECT_GT(total.iterated, 3 * count);
+}
+
+INSTANTIATE_TEST_SUITE_P(Schemas, DifferentialTest, ::testing::ValuesIn(kSubjects),
+                         [](const auto& info) {
+                           std::string name = info.param.name;
+                           std::erase_if(name, [](unsigned char c) { return !std::isalnum(c); });
+                           return name;
+                         });
+
+}  // namespace
+}  // namespace ostrel
