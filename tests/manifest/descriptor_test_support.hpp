@@ -28,18 +28,10 @@ inline void PrintTo(const SchemaManifest& manifest, std::ostream* os) {
 namespace testing_support {
 
 // A descriptor set compiled from tests/data, for example "rich.desc" or "import/catalog.desc".
-inline std::string generatedPath(const std::string& name) {
-  return std::string(OSTREL_TEST_GENERATED) + "/" + name;
-}
-
-inline std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in.good()) << "cannot open " << path;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 inline Bytes readGenerated(const std::string& name) {
-  return toBytes(readText(generatedPath(name)));
+  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + name, std::ios::binary);
+  EXPECT_TRUE(in.good()) << "cannot open " << name;
+  return toBytes(std::string(std::istreambuf_iterator<char>(in), {}));
 }
 
 inline google::protobuf::FileDescriptorSet parseSet(ByteView bytes) {
