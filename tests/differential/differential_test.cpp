@@ -26,6 +26,8 @@
 #include <bit>
 #include <cctype>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
@@ -178,8 +180,9 @@ const Subject kSubjects[] = {
 };
 
 SchemaStore storeOf(const Subject& subject) {
-  const std::string bytes =
-      testing_support::readFile(std::string(OSTREL_TEST_GENERATED) + "/" + subject.descriptorSet);
+  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + subject.descriptorSet,
+                   std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   DescriptorImportOptions options;
   options.skipGroups = true;
   options.groupSkipped = [](const std::string&) {};

@@ -1,3 +1,6 @@
+// The SQL layer: the text of projections, and the SQLite function set, whose reads must give what
+// the library's own reads give.
+
 #include "ostrel/sql/sql.hpp"
 
 #include <gtest/gtest.h>
@@ -6,200 +9,407 @@
 #include <cmath>
 #include <fstream>
 #include <iterator>
-#include <random>
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
-#include "sql/sqlite_test_support.hpp"
 #include "support/random_message.hpp"
-#include "support/test_support.hpp"
 
 namespace ostrel {
 namespace {
 
-using testing_support::catchError;
+constexpr const char* kRich = "ostrel.test.Rich";
 
-SchemaManifest richManifestOf() {
+std::string richDescriptorSet() {
   std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/rich.desc", std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return schemaManifestFromDescriptorSet(asBytes(bytes));
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-SchemaStore richStore() { return SchemaStore(richManifestOf()); }
-
-// P_GET(blob, path) reading ostrel.test.Rich records.
-void registerRich(sqlite3* db) {
-  registerSqliteFunctions(db, richManifestOf(), "ostrel.test.Rich");
+SchemaManifest richManifest() {
+  return schemaManifestFromDescriptorSet(asBytes(richDescriptorSet()));
 }
 
-TEST(ProjectionTest, BuildsOneSelectFromItsFragments) {
-  const SchemaStore store = richStore();
-  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
-  EXPECT_EQ(buildProjection(rich, "orders", "orders_blob",
-                            {{"mid.leaf.label", std::nullopt}, {"mids[0].note", "first_note"}}),
-            "SELECT\n"
-            "  P_GET(orders_blob, 'mid.leaf.label') AS \"mid.leaf.label\",\n"
-            "  P_GET(orders_blob, 'mids[0].note') AS first_note\n"
-            "FROM orders");
+std::string hexLiteral(std::string_view bytes) {
+  std::string out = "x'";
+  for (const char c : bytes) {
+    out += "0123456789abcdef"[static_cast<unsigned char>(c) >> 4];
+    out += "0123456789abcdef"[static_cast<unsigned char>(c) & 0xF];
+  }
+  return out + "'";
 }
 
-struct IdentifierRow {
-  std::string name;
-  std::string sql;
+// Column `i` of the current row as text that names its SQLite type.
+std::string cellText(sqlite3_stmt* stmt, int i) {
+  static const char* const kTypes[] = {"", "int:", "real:", "text:", "blob:", "NULL"};
+  const int type = sqlite3_column_type(stmt, i);
+  if (type == SQLITE_FLOAT) return "real:" + std::to_string(sqlite3_column_double(stmt, i));
+  // Integers as their decimal text.
+  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(stmt, i));
+  return kTypes[type] + std::string(bytes ? bytes : "", sqlite3_column_bytes(stmt, i));
+}
+
+// What a read of `value` must give, in cellText's form.
+std::string expectedText(const std::optional<AnyValue>& value) {
+  if (!value) return "NULL";
+  switch (value->kind()) {
+    case AnyValue::Case::int32:
+      return "int:" + std::to_string(value->int32Value());
+    case AnyValue::Case::uint32:
+      return "int:" + std::to_string(value->uint32Value());
+    case AnyValue::Case::int64:
+      return "int:" + std::to_string(value->int64Value());
+    case AnyValue::Case::uint64:
+      return (value->uint64Value() > uint64_t{INT64_MAX} ? "text:" : "int:") +
+             std::to_string(value->uint64Value());
+    // SQLite has no NaN: it stores NULL instead.
+    case AnyValue::Case::float_:
+      if (std::isnan(value->floatValue())) return "NULL";
+      return "real:" + std::to_string(static_cast<double>(value->floatValue()));
+    case AnyValue::Case::double_:
+      if (std::isnan(value->doubleValue())) return "NULL";
+      return "real:" + std::to_string(value->doubleValue());
+    case AnyValue::Case::bool_:
+      return value->boolValue() ? "int:1" : "int:0";
+    case AnyValue::Case::enum_: {
+      const auto name = value->enumValue().findName();
+      return name ? "text:" + *name : "int:" + std::to_string(value->enumValue().number());
+    }
+    case AnyValue::Case::string:
+      return "text:" + value->stringValue();
+    case AnyValue::Case::bytes:
+      return "blob:" + std::string(asText(value->bytesValue()));
+    case AnyValue::Case::message:
+      return "text:" + toJSON(value->messageValue());
+  }
+  return "?";
+}
+
+// An in-memory database with the function set over the rich schema.
+class Db {
+ public:
+  explicit Db(const std::optional<std::string>& defaultType = kRich,
+              const SchemaManifest& manifest = richManifest()) {
+    sqlite3_open(":memory:", &db_);
+    registerSqliteFunctions(db_, manifest, defaultType);
+  }
+  ~Db() { sqlite3_close(db_); }
+
+  // The rows of `sql`, each its cells joined by " | "; a failure ends them with "error:<message>".
+  std::vector<std::string> rows(const std::string& sql) {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+      return {"error:" + std::string(sqlite3_errmsg(db_))};
+    }
+    std::vector<std::string> out;
+    int step;
+    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
+      std::string row;
+      for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
+        row += (i > 0 ? " | " : "") + cellText(stmt, i);
+      }
+      out.push_back(row);
+    }
+    if (step != SQLITE_DONE) out.push_back("error:" + std::string(sqlite3_errmsg(db_)));
+    sqlite3_finalize(stmt);
+    return out;
+  }
+  std::string one(const std::string& sql) {
+    const std::vector<std::string> result = rows(sql);
+    return result.size() == 1 ? result[0] : "rows:" + std::to_string(result.size());
+  }
+  void exec(const std::string& sql) { ASSERT_EQ(one(sql), "rows:0") << sql; }
+
+  // A table `orders` (id, record) of `count` random Rich records.
+  std::vector<std::string> fillOrders(int count, uint32_t seed) {
+    exec("CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB)");
+    testing_support::RandomMessageFiller filler(seed);
+    std::vector<std::string> records;
+    for (int i = 0; i < count; ++i) {
+      test::Rich message;
+      filler.fill(message);
+      records.push_back(message.SerializeAsString());
+      exec("INSERT INTO orders (record) VALUES (" + hexLiteral(records.back()) + ")");
+    }
+    return records;
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
 };
 
-TEST(ProjectionTest, IdentifiersAreBareOnlyWhenPlain) {
-  const std::vector<IdentifierRow> rows = {
-      {"orders", "orders"},     {"_x9", "_x9"},     {"select", "\"select\""}, {"FROM", "\"FROM\""},
-      {"9lives", "\"9lives\""}, {"a b", "\"a b\""}, {"a\"b", "\"a\"\"b\""},   {"é", "\"é\""},
-      {"x.y", "\"x.y\""},       {"a'b", "\"a'b\""},
+// Runs each statement, in order on one database, and compares its only row, or its error, with
+// the expected text.
+void expectRows(Db& db, const std::vector<std::pair<std::string, std::string>>& rows) {
+  for (const auto& [sql, expected] : rows) EXPECT_EQ(db.one(sql), expected) << sql.substr(0, 300);
+}
+
+std::string error(const Error& e) { return "error:" + std::string(e.what()); }
+
+TEST(ProjectionTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
+  const SqlDialect lite = SqlDialect::sqlite;
+  const SqlDialect pg = SqlDialect::postgres;
+  const std::vector<std::tuple<SqlDialect, std::string, std::string>> rows = {
+      {lite, "Aa0z9Z_", "Aa0z9Z_"}, {lite, "_x", "_x"},           {lite, "select", "\"select\""},
+      {lite, "FROM", "\"FROM\""},   {lite, "abort", "\"abort\""}, {lite, "9", "\"9\""},
+      {lite, "", "\"\""},           {lite, "a b", "\"a b\""},     {lite, "a\"b", "\"a\"\"b\""},
+      {lite, "é", "\"é\""},         {lite, "x.y", "\"x.y\""},     {lite, "a'b", "\"a'b\""},
+      {lite, "a`", "\"a`\""},       {pg, "a0z9_", "a0z9_"},       {pg, "Who", "\"Who\""},
+      {pg, "abort", "abort"},       {pg, "user", "\"user\""},     {pg, "order", "\"order\""},
+      {pg, "with", "\"with\""},     {pg, "all", "\"all\""},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(sqlIdentifier(row.name), row.sql);
-  }
+  for (const auto& [dialect, name, sql] : rows) EXPECT_EQ(sqlIdentifier(name, dialect), sql);
   EXPECT_EQ(sqlStringLiteral("it's"), "'it''s'");
+  EXPECT_EQ(sqlStringLiteral(""), "''");
 }
 
-TEST(ProjectionTest, BadPathsFailBeforeAnyTextIsMade) {
-  const SchemaStore store = richStore();
-  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
-  EXPECT_EQ(catchError([&] {
-              buildProjection(rich, "t", "c", {{"mid.", std::nullopt}});
-            }),
-            PropertyPathUtil::Error::missingPropertyName("mid.", 4));
-  EXPECT_EQ(catchError([&] {
-              buildProjection(rich, "t", "c", {{"mids.note", std::nullopt}});
-            }),
-            SchematizerError::repeatedValueAccessNoIndex());
+TEST(ProjectionTest, SelectText) {
+  const SchemaStore store(richManifest());
+  const MessageSchema rich = store.messageSchema(kRich);
   EXPECT_EQ(
-      catchError([&] {
-        buildProjection(rich, "t", "c", {{"nope", std::nullopt}});
-      }),
-      SchematizerError::fieldNotFound("Schema \"ostrel.test.Rich\" property with name \"nope\""));
-  EXPECT_THROW(buildProjection(rich, "t", "c", {}), std::invalid_argument);
-  EXPECT_THROW(buildProjection(rich, "", "c", {{"color", std::nullopt}}), std::invalid_argument);
-  EXPECT_THROW(buildProjection(rich, std::string("a\0b", 3), "c", {{"color", std::nullopt}}),
-               std::invalid_argument);
+      buildProjection(rich, "orders", "orders_blob",
+                      {{"mid.leaf.label", {}}, {"mids[0].note", "first_note"}, {"color", "c"}}),
+      "SELECT\n  P_GET(orders_blob, 'mid.leaf.label') AS \"mid.leaf.label\",\n"
+      "  P_GET(orders_blob, 'mids[0].note') AS first_note,\n  P_GET(orders_blob, 'color') AS c\n"
+      "FROM orders");
+  EXPECT_EQ(buildProjection(rich, "Orders", "a b", {{"color", "Who"}}, {SqlDialect::sqlite, true}),
+            "SELECT\n  P_GET(\"a b\", 'ostrel.test.Rich', 'color') AS Who\nFROM Orders");
+  // PostgreSQL's functions always take the type.
+  EXPECT_EQ(buildProjection(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
+            "SELECT\n  p_get(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\nFROM \"Orders\"");
 }
 
-TEST(ProjectionTest, HostileNamesNeverProduceMoreThanOneSelect) {
-  const SchemaStore store = richStore();
-  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
-  const std::string alphabet = "aZ_09 \"'`;-/*[]().,\\\n\t\xC3\xA9";
-  std::mt19937 rng(99);
-  std::uniform_int_distribution<size_t> length(1, 12);
-  std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1);
-  const auto hostile = [&] {
-    std::string out;
-    for (size_t i = length(rng); i > 0; --i) out += alphabet[pick(rng)];
-    return out;
-  };
-  for (int round = 0; round < 300; ++round) {
-    Database db;
-    registerRich(db.get());
-    const std::string table = round == 0 ? "t\"; DROP TABLE x; --" : hostile();
-    const std::string column = round == 0 ? "c'); DELETE FROM t; --" : hostile();
-    const std::string alias = round == 0 ? "a\" FROM t; DROP TABLE t; --" : hostile();
-    SCOPED_TRACE(table + " | " + column + " | " + alias);
-    db.exec("CREATE TABLE " + sqlIdentifier(table) + " (" + sqlIdentifier(column) + " BLOB)");
-    const std::string sql = buildProjection(rich, table, column, {{"color", alias}, {"maybe", {}}});
-    const Statement statement(db.get(), sql);
-    ASSERT_EQ(statement.status(), SQLITE_OK) << sqlite3_errmsg(db.get()) << "\n" << sql;
-    EXPECT_EQ(statement.rest(), "");
-    EXPECT_TRUE(sqlite3_stmt_readonly(statement.get()));
-    ASSERT_EQ(sqlite3_column_count(statement.get()), 2);
-    EXPECT_EQ(std::string(sqlite3_column_name(statement.get(), 0)), alias);
+TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {
+  const SchemaStore store(richManifest());
+  const std::optional<std::string> bare;
+  const std::vector<std::tuple<std::string, std::string, std::vector<ProjectedPath>, std::string>>
+      rows = {
+          {"t",
+           "c",
+           {{"mid.", bare}},
+           PropertyPathUtil::Error::missingPropertyName("mid.", 4).what()},
+          {"t", "c", {{"mids.note", bare}}, SchematizerError::repeatedValueAccessNoIndex().what()},
+          {"t", "c", {}, "no property paths to project"},
+          {"", "c", {{"color", bare}}, "empty SQL table name"},
+          {std::string("a\0b", 3), "c", {{"color", bare}}, "NUL character in SQL table name"},
+          {"t", "", {{"color", bare}}, "empty SQL column name"},
+          {"t", "c", {{"color", ""}}, "empty SQL alias"},
+      };
+  for (const auto& [table, column, paths, what] : rows) {
+    try {
+      buildProjection(store.messageSchema(kRich), table, column, paths);
+      ADD_FAILURE() << "accepted; expected: " << what;
+    } catch (const std::exception& error) {
+      EXPECT_EQ(std::string(error.what()), what);
+    }
   }
 }
 
-TEST(PGetTest, ProjectedRowsMatchReadsThroughTheLibrary) {
-  const SchemaStore store = richStore();
-  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
-  Database db;
-  registerRich(db.get());
-  db.exec("CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB)");
-
-  testing_support::RandomMessageFiller filler(5);
-  std::vector<std::string> records;
-  for (int i = 0; i < 200; ++i) {
-    test::Rich message;
-    filler.fill(message);
-    records.push_back(message.SerializeAsString());
+// The rows P_EACH must give for `path` of one record, from the library's repeated-field iterator.
+std::vector<std::string> iteratedRows(const MessageSchema& rich, const std::string& record,
+                                      const std::string& path) {
+  const size_t dot = path.rfind('.');
+  std::optional<SchematizedData> holder = rich.schematizedData(record);
+  if (dot != std::string::npos) {
+    const std::optional<AnyValue> found = holder->value(path.substr(0, dot));
+    if (!found) return {};
+    holder = found->messageValue();
   }
-  {
-    const Statement insert(db.get(), "INSERT INTO orders (record) VALUES (?)");
+  const FieldSchema field = holder->messageSchema().fieldNamed(path.substr(dot + 1));
+  const bool isMap = path == "counts" || path == "leaves_by_id";
+  std::vector<std::string> out;
+  for (const AnyValue& element :
+       Schematizer::RepeatableFieldIterator(holder->bytes(), field.fieldNumber(), field.type())) {
+    std::string row = "int:" + std::to_string(out.size()) + " | ";
+    if (isMap) {
+      const SchematizedData& entry = element.messageValue();
+      row += expectedText(entry.value("key")) + " | " + expectedText(entry.value("value"));
+    } else {
+      row += "NULL | " + expectedText(element);
+    }
+    out.push_back(row);
+  }
+  return out;
+}
+
+TEST(SqliteFunctionsTest, ReadsMatchTheLibrary) {
+  Db db;
+  const std::vector<std::string> records = db.fillOrders(150, 7);
+  const SchemaStore store(richManifest());
+  const MessageSchema rich = store.messageSchema(kRich);
+  for (const std::string path :
+       {"mid.leaf.id", "mid.leaf.label", "scalars.f_uint64", "scalars.f_uint32", "scalars.f_double",
+        "scalars.f_float", "scalars.f_bool", "scalars.f_bytes", "scalars.f_enum", "color",
+        "mids[1].note", "repeats.r_sint64[0]", "mid.leaf", "counts[0].key", "maybe", "name"}) {
+    std::vector<std::string> expected;
+    int present = 0;
     for (const std::string& record : records) {
-      sqlite3_bind_blob(insert.get(), 1, record.data(), static_cast<int>(record.size()),
-                        SQLITE_STATIC);
-      ASSERT_EQ(sqlite3_step(insert.get()), SQLITE_DONE);
-      sqlite3_reset(insert.get());
+      const std::optional<AnyValue> value = rich.schematizedData(record).value(path);
+      const std::string has = value ? " | int:1" : " | int:0";
+      present += value.has_value();
+      expected.push_back(expectedText(value) + " | " + expectedText(value) + has + has);
     }
+    // The default type and a type per call.
+    const std::string p = sqlStringLiteral(path);
+    EXPECT_EQ(db.rows("SELECT P_GET(record, " + p + "), P_GET(record, 'ostrel.test.Rich', " + p +
+                      "), P_HAS(record, " + p + "), P_HAS(record, 'ostrel.test.Rich', " + p +
+                      ") FROM orders ORDER BY id"),
+              expected)
+        << path;
+    EXPECT_GT(present, 10) << path;
   }
-  const std::vector<std::string> paths = {
-      "mid.leaf.id",
-      "mid.leaf.label",
-      "scalars.f_uint64",
-      "scalars.f_double",
-      "scalars.f_float",
-      "scalars.f_bool",
-      "scalars.f_bytes",
-      "scalars.f_enum",
-      "color",
-      "mids[1].note",
-      "repeats.r_sint64[0]",
-      "mid.leaf",
-      "counts[0].key",
-      "maybe",
-      "name",
-      "scalars.f_fixed64",
-  };
-  std::vector<ProjectedPath> projected;
-  for (const std::string& path : paths) projected.push_back({path, std::nullopt});
-  const Statement select(db.get(),
-                         buildProjection(rich, "orders", "record", projected) + " ORDER BY id");
-  ASSERT_EQ(select.status(), SQLITE_OK) << sqlite3_errmsg(db.get());
-  size_t row = 0;
-  int nonNull = 0;
-  while (sqlite3_step(select.get()) == SQLITE_ROW) {
-    ASSERT_LT(row, records.size());
-    const SchematizedData data = rich.schematizedData(records[row]);
-    for (size_t i = 0; i < paths.size(); ++i) {
-      SCOPED_TRACE("row " + std::to_string(row) + " " + paths[i]);
-      const std::string actual = columnText(select.get(), static_cast<int>(i));
-      EXPECT_EQ(actual, expectedText(data.value(paths[i])));
-      nonNull += actual != "NULL";
+  for (const std::string path :
+       {"repeats.r_int32", "repeats.r_uint64", "repeats.r_double", "repeats.r_float",
+        "repeats.r_bool", "repeats.r_string", "repeats.r_bytes", "repeats.r_enum",
+        "repeats.r_message", "mids", "mid.leaves", "mids[0].leaves", "counts", "leaves_by_id"}) {
+    std::vector<std::string> expected;
+    for (size_t row = 0; row < records.size(); ++row) {
+      for (const std::string& element : iteratedRows(rich, records[row], path)) {
+        expected.push_back("int:" + std::to_string(row + 1) + " | " + element);
+      }
     }
-    ++row;
+    // Correlated with the table, as a join runs it: one P_EACH call per record.
+    EXPECT_EQ(db.rows("SELECT o.id, e.\"index\", e.key, e.value FROM orders AS o, P_EACH(o.record, "
+                      "'ostrel.test.Rich', " +
+                      sqlStringLiteral(path) + ") AS e ORDER BY o.id, e.\"index\""),
+              expected)
+        << path;
+    EXPECT_GT(expected.size(), 10u) << path;
   }
-  EXPECT_EQ(row, records.size());
-  EXPECT_GT(nonNull, 800);
 }
 
-TEST(PGetTest, NullBlobsBadBlobsAndBadPaths) {
-  const SchemaStore store = richStore();
-  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
-  Database db;
-  registerRich(db.get());
-  const auto single = [&](const std::string& sql) {
-    const Statement statement(db.get(), sql);
-    EXPECT_EQ(statement.status(), SQLITE_OK);
-    const int step = sqlite3_step(statement.get());
-    if (step != SQLITE_ROW) return "error:" + std::string(sqlite3_errmsg(db.get()));
-    return columnText(statement.get(), 0);
+TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
+  Db db(std::nullopt, {});
+  const size_t rich = richManifest().messages.size();
+  const auto proto = [](const std::string& text) {
+    return "SELECT ostrel_register_proto(" + sqlStringLiteral("syntax = \"proto3\"; " + text) + ")";
   };
-  EXPECT_EQ(single("SELECT P_GET(NULL, 'color')"), "NULL");
-  EXPECT_EQ(single("SELECT P_GET(x'', 'color')"), "NULL");
-  EXPECT_EQ(single("SELECT P_GET(x'5801', 'color')"), "text:RED");
-  EXPECT_EQ(single("SELECT P_GET(x'5809', 'color')"), "int:9");
-  EXPECT_EQ(single("SELECT P_GET(x'2a05', 'name')"), "error:truncated");
-  EXPECT_EQ(single("SELECT P_GET(x'00', 'color')"), "error:malformedProtobuf");
-  EXPECT_EQ(single("SELECT P_GET(x'5801', 'colour')"),
-            "error:fieldNotFound: Schema \"ostrel.test.Rich\" property with name \"colour\"");
-  EXPECT_EQ(single("SELECT P_GET(x'5801', 'mids[x]')"),
-            "error:" + std::string(PropertyPathUtil::Error::missingIndex("mids[x]", 5).what()));
+  const auto refused = [](const char* kind, const char* name) {
+    return error(MergeConflict::conflict(std::string(kind) + " type \"" + name +
+                                         "\" is already registered with another definition; "
+                                         "register a changed definition under a new name"));
+  };
+  const auto count = [](size_t n) { return "int:" + std::to_string(n); };
+  const std::string json = sqlStringLiteral(schemaManifestToJSON(richManifest()));
+  expectRows(
+      db,
+      {
+          {proto("package a; message M { int32 x = 1; }"), count(1)},
+          {proto("package a; message M { int32 x = 1; }"), count(1)},
+          {"SELECT hex(P_ENCODE('a.M', '{\"x\": 5}'))", "text:0805"},
+          {"SELECT ostrel_register_descriptor_set(" + hexLiteral(richDescriptorSet()) + ")",
+           count(rich + 1)},
+          {"SELECT ostrel_register_manifest(" + json + ")", count(rich + 1)},
+          // A new field is a change too, though a field-wise merge would take it.
+          {proto("package a; message M { int32 x = 1; int32 z = 2; }"), refused("Message", "a.M")},
+          // Nothing of a refused registration stays, not even its new types.
+          {proto("package a; message Q {} message M { int64 x = 1; }"), refused("Message", "a.M")},
+          {"SELECT P_ENCODE('a.Q', '{}')", error(SchematizerError::schemaNotFound("a.Q"))},
+          {proto("package a; enum E { Z = 0; }"), count(rich + 1)},
+          {proto("package a; enum E { Z = 0; O = 1; }"), refused("Enum", "a.E")},
+          // Only libprotobuf's own files are reachable from .proto text.
+          {proto("import \"/etc/passwd\";"),
+           "error:invalidValueType: /etc/passwd: File not found."},
+          {"SELECT ostrel_default_type('no.Such')",
+           error(SchematizerError::schemaNotFound("no.Such"))},
+          // A resolution cached with the statement serves only the type (or default type) and
+          // the path it was made for. As c.A, v = 7, vs = [1], ws = [3]; as c.B, 9, [2] and [4].
+          {proto("package c; message A { int32 v = 1; repeated int32 vs = 3; repeated int32 ws = "
+                 "5; } message B { int32 v = 2; repeated int32 vs = 4; repeated int32 ws = 6; }"),
+           count(rich + 3)},
+          {"CREATE TABLE t AS SELECT column1 AS type, column2 AS path, x'080710091801200228033004' "
+           "AS r FROM (VALUES ('c.A', 'vs'), ('c.B', 'vs'), ('c.B', 'ws'))",
+           "rows:0"},
+          {"SELECT group_concat(P_GET(r, type, 'v')) FROM t", "text:7,9,9"},
+          {"SELECT group_concat(e.value) FROM t, P_EACH(t.r, t.type, t.path) AS e", "text:1,2,4"},
+          {"SELECT group_concat(ostrel_default_type(type) || '=' || P_GET(r, 'v')) FROM t",
+           "text:c.A=7,c.B=9,c.B=9"},
+          // P_EACH reads each record before its row sets the default type for the next one.
+          {"SELECT group_concat(e.value || '@' || ostrel_default_type(t.type)) FROM t, "
+           "P_EACH(t.r, 'vs') AS e",
+           "text:2@c.A,1@c.B,2@c.B"},
+      });
+  db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
+  EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
+}
+
+// `levels` messages of `message N { N n = 1; }`, each inside the one before.
+std::string nested(int levels) {
+  std::string bytes;
+  for (int i = 1; i < levels; ++i) {
+    std::string length;
+    for (size_t n = bytes.size(); length.empty() || n > 0; n >>= 7) {
+      length += static_cast<char>((n & 0x7F) | (n >= 0x80 ? 0x80 : 0));
+    }
+    bytes = "\x0a" + length + bytes;
+  }
+  return bytes;
+}
+
+TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
+  Db db(std::nullopt);
+  const std::string noDefault = error(SchematizerError::schemaNotFound(
+      "no default message type; name one with ostrel_default_type, or pass the type"));
+  const std::string truncated = error(SerializationError::truncated());
+  const std::string notRepeated = " is not a repeated field: name one without an index";
+  std::string json;
+  for (int i = 1; i < 100; ++i) json += "{\"n\":";
+  json += "{}" + std::string(99, '}');
+  expectRows(
+      db,
+      {
+          {"SELECT P_GET(NULL, 'ostrel.test.Rich', 'color')", "NULL"},
+          {"SELECT P_GET(x'5801', 'ostrel.test.Rich', NULL)", "NULL"},
+          {"SELECT count(*) FROM P_EACH(NULL, 'ostrel.test.Rich', 'mids')", "int:0"},
+          {"SELECT P_GET(x'', 'ostrel.test.Rich', 'color')", "NULL"},
+          {"SELECT typeof(P_ENCODE('ostrel.test.Rich', '{}'))", "text:blob"},
+          {"SELECT P_JSON(x'5801', 'ostrel.test.Rich')", "text:{\"color\":\"RED\"}"},
+          {"SELECT P_GET(x'5801', 'color')", noDefault},
+          {"SELECT P_JSON(x'5801')", noDefault},
+          {"SELECT count(*) FROM P_EACH(x'2200', 'mids')", noDefault},
+          {"SELECT P_GET(12, 'ostrel.test.Rich', 'color')",
+           "error:the record is an integer, not a blob of encoded protobuf"},
+          {"SELECT P_GET('x', 'ostrel.test.Rich', 'color')",
+           "error:the record is text, not a blob of encoded protobuf"},
+          {"SELECT P_GET(x'2a05', 'ostrel.test.Rich', 'name')", truncated},
+          // The nested Mid is cut short: rendering alone would hide that inside the text.
+          {"SELECT P_JSON(x'0a020a05', 'ostrel.test.Rich')", truncated},
+          {"SELECT count(*) FROM P_EACH(x'2205', 'ostrel.test.Rich', 'mids')", truncated},
+          {"SELECT P_GET(x'5801', 'no.Such', 'color')",
+           error(SchematizerError::schemaNotFound("no.Such"))},
+          {"SELECT count(*) FROM P_EACH(x'5801', 'ostrel.test.Rich', 'color')",
+           error(SchematizerError::unexpectedType("\"color\"" + notRepeated))},
+          {"SELECT count(*) FROM P_EACH(x'5801', 'ostrel.test.Rich', 'mids[0]')",
+           error(SchematizerError::unexpectedType("\"mids[0]\"" + notRepeated))},
+          {"SELECT count(*) FROM P_EACH(x'5801', 'ostrel.test.Rich', 'mid.note.x')",
+           error(SchematizerError::nonMessageTypeInKeypath())},
+          {"SELECT count(*) FROM P_EACH(x'5801')",
+           "error:P_EACH takes (record, path) or (record, type, path)"},
+          // From here on the two-argument forms read Rich records.
+          {"SELECT ostrel_default_type('ostrel.test.Rich')", "text:ostrel.test.Rich"},
+          // The arguments may come as constraints on the hidden columns too, in any order.
+          {"SELECT value FROM P_EACH WHERE type_or_path = 'mids' AND record = x'22031a0161'",
+           "text:{\"note\":\"a\"}"},
+          // Up to INT64_MAX a uint64 is an INTEGER, past it TEXT.
+          {"SELECT P_GET(x'120a20ffffffffffffffff7f', 'scalars.f_uint64')",
+           "int:9223372036854775807"},
+          {"SELECT P_GET(x'5801', 'color')", "text:RED"},
+          {"SELECT group_concat(value, ';') FROM P_EACH(x'22031a016122031a0162', 'mids')",
+           "text:{\"note\":\"a\"};{\"note\":\"b\"}"},
+          // An absent holder has no elements.
+          {"SELECT count(*) FROM P_EACH(x'5801', 'mid.leaves')", "int:0"},
+          // A map entry may leave its key or value out.
+          {"SELECT group_concat(coalesce(key, '-') || '=' || coalesce(value, '-')) FROM "
+           "P_EACH(x'42050a01781003420210034200', 'counts')",
+           "text:x=3,-=3,-=-"},
+          // P_JSON refuses records nested deeper than 100 messages.
+          {"SELECT ostrel_register_proto('syntax = \"proto3\"; package d; message N { N n = 1; }')",
+           "int:" + std::to_string(richManifest().messages.size() + 1)},
+          {"SELECT P_JSON(" + hexLiteral(nested(100)) + ", 'd.N')", "text:" + json},
+          {"SELECT P_JSON(" + hexLiteral(nested(101)) + ", 'd.N')",
+           error(SchematizerError::protocolBufferError("Nesting deeper than 100 messages"))},
+      });
 }
 
 }  // namespace
