@@ -3,6 +3,7 @@
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "support/test_support.hpp"
+#include "support/wire.hpp"
 
 namespace ostrel {
 namespace {
@@ -121,6 +122,21 @@ TEST(KeyPathTest, ReadsByPropertyPathFromOwnedAndBorrowedData) {
   const SchematizedData broken = root.schematizedData(bytesOf({0x12, 5, 0x0a}));
   EXPECT_EQ(catchError([&] { broken.value("node.name"); }),
             SerializationError::malformedProtobuf());
+}
+
+// Paths of up to 16 components are resolved into a buffer on the stack, longer ones on the heap.
+TEST(KeyPathTest, ReadsPathsOnBothSidesOfTheInlineBuffer) {
+  SchemaStore store(treeManifest());
+  const MessageSchema root = store.messageSchema("a.Root");
+  for (const int depth : {15, 16, 17}) {
+    std::string bytes = testing_support::Wire().bytesField(1, "z").bytes();
+    std::string path = "name";
+    for (int level = 1; level < depth; ++level) {
+      bytes = testing_support::Wire().bytesField(2, bytes).bytes();
+      path = (level + 1 < depth ? "next." : "node.") + path;
+    }
+    EXPECT_EQ(root.schematizedData(bytes).value(path), AnyValue("z")) << depth;
+  }
 }
 
 }  // namespace

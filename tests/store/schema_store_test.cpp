@@ -118,19 +118,8 @@ TEST(SchemaStoreTest, SchemaThatCannotBeCreatedStaysInManifestForm) {
 TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
   const std::vector<std::pair<TypeManifest, std::string>> rows = {
       {TypeManifest::int32, "signed integer 32"},
-      {TypeManifest::uint32, "unsigned integer 32"},
-      {TypeManifest::sint32, "ZigZag encoded signed integer 32"},
-      {TypeManifest::fixed32, "fixed unsigned integer 32"},
-      {TypeManifest::sfixed32, "fixed signed integer 32"},
       {TypeManifest::int64, "signed integer 64"},
-      {TypeManifest::uint64, "unsigned integer 64"},
-      {TypeManifest::sint64, "ZigZag encoded signed integer 64"},
-      {TypeManifest::fixed64, "fixed unsigned integer 64"},
-      {TypeManifest::sfixed64, "fixed signed integer 64"},
       {TypeManifest::double_, "double floating point"},
-      {TypeManifest::float_, "floating point"},
-      {TypeManifest::bool_, "boolean"},
-      {TypeManifest::string, "text string"},
       {TypeManifest::bytes, "binary data"},
   };
   for (const auto& [type, description] : rows) {

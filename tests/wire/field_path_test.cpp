@@ -8,6 +8,7 @@
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "support/test_support.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel {
 namespace {
@@ -138,16 +139,19 @@ TEST(FieldPathTest, ReadsLeaveTheReaderWhereIterationGoesOn) {
 }
 
 // t.M { repeated int32 r = 4; int32 single = 5; repeated double d = 6; }
+MessageSchema messageM() {
+  static const SchemaStore store = [] {
+    SchemaManifest manifest;
+    MessageManifest& m = manifest.messages["t.M"];
+    m.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
+    m.fields["single"] = {.type = TypeManifest::int32, .fieldNumber = 5};
+    m.fields["d"] = {.type = TypeManifest::double_, .fieldNumber = 6, .isRepeated = true};
+    return SchemaStore(manifest);
+  }();
+  return store.messageSchema("t.M");
+}
 std::shared_ptr<FieldSchemaDescribing> field(const std::string& name) {
-  SchemaManifest manifest;
-  MessageManifest& m = manifest.messages["t.M"];
-  m.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
-  m.fields["single"] = {.type = TypeManifest::int32, .fieldNumber = 5};
-  m.fields["d"] = {.type = TypeManifest::double_, .fieldNumber = 6, .isRepeated = true};
-  const SchemaStore store(manifest);
-  const FieldSchema found = store.messageSchema("t.M").fieldNamed(name);
-  found.type();  // resolved while the store is alive
-  return found.impl();
+  return messageM().fieldNamed(name).impl();
 }
 
 // The int32 values visited; a failure is thrown after `seen` holds what was visited before it.
@@ -191,6 +195,26 @@ TEST(ForEachValueTest, VisitsEveryValueOfOneField) {
                             }),
                std::runtime_error);
   EXPECT_EQ(visits, 1);
+}
+
+TEST(ForEachPresentFieldTest, VisitsEachPackedElementWithinItsRun) {
+  std::vector<std::string> seen;
+  const auto visitAll = [&](const Bytes& bytes) {
+    forEachPresentField(messageM().schematizedData(bytes).unsafe(),
+                        [&](const auto& field, auto&& value) {
+                          seen.push_back(field->name() + "=" + AnyValue::from(value).describe());
+                        });
+  };
+  // Unknown field 7 is skipped.
+  visitAll(bytesOf({0x22, 2, 1, 2, 0x28, 5, 0x38, 1, 0x20, 3}));
+  EXPECT_EQ(seen, (std::vector<std::string>{"r=int32(1)", "r=int32(2)", "single=int32(5)",
+                                            "r=int32(3)"}));
+  seen.clear();
+  EXPECT_EQ(catchError([&] {
+              visitAll(bytesOf({0x22, 2, 1, 0x96, 0x01}));
+            }),
+            SerializationError::malformedProtobuf());
+  EXPECT_EQ(seen, std::vector<std::string>{"r=int32(1)"});
 }
 
 std::vector<AnyValue> iterateAll(const Bytes& bytes) {
