@@ -209,6 +209,12 @@ TEST(ProjectionTest, AgreesWithSingleReadsOnRandomMessagesWholeAndDamaged) {
   EXPECT_GT(paths, static_cast<size_t>(60 * messages));
 }
 
+// What a read that throws `error` answers, as outcome() writes it.
+template <typename E>
+std::string thrown(const E& error) {
+  return outcome([&]() -> std::optional<AnyValue> { throw error; });
+}
+
 // Hand-encoded records of ostrel.legacy.Unpacked (r_int32 = 1, r_sint64 = 2, r_fixed32 = 3,
 // r_double = 4, r_bool = 5, single = 6) and ostrel.test.Rich.
 struct Case {
@@ -223,41 +229,41 @@ struct Case {
 TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
   const SchemaStore legacyStore = storeFrom("legacy.desc");
   const SchemaStore richStore = storeFrom("rich.desc");
-  const std::string malformed =
-      outcome([]() -> std::optional<AnyValue> { throw SerializationError::malformedProtobuf(); });
+  const std::string malformed = thrown(SerializationError::malformedProtobuf());
+  const std::string notAMessage = thrown(SchematizerError::protocolBufferError(
+      "Unexpected PB type reading message: FieldTag(rawValue: 8)"));
+  const char* unpacked = "ostrel.legacy.Unpacked";
   const std::vector<Case> cases = {
       {"first occurrence wins",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x30, 5, 0x30, 7}),
        {"single", "r_int32[0]"},
        {"int32(5)", "absent"}},
       {"unpacked elements then a packed run count as one sequence",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x08, 10, 0x0a, 2, 20, 30, 0x08, 40}),
        {"r_int32[0]", "r_int32[1]", "r_int32[2]", "r_int32[3]"},
        {"int32(10)", "int32(20)", "int32(30)", "absent"}},
       {"a fault after every answer is not met",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x30, 5, 0x08, 1, 0xff}),
        {"single", "r_int32[0]"},
        {"int32(5)", "int32(1)"}},
       {"a fault before an answer fails only the paths still looking",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x30, 5, 0x08, 0xff}),
        {"single", "r_int32[0]", "r_bool[0]"},
        {"int32(5)", malformed, malformed}},
       {"a wire type that does not fit fails its path alone",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x19, 1, 2, 3, 4, 5, 6, 7, 8, 0x30, 9}),
        {"r_fixed32[0]", "single"},
-       {outcome([]() -> std::optional<AnyValue> {
-          throw SerializationError::typeMismatch(
-              TypeSchemaDescription::scalar(TypeSchemaDescription::Case::fixed32),
-              ProtoWireType::fixed64);
-        }),
+       {thrown(SerializationError::typeMismatch(
+            TypeSchemaDescription::scalar(TypeSchemaDescription::Case::fixed32),
+            ProtoWireType::fixed64)),
         "int32(9)"}},
       {"a path asked twice gets the answer twice",
-       "ostrel.legacy.Unpacked",
+       unpacked,
        bytesOf({0x30, 3}),
        {"single", "single"},
        {"int32(3)", "int32(3)"}},
@@ -270,30 +276,19 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
        "ostrel.test.Rich",
        bytesOf({0x08, 1, 0x58, 2}),
        {"mid.note", "mid.leaf.id", "color"},
-       {outcome([]() -> std::optional<AnyValue> {
-          throw SchematizerError::protocolBufferError(
-              "Unexpected PB type reading message: FieldTag(rawValue: 8)");
-        }),
-        outcome([]() -> std::optional<AnyValue> {
-          throw SchematizerError::protocolBufferError(
-              "Unexpected PB type reading message: FieldTag(rawValue: 8)");
-        }),
-        "enum(ostrel.test.Color(2))"}},
+       {notAMessage, notAMessage, "enum(ostrel.test.Color(2))"}},
       {"a repeated intermediate element that is not a message fails at any index",
        "ostrel.test.Rich",
        bytesOf({0x20, 1, 0x58, 1}),
        {"mids[1].note", "color"},
-       {outcome([]() -> std::optional<AnyValue> {
-          throw SchematizerError::protocolBufferError(
-              "Element at intermediate path must have length delimited wire type (message)");
-        }),
+       {thrown(SchematizerError::protocolBufferError(
+            "Element at intermediate path must have length delimited wire type (message)")),
         "enum(ostrel.test.Color(1))"}},
   };
   for (const Case& row : cases) {
     SCOPED_TRACE(row.name);
     const MessageSchema schema =
-        (std::string_view(row.message).starts_with("ostrel.test") ? richStore : legacyStore)
-            .messageSchema(row.message);
+        (row.message == unpacked ? legacyStore : richStore).messageSchema(row.message);
     const SchematizedData data = schema.schematizedData(row.bytes);
     const Projection projection(schema, row.paths);
     ProjectionRow answers = projection.makeRow();
@@ -316,20 +311,20 @@ TEST(ProjectionTest, FieldNumbersOnBothSidesOfTheLookupTable) {
     manifest.messages["t.M"].fields[name] = {.type = TypeManifest::int32, .fieldNumber = number};
   }
   const SchemaStore store(manifest);
-  const MessageSchema schema = store.messageSchema("t.M");
   // largest = 7, first_out = 9, last_in = 3, first = 5
   const Bytes bytes =
       bytesOf({0xf8, 0xff, 0xff, 0xff, 0x0f, 7, 0x80, 0x40, 9, 0xf8, 0x3f, 3, 0x08, 5});
-  const Projection projection(schema, {"first", "last_in", "first_out", "largest"});
+  const Projection projection(store.messageSchema("t.M"),
+                              {"first", "last_in", "first_out", "largest"});
   ProjectionRow row = projection.makeRow();
   projection.read(bytes, row);
-  EXPECT_EQ(row.int32Value(0), 5);
-  EXPECT_EQ(row.int32Value(1), 3);
-  EXPECT_EQ(row.int32Value(2), 9);
-  EXPECT_EQ(row.int32Value(3), 7);
+  const std::vector<std::optional<int32_t>> values = {row.int32Value(0), row.int32Value(1),
+                                                      row.int32Value(2), row.int32Value(3)};
+  EXPECT_EQ(values, (std::vector<std::optional<int32_t>>{5, 3, 9, 7}));
 }
 
 TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
+  using testing_support::catchError;
   const SchemaStore store = storeFrom("rich.desc");
   const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
   test::Rich message;
@@ -345,55 +340,36 @@ TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
   EXPECT_EQ(row.enumNumber(2), 3);
   EXPECT_EQ(asText(*row.payload(1)), "text");
   EXPECT_EQ(toBytes(*row.payload(3)), toBytes(message.mid().SerializeAsString()));
-  EXPECT_EQ(testing_support::catchError([&] { row.payload(0); }),
+  EXPECT_EQ(catchError([&] { row.payload(0); }),
             SchematizerError::unexpectedType("expected bytes value, found int64"));
   const auto wrongKind = SchematizerError::unexpectedType("expected int32 value, found int64");
-  EXPECT_EQ(testing_support::catchError([&] { row.int32Value(0); }), wrongKind);
-  EXPECT_EQ(testing_support::catchError([&] { readInt32(bytes, projection.path(0)); }), wrongKind);
+  EXPECT_EQ(catchError([&] { row.int32Value(0); }), wrongKind);
+  EXPECT_EQ(catchError([&] { readInt32(bytes, projection.path(0)); }), wrongKind);
   EXPECT_EQ(readInt64(bytes, projection.path(0)), -5);
-  EXPECT_EQ(testing_support::catchError([&] { readInt64(bytes, projection.path(2)); }),
+  EXPECT_EQ(catchError([&] { readInt64(bytes, projection.path(2)); }),
             SchematizerError::unexpectedType("expected int64 value, found enum"));
   EXPECT_EQ(readEnumNumber(bytes, projection.path(2)), 3);
-}
-
-TEST(ProjectionTest, PathsThatDoNotResolveFailTheProjection) {
-  const SchemaStore store = storeFrom("rich.desc");
-  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
-  EXPECT_EQ(testing_support::catchError([&] {
+  // A row belongs to the projection that made it, even one over the same paths.
+  const Projection other(schema, {"scalars.f_sint64", "scalars.f_string", "color", "mid"});
+  EXPECT_EQ(catchError([&] { other.read(bytes, row); }),
+            SchematizerError::internalError("a projection row read by another projection"));
+  // Paths that do not resolve fail the projection.
+  EXPECT_EQ(catchError([&] {
               Projection(schema, {"color", "mids.note"});
             }),
             SchematizerError::repeatedValueAccessNoIndex());
-  EXPECT_EQ(testing_support::catchError([&] { Projection(schema, {"color.x"}); }),
-            SchematizerError::nonMessageTypeInKeypath());
 }
 
-struct StreamCase {
-  const char* name;
-  Bytes stream;
-  std::vector<std::string> records;
-  // The error that ends the stream, as outcome() writes it, or "" for a clean end.
-  std::string end;
-};
-
 TEST(DelimitedRecordsTest, SplitsRecordsAndStopsAtABadPrefix) {
-  const auto error = [](auto thrown) {
-    return outcome([&]() -> std::optional<AnyValue> { throw thrown; });
+  const std::vector<std::tuple<Bytes, std::vector<std::string>, std::string>> cases = {
+      {{}, {}, ""},
+      {bytesOf({2, 'a', 'b', 0, 1, 'c'}), {"ab", "", "c"}, ""},
+      {bytesOf({1, 'a', 3, 'b', 'c'}), {"a"}, thrown(SerializationError::truncated())},
+      {bytesOf({1, 'a', 0x80}), {"a"}, thrown(SerializationError::malformedProtobuf())},
   };
-  const std::vector<StreamCase> cases = {
-      {"empty stream", {}, {}, ""},
-      {"records and an empty one", bytesOf({2, 'a', 'b', 0, 1, 'c'}), {"ab", "", "c"}, ""},
-      {"truncated last record",
-       bytesOf({1, 'a', 3, 'b', 'c'}),
-       {"a"},
-       error(SerializationError::truncated())},
-      {"unterminated length prefix",
-       bytesOf({1, 'a', 0x80}),
-       {"a"},
-       error(SerializationError::malformedProtobuf())},
-  };
-  for (const StreamCase& row : cases) {
-    SCOPED_TRACE(row.name);
-    DelimitedRecords records(row.stream);
+  for (const auto& [stream, expected, expectedEnd] : cases) {
+    SCOPED_TRACE(stream.size());
+    DelimitedRecords records(stream);
     std::vector<std::string> got;
     std::string end;
     try {
@@ -403,9 +379,9 @@ TEST(DelimitedRecordsTest, SplitsRecordsAndStopsAtABadPrefix) {
       // A bad prefix stays bad: the stream does not move past it.
       EXPECT_EQ(outcome([&] { return records.next(); }), end);
     }
-    EXPECT_EQ(got, row.records);
-    EXPECT_EQ(end, row.end);
-    EXPECT_EQ(records.count(), static_cast<int64_t>(row.records.size()));
+    EXPECT_EQ(got, expected);
+    EXPECT_EQ(end, expectedEnd);
+    EXPECT_EQ(records.count(), static_cast<int64_t>(expected.size()));
   }
 }
 

@@ -7,7 +7,6 @@
 #include <bit>
 #include <fstream>
 #include <iterator>
-#include <limits>
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
@@ -122,12 +121,12 @@ struct Tally {
   int absent = 0;
 };
 
-// Checks every repeated field of the message encoded in `data` (at `prefix`, for the traces), whose parts (one message, or
-// several concatenated) libprotobuf parsed as `parts`, at every index from 0 to length + 3, and
-// through the iterator. Every element read is libprotobuf's, at its index in encoding order, and
-// after the first absent index all are absent. A packed run is read alone: past it there is
-// nothing, even where libprotobuf finds more (a closed enum's unknown numbers after the run, or
-// a later part), so only one message alone is held to every element it has.
+// Checks every repeated field of the message encoded in `data` (at `prefix`, for the traces), whose
+// parts (one message, or several concatenated) libprotobuf parsed as `parts`, at every index from 0
+// to length + 3, and through the iterator. Every element read is libprotobuf's, at its index in
+// encoding order, and after the first absent index all are absent. A packed run is read alone: past
+// it there is nothing, even where libprotobuf finds more (a closed enum's unknown numbers after the
+// run, or a later part), so only one message alone is held to every element it has.
 void checkRepeatedFields(const std::vector<const pb::Message*>& parts, const SchematizedData& data,
                          const std::string& prefix, Tally& tally) {
   const pb::Descriptor* descriptor = parts.front()->GetDescriptor();
@@ -182,77 +181,6 @@ void checkRepeatedFields(const std::vector<const pb::Message*>& parts, const Sch
       }
     }
   }
-}
-
-TEST(RepeatedBoundsTest, EveryPackableTypeEndsWithItsRun) {
-  const SchemaStore store = proto2Store();
-  const MessageSchema schema = store.messageSchema("ostrel.proto2.Packed");
-  const pb::Descriptor* descriptor = proto2::Packed::descriptor();
-  int packable = 0;
-  for (int f = 0; f < descriptor->field_count(); ++f) {
-    const Field* field = descriptor->field(f);
-    if (!field->is_packed()) continue;
-    ++packable;
-    // Two elements, at the end of the buffer and followed by another field.
-    for (const bool followed : {false, true}) {
-      SCOPED_TRACE(field->name() + (followed ? " followed by a field" : " at the end"));
-      proto2::Packed message;
-      const auto* r = message.GetReflection();
-      for (int n = 1; n <= 2; ++n) {
-        switch (field->cpp_type()) {
-          case Field::CPPTYPE_DOUBLE:
-            r->AddDouble(&message, field, n + 0.5);
-            break;
-          case Field::CPPTYPE_FLOAT:
-            r->AddFloat(&message, field, n + 0.5f);
-            break;
-          case Field::CPPTYPE_INT64:
-            r->AddInt64(&message, field, -n);
-            break;
-          case Field::CPPTYPE_UINT64:
-            r->AddUInt64(&message, field, n);
-            break;
-          case Field::CPPTYPE_INT32:
-            r->AddInt32(&message, field, -n);
-            break;
-          case Field::CPPTYPE_UINT32:
-            r->AddUInt32(&message, field, n);
-            break;
-          case Field::CPPTYPE_BOOL:
-            r->AddBool(&message, field, true);
-            break;
-          case Field::CPPTYPE_ENUM:
-            r->AddEnumValue(&message, field, n == 1 ? proto2::CLOSED_ONE : proto2::CLOSED_FAR);
-            break;
-          default:
-            FAIL() << "not packable";
-        }
-      }
-      // A following field whose tag and value would read as further elements of any type.
-      if (followed) message.set_after(0x7f7f7f7f);
-      const std::string bytes = message.SerializeAsString();
-      const SchematizedData data = schema.schematizedData(bytes);
-      const std::vector<std::string> elements = libprotobufElements(message, field);
-      ASSERT_EQ(elements.size(), 2u);
-      for (const int64_t index :
-           {int64_t{0}, int64_t{1}, int64_t{2}, int64_t{3}, int64_t{4}, int64_t{1} << 20,
-            std::numeric_limits<int64_t>::max() / 8, std::numeric_limits<int64_t>::max()}) {
-        SCOPED_TRACE(index);
-        const std::optional<AnyValue> value =
-            data.value(field->name() + "[" + std::to_string(index) + "]");
-        if (index < 2) {
-          ASSERT_TRUE(value);
-          EXPECT_EQ(canonical(*value), elements[static_cast<size_t>(index)]);
-        } else {
-          EXPECT_FALSE(value) << value->describe();
-        }
-      }
-      if (followed) {
-        EXPECT_EQ(data.value("after"), AnyValue(int32_t{0x7f7f7f7f}));
-      }
-    }
-  }
-  EXPECT_EQ(packable, 14);
 }
 
 TEST(RepeatedBoundsTest, RandomMessagesGiveLibprotobufsElementOrNothing) {

@@ -89,34 +89,18 @@ TEST(ReliabilityLifetimeTest, RecursiveDescriptorSchemasOutliveTheirStore) {
     EXPECT_GT(reachable.size(), 10u);
     for (const MessageSchema& schema : reachable) watched.push_back(schema.impl());
     const SchematizedData data = set.schematizedData(readGenerated("rich.desc"));
+    // The import through the store's own schema, as a caller with descriptor.proto would run it.
+    EXPECT_EQ(schemaManifestFromDescriptorSet(data.unsafe()).enums.count("ostrel.test.Color"), 1u);
     store.reset();
 
     // The fields that closed a cycle now report the store as gone, in the rendering as anywhere
     // else; the rest reads as before.
-    const std::string json = toJSON(data);
-    EXPECT_NE(json.find(R"("name":"rich.proto")"), std::string::npos) << json.substr(0, 300);
+    EXPECT_NE(toJSON(data).find(R"("name":"rich.proto")"), std::string::npos);
     EXPECT_EQ(data.value("file[0].package"), AnyValue("ostrel.test"));
     // An import through the caller's schema reaches a released edge (Rich's map entries are
     // nested types) and says so.
     EXPECT_EQ(testing_support::catchError([&] { schemaManifestFromDescriptorSet(data.unsafe()); }),
               SchematizerError::internalError("Store is destroyed"));
-  }
-  for (const auto& schema : watched) EXPECT_TRUE(schema.expired());
-}
-
-TEST(ReliabilityLifetimeTest, StoresMadeAndDroppedInALoopFreeEverything) {
-  const std::string descriptorSet = readGenerated("descriptor.desc");
-  const std::string rich = readGenerated("rich.desc");
-  std::vector<std::weak_ptr<MessageSchemaDescribing>> watched;
-  for (int round = 0; round < 20; ++round) {
-    const SchemaStore store(schemaManifestFromDescriptorSet(asBytes(descriptorSet)));
-    const MessageSchema set = store.messageSchema("google.protobuf.FileDescriptorSet");
-    std::vector<MessageSchema> reachable;
-    resolveAll(set, reachable);
-    watched.push_back(set.impl());
-    // The import through the store's own schema, as a caller with descriptor.proto would run it.
-    const SchematizedData data = set.schematizedData(rich);
-    EXPECT_EQ(schemaManifestFromDescriptorSet(data.unsafe()).enums.count("ostrel.test.Color"), 1u);
   }
   for (const auto& schema : watched) EXPECT_TRUE(schema.expired());
 }

@@ -8,6 +8,7 @@
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "support/test_support.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel {
 namespace {
@@ -18,285 +19,192 @@ using Case = TypeSchemaDescription::Case;
 
 TypeSchemaDescription scalar(Case kind) { return TypeSchemaDescription::scalar(kind); }
 
-std::optional<AnyValue> read(const Bytes& bytes, std::vector<FieldPathComponent> path, Case kind) {
-  Reader reader(bytes);
-  auto value = readValue(reader, path, scalar(kind));
-  if (!value) return std::nullopt;
-  return AnyValue::from(*value);
-}
-
 FieldPathComponent at(int64_t number) { return FieldPathComponent::fieldNumber(number); }
 FieldPathComponent at(int64_t number, int64_t index) {
   return FieldPathComponent::repeatableFieldNumber(number, index);
 }
 
-struct ReadRow {
-  std::string name;
-  Bytes bytes;
-  std::vector<FieldPathComponent> path;
-  Case type;
-  std::optional<AnyValue> expected;
-};
+// What a read answers: "absent", the value described, or the error's type and text.
+std::string outcome(const Bytes& bytes, const std::vector<FieldPathComponent>& path, Case kind) {
+  return catchError([&] {
+           Reader reader(bytes);
+           const auto value = readValue(reader, path, scalar(kind));
+           throw std::runtime_error(value ? AnyValue::from(*value).describe() : "absent");
+         })
+      .description;
+}
+template <typename E>
+std::string thrown(const E& error) {
+  return catchError([&] { throw error; }).description;
+}
+std::string answer(const std::string& text) { return thrown(std::runtime_error(text)); }
 
-TEST(FieldPathTest, ReadsTheValueAtAPath) {
+TEST(FieldPathTest, ReadsTheValueAtAPathOrItsExactFault) {
   // Field 4 as unpacked 10, 20, 30 / packed [10, 20, 30] / unpacked 10 then packed [20, 30].
   const Bytes unpacked = bytesOf({0x20, 10, 0x08, 1, 0x20, 20, 0x20, 30});
   const Bytes packed = bytesOf({0x22, 3, 10, 20, 30, 0x08, 1});
   const Bytes mixed = bytesOf({0x20, 10, 0x22, 2, 20, 30});
-  const std::vector<ReadRow> rows = {
-      {"first occurrence wins", bytesOf({0x08, 5, 0x08, 7}), {at(1)}, Case::int32, int32_t{5}},
-      {"other fields are skipped",
-       bytesOf({0x11, 1, 2, 3, 4, 5,    6,    7, 8,    0x1a, 1, 0,
+  const Bytes fixed = bytesOf({0x22, 8, 1, 0, 0, 0, 2, 0, 0, 0});
+  const Bytes overRun = bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00});  // 150 runs over the end
+  const Bytes one = bytesOf({0x08, 1});
+  const std::string absent = answer("absent");
+  const std::string malformed = thrown(SerializationError::malformedProtobuf());
+  const std::vector<std::tuple<Bytes, std::vector<FieldPathComponent>, Case, std::string>> rows = {
+      // The first occurrence wins; other fields of every wire type are skipped.
+      {bytesOf({0x08, 5, 0x08, 7}), {at(1)}, Case::int32, answer("int32(5)")},
+      {bytesOf({0x11, 1, 2, 3, 4, 5,    6,    7, 8,    0x1a, 1, 0,
                 0x25, 1, 2, 3, 4, 0x2b, 0x08, 1, 0x2c, 0x30, 9}),
        {at(6)},
        Case::int32,
-       int32_t{9}},
-      {"absent field", bytesOf({0x08, 5}), {at(2)}, Case::int32, std::nullopt},
-      {"empty buffer", Bytes{}, {at(1)}, Case::int32, std::nullopt},
-      {"nested", bytesOf({0x12, 2, 0x18, 9}), {at(2), at(3)}, Case::int32, int32_t{9}},
-      {"split message: only the first occurrence is entered",
-       bytesOf({0x12, 2, 0x08, 5, 0x12, 2, 0x18, 9}),
-       {at(2), at(3)},
-       Case::int32,
-       std::nullopt},
-      {"unpacked index 1", unpacked, {at(4, 1)}, Case::int32, int32_t{20}},
-      {"unpacked index past the end", unpacked, {at(4, 3)}, Case::int32, std::nullopt},
-      {"packed index 1", packed, {at(4, 1)}, Case::int32, int32_t{20}},
-      {"unpacked element counts against the index, then the run starts at 0",
-       mixed,
-       {at(4, 1)},
-       Case::int32,
-       int32_t{20}},
-      {"index into the run after unpacked elements", mixed, {at(4, 2)}, Case::int32, int32_t{30}},
-      {"packed index at the run's length is absent", packed, {at(4, 3)}, Case::int32, std::nullopt},
-      {"packed index past the run is absent", packed, {at(4, 4)}, Case::int32, std::nullopt},
-      {"index past unpacked elements and the run", mixed, {at(4, 3)}, Case::int32, std::nullopt},
-      {"negative index over unpacked elements", unpacked, {at(4, -1)}, Case::int32, std::nullopt},
-      {"negative index over a packed run", packed, {at(4, -1)}, Case::int32, std::nullopt},
-      {"empty packed run followed by a field",
-       bytesOf({0x22, 0, 0x08, 1}),
-       {at(4, 0)},
-       Case::int32,
-       std::nullopt},
-      {"packed fixed32 index past the buffer",
-       bytesOf({0x25 - 3, 8, 1, 0, 0, 0, 2, 0, 0, 0}),
-       {at(4, 9)},
-       Case::fixed32,
-       std::nullopt},
-      {"packed fixed32 last element",
-       bytesOf({0x25 - 3, 8, 1, 0, 0, 0, 2, 0, 0, 0}),
-       {at(4, 1)},
-       Case::fixed32,
-       uint32_t{2}},
-      {"packed double index 2 before another field",
-       bytesOf({0x22, 16, 0, 0, 0, 0, 0, 0, 0xf8, 0x3f, 0, 0, 0, 0, 0, 0, 4, 0x40, 0x08, 1}),
+       answer("int32(9)")},
+      {one, {at(2)}, Case::int32, absent},
+      {bytesOf({0x12, 2, 0x18, 9}), {at(2), at(3)}, Case::int32, answer("int32(9)")},
+      // A split message: only its first occurrence is entered.
+      {bytesOf({0x12, 2, 0x08, 5, 0x12, 2, 0x18, 9}), {at(2), at(3)}, Case::int32, absent},
+      // A field past the message's end is read when it is inside the buffer.
+      {bytesOf({0x12, 1, 0x18, 7}), {at(2), at(3)}, Case::int32, answer("int32(7)")},
+      {unpacked, {at(4, 1)}, Case::int32, answer("int32(20)")},
+      {unpacked, {at(4, 3)}, Case::int32, absent},
+      {unpacked, {at(4, -1)}, Case::int32, absent},
+      {packed, {at(4, 1)}, Case::int32, answer("int32(20)")},
+      {packed, {at(4, 3)}, Case::int32, absent},
+      {packed, {at(4, -1)}, Case::int32, absent},
+      // Unpacked elements count against the index, then the run counts from 0.
+      {mixed, {at(4, 1)}, Case::int32, answer("int32(20)")},
+      {mixed, {at(4, 2)}, Case::int32, answer("int32(30)")},
+      {mixed, {at(4, 3)}, Case::int32, absent},
+      // Nothing after a run is taken for its elements.
+      {bytesOf({0x22, 0, 0x08, 1}), {at(4, 0)}, Case::int32, absent},
+      {fixed, {at(4, 9)}, Case::fixed32, absent},
+      {bytesOf({0x22, 16, 0, 0, 0, 0, 0, 0, 0xf8, 0x3f, 0, 0, 0, 0, 0, 0, 4, 0x40, 0x08, 1}),
        {at(4, 2)},
        Case::double_,
-       std::nullopt},
-      {"repeated message element through an index",
-       bytesOf({0x22, 2, 0x08, 1, 0x22, 2, 0x08, 2}),
+       absent},
+      {bytesOf({0x22, 2, 0x08, 1, 0x22, 2, 0x08, 2}),
        {at(4, 1), at(1)},
        Case::int32,
-       int32_t{2}},
-      {"string elements are never packed",
-       bytesOf({0x22, 1, 'a', 0x22, 1, 'b'}),
-       {at(4, 1)},
-       Case::string,
-       std::string("b")},
-      {"field past the message end is read when inside the buffer",
-       bytesOf({0x12, 1, 0x18, 7}),
-       {at(2), at(3)},
-       Case::int32,
-       int32_t{7}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(read(row.bytes, row.path, row.type), row.expected);
-  }
-}
-
-struct ErrorRow {
-  std::string name;
-  Bytes bytes;
-  std::vector<FieldPathComponent> path;
-  Case type;
-  std::function<bool(const testing_support::CaughtError&)> matches;
-};
-
-TEST(FieldPathTest, FaultsAreReportedWithTheirExactErrors) {
-  const auto is = [](auto expected) {
-    return [expected](const testing_support::CaughtError& caught) { return caught == expected; };
-  };
-  const std::vector<ErrorRow> rows = {
-      {"empty path",
-       bytesOf({0x08, 1}),
-       {},
-       Case::int32,
-       is(SchematizerError::protocolBufferError("invalid fieldPath"))},
-      {"intermediate field is a varint",
-       bytesOf({0x08, 1}),
+       answer("int32(2)")},
+      // Strings are never packed.
+      {bytesOf({0x22, 1, 'a', 0x22, 1, 'b'}), {at(4, 1)}, Case::string, answer("string(\"b\")")},
+      {one, {}, Case::int32, thrown(SchematizerError::protocolBufferError("invalid fieldPath"))},
+      {one,
        {at(1), at(2)},
        Case::int32,
-       is(SchematizerError::protocolBufferError(
+       thrown(SchematizerError::protocolBufferError(
            "Unexpected PB type reading message: FieldTag(rawValue: 8)"))},
-      {"intermediate repeated element is not delimited",
-       bytesOf({0x08, 1}),
+      {one,
        {at(1, 0), at(2)},
        Case::int32,
-       is(SchematizerError::protocolBufferError(
+       thrown(SchematizerError::protocolBufferError(
            "Element at intermediate path must have length delimited wire type (message)"))},
-      {"final wire type does not fit",
-       bytesOf({0x08, 1}),
+      {one,
        {at(1)},
        Case::fixed32,
-       is(SerializationError::typeMismatch(scalar(Case::fixed32), ProtoWireType::varInt))},
-      {"packed run where a single value is expected",
-       bytesOf({0x0a, 1, 1}),
+       thrown(SerializationError::typeMismatch(scalar(Case::fixed32), ProtoWireType::varInt))},
+      // A packed run where a single value is expected.
+      {bytesOf({0x0a, 1, 1}),
        {at(1)},
        Case::int32,
-       is(SerializationError::typeMismatch(scalar(Case::int32), ProtoWireType::lengthDelimited))},
-      {"malformed tag while searching",
-       bytesOf({0x00}),
-       {at(1)},
-       Case::int32,
-       is(SerializationError::malformedProtobuf())},
-      {"lone end group while searching",
-       bytesOf({0x0c}),
-       {at(2)},
-       Case::int32,
-       is(SerializationError::malformedProtobuf())},
-      {"negative nested length",
-       bytesOf({0x12, 0xff, 0xff, 0xff, 0xff, 0x0f}),
-       {at(2), at(1)},
-       Case::int32,
-       is(SerializationError::malformedProtobuf())},
-      {"packed varint running over the run's end",
-       bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}),
-       {at(4, 1)},
-       Case::int32,
-       is(SerializationError::malformedProtobuf())},
-      {"packed varint skipped over the run's end",
-       bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}),
-       {at(4, 2)},
-       Case::int32,
-       is(SerializationError::malformedProtobuf())},
-      {"packed fixed32 cut short by the run's end",
-       bytesOf({0x22, 6, 1, 0, 0, 0, 2, 0, 0, 0}),
-       {at(4, 1)},
-       Case::fixed32,
-       is(SerializationError::malformedProtobuf())},
-      {"truncated string",
-       bytesOf({0x0a, 5, 'a'}),
-       {at(1)},
-       Case::string,
-       is(SerializationError::truncated())},
+       thrown(
+           SerializationError::typeMismatch(scalar(Case::int32), ProtoWireType::lengthDelimited))},
+      {bytesOf({0x00}), {at(1)}, Case::int32, malformed},
+      {bytesOf({0x0c}), {at(2)}, Case::int32, malformed},
+      {bytesOf({0x12, 0xff, 0xff, 0xff, 0xff, 0x0f}), {at(2), at(1)}, Case::int32, malformed},
+      {overRun, {at(4, 1)}, Case::int32, malformed},
+      {overRun, {at(4, 2)}, Case::int32, malformed},
+      {bytesOf({0x22, 6, 1, 0, 0, 0, 2, 0, 0, 0}), {at(4, 1)}, Case::fixed32, malformed},
+      {bytesOf({0x0a, 5, 'a'}), {at(1)}, Case::string, thrown(SerializationError::truncated())},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto caught = catchError([&] { read(row.bytes, row.path, row.type); });
-    EXPECT_TRUE(row.matches(caught)) << caught.description;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& [bytes, path, type, expected] = rows[i];
+    EXPECT_EQ(outcome(bytes, path, type), expected) << "row " << i;
   }
 }
 
-TEST(FieldPathTest, PackedReadRecordsTheRunEndAndStopsAfterTheElement) {
+TEST(FieldPathTest, ReadsLeaveTheReaderWhereIterationGoesOn) {
+  // A packed element: the run's end is recorded and the reader stops just after the element.
   const Bytes bytes = bytesOf({0x08, 1, 0x22, 3, 10, 0x96, 0x01, 0x10, 2});
   Reader reader(bytes);
-  const FieldPathComponent path[] = {at(4, 1)};
-  const auto value = readValue(reader, path, scalar(Case::int32));
-  ASSERT_TRUE(value);
-  EXPECT_EQ(value->int32Value(), 150);
+  const FieldPathComponent packed[] = {at(4, 1)};
+  EXPECT_EQ(readValue(reader, packed, scalar(Case::int32))->int32Value(), 150);
   EXPECT_EQ(reader.lastComponentCompactedArrayEndPosition(), 7);
   EXPECT_EQ(reader.position(), 7);
-}
-
-// An absent nested field leaves the reader past the outermost payload entered, also when that
-// payload ends the buffer.
-TEST(FieldPathTest, AbsentNestedFieldMovesThePastTheOuterPayload) {
-  const FieldPathComponent path[] = {at(2), at(3)};
-  for (const Bytes& bytes : {bytesOf({0x12, 2, 0x08, 5, 0x18, 1}), bytesOf({0x12, 2, 0x08, 5})}) {
-    SCOPED_TRACE(bytes.size());
-    Reader reader(bytes);
-    EXPECT_FALSE(readValue(reader, path, scalar(Case::int32)));
-    EXPECT_EQ(reader.position(), 4);
+  // An absent nested field: past the outermost payload entered, also when it ends the buffer.
+  const FieldPathComponent nested[] = {at(2), at(3)};
+  for (const Bytes& message : {bytesOf({0x12, 2, 0x08, 5, 0x18, 1}), bytesOf({0x12, 2, 0x08, 5})}) {
+    Reader outer(message);
+    EXPECT_FALSE(readValue(outer, nested, scalar(Case::int32)));
+    EXPECT_EQ(outer.position(), 4);
   }
 }
 
-// A field schema over a fixed type, for forEachValue.
-class FixedField final : public FieldSchemaDescribing {
- public:
-  FixedField(int64_t number, bool repeated, Case kind)
-      : number_(number), repeated_(repeated), type_(scalar(kind)) {}
-  const std::string& name() const noexcept override { return name_; }
-  std::string typeDescription() const override { return {}; }
-  bool isRepeated() const noexcept override { return repeated_; }
-  bool isOptional() const noexcept override { return true; }
-  const std::optional<SchematizedData>& options() const noexcept override { return options_; }
-  std::optional<int32_t> oneofIndex() const noexcept override { return std::nullopt; }
-  int64_t fieldNumber() const override { return number_; }
-  const TypeSchemaDescription& type() const override { return type_; }
+// t.M { repeated int32 r = 4; int32 single = 5; repeated double d = 6; }
+MessageSchema messageM() {
+  static const SchemaStore store = [] {
+    SchemaManifest manifest;
+    MessageManifest& m = manifest.messages["t.M"];
+    m.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
+    m.fields["single"] = {.type = TypeManifest::int32, .fieldNumber = 5};
+    m.fields["d"] = {.type = TypeManifest::double_, .fieldNumber = 6, .isRepeated = true};
+    return SchemaStore(manifest);
+  }();
+  return store.messageSchema("t.M");
+}
+std::shared_ptr<FieldSchemaDescribing> field(const std::string& name) {
+  return messageM().fieldNamed(name).impl();
+}
 
- private:
-  std::string name_ = "f";
-  int64_t number_;
-  bool repeated_;
-  TypeSchemaDescription type_;
-  std::optional<SchematizedData> options_;
-};
-
-std::vector<int32_t> visitAll(const Bytes& bytes, const FixedField& field,
-                              std::vector<int32_t>* seenBeforeFailure = nullptr) {
-  std::vector<int32_t> seen;
+// The int32 values visited; a failure is thrown after `seen` holds what was visited before it.
+std::vector<int32_t> visitAll(const Bytes& bytes, const std::string& name,
+                              std::vector<int32_t>* seen = nullptr) {
+  std::vector<int32_t> local;
+  std::vector<int32_t>& out = seen ? *seen : local;
   Reader reader(bytes);
-  try {
-    forEachValue(reader, field,
-                 [&](detail::AnyValueImpl&& value) { seen.push_back(value.int32Value()); });
-  } catch (...) {
-    if (seenBeforeFailure) *seenBeforeFailure = seen;
-    throw;
-  }
-  return seen;
+  forEachValue(reader, *field(name),
+               [&](detail::AnyValueImpl&& value) { out.push_back(value.int32Value()); });
+  return out;
 }
 
 TEST(ForEachValueTest, VisitsEveryValueOfOneField) {
-  const FixedField repeated(4, true, Case::int32);
-  EXPECT_EQ(visitAll(bytesOf({0x20, 1, 0x08, 9, 0x20, 2, 0x20, 3}), repeated),
-            (std::vector<int32_t>{1, 2, 3}));
+  using V = std::vector<int32_t>;
+  EXPECT_EQ(visitAll(bytesOf({0x20, 1, 0x08, 9, 0x20, 2, 0x20, 3}), "r"), (V{1, 2, 3}));
   // Each packed run exactly to its end, then the walk goes on after it.
-  EXPECT_EQ(visitAll(bytesOf({0x22, 3, 1, 2, 3, 0x08, 0x00, 0x20, 4}), repeated),
-            (std::vector<int32_t>{1, 2, 3, 4}));
-  EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x22, 1, 0x7f}), repeated), std::vector<int32_t>{127});
-  const FixedField doubles(4, true, Case::double_);
-  std::vector<int32_t> none;
-  EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x08, 1}), doubles), none);
+  EXPECT_EQ(visitAll(bytesOf({0x22, 3, 1, 2, 3, 0x08, 0x00, 0x20, 4}), "r"), (V{1, 2, 3, 4}));
+  EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x22, 1, 0x7f}), "r"), V{127});
+  EXPECT_EQ(visitAll(bytesOf({0x32, 0, 0x08, 1}), "d"), V{});
+  EXPECT_EQ(visitAll(bytesOf({0x28, 1, 0x28, 2}), "single"), V{1});
   // An element running over its run's end is malformed and is not visited.
-  std::vector<int32_t> seen;
+  V seen;
   EXPECT_EQ(catchError([&] {
-              visitAll(bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}), repeated, &seen);
+              visitAll(bytesOf({0x22, 2, 1, 0x96, 0x01, 0x08, 0x00}), "r", &seen);
             }),
             SerializationError::malformedProtobuf());
-  EXPECT_EQ(seen, (std::vector<int32_t>{1}));
-  EXPECT_EQ(visitAll(bytesOf({0x08, 9}), repeated), std::vector<int32_t>{});
-  const FixedField single(4, false, Case::int32);
-  EXPECT_EQ(visitAll(bytesOf({0x20, 1, 0x20, 2}), single), std::vector<int32_t>{1});
-  EXPECT_EQ(catchError([&] {
-              visitAll(bytesOf({0x20, 1, 0x23, 0x24}), repeated);
-            }),
-            SerializationError::typeMismatch(scalar(Case::int32), ProtoWireType::startGroup));
-  // The visitor's failure ends the walk.
-  const Bytes twoValues = bytesOf({0x20, 1, 0x20, 2});
-  Reader reader(twoValues);
-  int visits = 0;
-  EXPECT_THROW(forEachValue(reader, repeated,
-                            [&](detail::AnyValueImpl&&) {
-                              ++visits;
-                              throw std::runtime_error("stop");
-                            }),
-               std::runtime_error);
-  EXPECT_EQ(visits, 1);
+  EXPECT_EQ(seen, V{1});
 }
 
-std::vector<AnyValue> iterateAll(const Bytes& bytes, int64_t number, Case kind) {
-  Schematizer::RepeatableFieldIterator iterator(ByteView(bytes), number, TypeSchema(scalar(kind)));
+TEST(ForEachPresentFieldTest, VisitsEachPackedElementWithinItsRun) {
+  std::vector<std::string> seen;
+  const auto visitAll = [&](const Bytes& bytes) {
+    forEachPresentField(messageM().schematizedData(bytes).unsafe(),
+                        [&](const auto& field, auto&& value) {
+                          seen.push_back(field->name() + "=" + AnyValue::from(value).describe());
+                        });
+  };
+  // Unknown field 7 is skipped.
+  visitAll(bytesOf({0x22, 2, 1, 2, 0x28, 5, 0x38, 1, 0x20, 3}));
+  EXPECT_EQ(seen, (std::vector<std::string>{"r=int32(1)", "r=int32(2)", "single=int32(5)",
+                                            "r=int32(3)"}));
+  seen.clear();
+  EXPECT_EQ(catchError([&] {
+              visitAll(bytesOf({0x22, 2, 1, 0x96, 0x01}));
+            }),
+            SerializationError::malformedProtobuf());
+  EXPECT_EQ(seen, std::vector<std::string>{"r=int32(1)"});
+}
+
+std::vector<AnyValue> iterateAll(const Bytes& bytes) {
+  Schematizer::RepeatableFieldIterator iterator(ByteView(bytes), 1,
+                                                TypeSchema(scalar(Case::int32)));
   std::vector<AnyValue> values;
   for (const AnyValue& value : iterator) values.push_back(value);
   EXPECT_TRUE(iterator.isDone());
@@ -304,54 +212,37 @@ std::vector<AnyValue> iterateAll(const Bytes& bytes, int64_t number, Case kind) 
   return values;
 }
 
-TEST(RepeatableFieldIteratorTest, IteratesPackedAndTaggedElements) {
+// Orders no encoder writes (the differential reads compare the rest with libprotobuf).
+TEST(RepeatableFieldIteratorTest, IteratesTaggedElementsAndTheFirstRunOnly) {
   using V = std::vector<AnyValue>;
-  EXPECT_EQ(iterateAll(bytesOf({0x0a, 3, 1, 2, 3}), 1, Case::int32),
+  EXPECT_EQ(iterateAll(bytesOf({0x08, 1, 0x10, 7, 0x08, 2, 0x1a, 0, 0x08, 3, 0x10, 8})),
             (V{int32_t{1}, int32_t{2}, int32_t{3}}));
-  EXPECT_EQ(
-      iterateAll(bytesOf({0x08, 1, 0x10, 7, 0x08, 2, 0x1a, 0, 0x08, 3, 0x10, 8}), 1, Case::int32),
-      (V{int32_t{1}, int32_t{2}, int32_t{3}}));
-  // Only the first packed run is iterated.
-  EXPECT_EQ(iterateAll(bytesOf({0x0a, 2, 1, 2, 0x08, 3}), 1, Case::int32),
-            (V{int32_t{1}, int32_t{2}}));
-  EXPECT_EQ(iterateAll(bytesOf({0x0d, 1, 0, 0, 0, 0x0d, 2, 0, 0, 0}), 1, Case::fixed32),
-            (V{uint32_t{1}, uint32_t{2}}));
-  EXPECT_EQ(iterateAll(bytesOf({0x0a, 16, 0, 0, 0, 0, 0, 0, 0xf0, 0x3f, 0, 0, 0, 0, 0, 0, 0, 0x40}),
-                       1, Case::double_),
-            (V{1.0, 2.0}));
+  EXPECT_EQ(iterateAll(bytesOf({0x0a, 2, 1, 2, 0x08, 3})), (V{int32_t{1}, int32_t{2}}));
   // An empty run ends the iteration before the field that follows it.
-  EXPECT_EQ(iterateAll(bytesOf({0x0a, 0, 0x08, 3}), 1, Case::int32), V{});
-  EXPECT_EQ(iterateAll(bytesOf({0x10, 1}), 1, Case::int32), V{});
-  EXPECT_EQ(iterateAll(Bytes{}, 1, Case::int32), V{});
+  EXPECT_EQ(iterateAll(bytesOf({0x0a, 0, 0x08, 3})), V{});
 }
 
-TEST(RepeatableFieldIteratorTest, PackedRunAfterTaggedElementFailsAndRepeats) {
-  const Bytes bytes = bytesOf({0x08, 1, 0x0a, 2, 2, 3});
-  Schematizer::RepeatableFieldIterator iterator(ByteView(bytes), 1,
-                                                TypeSchema(scalar(Case::int32)));
-  EXPECT_EQ(iterator.next(), AnyValue(int32_t{1}));
+TEST(RepeatableFieldIteratorTest, FailuresLeaveTheIteratorWhereItWas) {
+  // A packed run after a tagged element; a run holding 1 and the first byte of 150, whose second
+  // byte stands after the run, met through navigation (first step) and from the bookmark.
   const auto mismatch =
       SerializationError::typeMismatch(scalar(Case::int32), ProtoWireType::lengthDelimited);
-  EXPECT_EQ(catchError([&] { iterator.next(); }), mismatch);
-  EXPECT_FALSE(iterator.isDone());
-  EXPECT_EQ(catchError([&] { iterator.next(); }), mismatch);
-}
-
-TEST(RepeatableFieldIteratorTest, PackedElementOverTheRunsEndFailsAndRepeats) {
-  // The run holds 1 and the first byte of 150; the second byte stands after the run. Both the
-  // first step (through navigation) and a later one (from the bookmark) stop there.
-  for (const int first : {1, 0x96}) {
-    SCOPED_TRACE(first);
-    const Bytes bytes = first == 1 ? bytesOf({0x0a, 2, 1, 0x96, 0x01, 0x10, 0x00})
-                                   : bytesOf({0x0a, 1, 0x96, 0x01, 0x10, 0x00});
+  const auto malformed = SerializationError::malformedProtobuf();
+  for (const auto& [bytes, firstIsOne, error] :
+       std::vector<std::tuple<Bytes, bool, SerializationError>>{
+           {bytesOf({0x08, 1, 0x0a, 2, 2, 3}), true, mismatch},
+           {bytesOf({0x0a, 2, 1, 0x96, 0x01, 0x10, 0x00}), true, malformed},
+           {bytesOf({0x0a, 1, 0x96, 0x01, 0x10, 0x00}), false, malformed},
+       }) {
+    SCOPED_TRACE(bytes.size());
     Schematizer::RepeatableFieldIterator iterator(ByteView(bytes), 1,
                                                   TypeSchema(scalar(Case::int32)));
-    if (first == 1) {
+    if (firstIsOne) {
       EXPECT_EQ(iterator.next(), AnyValue(int32_t{1}));
     }
-    EXPECT_EQ(catchError([&] { iterator.next(); }), SerializationError::malformedProtobuf());
+    EXPECT_EQ(catchError([&] { iterator.next(); }), error);
     EXPECT_FALSE(iterator.isDone());
-    EXPECT_EQ(catchError([&] { iterator.next(); }), SerializationError::malformedProtobuf());
+    EXPECT_EQ(catchError([&] { iterator.next(); }), error);
   }
 }
 
@@ -366,7 +257,6 @@ TEST(RepeatableFieldIteratorTest, MessageElementsOwnTheirBytes) {
   bytes.reset();
   std::vector<int32_t> ids;
   for (const AnyValue& element : iterator) {
-    EXPECT_EQ(element.messageValue().data().size(), 2u);
     ids.push_back(element.messageValue().value("id")->int32Value());
   }
   EXPECT_EQ(ids, (std::vector<int32_t>{1, 2}));
