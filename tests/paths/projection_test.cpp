@@ -1,28 +1,22 @@
-// Projections and typed reads against the single read of each path: on seeded random messages
-// built by libprotobuf (every leaf path at once, index one past the end included), on the same
-// bytes damaged (a byte flipped, cut short), and on hand-encoded cases of first occurrences,
-// packed runs and faults.
+// Projections and typed reads against the single read of each path on hand-encoded cases of first
+// occurrences, packed runs and faults. Random messages, whole and damaged, are projected in the
+// differential suite.
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <iterator>
-#include <random>
 
-#include "legacy.pb.h"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
-#include "support/random_message.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
 namespace {
 
-namespace pb = google::protobuf;
-using Field = pb::FieldDescriptor;
 using testing_support::bytesOf;
 
 SchemaStore storeFrom(const std::string& descriptorSet) {
@@ -48,165 +42,6 @@ std::string outcome(Read&& read) {
   } catch (const Error& e) {
     return std::string("error ") + typeid(e).name() + ": " + e.what();
   }
-}
-
-// Every path into `message` worth asking: each field present or not, each element of a repeated
-// field and the index one past its end, down into nested messages (absent ones one level deep).
-void collectPaths(const pb::Message* message, const pb::Descriptor* descriptor,
-                  const std::string& prefix, int depth, std::vector<std::string>& paths) {
-  const auto* r = message ? message->GetReflection() : nullptr;
-  for (int i = 0; i < descriptor->field_count(); ++i) {
-    const Field* field = descriptor->field(i);
-    const std::string name = prefix + field->name();
-    const bool isMessage = field->cpp_type() == Field::CPPTYPE_MESSAGE;
-    if (!field->is_repeated()) {
-      paths.push_back(name);
-      if (isMessage && depth < 5) {
-        const bool present = message && r->HasField(*message, field);
-        if (present || message) {
-          collectPaths(present ? &r->GetMessage(*message, field) : nullptr, field->message_type(),
-                       name + ".", present ? depth + 1 : 5, paths);
-        }
-      }
-      continue;
-    }
-    const int size = message ? r->FieldSize(*message, field) : 0;
-    for (int n = 0; n <= size; ++n) {
-      const std::string element = name + "[" + std::to_string(n) + "]";
-      paths.push_back(element);
-      if (isMessage && depth < 5 && n < size) {
-        collectPaths(&r->GetRepeatedMessage(*message, field, n), field->message_type(),
-                     element + ".", depth + 1, paths);
-      }
-    }
-  }
-}
-
-// Checks that the projection of `paths` answers each path on `bytes` as the single read does,
-// and that every typed read agrees with the single read of a scalar path. Returns how many paths
-// were present.
-int checkAgreement(const MessageSchema& schema, const Projection& projection, ProjectionRow& row,
-                   ByteView bytes) {
-  const SchematizedData data = schema.schematizedData(Bytes(bytes.begin(), bytes.end()));
-  projection.read(bytes, row);
-  int present = 0;
-  bool anyFailed = false;
-  for (size_t i = 0; i < projection.size(); ++i) {
-    const std::string& path = projection.pathText(i);
-    const std::string single = outcome([&] { return data.value(path); });
-    const std::string projected = outcome([&] { return row.value(i); });
-    EXPECT_EQ(projected, single) << path;
-    present += row.state(i) == ProjectionRow::State::present;
-    anyFailed |= row.state(i) == ProjectionRow::State::failed;
-    EXPECT_EQ(row.state(i) == ProjectionRow::State::failed, single.starts_with("error")) << path;
-  }
-  EXPECT_EQ(row.failed(), anyFailed);
-  return present;
-}
-
-std::string typedRead(ByteView bytes, const FieldPathAndType& path, AnyValue::Case kind) {
-  switch (kind) {
-    case AnyValue::Case::int32:
-      return outcome([&] { return readInt32(bytes, path); });
-    case AnyValue::Case::uint32:
-      return outcome([&] { return readUInt32(bytes, path); });
-    case AnyValue::Case::int64:
-      return outcome([&] { return readInt64(bytes, path); });
-    case AnyValue::Case::uint64:
-      return outcome([&] { return readUInt64(bytes, path); });
-    case AnyValue::Case::float_:
-      return outcome([&] { return readFloat(bytes, path); });
-    case AnyValue::Case::double_:
-      return outcome([&] { return readDouble(bytes, path); });
-    case AnyValue::Case::bool_:
-      return outcome([&] { return readBool(bytes, path); });
-    case AnyValue::Case::enum_:
-      return outcome([&] { return readEnumNumber(bytes, path); });
-    default:
-      return "not a scalar";
-  }
-}
-
-// The single read's answer in the typed form: the scalar printed as the typed read prints it.
-std::string singleAsTyped(const SchematizedData& data, const FieldPathAndType& path) {
-  return outcome([&]() -> std::optional<std::string> {
-    const std::optional<AnyValue> value = data.value(path);
-    if (!value) return std::nullopt;
-    switch (value->kind()) {
-      case AnyValue::Case::int32:
-        return testing::PrintToString(value->int32Value());
-      case AnyValue::Case::uint32:
-        return testing::PrintToString(value->uint32Value());
-      case AnyValue::Case::int64:
-        return testing::PrintToString(value->int64Value());
-      case AnyValue::Case::uint64:
-        return testing::PrintToString(value->uint64Value());
-      case AnyValue::Case::float_:
-        return testing::PrintToString(value->floatValue());
-      case AnyValue::Case::double_:
-        return testing::PrintToString(value->doubleValue());
-      case AnyValue::Case::bool_:
-        return testing::PrintToString(value->boolValue());
-      case AnyValue::Case::enum_:
-        return testing::PrintToString(value->enumValue().number());
-      default:
-        return "not a scalar";
-    }
-  });
-}
-
-void checkTypedReads(const MessageSchema& schema, const Projection& projection, ByteView bytes) {
-  const SchematizedData data = schema.schematizedData(Bytes(bytes.begin(), bytes.end()));
-  const ProjectionRow kinds = projection.makeRow();
-  for (size_t i = 0; i < projection.size(); ++i) {
-    const FieldPathAndType& path = projection.path(i);
-    const std::string typed = typedRead(bytes, path, kinds.kind(i));
-    if (typed == "not a scalar") continue;
-    EXPECT_EQ(typed, singleAsTyped(data, path)) << projection.pathText(i);
-  }
-}
-
-TEST(ProjectionTest, AgreesWithSingleReadsOnRandomMessagesWholeAndDamaged) {
-  const SchemaStore store = storeFrom("rich.desc");
-  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
-  testing_support::RandomMessageFiller filler(20261123);
-  std::mt19937 damage(17);
-  const int messages = testing_support::generatedMessageCount(400);
-  int present = 0;
-  size_t paths = 0;
-  for (int m = 0; m < messages; ++m) {
-    test::Rich message;
-    const std::string bytes = filler.fillParsed(message);
-    std::vector<std::string> texts;
-    collectPaths(&message, message.GetDescriptor(), "", 0, texts);
-    paths += texts.size();
-    const Projection projection(schema, texts);
-    ProjectionRow row = projection.makeRow();
-    SCOPED_TRACE("message " + std::to_string(m));
-    present += checkAgreement(schema, projection, row, asBytes(bytes));
-    checkTypedReads(schema, projection, asBytes(bytes));
-
-    // The same paths over damaged copies, read into the same row: faults must land on exactly
-    // the paths whose single reads meet them.
-    for (int d = 0; d < 4 && !bytes.empty(); ++d) {
-      std::string damaged = bytes;
-      const size_t at = std::uniform_int_distribution<size_t>(0, bytes.size() - 1)(damage);
-      if (d % 2 == 0) {
-        damaged[at] = static_cast<char>(damaged[at] ^ (1 << (damage() % 8)));
-      } else {
-        damaged.resize(at);
-      }
-      SCOPED_TRACE("damaged " + std::to_string(d));
-      checkAgreement(schema, projection, row, asBytes(damaged));
-      checkTypedReads(schema, projection, asBytes(damaged));
-    }
-    if (HasFailure()) {
-      ADD_FAILURE() << message.DebugString();
-      break;
-    }
-  }
-  EXPECT_GT(present, 20 * messages);
-  EXPECT_GT(paths, static_cast<size_t>(60 * messages));
 }
 
 // What a read that throws `error` answers, as outcome() writes it.
