@@ -26,12 +26,11 @@
 #include <bit>
 #include <cctype>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 
+#include "manifest/descriptor_test_support.hpp"
 #include "ostrel/ostrel.hpp"
 #include "output/json_test_support.hpp"
 #include "proto2_record.pb.h"
@@ -180,21 +179,11 @@ const Subject kSubjects[] = {
 };
 
 SchemaStore storeOf(const Subject& subject) {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + subject.descriptorSet,
-                   std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   DescriptorImportOptions options;
   options.skipGroups = true;
   options.groupSkipped = [](const std::string&) {};
-  return SchemaStore(schemaManifestFromDescriptorSet(asBytes(bytes), options));
-}
-
-// A message's fields and the extensions of its type that the generated pool knows.
-std::vector<const Field*> fieldsOf(const pb::Descriptor* descriptor) {
-  std::vector<const Field*> fields;
-  for (int i = 0; i < descriptor->field_count(); ++i) fields.push_back(descriptor->field(i));
-  descriptor->file()->pool()->FindAllExtensions(descriptor, &fields);
-  return fields;
+  return SchemaStore(schemaManifestFromDescriptorSet(
+      testing_support::readGenerated(subject.descriptorSet), options));
 }
 
 // A value as comparable text: its kind and value, floating point by its bits so that NaNs compare,
@@ -301,7 +290,7 @@ struct Reads {
 void collectReads(const pb::Message& message, const SchematizedData& data,
                   const std::string& prefix, Reads& reads) {
   const auto* r = message.GetReflection();
-  for (const Field* field : fieldsOf(message.GetDescriptor())) {
+  for (const Field* field : testing_support::fieldsAndExtensions(message.GetDescriptor())) {
     if (field->type() == Field::TYPE_GROUP) {
       EXPECT_FALSE(data.messageSchema().fieldsByNumber().contains(field->number()))
           << field->full_name() << " is a group, left out";
@@ -425,7 +414,7 @@ void keepCommonFields(const pb::Message& message, bool jsonNames, json& ours, js
     it = it.key().starts_with("[") ? ours.erase(it) : std::next(it);
   }
   const auto* r = message.GetReflection();
-  for (const Field* field : fieldsOf(message.GetDescriptor())) {
+  for (const Field* field : testing_support::fieldsAndExtensions(message.GetDescriptor())) {
     const std::string key = jsonNames ? field->json_name() : field->name();
     const bool unset = !field->is_repeated() && !r->HasField(message, field);
     if (field->type() == Field::TYPE_GROUP || (unset && field->has_presence())) {

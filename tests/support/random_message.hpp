@@ -36,6 +36,15 @@ inline int generatedMessageCount(int count) {
   return count;
 }
 
+// A message type's fields, then the extensions of it that its pool knows.
+inline std::vector<const google::protobuf::FieldDescriptor*> fieldsAndExtensions(
+    const google::protobuf::Descriptor* descriptor) {
+  std::vector<const google::protobuf::FieldDescriptor*> fields;
+  for (int i = 0; i < descriptor->field_count(); ++i) fields.push_back(descriptor->field(i));
+  descriptor->file()->pool()->FindAllExtensions(descriptor, &fields);
+  return fields;
+}
+
 class RandomMessageFiller {
  public:
   explicit RandomMessageFiller(uint32_t seed) : rng_(seed) {}
@@ -47,11 +56,7 @@ class RandomMessageFiller {
 
   void fill(google::protobuf::Message& message, int depth = 0) {
     if (special_ && special_(message, depth)) return;
-    const auto* descriptor = message.GetDescriptor();
-    std::vector<const Field*> fields;
-    for (int i = 0; i < descriptor->field_count(); ++i) fields.push_back(descriptor->field(i));
-    descriptor->file()->pool()->FindAllExtensions(descriptor, &fields);
-    for (const Field* field : fields) {
+    for (const Field* field : fieldsAndExtensions(message.GetDescriptor())) {
       // Leave some fields absent; a required one always has its value.
       if (!field->is_required() && chance(depth == 0 ? 0.3 : 0.45)) continue;
       if (field->real_containing_oneof() && chance(0.5)) continue;
