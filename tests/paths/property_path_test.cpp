@@ -112,6 +112,13 @@ TEST(PropertyPathErrorTest, IndentsTheArrowByUserPerceivedCharacters) {
       {"precomposed letter", "\xC3\xA9.", 2},
       {"letter with combining accent", "e\xCC\x81.", 2},
       {"combining mark for symbols", "x\xE2\x83\x9D", 1},
+      // The first and last code point of every range that extends the character before it.
+      {"every range's bounds",
+       "a\xCC\x80\xCD\xAF\xE1\xAA\xB0\xE1\xAB\xBF\xE1\xB7\x80\xE1\xB7\xBF\xE2\x83\x90\xE2\x83\xBF"
+       "\xEF\xB8\xA0\xEF\xB8\xAF\xEF\xB8\x80\xEF\xB8\x8F\xF3\xA0\x84\x80\xF3\xA0\x87\xAF\xF0\x9F"
+       "\x8F\xBB"
+       "\xF0\x9F\x8F\xBF.",
+       2},
       {"emoji outside the BMP", "\xF0\x9F\x98\x80.", 2},
       {"emoji with skin tone", "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD.", 2},
       {"emoji with variation selector", "\xE2\x9D\xA4\xEF\xB8\x8F.", 2},
