@@ -233,6 +233,10 @@ TEST(DescriptorSetImport, SetsImportAlikeThroughBothImporters) {
   const std::string fieldB =
       R"(field { name: "b" number: 2 type: TYPE_MESSAGE type_name: "..t...M" })";
   const std::string extB = R"("ext":{)";
+  const auto extX = [](int number) {
+    return R"(extension { name: "x" number: )" + std::to_string(number) +
+           R"( type: TYPE_INT32 extendee: ".t.M" })";
+  };
   const std::pair<Edits, Edits> rows[] = {
       // Empty package pieces, a required label and descriptor parts no manifest holds change
       // nothing; nor does the same file twice.
@@ -277,6 +281,15 @@ TEST(DescriptorSetImport, SetsImportAlikeThroughBothImporters) {
        {{R"(,"oneofIndex":0)", ""},
         {R"("oneofs":[{"name":"choice"}])", R"("options":"GAE=")"},
         {extB, R"("early":{"type":"sint32","fieldNumber":101},)" + extB}}},
+      // Extensions of one simple name from two scopes take their full names, also when one of
+      // them is met again.
+      {{{"enum_type {", R"(message_type { name: "A" )" + extX(200) +
+                            R"( } message_type { name: "B" )" + extX(201) + " } enum_type {"},
+        {"", R"(file { package: "t" message_type { name: "A" )" + extX(200) + " } }"}},
+       {{R"({"messages":{)", R"({"messages":{"t.A":{},"t.B":{},)"},
+        {extB,
+         R"("t.A.x":{"type":"int","fieldNumber":200},"t.B.x":{"type":"int","fieldNumber":201},)" +
+             extB}}},
       {{{R"(oneof_decl { name: "choice")", R"(oneof_decl { name: "choice" options {})"}},
        {{R"({"name":"choice"})", R"({"name":"choice","options":""})"}}},
   };
@@ -377,6 +390,16 @@ TEST(DescriptorSetImport, RejectedDescriptorsFailInBothImporters) {
   }
 }
 
+// A group field without a number is incomplete, also where groups are left out.
+TEST(DescriptorSetImport, GroupsLeftOutStillNeedANameAndANumber) {
+  const DescriptorImportOptions options{.skipGroups = true, .groupSkipped = [](const auto&) {}};
+  const pb::FileDescriptorSet set = textSet({{"TYPE_INT32", "TYPE_GROUP"}, {"number: 1 ", ""}});
+  EXPECT_EQ(catchError([&] { schemaManifestFromDescriptorSet(serialize(set), options); }),
+            DSC::invalidDescriptor("Enum value is missing"));
+  EXPECT_EQ(catchError([&] { schemaManifestFromDescriptorSet(set, options); }),
+            JSON::invalidValueType("Enum value is missing"));
+}
+
 // ---------------------------------------------------------------------------------------------
 // Hand-encoded bytes
 
@@ -466,6 +489,12 @@ TEST(DescriptorSetImport, ValuesOfTheWrongKindNameTheirProperty) {
                                                         lengthField(8, lengthField(1, "o") +
                                                                            varintField(2, 1))))),
             expected);
+  // Options written before the name are kept.
+  expected.messages["M"].oneofs[0].options = Bytes{};
+  EXPECT_EQ(
+      importBytes(setOf(lengthField(
+          4, lengthField(1, "M") + lengthField(8, lengthField(2, "") + lengthField(1, "o"))))),
+      expected);
 }
 
 TEST(DescriptorSetImport, TypesAreMatchedByTheirValueNames) {
@@ -581,6 +610,8 @@ TEST(ProtoFileImport, ErrorsNameFileLineAndColumn) {
   const std::pair<const char*, std::variant<JSON, DSC>> rows[] = {
       {write("syntax.proto", "syntax = \"proto3\";\n\nmessage M {\n  int32 x = ;\n}\n"),
        JSON::invalidValueType("syntax.proto:4:13: Expected field number.")},
+      {write("first.proto", "syntax = \"proto3\"; message M { int32 x = ; }"),
+       JSON::invalidValueType("first.proto:1:42: Expected field number.")},
       {write("imports.proto", "syntax = \"proto3\";\nimport \"missing.proto\";\n"),
        JSON::invalidValueType("missing.proto: File not found.")},
       {"absent.proto", JSON::invalidValueType("absent.proto: File not found.")},

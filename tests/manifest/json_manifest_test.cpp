@@ -264,6 +264,9 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
       {R"({"messages":{"M":{"fields":{"f":{"type":"int","fieldNumber":4},)"
        R"("g":{"type":"bool","fieldNumber":4}}}}})",
        R"(messages["M"].fields["g"].fieldNumber: field number 4 is also the number of field "f")"},
+      {R"({"messages":{"M":{"fields":{"f":{"type":"int","fieldNumber":4},)"
+       R"("g":{"type":"int","fieldNumber":5},"h":{"type":"int","fieldNumber":4}}}}})",
+       R"(messages["M"].fields["h"].fieldNumber: field number 4 is also the number of field "f")"},
       {R"({"messages":{"M":{"oneofs":[{"name":"o"},{"name":"p"},{"name":"o"}]}}})",
        R"(messages["M"].oneofs[2].name: oneof name "o" occurs twice)"},
       {withInt(R"("label":"optional")"), f + ".label: unknown member"},

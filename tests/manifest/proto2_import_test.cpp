@@ -87,7 +87,8 @@ TEST(Proto2Import, GroupsAreLeftOutOnRequestAndExtensionsSharingANameAreBothKept
 }
 
 TEST(Proto2Import, EachGroupLeftOutIsLoggedOnce) {
-  // The same file twice in one set: each group field is still logged once.
+  // The same file twice in one set: each group field is still logged once, and the manifest is
+  // that of the file once.
   const Bytes bytes = readGenerated("proto2_shapes.desc");
   Bytes twice = bytes;
   twice.insert(twice.end(), bytes.begin(), bytes.end());
@@ -97,10 +98,14 @@ TEST(Proto2Import, EachGroupLeftOutIsLoggedOnce) {
     std::lock_guard lock(mutex);
     logged.emplace_back(message);
   });
+  SchemaManifest manifest;
   const auto caught =
-      catchError([&] { schemaManifestFromDescriptorSet(twice, {.skipGroups = true}); });
+      catchError([&] { manifest = schemaManifestFromDescriptorSet(twice, {.skipGroups = true}); });
   setLogHandler(nullptr);
   EXPECT_FALSE(caught.error) << caught.description;
+  // Each extension met again replaces itself, under the key it was given the first time.
+  std::vector<std::string> skipped;
+  EXPECT_EQ(manifest, schemaManifestFromDescriptorSet(bytes, skippingGroups(&skipped)));
   std::vector<std::string> expected;
   for (const std::string& field : kGroupFields) {
     expected.push_back("Sch: Group field " + field + " left out of the schema");
