@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "wire/field_path.hpp"
-#include "wire/value_decoding.hpp"
 #include "wire/scalar_decoding.hpp"
+#include "wire/value_decoding.hpp"
 
 namespace ostrel {
 
@@ -86,19 +86,8 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
     return AnyValue::from(std::move(*first));
   }
 
+  // Past the first element, a packed run is read by next() itself; only tagged elements remain.
   Bookmark& bookmark = *state.bookmark;
-  if (bookmark.arrayType == ArrayType::compacted) {
-    if (bookmark.compactedEndPosition <= bookmark.startPosition) return std::nullopt;
-    reader.setPosition(bookmark.startPosition);
-    reader.setEndPosition(bookmark.compactedEndPosition);
-    detail::AnyValueImpl element = decodePackedElement(reader, type);
-    if (reader.position() > bookmark.compactedEndPosition) {
-      throw SerializationError::malformedProtobuf();
-    }
-    bookmark.startPosition = reader.position();
-    return AnyValue::from(std::move(element));
-  }
-
   reader.setPosition(bookmark.startPosition);
   if (!reader.hasMoreFields()) return std::nullopt;
   FieldTag tag = reader.readTag();
