@@ -11,10 +11,6 @@
 #include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-#include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 #include "ostrel/output/json.hpp"
@@ -28,7 +24,6 @@ namespace {
 
 namespace pb = google::protobuf;
 namespace wkt = test::wkt;
-using nlohmann::json;
 using testing_support::generatedManifest;
 
 class WellKnownJsonTest : public ::testing::Test {
@@ -36,8 +31,6 @@ class WellKnownJsonTest : public ::testing::Test {
   SchemaStore store_{generatedManifest("well_known.desc")};
   MessageSchema holder_ = store_.messageSchema("ostrel.test.wkt.Holder");
 };
-
-// One well-known value in the field `field` of a Holder: its bytes, and the JSON of the field (or
 
 // A Holder from its text form.
 wkt::Holder holder(const std::string& text) {
