@@ -62,10 +62,10 @@ class RandomMessageFiller {
       if (field->real_containing_oneof() && chance(0.5)) continue;
       if (field->is_repeated()) {
         const int count = static_cast<int>(below(depth < 2 ? 6 : 3));
-        for (int n = 0; n < count; ++n) addValue(message, field, depth);
+        for (int n = 0; n < count; ++n) putValue(message, field, depth);
       } else if (field->cpp_type() != google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE ||
                  depth < kMaxDepth) {
-        setValue(message, field, depth);
+        putValue(message, field, depth);
       }
     }
   }
@@ -161,54 +161,36 @@ class RandomMessageFiller {
         ->number();
   }
 
-  void setValue(google::protobuf::Message& message, const Field* field, int depth) {
+  // Sets a singular field, or adds an element to a repeated one.
+  void putValue(google::protobuf::Message& message, const Field* field, int depth) {
+    using R = google::protobuf::Reflection;
     const auto* r = message.GetReflection();
+    const bool add = field->is_repeated();
+    const auto put = [&](auto set, auto append, auto value) {
+      (r->*(add ? append : set))(&message, field, std::move(value));
+    };
     switch (field->cpp_type()) {
       case Field::CPPTYPE_INT32:
-        return r->SetInt32(&message, field, static_cast<int32_t>(bits64()));
+        return put(&R::SetInt32, &R::AddInt32, static_cast<int32_t>(bits64()));
       case Field::CPPTYPE_INT64:
-        return r->SetInt64(&message, field, static_cast<int64_t>(bits64()));
+        return put(&R::SetInt64, &R::AddInt64, static_cast<int64_t>(bits64()));
       case Field::CPPTYPE_UINT32:
-        return r->SetUInt32(&message, field, static_cast<uint32_t>(bits64()));
+        return put(&R::SetUInt32, &R::AddUInt32, static_cast<uint32_t>(bits64()));
       case Field::CPPTYPE_UINT64:
-        return r->SetUInt64(&message, field, bits64());
+        return put(&R::SetUInt64, &R::AddUInt64, bits64());
       case Field::CPPTYPE_DOUBLE:
-        return r->SetDouble(&message, field, real());
+        return put(&R::SetDouble, &R::AddDouble, real());
       case Field::CPPTYPE_FLOAT:
-        return r->SetFloat(&message, field, static_cast<float>(real()));
+        return put(&R::SetFloat, &R::AddFloat, static_cast<float>(real()));
       case Field::CPPTYPE_BOOL:
-        return r->SetBool(&message, field, chance(0.5));
+        return put(&R::SetBool, &R::AddBool, chance(0.5));
       case Field::CPPTYPE_ENUM:
-        return r->SetEnumValue(&message, field, enumNumber(field));
+        return put(&R::SetEnumValue, &R::AddEnumValue, enumNumber(field));
       case Field::CPPTYPE_STRING:
-        return r->SetString(&message, field, field->type() == Field::TYPE_BYTES ? bytes() : text());
+        return put(&R::SetString, &R::AddString,
+                   field->type() == Field::TYPE_BYTES ? bytes() : text());
       case Field::CPPTYPE_MESSAGE:
-        return fill(*r->MutableMessage(&message, field), depth + 1);
-    }
-  }
-
-  void addValue(google::protobuf::Message& message, const Field* field, int depth) {
-    const auto* r = message.GetReflection();
-    switch (field->cpp_type()) {
-      case Field::CPPTYPE_INT32:
-        return r->AddInt32(&message, field, static_cast<int32_t>(bits64()));
-      case Field::CPPTYPE_INT64:
-        return r->AddInt64(&message, field, static_cast<int64_t>(bits64()));
-      case Field::CPPTYPE_UINT32:
-        return r->AddUInt32(&message, field, static_cast<uint32_t>(bits64()));
-      case Field::CPPTYPE_UINT64:
-        return r->AddUInt64(&message, field, bits64());
-      case Field::CPPTYPE_DOUBLE:
-        return r->AddDouble(&message, field, real());
-      case Field::CPPTYPE_FLOAT:
-        return r->AddFloat(&message, field, static_cast<float>(real()));
-      case Field::CPPTYPE_BOOL:
-        return r->AddBool(&message, field, chance(0.5));
-      case Field::CPPTYPE_ENUM:
-        return r->AddEnumValue(&message, field, enumNumber(field));
-      case Field::CPPTYPE_STRING:
-        return r->AddString(&message, field, field->type() == Field::TYPE_BYTES ? bytes() : text());
-      case Field::CPPTYPE_MESSAGE:
+        if (!add) return fill(*r->MutableMessage(&message, field), depth + 1);
         if (depth < kMaxDepth) fill(*r->AddMessage(&message, field), depth + 1);
         return;
     }
