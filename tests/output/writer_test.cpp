@@ -81,6 +81,8 @@ class WriteFieldValueTest : public ::testing::Test {
   std::shared_ptr<ProtoSchemaStore> store_;
 };
 
+// Each field type written from values of its own kind is compared with libprotobuf in the
+// differential suite; these are the pairings a built message never makes.
 TEST_F(WriteFieldValueTest, WritesByValueAndFieldType) {
   const auto color = this->color();
   const Bytes nested = bytesOf({0x08, 0x2a});
@@ -92,26 +94,17 @@ TEST_F(WriteFieldValueTest, WritesByValueAndFieldType) {
     std::string bytes;
   };
   const std::vector<Row> rows = {
-      {"int32 to int32", V::int32(-5), T::int32, "08 fb ff ff ff ff ff ff ff ff 01"},
       {"int32 to enum as int32", V::int32(-1), T::enum_, "08 ff ff ff ff ff ff ff ff ff 01"},
       {"int32 to sint32", V::int32(-5), T::sint32, "08 09"},
       {"int32 to sfixed32", V::int32(-5), T::sfixed32, "0d fb ff ff ff"},
-      {"uint32 to uint32", V::uint32(0xFFFFFFFF), T::uint32, "08 ff ff ff ff 0f"},
       {"uint32 to fixed32", V::uint32(9), T::fixed32, "0d 09 00 00 00"},
-      {"int64 to int64", V::int64(-8), T::int64, "08 f8 ff ff ff ff ff ff ff ff 01"},
       {"int64 to sint64", V::int64(-8), T::sint64, "08 0f"},
       {"int64 to sfixed64", V::int64(-8), T::sfixed64, "09 f8 ff ff ff ff ff ff ff"},
-      {"uint64 to uint64", V::uint64(8), T::uint64, "08 08"},
       {"uint64 to fixed64", V::uint64(8), T::fixed64, "09 08 00 00 00 00 00 00 00"},
-      {"float to float", V::float_(1.5f), T::float_, "0d 00 00 c0 3f"},
       {"float to int32, unchecked", V::float_(-0.0f), T::int32, "0d 00 00 00 80"},
-      {"double to double", V::double_(2.5), T::double_, "09 00 00 00 00 00 00 04 40"},
       {"double to string, unchecked", V::double_(1.5), T::string, "09 00 00 00 00 00 00 f8 3f"},
-      {"bool to bool", V::bool_(true), T::bool_, "08 01"},
       {"bool to uint64, unchecked", V::bool_(false), T::uint64, "08 00"},
-      {"string to string", V::string("hey"), T::string, "0a 03 68 65 79"},
       {"string to bytes, unchecked", V::string(""), T::bytes, "0a 00"},
-      {"bytes to bytes", V::bytes(payload), T::bytes, "0a 02 01 02"},
       {"bytes to double, unchecked", V::bytes(payload), T::double_, "0a 02 01 02"},
       {"message to bytes", V::message(UnsafeSchematizedData(nullptr, nested)), T::bytes,
        "0a 02 08 2a"},

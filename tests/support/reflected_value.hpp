@@ -5,7 +5,6 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
-#include <cmath>
 #include <stdexcept>
 #include <string>
 
@@ -52,19 +51,6 @@ inline AnyValue reflectedValue(const google::protobuf::Message& message,
       break;
   }
   throw std::logic_error("no scalar value in " + f->full_name());
-}
-
-// Equal values, a NaN equal to any NaN of its kind.
-inline bool sameValue(const AnyValue& a, const AnyValue& b) {
-  if (a.kind() == AnyValue::Case::double_ && b.kind() == AnyValue::Case::double_ &&
-      std::isnan(a.doubleValue()) && std::isnan(b.doubleValue())) {
-    return true;
-  }
-  if (a.kind() == AnyValue::Case::float_ && b.kind() == AnyValue::Case::float_ &&
-      std::isnan(a.floatValue()) && std::isnan(b.floatValue())) {
-    return true;
-  }
-  return a == b;
 }
 
 }  // namespace ostrel::testing_support
