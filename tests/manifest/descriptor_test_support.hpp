@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared by the descriptor-set and manifest-data tests: the compiled test descriptor sets, and
-// readable failure output for manifests.
+// Shared by the manifest and differential tests: the compiled test descriptor sets, and readable
+// failure output for manifests.
 
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
