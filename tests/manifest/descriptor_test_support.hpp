@@ -1,18 +1,17 @@
 #pragma once
 
-// Shared by the manifest and differential tests: the compiled test descriptor sets, and readable
-// failure output for manifests.
+// Shared by the manifest and differential tests: readable failure output for manifests, and the
+// descriptor sets the importers are compared on.
 
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <string>
 
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
+#include "support/test_support.hpp"
 
 namespace ostrel {
 
@@ -26,13 +25,6 @@ inline void PrintTo(const SchemaManifest& manifest, std::ostream* os) {
 }
 
 namespace testing_support {
-
-// A descriptor set compiled from tests/data, for example "rich.desc" or "import/catalog.desc".
-inline Bytes readGenerated(const std::string& name) {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + name, std::ios::binary);
-  EXPECT_TRUE(in.good()) << "cannot open " << name;
-  return toBytes(std::string(std::istreambuf_iterator<char>(in), {}));
-}
 
 inline google::protobuf::FileDescriptorSet parseSet(ByteView bytes) {
   google::protobuf::FileDescriptorSet set;

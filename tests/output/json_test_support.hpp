@@ -3,8 +3,6 @@
 // What the JSON rendering and encoding tests share: schemas written by hand and loaded from the
 // compiled test protos, and a log capture.
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,6 +11,7 @@
 #include "ostrel/core/logging.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
+#include "support/test_support.hpp"
 #include "support/wire.hpp"
 
 namespace ostrel::testing_support {
@@ -68,13 +67,6 @@ inline SchemaManifest sampleManifest() {
   node["child"] = {.type = T::message, .typeName = "t.Node", .fieldNumber = 1};
   node["value"] = {.type = T::int32, .fieldNumber = 2};
   return manifest;
-}
-
-// The schemas of the compiled test protos, as protoc wrote them.
-inline SchemaManifest generatedManifest(const std::string& descriptorSet) {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + descriptorSet, std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return schemaManifestFromDescriptorSet(asBytes(bytes));
 }
 
 // Collects what the library logs while alive; restores syslog when it ends.

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
@@ -20,9 +17,7 @@ namespace {
 using testing_support::bytesOf;
 
 SchemaStore storeFrom(const std::string& descriptorSet) {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + descriptorSet, std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return SchemaStore(schemaManifestFromDescriptorSet(asBytes(bytes)));
+  return SchemaStore(testing_support::generatedManifest(descriptorSet));
 }
 
 // A read's answer as comparable text: "absent", the value (described, so that NaNs compare), or

@@ -28,10 +28,7 @@ void bounded(const std::function<void()>& work) {
   EXPECT_LT(testing_support::secondsFor([&] { testing_support::onSmallStack(work); }), 20);
 }
 
-SchemaStore richStore() {
-  return SchemaStore(
-      schemaManifestFromDescriptorSet(asBytes(testing_support::readGenerated("rich.desc"))));
-}
+SchemaStore richStore() { return SchemaStore(testing_support::generatedManifest("rich.desc")); }
 
 std::string repeated(std::string_view unit, int count) {
   std::string out;

@@ -21,6 +21,7 @@
 namespace ostrel {
 namespace {
 
+using testing_support::generatedManifest;
 using testing_support::readGenerated;
 
 #if defined(__SANITIZE_THREAD__)
@@ -43,11 +44,10 @@ std::string richMessage() {
 
 // Imports, builds, reads and renders, as a thread serving requests would; returns what it saw, to
 // be compared across threads afterwards.
-std::string work(const std::string& richSet, const std::string& descriptorSet,
-                 const std::string& message) {
+std::string work(const Bytes& richSet, const Bytes& descriptorSet, const std::string& message) {
   std::string seen;
   for (int round = 0; round < kRounds; ++round) {
-    const SchemaStore store(schemaManifestFromDescriptorSet(asBytes(richSet)));
+    const SchemaStore store(schemaManifestFromDescriptorSet(richSet));
     const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
     const SchematizedData data = rich.schematizedData(message);
     EXPECT_EQ(data.value("mids[0].leaves[0].codes[0]"), AnyValue(int32_t{9}));
@@ -60,7 +60,7 @@ std::string work(const std::string& richSet, const std::string& descriptorSet,
     EXPECT_EQ(sints.next(), AnyValue(int64_t{-3}));
 
     const SchemaStore full =
-        schemaStoreFromData({.type = SchemaManifestType::dscProto, .data = toBytes(descriptorSet)});
+        schemaStoreFromData({.type = SchemaManifestType::dscProto, .data = descriptorSet});
     const MessageSchema set = full.messageSchema("google.protobuf.FileDescriptorSet");
     const size_t imported =
         schemaManifestFromDescriptorSet(set.schematizedData(richSet).unsafe()).messages.size();
@@ -75,8 +75,8 @@ std::string work(const std::string& richSet, const std::string& descriptorSet,
 }
 
 TEST(ReliabilityConcurrencyTest, ImportsAndStoresOnManyThreadsAtOnce) {
-  const std::string richSet = readGenerated("rich.desc");
-  const std::string descriptorSet = readGenerated("descriptor.desc");
+  const Bytes richSet = readGenerated("rich.desc");
+  const Bytes descriptorSet = readGenerated("descriptor.desc");
   const std::string message = richMessage();
   std::atomic<int> logged{0};
   setLogHandler([&](std::string_view) { logged.fetch_add(1, std::memory_order_relaxed); });
@@ -110,7 +110,7 @@ TEST(ReliabilityConcurrencyTest, LogHandlerReplacedWhileOtherThreadsLog) {
   for (int i = 0; i < kThreads; ++i) {
     // Each thread renders through a store of its own.
     threads.emplace_back([&] {
-      const SchemaStore own(schemaManifestFromDescriptorSet(asBytes(readGenerated("rich.desc"))));
+      const SchemaStore own(generatedManifest("rich.desc"));
       const SchematizedData bad =
           own.messageSchema("ostrel.test.Rich").schematizedData(std::string("\x58\xff", 2));
       start.arrive_and_wait();

@@ -18,6 +18,7 @@
 namespace ostrel {
 namespace {
 
+using testing_support::generatedManifest;
 using testing_support::readGenerated;
 
 // Every message reachable from `schema` through field types, each materialised with all its
@@ -51,8 +52,7 @@ std::string fullRichMessage() {
 TEST(ReliabilityLifetimeTest, SchemasDataAndValuesOutliveTheirStore) {
   std::vector<std::weak_ptr<MessageSchemaDescribing>> watched;
   {
-    std::optional<SchemaStore> store(
-        schemaManifestFromDescriptorSet(asBytes(readGenerated("rich.desc"))));
+    std::optional<SchemaStore> store(generatedManifest("rich.desc"));
     const MessageSchema rich = store->messageSchema("ostrel.test.Rich");
     std::vector<MessageSchema> reachable;
     resolveAll(rich, reachable);
@@ -81,8 +81,7 @@ TEST(ReliabilityLifetimeTest, RecursiveDescriptorSchemasOutliveTheirStore) {
   // which carry options of their own kind.
   std::vector<std::weak_ptr<MessageSchemaDescribing>> watched;
   {
-    std::optional<SchemaStore> store(
-        schemaManifestFromDescriptorSet(asBytes(readGenerated("descriptor.desc"))));
+    std::optional<SchemaStore> store(generatedManifest("descriptor.desc"));
     const MessageSchema set = store->messageSchema("google.protobuf.FileDescriptorSet");
     std::vector<MessageSchema> reachable;
     resolveAll(set, reachable);

@@ -1,28 +1,21 @@
 #pragma once
 
-// What the reliability tests share: the compiled test schemas, a thread with a small stack for
+// What the reliability tests share: a thread with a small stack for
 // proving that a walk does not recurse once per level of its input, and a timer.
 
 #include <pthread.h>
 
 #include <chrono>
 #include <exception>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
 #include "ostrel/core/values.hpp"
+#include "support/test_support.hpp"
 #include "support/wire.hpp"
 
 namespace ostrel::testing_support {
-
-inline std::string readGenerated(const std::string& name) {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + name, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + name);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 // Runs `work` on a new thread whose stack is `stackBytes` long, waits for it and passes on what it
 // threw. With a stack of 1 MiB, a walk that recursed once per level of a 10,000-deep input would

@@ -1,13 +1,17 @@
 #pragma once
 
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <typeinfo>
 #include <utility>
 
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/values.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
 
@@ -16,6 +20,18 @@ inline std::ostream& operator<<(std::ostream& os, const Error& error) {
 }
 
 namespace testing_support {
+
+// A file protoc wrote for the test protos, for example "rich.desc" or "import/catalog.desc".
+inline Bytes readGenerated(const std::string& name) {
+  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + name, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + name);
+  return toBytes(std::string(std::istreambuf_iterator<char>(in), {}));
+}
+
+// The schemas of a descriptor set protoc wrote for the test protos.
+inline SchemaManifest generatedManifest(const std::string& name) {
+  return schemaManifestFromDescriptorSet(readGenerated(name));
+}
 
 // What a call threw, kept so that it can be compared with an expected error of any type.
 struct CaughtError {
