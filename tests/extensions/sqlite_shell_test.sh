@@ -3,25 +3,23 @@
 # registration, typed reads, P_EACH rows, errors that leave the session running.
 # Usage: sqlite_shell_test.sh EXTENSION_WITHOUT_SUFFIX EXAMPLES_DIR
 set -euo pipefail
-extension=$1
-examples=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Runs SQL lines as a user types them (an error does not end the session), in a shell that has
-# loaded the extension, on the test's database file; prints stdout and stderr together.
-run() {
-  printf '%s\n' ".load $extension" "$@" | sqlite3 "$work/test.db" 2>&1 || true
-}
-
-actual=$(run "SELECT ostrel_register_descriptor_set(readfile('$examples/shop.desc'));" \
-  "CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB);" \
-  "INSERT INTO orders (record) VALUES (readfile('$examples/order1.bin'));" \
-  "SELECT P_GET(record, 'shop.Order', 'id'), typeof(P_GET(record, 'shop.Order', 'id')), P_GET(record, 'shop.Order', 'customer.name') FROM orders;" \
-  "SELECT e.\"index\", e.key, e.value FROM orders AS o, P_EACH(o.record, 'shop.Order', 'attributes') AS e;" \
-  "SELECT P_GET(x'', 'shop.Nope', 'id');" \
-  "SELECT P_GET(x'', 'shop.Order', 'items[0');" \
-  "SELECT 'still running';")
+# SQL lines as a user types them (an error does not end the session) on the test's database file;
+# stdout and stderr together.
+actual=$(sqlite3 "$work/test.db" 2>&1 <<SQL || true
+.load $1
+SELECT ostrel_register_descriptor_set(readfile('$2/shop.desc'));
+CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB);
+INSERT INTO orders (record) VALUES (readfile('$2/order1.bin'));
+SELECT P_GET(record, 'shop.Order', 'id'), typeof(P_GET(record, 'shop.Order', 'id')), P_GET(record, 'shop.Order', 'customer.name') FROM orders;
+SELECT e."index", e.key, e.value FROM orders AS o, P_EACH(o.record, 'shop.Order', 'attributes') AS e;
+SELECT P_GET(x'', 'shop.Nope', 'id');
+SELECT P_GET(x'', 'shop.Order', 'items[0');
+SELECT 'still running';
+SQL
+)
 expected="5
 1001|integer|Ada Lovelace
 0|channel|web

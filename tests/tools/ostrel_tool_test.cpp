@@ -3,15 +3,14 @@
 // library makes of the data its own tests pin; these pin what the tool adds: its arguments, exit
 // codes, input and output formats, record streams and error texts.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -22,8 +21,6 @@
 #include <vector>
 
 #include "rich.pb.h"
-
-extern char** environ;
 
 namespace {
 
@@ -54,7 +51,7 @@ std::string scratchFile(const std::string& name, const std::string& contents) {
 }
 
 // The words of a command line, split at spaces. $S stands for "-s" and the shop descriptor set,
-// $R for "-s" and the rich test schema, $O for "-m shop.Order", $1 to $3 for the example orders,
+// $R for "-s" and the rich test schema, $O for "-m shop.Order", $1 and $2 for the example orders,
 // and '' for an empty word.
 std::vector<std::string> words(const std::string& line) {
   static const std::map<std::string, std::vector<std::string>> kShort = {
@@ -63,7 +60,6 @@ std::vector<std::string> words(const std::string& line) {
       {"$O", {"-m", "shop.Order"}},
       {"$1", {kOrder1}},
       {"$2", {OSTREL_EXAMPLES "/order2.bin"}},
-      {"$3", {OSTREL_EXAMPLES "/order3.bin"}},
       {"''", {""}}};
   std::vector<std::string> out;
   std::istringstream in(line);
@@ -82,36 +78,28 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs the tool on the command `line` with `input` on its standard input; output goes through
-// files, which never block the child the way a full pipe would. A `launcher` (a program and its
-// first arguments) runs the tool, its path and arguments following.
+// Runs the tool on the command `line` through /bin/sh, with `input` on its standard input and its
+// output in files, which never block the child the way a full pipe would. `shell` is the command
+// around the tool ($T) and its input file ($I): a pipeline, or a redirection of its own.
 ToolRun runTool(const std::string& line, const std::string& input = "",
-                const std::vector<std::string>& launcher = {}) {
-  const std::string in = scratchFile("stdin", input);
+                const std::string& shell = "$T < $I") {
+  std::string tool = "'" OSTREL_TOOL "'";
+  for (std::string word : words(line)) {
+    for (size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += 4) {
+      word.replace(at, 1, "'\\''");
+    }
+    tool += " '" + word + "'";
+  }
   const std::string out = scratchFile("stdout", "");
   const std::string err = scratchFile("stderr", "");
-  std::vector<std::string> argv = launcher;
-  argv.push_back(OSTREL_TOOL);
-  for (const std::string& word : words(line)) argv.push_back(word);
-  std::vector<char*> pointers;
-  for (std::string& arg : argv) pointers.push_back(arg.data());
-  pointers.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_TRUNC, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_TRUNC, 0);
-  pid_t pid = 0;
-  ToolRun run;
-  if (posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, pointers.data(), environ) == 0) {
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
-    if (WIFEXITED(wstatus)) run.status = WEXITSTATUS(wstatus);
+  std::string command = "(" + shell + ") > " + out + " 2> " + err;
+  command.replace(command.find("$T"), 2, tool);
+  if (const size_t at = command.find("$I"); at != std::string::npos) {
+    command.replace(at, 2, scratchFile("stdin", input));
   }
-  posix_spawn_file_actions_destroy(&actions);
-  run.out = readFile(out);
-  run.err = readFile(err);
-  return run;
+  // A tool killed by a signal shows as a status above 128, which no case expects.
+  const int status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
 }
 
 struct Case {
@@ -122,12 +110,13 @@ struct Case {
   // only its start.
   std::string err;
   std::string input;
+  std::string shell = "$T < $I";
 };
 
 void expectCases(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.line);
-    const ToolRun run = runTool(c.line, c.input);
+    const ToolRun run = runTool(c.line, c.input, c.shell);
     EXPECT_EQ(run.status, c.status);
     EXPECT_EQ(run.out, c.out);
     const std::string first = run.err.substr(0, run.err.find('\n'));
@@ -185,6 +174,11 @@ TEST(OstrelTool, SchemaCommands) {
        "1\tsku\tsigned integer 32\n2\tquantity\tunsigned integer 32\n3\tprice\tsigned integer "
        "64\n"},
       {"-s " + dangling + " describe message a.M", 1, "", "a.M.b: schemaNotFound: a.B"},
+      // libprotobuf's warnings take the tool's prefix and do not fail the run.
+      {"--proto " + scratchFile("nosyntax.proto", "message M { optional int32 a = 1; }") + " list",
+       0, "M\n", "libprotobuf warning: No syntax specified..."},
+      // A failed write to standard output fails the run.
+      {"$S list", 1, "", "cannot write standard output", "", "$T > /dev/full"},
   });
 }
 
@@ -203,11 +197,6 @@ TEST(OstrelTool, DataCommands) {
       {"iterate $R --input hex mids[0].leaves", 0, "", "", leaves},
       // iterate prints the elements read before a fault.
       {"$S iterate $O items", 1, item, "items: truncated", order2 + "\x1a\x20\x0a\x02xy"},
-      {"$S json $O -i $3", 0,
-       R"({"id":"1003","customer":{"id":"42","name":"Ada Lovelace","email":"ada@example.com"},)"
-       R"("state":"CANCELLED","attributes":{"reason":"out of stock"},"created_at":"1700172800000",)"
-       R"("updated_at":"1700176400000"})"
-       "\n"},
       {"$S json $O --input hex", 0, "{\"id\":\"1001\"}\n", "", "08 E9\n\r\t07\n"},
       {"$S json $O --input=base64", 0, "{\"id\":\"1001\",\"voucher\":\"x\"}\n", "",
        " COkH\nMgF4\n"},
@@ -237,7 +226,6 @@ TEST(OstrelTool, DataCommands) {
 
 TEST(OstrelTool, UsageErrorsExitTwo) {
   expectCases({
-      {"", 2, "", "missing command"},
       {"$S", 2, "", "missing command"},
       {"bogus", 2, "", "unknown command \"bogus\""},
       {"--bogus list", 2, "", "unknown option --bogus"},
@@ -325,20 +313,6 @@ TEST(OstrelTool, HelpOnEveryCommand) {
   }
 }
 
-TEST(OstrelTool, OutputAndLoggingStreams) {
-  // A failed write to standard output fails the run.
-  const ToolRun full = runTool("$S list", "", {"/bin/sh", "-c", "exec \"$0\" \"$@\" > /dev/full"});
-  EXPECT_EQ(full.status, 1);
-  EXPECT_EQ(full.err, "ostrel: cannot write standard output\n");
-  // libprotobuf's warnings take the tool's prefix and do not fail the run.
-  const ToolRun warned = runTool(
-      "--proto " + scratchFile("nosyntax.proto", "message M { optional int32 a = 1; }") + " list");
-  EXPECT_EQ(warned.status, 0);
-  EXPECT_EQ(warned.out, "M\n");
-  EXPECT_THAT(warned.err, StartsWith("ostrel: libprotobuf warning: No syntax specified"));
-  EXPECT_EQ(warned.err.find("[libprotobuf"), std::string::npos) << warned.err;
-}
-
 TEST(OstrelTool, ManifestExportsReadBack) {
   const ToolRun json = runTool("$S manifest");
   EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1);
@@ -354,24 +328,12 @@ TEST(OstrelTool, ManifestExportsReadBack) {
       {"-s " + set + " manifest", 0, json.out},
       {"$S json -m google.protobuf.FileDescriptorSet --input hex", 0, asJSON, "",
        runTool("$S manifest --format=descriptor-set --output hex").out},
+      // The closure: the messages named and what their fields reach, enums and map entries too.
+      {"-s - list", 0, "shop.Customer\n", "", runTool("$S manifest --closure shop.Customer").out},
+      {"-s - list", 0, "shop.Card\nshop.Item\n", "",
+       runTool("$S manifest --closure shop.Item --closure shop.Card").out},
+      {"-s - list", 0, kShopNames, "", runTool("$S manifest --closure shop.Order").out},
   });
-  // The closure: the messages named and what their fields reach, enums and map entries included.
-  const auto keys = [](const nlohmann::json& manifest, const char* kind) {
-    std::string names;
-    const nlohmann::json entries = manifest.value(kind, nlohmann::json::object());
-    for (const auto& [name, value] : entries.items()) names += name + " ";
-    return names;
-  };
-  for (const auto& [closure, names] : std::vector<std::pair<std::string, std::string>>{
-           {"shop.Customer", "shop.Customer | "},
-           {"shop.Item --closure shop.Card", "shop.Card shop.Item | "},
-           {"shop.Order",
-            "shop.Card shop.Customer shop.Item shop.Order shop.Order.AttributesEntry | "
-            "shop.State "}}) {
-    const nlohmann::json manifest =
-        nlohmann::json::parse(runTool("$S manifest --closure " + closure).out);
-    EXPECT_EQ(keys(manifest, "messages") + "| " + keys(manifest, "enums"), names) << closure;
-  }
 }
 
 TEST(OstrelTool, Proto2GroupsAreRefusedOrSkipped) {
@@ -400,14 +362,16 @@ TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
   const int count = 40000;
   const int corrupt = 12345;
   std::string bytes;
-  std::vector<size_t> offsets;
   std::string expected;
+  size_t badAt = 0;
+  size_t lastAt = 0;  // where the corrupt record and the last one start
   for (int n = 1; n <= count; ++n) {
     ostrel::test::Rich message;
     message.mutable_scalars()->set_f_int64(n);
     message.mutable_mid()->set_note("note, \"" + std::to_string(n) + "\"");
     std::string record = n == corrupt ? "\x08\xff\xff" : message.SerializeAsString();
-    offsets.push_back(bytes.size());
+    lastAt = bytes.size();
+    if (n == corrupt) badAt = lastAt;
     bytes += static_cast<char>(record.size());  // each under 128 bytes: a one-byte length
     if (n == count) record.resize(record.size() / 2);
     bytes += record;
@@ -418,23 +382,20 @@ TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
   }
   const std::string file = scratchFile("rich.delimited", bytes);
   const std::string bad = "record " + std::to_string(corrupt) + " at byte " +
-                          std::to_string(offsets[corrupt - 1]) +
-                          ": scalars.f_int64: malformedProtobuf\n";
+                          std::to_string(badAt) + ": scalars.f_int64: malformedProtobuf\n";
   const std::string badLast = "record " + std::to_string(count) + " at byte " +
-                              std::to_string(offsets[count - 1]) + ": length prefix not followed";
+                              std::to_string(lastAt) + ": length prefix not followed";
   const std::string get = "get $R --delimited scalars.f_int64 mid.note color";
 
-  const ToolRun run = runTool(get + " -i " + file);
-  EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.err,
-              StartsWith("ostrel: " + file + ": " + bad + "ostrel: " + file + ": " + badLast));
-  EXPECT_TRUE(run.out == expected) << run.out.substr(0, 300);
-  // Through a pipe, read in chunks rather than mapped: the same lines and the same reports.
-  const ToolRun piped = runTool(get, "", {"/bin/sh", "-c", "cat '" + file + "' | \"$0\" \"$@\""});
-  EXPECT_EQ(piped.status, 1);
-  EXPECT_TRUE(piped.out == expected) << piped.out.substr(0, 300);
-  EXPECT_THAT(piped.err,
-              StartsWith("ostrel: standard input: " + bad + "ostrel: standard input: " + badLast));
+  // Mapped, then through a pipe, read in chunks: the same lines and the same reports.
+  for (const auto& [name, run] : std::vector<std::pair<std::string, ToolRun>>{
+           {file, runTool(get + " -i " + file)},
+           {"standard input", runTool(get, "", "cat " + file + " | $T")}}) {
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.err,
+                StartsWith("ostrel: " + name + ": " + bad + "ostrel: " + name + ": " + badLast));
+    EXPECT_TRUE(run.out == expected) << run.out.substr(0, 300);
+  }
   // --fail-fast stops at the corrupt record.
   const ToolRun fast = runTool(get + " --fail-fast", bytes);
   EXPECT_EQ(fast.status, 1);
@@ -492,10 +453,8 @@ std::string database(const std::string& name, const std::string& sql) {
 
 std::string hex(const std::string& bytes) {
   std::string out;
-  for (const char c : bytes) {
-    out += "0123456789abcdef"[static_cast<unsigned char>(c) >> 4];
-    out += "0123456789abcdef"[static_cast<unsigned char>(c) & 0xF];
-  }
+  for (const unsigned char c : bytes)
+    out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
   return out;
 }
 
