@@ -134,28 +134,13 @@ class WellKnownFill {
   }
 
   void fillAny(pb::Any& any, int depth) {
+    static const pb::Message* const kContents[] = {
+        &pb::Timestamp::default_instance(),  &pb::Duration::default_instance(),
+        &wkt::Inner::default_instance(),     &pb::Struct::default_instance(),
+        &pb::Int64Value::default_instance(), &pb::Any::default_instance()};
     const uint64_t pick = below(depth >= 3 ? 2 : 6);
     if (pick == 5 && !anyOfAny) return fillAny(any, depth + 1);
-    std::unique_ptr<pb::Message> content;
-    switch (pick) {
-      case 0:
-        content = std::make_unique<pb::Timestamp>();
-        break;
-      case 1:
-        content = std::make_unique<pb::Duration>();
-        break;
-      case 2:
-        content = std::make_unique<wkt::Inner>();
-        break;
-      case 3:
-        content = std::make_unique<pb::Struct>();
-        break;
-      case 4:
-        content = std::make_unique<pb::Int64Value>();
-        break;
-      default:
-        content = std::make_unique<pb::Any>();
-    }
+    const std::unique_ptr<pb::Message> content(kContents[pick]->New());
     filler_.fill(*content, depth + 1);
     any.PackFrom(*content);
   }
