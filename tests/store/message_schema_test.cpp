@@ -35,7 +35,9 @@ SchemaManifest orderManifest() {
   return manifest;
 }
 
-TEST(MessageSchemaTest, NamesAreListedInTheirFixedOrders) {
+// Names listed in their fixed orders; fields, oneofs and enum values looked up by name and number,
+// or the exact failure.
+TEST(MessageSchemaTest, ListsAndLooksUpItsMembers) {
   SchemaStore store(orderManifest());
   const MessageSchema order = store.messageSchema("shop.Order");
   EXPECT_EQ(order.allFieldNames(),
@@ -50,11 +52,7 @@ TEST(MessageSchemaTest, NamesAreListedInTheirFixedOrders) {
     numbers.push_back(number);
   }
   EXPECT_EQ(numbers, (std::vector<int64_t>{1, 2, 3, 4, 5, 6, 7}));
-}
 
-TEST(MessageSchemaTest, LookupsReportTheManifestOrTheirExactFailure) {
-  SchemaStore store(orderManifest());
-  const MessageSchema order = store.messageSchema("shop.Order");
   EXPECT_EQ(catchError([&] { order.fieldNamed("x"); }),
             SchematizerError::fieldNotFound("Schema \"shop.Order\" property with name \"x\""));
   EXPECT_EQ(catchError([&] { order.fieldWithNumber(8); }),
@@ -69,6 +67,25 @@ TEST(MessageSchemaTest, LookupsReportTheManifestOrTheirExactFailure) {
   EXPECT_EQ(mid.type().kind(), TypeSchema::Case::uint64);
   EXPECT_EQ(order.fieldNamed("item").type().messageSchema()->name(), "shop.Item");
   EXPECT_EQ(order.fieldNamed("state").type().enumSchema()->valueNamed("PAID"), 1);
+  const OneofSchema payment = order.oneofNamed("payment");
+  EXPECT_EQ(payment.allFieldNames(), (std::set<std::string>{"card", "mid"}));
+  EXPECT_EQ(payment.allFieldNumbers(), (std::set<int64_t>{2, 5}));
+  EXPECT_EQ(payment.fieldNumberNamed("card"), 5);
+  EXPECT_EQ(payment.fieldNameFor(2), "mid");
+  EXPECT_EQ(catchError([&] { payment.fieldNumberNamed("cash"); }),
+            SchematizerError::fieldNotFound("One of property with name: cash"));
+  EXPECT_EQ(catchError([&] { payment.fieldNameFor(4); }),
+            SchematizerError::fieldNotFound("One of field with field number: 4"));
+
+  const EnumSchema state = store.enumSchema("shop.State");
+  EXPECT_EQ(state.valueSet(), (std::set<int64_t>{0, 1}));
+  EXPECT_EQ(state.valueNamed("PAID"), 1);
+  EXPECT_EQ(state.valueNamed("SETTLED"), 1);
+  EXPECT_EQ(state.valueNameFor(1), "PAID");
+  EXPECT_EQ(catchError([&] { state.valueNamed("LOST"); }),
+            SchematizerError::enumValueNotFound("Enum: shop.State, LOST value"));
+  EXPECT_EQ(catchError([&] { state.valueNameFor(-3); }),
+            SchematizerError::enumValueNotFound("Enum: shop.State, -3 value"));
 }
 
 TEST(MessageSchemaTest, FieldsAreMaterialisedOnceWhicheverWayTheyAreAskedFor) {
@@ -98,32 +115,6 @@ TEST(MessageSchemaTest, TypeResolutionFailuresAreRetriedAndReported) {
             SchematizerError::missingFieldEnumName());
   EXPECT_EQ(catchError([&] { broken.fieldNamed("relative").type(); }),
             SchematizerError::schemaNotFound(".shop.Item"));
-}
-
-TEST(MessageSchemaTest, OneofsKnowTheirMembers) {
-  SchemaStore store(orderManifest());
-  const OneofSchema payment = store.messageSchema("shop.Order").oneofNamed("payment");
-  EXPECT_EQ(payment.allFieldNames(), (std::set<std::string>{"card", "mid"}));
-  EXPECT_EQ(payment.allFieldNumbers(), (std::set<int64_t>{2, 5}));
-  EXPECT_EQ(payment.fieldNumberNamed("card"), 5);
-  EXPECT_EQ(payment.fieldNameFor(2), "mid");
-  EXPECT_EQ(catchError([&] { payment.fieldNumberNamed("cash"); }),
-            SchematizerError::fieldNotFound("One of property with name: cash"));
-  EXPECT_EQ(catchError([&] { payment.fieldNameFor(4); }),
-            SchematizerError::fieldNotFound("One of field with field number: 4"));
-}
-
-TEST(MessageSchemaTest, EnumsMapNamesAndNumbersBothWays) {
-  SchemaStore store(orderManifest());
-  const EnumSchema state = store.enumSchema("shop.State");
-  EXPECT_EQ(state.valueSet(), (std::set<int64_t>{0, 1}));
-  EXPECT_EQ(state.valueNamed("PAID"), 1);
-  EXPECT_EQ(state.valueNamed("SETTLED"), 1);
-  EXPECT_EQ(state.valueNameFor(1), "PAID");
-  EXPECT_EQ(catchError([&] { state.valueNamed("LOST"); }),
-            SchematizerError::enumValueNotFound("Enum: shop.State, LOST value"));
-  EXPECT_EQ(catchError([&] { state.valueNameFor(-3); }),
-            SchematizerError::enumValueNotFound("Enum: shop.State, -3 value"));
 }
 
 TEST(MessageSchemaLifetimeTest, MaterialisedMembersOutliveTheStore) {
@@ -204,52 +195,6 @@ TEST(MessageSchemaDeathTest, DuplicateOneofNamesStopTheProcess) {
   manifest.messages["a.M"].oneofs = {{.name = "kind"}, {.name = "kind"}};
   const auto store = ProtoSchemaStore::make(manifest);
   EXPECT_DEATH(store->messageSchema("a.M"), "Duplicate values for key: 'kind'");
-}
-
-// t.Node { t.Node next = 1; repeated t.Node children = 2; t.Leaf leaf = 3; }
-// t.Leaf { t.Back back = 1; }  t.Back { t.Leaf leaf = 1; }  (a two-message cycle)
-SchemaManifest recursiveManifest() {
-  SchemaManifest manifest;
-  MessageManifest& node = manifest.messages["t.Node"];
-  node.fields["next"] = {.type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 1};
-  node.fields["children"] = {
-      .type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 2, .isRepeated = true};
-  node.fields["leaf"] = {.type = TypeManifest::message, .typeName = "t.Leaf", .fieldNumber = 3};
-  manifest.messages["t.Leaf"].fields["back"] = {
-      .type = TypeManifest::message, .typeName = "t.Back", .fieldNumber = 1};
-  manifest.messages["t.Back"].fields["leaf"] = {
-      .type = TypeManifest::message, .typeName = "t.Leaf", .fieldNumber = 1};
-  return manifest;
-}
-
-// Resolves every field type reachable from t.Node, closing every cycle of the schema.
-void resolveAll(const MessageSchema& node) {
-  for (const auto& [number, field] : node.fieldsByNumber()) field.type();
-  const MessageSchema leaf = *node.fieldNamed("leaf").type().messageSchema();
-  leaf.fieldNamed("back").type().messageSchema()->fieldNamed("leaf").type();
-}
-
-TEST(MessageSchemaLifetimeTest, RecursiveSchemasForgetOnlyTheirCyclesAndAreFreed) {
-  std::weak_ptr<MessageSchemaDescribing> watched;
-  {
-    std::optional<SchemaStore> store(recursiveManifest());
-    const MessageSchema node = store->messageSchema("t.Node");
-    resolveAll(node);
-    const FieldSchema leafField = node.fieldNamed("leaf");
-    watched = node.impl();
-    store.reset();
-
-    // The edge out of the cycle still resolves; the edges that closed a cycle are released.
-    const MessageSchema leaf = *leafField.type().messageSchema();
-    EXPECT_EQ(leaf.name(), "t.Leaf");
-    EXPECT_EQ(catchError([&] { node.fieldNamed("next").type(); }),
-              SchematizerError::internalError("Store is destroyed"));
-    EXPECT_EQ(catchError([&] { leaf.fieldNamed("back").type(); }),
-              SchematizerError::internalError("Store is destroyed"));
-    EXPECT_EQ(node.fieldNamed("children").fieldNumber(), 2);
-  }
-  // Without releasing the cycles, t.Node would keep itself alive (and LeakSanitizer would say so).
-  EXPECT_TRUE(watched.expired());
 }
 
 }  // namespace
