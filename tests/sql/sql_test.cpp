@@ -7,8 +7,6 @@
 #include <sqlite3.h>
 
 #include <cmath>
-#include <fstream>
-#include <iterator>
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
@@ -16,6 +14,7 @@
 #include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
+#include "support/test_support.hpp"
 #include "support/wire.hpp"
 
 namespace ostrel {
@@ -23,14 +22,7 @@ namespace {
 
 constexpr const char* kRich = "ostrel.test.Rich";
 
-std::string richDescriptorSet() {
-  std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/rich.desc", std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-SchemaManifest richManifest() {
-  return schemaManifestFromDescriptorSet(asBytes(richDescriptorSet()));
-}
+SchemaManifest richManifest() { return testing_support::generatedManifest("rich.desc"); }
 
 std::string hexLiteral(std::string_view bytes) {
   std::string out = "x'";
@@ -275,7 +267,8 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
           {proto("package a; message M { int32 x = 1; }"), count(1)},
           {proto("package a; message M { int32 x = 1; }"), count(1)},
           {"SELECT hex(P_ENCODE('a.M', '{\"x\": 5}'))", "text:0805"},
-          {"SELECT ostrel_register_descriptor_set(" + hexLiteral(richDescriptorSet()) + ")",
+          {"SELECT ostrel_register_descriptor_set(" +
+               hexLiteral(asText(testing_support::readGenerated("rich.desc"))) + ")",
            count(rich + 1)},
           {"SELECT ostrel_register_manifest(" + json + ")", count(rich + 1)},
           // A new field is a change too, though a field-wise merge would take it.
