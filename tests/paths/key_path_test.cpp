@@ -98,27 +98,19 @@ TEST(KeyPathTest, MalformedPathsFailWithTheParsersError) {
   }
 }
 
-TEST(KeyPathTest, ReadsByPropertyPathFromOwnedAndBorrowedData) {
+// Reads by path text on borrowed bytes, and through a message whose length runs past the end;
+// owned reads are compared with libprotobuf in the differential suite.
+TEST(KeyPathTest, ReadsByPropertyPathFromBorrowedAndBrokenData) {
   SchemaStore store(treeManifest());
   const MessageSchema root = store.messageSchema("a.Root");
-  // x = 7, node { name "n1" next { name "n2" } }, nodes [{name "a"}, {name "b"}], r [5, 6] packed,
-  // kind = 1
+  // node { name "n1" next { name "n2" } }, nodes [{name "a"}]
   const Bytes bytes =
-      bytesOf({0x08, 7,    0x12, 10,  0x0a, 2, 'n',  '1', 0x12, 4,    0x0a, 2, 'n', '2',  0x1a,
-               3,    0x0a, 1,    'a', 0x1a, 3, 0x0a, 1,   'b',  0x22, 2,    5, 6,   0x28, 1});
-  const SchematizedData data = root.schematizedData(bytes);
-  EXPECT_EQ(data.value("node.next.next.name"), std::nullopt);
-  EXPECT_EQ(data.value("nodes[1].name"), AnyValue("b"));
-  EXPECT_EQ(data.value("r[1]"), AnyValue(int32_t{6}));
-  EXPECT_EQ(data.value("kind")->enumValue().name(), "TREE");
-  EXPECT_EQ(data.value(resolvePropertyPath(root, "nodes[1].name")), AnyValue("b"));
-  EXPECT_EQ(data.value("nodes[0]")->messageValue().data(), bytesOf({0x0a, 1, 'a'}));
-
+      bytesOf({0x12, 10, 0x0a, 2, 'n', '1', 0x12, 4, 0x0a, 2, 'n', '2', 0x1a, 3, 0x0a, 1, 'a'});
   const UnsafeSchematizedData borrowed = root.impl()->unsafeSchematizedData(bytes);
   EXPECT_EQ(borrowed.value("node.next.name"), AnyValue("n2"));
-  EXPECT_EQ(catchError([&] { data.value("nodes"); }),
-            SchematizerError::repeatedValueAccessNoIndex());
-
+  EXPECT_EQ(borrowed.value("node.next.next.name"), std::nullopt);
+  EXPECT_EQ(root.schematizedData(bytes).value(resolvePropertyPath(root, "nodes[0].name")),
+            AnyValue("a"));
   const SchematizedData broken = root.schematizedData(bytesOf({0x12, 5, 0x0a}));
   EXPECT_EQ(catchError([&] { broken.value("node.name"); }),
             SerializationError::malformedProtobuf());

@@ -134,18 +134,5 @@ TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
             "shop.State enum (try .ostrel describe enum shop.State)");
 }
 
-TEST(TypeSchemaTest, EqualityComparesCaseAndSchemaNameNotIdentity) {
-  SchemaStore one(shopManifest());
-  SchemaStore two(shopManifest());
-  const TypeSchema itemInOne = one.messageSchema("shop.Order").fieldNamed("item").type();
-  const TypeSchema itemInTwo = two.messageSchema("shop.Order").fieldNamed("item").type();
-  EXPECT_NE(itemInOne.messageSchema()->impl(), itemInTwo.messageSchema()->impl());
-  EXPECT_EQ(itemInOne, itemInTwo);
-  EXPECT_NE(itemInOne, one.messageSchema("shop.Order").fieldNamed("state").type());
-  EXPECT_NE(TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::sint32)),
-            TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::int32)));
-  EXPECT_FALSE(itemInOne.enumSchema());
-}
-
 }  // namespace
 }  // namespace ostrel
