@@ -1,13 +1,9 @@
-// Messages built field by field through buildData, read back by libprotobuf.
+// Messages built field by field through buildData.
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "rich.pb.h"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -25,27 +21,20 @@ SchemaManifest leafManifest() {
   return manifest;
 }
 
-TEST(BuildDataTest, WritesFieldsThatLibprotobufReadsBack) {
+// What is built is compared with libprotobuf in the differential suite; here the order of the asks.
+TEST(BuildDataTest, AsksForFieldsInNameOrder) {
   SchemaStore store(leafManifest());
   const MessageSchema leaf = store.messageSchema("ostrel.test.Leaf");
   std::vector<std::string> asked;
   const SchematizedData data = leaf.buildData([&](const FieldSchema& field) {
     asked.push_back(field.name());
-    if (field.name() == "id") return std::vector<AnyValue>{int32_t{-7}};
-    if (field.name() == "label") return std::vector<AnyValue>{std::string("h\xC3\xA9llo")};
-    return std::vector<AnyValue>{int32_t{1}, int32_t{300}, int32_t{-2}};
+    return field.name() == "label" ? std::vector<AnyValue>{std::string("h")}
+                                   : std::vector<AnyValue>{int32_t{7}};
   });
-  // Fields are asked for, and written, in name order.
   EXPECT_EQ(asked, (std::vector<std::string>{"codes", "id", "label"}));
   EXPECT_EQ(data.messageSchema(), leaf);
-
-  test::Leaf parsed;
-  ASSERT_TRUE(parsed.ParseFromArray(data.data().data(), static_cast<int>(data.data().size())));
-  EXPECT_EQ(parsed.id(), -7);
-  EXPECT_EQ(parsed.label(), "h\xC3\xA9llo");
-  EXPECT_EQ(std::vector<int32_t>(parsed.codes().begin(), parsed.codes().end()),
-            (std::vector<int32_t>{1, 300, -2}));
-  EXPECT_EQ(data.value("label"), AnyValue("h\xC3\xA9llo"));
+  // Written in the same order: codes (3), id (1), label (2).
+  EXPECT_EQ(data.data(), testing_support::bytesOf({0x18, 7, 0x08, 7, 0x12, 1, 'h'}));
 }
 
 TEST(BuildDataTest, MismatchedIntegerStopsTheBuild) {
