@@ -14,37 +14,6 @@ using testing_support::bytesOf;
 using C = TypeSchemaDescription::Case;
 using D = TypeSchemaDescription;
 
-// Type names as manifests spell them, in the order of the enumeration, with their wire types and
-// their names as scalars in .proto files (none for enum and message).
-TEST(TypeManifestTest, NamesWireTypesAndScalarCasesInOrder) {
-  using W = ProtoWireType;
-  const std::vector<std::string> names = {
-      "double", "float", "int64", "uint64", "int",      "fixed64",  "fixed32", "bool",  "string",
-      "schema", "data",  "uint",  "enum",   "sfixed32", "sfixed64", "sint32",  "sint64"};
-  const std::vector<W> wires = {
-      W::fixed64,         W::fixed32, W::varInt, W::varInt,          W::varInt,
-      W::fixed64,         W::fixed32, W::varInt, W::lengthDelimited, W::lengthDelimited,
-      W::lengthDelimited, W::varInt,  W::varInt, W::fixed32,         W::fixed64,
-      W::varInt,          W::varInt};
-  const std::vector<std::string> scalars = {
-      "double", "float", "int64",  "uint64", "int32",    "fixed64",  "fixed32", "bool",  "string",
-      "",       "bytes", "uint32", "",       "sfixed32", "sfixed64", "sint32",  "sint64"};
-  ASSERT_EQ(names.size(), static_cast<size_t>(kTypeManifestCount));
-  for (size_t i = 0; i < names.size(); ++i) {
-    SCOPED_TRACE(names[i]);
-    const auto type = static_cast<TypeManifest>(i);
-    EXPECT_EQ(stringName(type), names[i]);
-    EXPECT_EQ(parseTypeManifest(names[i]), type);
-    EXPECT_EQ(wireType(type), wires[i]);
-    const std::optional<C> scalar = D::scalarCaseOf(type);
-    EXPECT_EQ(scalar ? std::string(caseName(*scalar)) : "", scalars[i]);
-  }
-  for (const std::string name :
-       {"int32", "uint32", "message", "bytes", "Double", "INT", " int", "int ", "", "group"}) {
-    EXPECT_EQ(parseTypeManifest(name), std::nullopt) << name;
-  }
-}
-
 // Enum and message types name their schema, and two of them are equal when they name the same one,
 // whichever store it comes from.
 TEST(TypeSchemaDescriptionTest, DescribesAndComparesBySchemaName) {

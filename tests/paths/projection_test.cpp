@@ -132,27 +132,6 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
   }
 }
 
-// The projection finds fields by a table over the small numbers and by search above it; fields on
-// both sides of the table's end, and the largest number, are found alike.
-TEST(ProjectionTest, FieldNumbersOnBothSidesOfTheLookupTable) {
-  SchemaManifest manifest;
-  for (const auto& [name, number] : std::vector<std::pair<std::string, int64_t>>{
-           {"first", 1}, {"last_in", 1023}, {"first_out", 1024}, {"largest", 536870911}}) {
-    manifest.messages["t.M"].fields[name] = {.type = TypeManifest::int32, .fieldNumber = number};
-  }
-  const SchemaStore store(manifest);
-  // largest = 7, first_out = 9, last_in = 3, first = 5
-  const Bytes bytes =
-      bytesOf({0xf8, 0xff, 0xff, 0xff, 0x0f, 7, 0x80, 0x40, 9, 0xf8, 0x3f, 3, 0x08, 5});
-  const Projection projection(store.messageSchema("t.M"),
-                              {"first", "last_in", "first_out", "largest"});
-  ProjectionRow row = projection.makeRow();
-  projection.read(bytes, row);
-  const std::vector<std::optional<int32_t>> values = {row.int32Value(0), row.int32Value(1),
-                                                      row.int32Value(2), row.int32Value(3)};
-  EXPECT_EQ(values, (std::vector<std::optional<int32_t>>{5, 3, 9, 7}));
-}
-
 TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
   using testing_support::catchError;
   const SchemaStore store = storeFrom("rich.desc");

@@ -95,38 +95,6 @@ TEST(DecodeValueTest, DecodesWhatNoEncoderWrites) {
   }
 }
 
-TEST(DecodeValueTest, EachTypeAcceptsExactlyOneWireType) {
-  using W = ProtoWireType;
-  const std::vector<std::pair<W, std::vector<Case>>> accepted = {
-      {W::varInt,
-       {Case::enum_, Case::int32, Case::uint32, Case::sint32, Case::int64, Case::uint64,
-        Case::sint64, Case::bool_}},
-      {W::fixed32, {Case::fixed32, Case::sfixed32, Case::float_}},
-      {W::fixed64, {Case::fixed64, Case::sfixed64, Case::double_}},
-      {W::lengthDelimited, {Case::message, Case::string, Case::bytes}},
-  };
-  // Readable by every decoder: a one-byte varint, a length of 1, and enough for fixed widths.
-  const Bytes bytes(9, std::byte{0x01});
-  for (const auto& [wire, kinds] : accepted) {
-    for (const Case kind : kinds) {
-      const TypeSchemaDescription type = typeOf(kind);
-      for (const W wireType :
-           {W::varInt, W::fixed64, W::lengthDelimited, W::startGroup, W::endGroup, W::fixed32}) {
-        SCOPED_TRACE(std::string(caseName(kind)) + " with " + std::string(caseName(wireType)));
-        Reader reader(bytes);
-        if (wireType == wire) {
-          EXPECT_NO_THROW(decodeValue(reader, type, wireType));
-          EXPECT_GT(reader.position(), 0);
-        } else {
-          EXPECT_EQ(catchError([&] { decodeValue(reader, type, wireType); }),
-                    SerializationError::typeMismatch(type, wireType));
-          EXPECT_EQ(reader.position(), 0);
-        }
-      }
-    }
-  }
-}
-
 TEST(DecodeValueTest, BytesAndMessagesBorrowEnumsKeepTheirSchema) {
   const Bytes bytes = bytesOf({0x0a, 0x02, 0x08, 0x01, 0x2a});
   Reader reader(bytes);
