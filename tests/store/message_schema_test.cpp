@@ -171,23 +171,6 @@ TEST(MessageSchemaLifetimeTest, FullyMaterialisedMessageLetsGoOfItsStore) {
             SchematizerError::fieldNotFound("Schema \"shop.Empty\" property with name \"a\""));
 }
 
-TEST(MessageSchemaTest, ManifestIsRebuiltFromMaterialisedAndPendingMembers) {
-  SchemaManifest manifest = orderManifest();
-  manifest.messages["shop.Order"].options = testing_support::bytesOf({0x38, 0x01});
-  manifest.messages["shop.Order"].fields["mid"].options = Bytes{};
-  manifest.messages["shop.Order"].oneofs[1].options = testing_support::bytesOf({0x08, 0x00});
-  const auto store = ProtoSchemaStore::make(manifest);
-  const auto order =
-      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order"));
-  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
-  order->fieldNamed("mid");
-  order->oneofNamed("delivery");
-  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
-  order->fieldsByNumber();
-  order->allOneofs();
-  EXPECT_EQ(order->manifest(), manifest.messages["shop.Order"]);
-}
-
 using MessageSchemaDeathTest = ::testing::Test;
 
 TEST(MessageSchemaDeathTest, DuplicateOneofNamesStopTheProcess) {

@@ -43,9 +43,6 @@ class Wire {
     tag(number, lengthDelimited).varint(payload.size());
     return raw(payload);
   }
-  Wire& messageField(int64_t number, const Wire& message) {
-    return bytesField(number, message.bytes());
-  }
   Wire& raw(std::string_view bytes) {
     bytes_ += bytes;
     return *this;
