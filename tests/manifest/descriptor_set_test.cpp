@@ -84,6 +84,20 @@ SchemaManifest importWith(const SchemaManifest& schema, std::string_view bytes) 
       store->messageSchema("k.FileDescriptorSet")->unsafeSchematizedData(asBytes(bytes)));
 }
 
+// The built-in descriptor schemas are descriptor.proto cut down: each field they declare is the
+// one protoc compiled, and each enum has its values.
+TEST(DescriptorSetImport, BuiltinSchemasArePartOfDescriptorProto) {
+  const SchemaManifest full = importBytes(readGenerated("descriptor.desc"));
+  for (const auto& [name, message] : builtinDescriptorManifest().messages) {
+    for (const auto& [fieldName, field] : message.fields) {
+      EXPECT_EQ(field, full.messages.at(name).fields.at(fieldName)) << name << "." << fieldName;
+    }
+  }
+  for (const auto& [name, values] : builtinDescriptorManifest().enums) {
+    EXPECT_EQ(values, full.enums.at(name)) << name;
+  }
+}
+
 // Every way in reads a real set alike: the bytes through the built-in descriptor schemas,
 // libprotobuf's parsed set, descriptor.proto's full schema and the built-in one under another
 // package. The export gives the same manifest back.
