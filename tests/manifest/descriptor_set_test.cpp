@@ -358,6 +358,10 @@ TEST(DescriptorSetImport, HandEncodedSets) {
   packaged.messages["p.q.M"];
   EXPECT_EQ(importBytes(setOf(lengthField(4, lengthField(1, "M")) + lengthField(2, "p.q"))),
             packaged);
+  // A package given twice is read where it first stands, as any field is.
+  EXPECT_EQ(importBytes(setOf(lengthField(2, "p.q") + lengthField(4, lengthField(1, "M")) +
+                              lengthField(2, "x"))),
+            packaged);
   EXPECT_EQ(importBytes(std::string_view()), SchemaManifest{});
 }
 
