@@ -145,7 +145,9 @@ TEST(ReliabilityBoundsTest, TenThousandNestedMessagesAreReadThroughPathsAndProje
   });
 }
 
-TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReader) {
+// The manifest reader refuses such text; the encoder refuses it before it recurses at all, so a
+// 64 KiB stack is enough for it.
+TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReaderAndTheEncoder) {
   const std::string arrays = repeated("[", kNodes) + repeated("]", kNodes);
   const std::string objects = repeated(R"({"messages":)", kNodes) + "{}" + repeated("}", kNodes);
   bounded([&] {
@@ -156,6 +158,16 @@ TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReader) {
                 std::string::npos);
     }
   });
+  const SchemaStore store = nodeStore();
+  const std::string nodes = repeated(R"({"child":)", kNodes) + "{}" + repeated("}", kNodes);
+  testing_support::onSmallStack(
+      [&] {
+        EXPECT_NE(catchError([&] {
+                    encodeJSON(store.messageSchema("t.Node"), nodes);
+                  }).description.find("nesting deeper than 201 levels"),
+                  std::string::npos);
+      },
+      size_t{64} << 10);
 }
 
 // A chain of 100,000 message types, each materialised (the store holds them all, each field its
