@@ -121,6 +121,7 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"f64":1e20})", u("$.f64: expected an integer in the range of fixed64")},
       {R"({"fl":1e39})", u("$.fl: expected a number in the range of float")},
       {R"({"fl":-3.4028236e38})", u("$.fl: expected a number in the range of float")},
+      {R"({"fl":3.4028235677973366e38})", u("$.fl: expected a number in the range of float")},
       {R"({"e":"2147483648"})", u("$.e: expected an integer in the range of int32")},
       {R"({"db":"inf"})", u("$.db: expected a number of type double")},
       {R"({"sm":{"\udc00":1}})", u("invalid JSON: Problem while parsing a string")},

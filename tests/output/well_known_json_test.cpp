@@ -136,6 +136,7 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
       {R"({"any":{"@type":"type.googleapis.com/no.Such"}})",
        "google.protobuf.Any of unknown type URL \"type.googleapis.com/no.Such\""},
       {R"({"any":{"big_id":"1"}})", "$.any: expected an object with a member \"@type\""},
+      {R"({"any":{"@type":1}})", "$.any: expected an object with a member \"@type\""},
       {R"({"int32_value":"x"})", "$.int32_value: expected an integer of type int32"},
       {R"({"plain_number":1,"plainNumber":2})", "$.plain_number: expected the field once"},
   };
