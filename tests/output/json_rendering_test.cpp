@@ -110,6 +110,11 @@ std::vector<RenderRow> renderRows() {
        len(21, var(2, 5)) + len(21, len(1, "k")) + len(22, var(1, 1) + var(2, 1)) + len(22, "") +
            len(23, var(1, -5)),
        R"({"sm":{"":"5","k":"0"},"bm":{"true":"ONE","false":"ZERO"},"im":{"-5":{}}})"},
+      {"a map inside a map value drops its own repeated keys, its value may come first",
+       len(23,
+           var(1, 1) + len(2, len(21, len(1, "x") + var(2, 1)) + len(21, len(1, "y") + var(2, 2)) +
+                                  len(21, var(2, 3) + len(1, "y")))),
+       R"({"im":{"1":{"sm":{"x":"1","y":"3"}}}})"},
       {"map entries read their key and value fields' first occurrences",
        len(23, var(1, 1) + len(2, var(1, 10)) + var(1, 2) + len(2, var(1, 20)) + var(9, 0)),
        R"({"im":{"1":{"i32":10}}})"},

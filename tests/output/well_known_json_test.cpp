@@ -73,6 +73,19 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
   }
 }
 
+// The Anys packed in one another count toward the hundred messages a rendering nests at most.
+TEST_F(WellKnownJsonTest, AnysNestAtMostAHundredDeep) {
+  wkt::Holder message;
+  for (int i = 0; i < 100; ++i) {
+    pb::Any outer;
+    outer.PackFrom(message.any());
+    *message.mutable_any() = outer;
+  }
+  EXPECT_NE(toJSON(holder_.schematizedData(message.SerializeAsString()))
+                .find("Nesting deeper than 100 messages"),
+            std::string::npos);
+}
+
 // A value its JSON form cannot express: the field gets the error text, which starts with the field.
 TEST_F(WellKnownJsonTest, RefusesToRenderOutOfRangeValues) {
   const std::vector<std::pair<std::string, std::string>> rows = {
@@ -128,6 +141,8 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
       {R"({"timestamp":"0000-12-31T23:59:59Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"10000-01-01T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-02-30T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
+      {R"({"timestamp":"2021-02-29T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
+      {R"({"timestamp":"2020-01-01T:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T00:00:00.1234567890Z"})", "$.timestamp: expected an RFC"},
       {R"({"timestamp":"2020-01-01T00:00:00"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
