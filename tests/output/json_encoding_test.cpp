@@ -26,7 +26,7 @@ struct EncodeRow {
 TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
   const std::vector<EncodeRow> rows = {
       {"empty object", "{}", "{}"},
-      {"null is an absent field", R"({"i32":null,"ri":null})", "{}"},
+      {"null is an absent field", R"({"i32":null,"ri":null,"e":null})", "{}"},
       {"integers as numbers or decimal strings",
        R"({"i32":"-5","i64":5,"u32":"4294967295","u64":18446744073709551615,"s32":-2147483648,)"
        R"("s64":"-9223372036854775808","f32":7,"f64":"0","sf32":"12","sf64":-3})",

@@ -143,6 +143,7 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
       {R"({"timestamp":"2020-02-30T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2021-02-29T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
+      {R"({"timestamp":"2020-01-01T00:00:00.Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T00:00:00.1234567890Z"})", "$.timestamp: expected an RFC"},
       {R"({"timestamp":"2020-01-01T00:00:00"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
