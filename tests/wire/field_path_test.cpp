@@ -117,23 +117,6 @@ TEST(FieldPathTest, ReadsTheValueAtAPathOrItsExactFault) {
   }
 }
 
-TEST(FieldPathTest, ReadsLeaveTheReaderWhereIterationGoesOn) {
-  // A packed element: the run's end is recorded and the reader stops just after the element.
-  const Bytes bytes = bytesOf({0x08, 1, 0x22, 3, 10, 0x96, 0x01, 0x10, 2});
-  Reader reader(bytes);
-  const FieldPathComponent packed[] = {at(4, 1)};
-  EXPECT_EQ(readValue(reader, packed, scalar(Case::int32))->int32Value(), 150);
-  EXPECT_EQ(reader.lastComponentCompactedArrayEndPosition(), 7);
-  EXPECT_EQ(reader.position(), 7);
-  // An absent nested field: past the outermost payload entered, also when it ends the buffer.
-  const FieldPathComponent nested[] = {at(2), at(3)};
-  for (const Bytes& message : {bytesOf({0x12, 2, 0x08, 5, 0x18, 1}), bytesOf({0x12, 2, 0x08, 5})}) {
-    Reader outer(message);
-    EXPECT_FALSE(readValue(outer, nested, scalar(Case::int32)));
-    EXPECT_EQ(outer.position(), 4);
-  }
-}
-
 // t.M { repeated int32 r = 4; int32 single = 5; repeated double d = 6; }
 MessageSchema messageM() {
   static const SchemaStore store = [] {
