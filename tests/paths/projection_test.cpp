@@ -132,6 +132,25 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
   }
 }
 
+// Fields are found by a table over the small numbers and by search above it; a field the
+// projection does not ask for is passed over on either side of the table's end.
+TEST(ProjectionTest, FieldsAskedForAreToldApartFromTheirNeighbours) {
+  SchemaManifest manifest;
+  for (const auto& [name, number] : std::vector<std::pair<std::string, int64_t>>{
+           {"first", 1}, {"last_in", 1023}, {"first_out", 1024}, {"largest", 536870911}}) {
+    manifest.messages["t.M"].fields[name] = {.type = TypeManifest::int32, .fieldNumber = number};
+  }
+  const SchemaStore store(manifest);
+  // first_out = 9, last_in = 3, largest = 7, first = 5
+  const Bytes bytes =
+      bytesOf({0x80, 0x40, 9, 0xf8, 0x3f, 3, 0xf8, 0xff, 0xff, 0xff, 0x0f, 7, 0x08, 5});
+  const Projection projection(store.messageSchema("t.M"), {"first", "largest"});
+  ProjectionRow row = projection.makeRow();
+  projection.read(bytes, row);
+  EXPECT_EQ(row.int32Value(0), 5);
+  EXPECT_EQ(row.int32Value(1), 7);
+}
+
 TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
   using testing_support::catchError;
   const SchemaStore store = storeFrom("rich.desc");
