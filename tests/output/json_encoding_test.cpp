@@ -91,6 +91,14 @@ TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   for (int i = 1; i < 202; ++i) path += ".child";
   EXPECT_EQ(catchError([&] { encodeJSON(node, nested(202)); }),
             SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
+  // The path counts the elements and names the members before the deep one.
+  path = "$.rm[1].ri[1]";
+  for (int i = 0; i < 197; ++i) path += "[0]";
+  EXPECT_EQ(catchError([&] {
+              encodeJSON(node, R"({"i32":1,"rm":[{},{"ri":[0,)" + std::string(200, '[') +
+                                   std::string(200, ']') + "]}]}");
+            }),
+            SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
 }
 
 struct ErrorRow {

@@ -94,7 +94,7 @@ TEST_F(WellKnownJsonTest, RefusesToRenderOutOfRangeValues) {
       {"timestamp { nanos: -1 }", "google.protobuf.Timestamp out of range"},
       {"duration { seconds: 315576000001 }", "google.protobuf.Duration out of range"},
       {"duration { seconds: 1 nanos: -1 }", "google.protobuf.Duration out of range"},
-      {"field_mask { paths: 'fooBar' }", "google.protobuf.FieldMask path"},
+      {"field_mask { paths: 'fooZar' }", "google.protobuf.FieldMask path"},
       // Its lowerCamelCase form would not read back as the same path.
       {"field_mask { paths: 'a_b_c' }", "google.protobuf.FieldMask path"},
       {"value { number_value: nan }", "google.protobuf.Value number"},
@@ -119,6 +119,8 @@ TEST_F(WellKnownJsonTest, EncodesTimestampOffsetsBothFieldNamesAndAnyTypesAnywhe
   const std::vector<std::pair<std::string, std::string>> rows = {
       {R"({"timestamp":"1970-01-01T01:00:00+01:00","plainText":"a","int64_values":[1]})",
        "timestamp {} plain_text: 'a' int64_values { value: 1 }"},
+      {R"({"field_mask":"Foo,fooAbc,fooBAR"})",
+       "field_mask { paths: 'foo' paths: 'foo_abc' paths: 'foo_bar' }"},
       {R"({"any":{"big_id":"7","@type":")" + inner + R"("}})",
        "any { [type.googleapis.com/ostrel.test.wkt.Inner] { big_id: 7 } }"},
       {R"({"any":{"value":"1s","@type":")" + any + R"(google.protobuf.Duration"}})",
@@ -144,6 +146,8 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
       {R"({"timestamp":"2021-02-29T00:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T:00:00Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T00:00:00.Z"})", "$.timestamp: expected an RFC 3339 timestamp"},
+      {R"({"timestamp":"2020-01-01T00:00:00+24:00"})",
+       "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T00:00:00.1234567890Z"})", "$.timestamp: expected an RFC"},
       {R"({"timestamp":"2020-01-01T00:00:00"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
