@@ -119,8 +119,8 @@ TEST_F(WellKnownJsonTest, EncodesTimestampOffsetsBothFieldNamesAndAnyTypesAnywhe
   const std::vector<std::pair<std::string, std::string>> rows = {
       {R"({"timestamp":"1970-01-01T01:00:00+01:00","plainText":"a","int64_values":[1]})",
        "timestamp {} plain_text: 'a' int64_values { value: 1 }"},
-      {R"({"field_mask":"Foo,fooAbc,fooBAR"})",
-       "field_mask { paths: 'foo' paths: 'foo_abc' paths: 'foo_bar' }"},
+      {R"({"field_mask":"Foo,fooAbc,fooBAR,aBCd"})",
+       "field_mask { paths: 'foo' paths: 'foo_abc' paths: 'foo_bar' paths: 'a_b_cd' }"},
       {R"({"any":{"big_id":"7","@type":")" + inner + R"("}})",
        "any { [type.googleapis.com/ostrel.test.wkt.Inner] { big_id: 7 } }"},
       {R"({"any":{"value":"1s","@type":")" + any + R"(google.protobuf.Duration"}})",
