@@ -24,6 +24,7 @@
 #include "proto2_shapes.pb.h"
 #include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
+#include "support/wire.hpp"
 
 namespace ostrel {
 namespace {
@@ -42,17 +43,11 @@ SchemaManifest importBytes(ByteView bytes) { return schemaManifestFromDescriptor
 SchemaManifest importBytes(std::string_view bytes) { return importBytes(asBytes(bytes)); }
 
 // Hand encoding, for descriptors libprotobuf would not write.
-std::string varint(uint64_t value) {
-  std::string out;
-  for (; value >= 0x80; value >>= 7) out.push_back(static_cast<char>((value & 0x7F) | 0x80));
-  return out + static_cast<char>(value);
-}
 std::string varintField(int number, uint64_t value) {
-  return varint(static_cast<uint64_t>(number) << 3) + varint(value);
+  return testing_support::Wire().varintField(number, value).bytes();
 }
 std::string lengthField(int number, std::string_view payload) {
-  return varint((static_cast<uint64_t>(number) << 3) | 2) + varint(payload.size()) +
-         std::string(payload);
+  return testing_support::Wire().bytesField(number, payload).bytes();
 }
 // A set of one file holding `fileBody`; of one message "M" with one field of `fieldBody`.
 std::string setOf(std::string_view fileBody) { return lengthField(1, fileBody); }
