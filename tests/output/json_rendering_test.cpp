@@ -177,12 +177,6 @@ TEST(JsonRenderingTest, IndentsByTwoSpacesPerLevel) {
   EXPECT_EQ(render(store.messageSchema("t.Sample"), "", JsonStyle::indented), "{}");
 }
 
-std::string repeat(std::string_view text, int count) {
-  std::string out;
-  for (int i = 0; i < count; ++i) out += text;
-  return out;
-}
-
 // Far deeper nesting is the reliability tests' part; here the limit itself.
 TEST(JsonRenderingTest, NestsAtMostAHundredMessages) {
   SchemaStore store(sampleManifest());
@@ -193,13 +187,13 @@ TEST(JsonRenderingTest, NestsAtMostAHundredMessages) {
     for (int level = 1; level < depth; ++level) bytes = len(1, bytes);
     return bytes;
   };
-  EXPECT_EQ(render(node, nested(100)),
-            repeat(R"({"child":)", 99) + R"({"value":7})" + repeat("}", 99));
+  EXPECT_EQ(render(node, nested(100)), testing_support::repeated(R"({"child":)", 99) +
+                                           R"({"value":7})" + testing_support::repeated("}", 99));
   const std::string tooDeep =
       error("child", "protocolBufferError: Nesting deeper than 100 messages");
   LogCapture log;
-  EXPECT_EQ(render(node, nested(101)),
-            repeat(R"({"child":)", 100) + "\"" + tooDeep + "\"" + repeat("}", 100));
+  EXPECT_EQ(render(node, nested(101)), testing_support::repeated(R"({"child":)", 100) + "\"" +
+                                           tooDeep + "\"" + testing_support::repeated("}", 100));
   EXPECT_EQ(log.lines, std::vector<std::string>{tooDeep});
 }
 

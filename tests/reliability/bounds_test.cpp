@@ -20,6 +20,7 @@ namespace ostrel {
 namespace {
 
 using testing_support::catchError;
+using testing_support::repeated;
 using testing_support::Wire;
 
 // Runs `work` on a small stack, within a generous time bound: each of these takes milliseconds,
@@ -29,12 +30,6 @@ void bounded(const std::function<void()>& work) {
 }
 
 SchemaStore richStore() { return SchemaStore(testing_support::generatedManifest("rich.desc")); }
-
-std::string repeated(std::string_view unit, int count) {
-  std::string out;
-  for (int i = 0; i < count; ++i) out += unit;
-  return out;
-}
 
 bool isSerializationError(const testing_support::CaughtError& caught) {
   return caught.description.find("SerializationError") != std::string::npos;

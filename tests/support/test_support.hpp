@@ -6,6 +6,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <typeinfo>
 #include <utility>
 
@@ -26,6 +27,13 @@ inline Bytes readGenerated(const std::string& name) {
   std::ifstream in(std::string(OSTREL_TEST_GENERATED) + "/" + name, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + name);
   return toBytes(std::string(std::istreambuf_iterator<char>(in), {}));
+}
+
+// `unit` written `count` times over.
+inline std::string repeated(std::string_view unit, int count) {
+  std::string out;
+  for (int i = 0; i < count; ++i) out += unit;
+  return out;
 }
 
 // The schemas of a descriptor set protoc wrote for the test protos.
