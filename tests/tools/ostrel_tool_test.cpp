@@ -15,7 +15,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -306,24 +305,16 @@ TEST(OstrelTool, HelpOnEveryCommand) {
     EXPECT_THAT(run.out.substr(0, run.out.find('\n')),
                 ::testing::AllOf(StartsWith("usage: ostrel "), HasSubstr(command)));
   }
-  const ToolRun main = runTool("--help");
-  for (const char* command :
-       {"list", "describe", "get", "iterate", "json", "encode", "manifest", "sql"}) {
-    EXPECT_THAT(main.out, HasSubstr("\n  " + std::string(command) + " "));
-  }
 }
 
 TEST(OstrelTool, ManifestExportsReadBack) {
   const ToolRun json = runTool("$S manifest");
-  EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1);
-  const ToolRun pretty = runTool("$S manifest --pretty --format json");
-  EXPECT_EQ(nlohmann::json::parse(pretty.out), nlohmann::json::parse(json.out));
-  EXPECT_GT(std::count(pretty.out.begin(), pretty.out.end(), '\n'), 10);
   const std::string set =
       scratchFile("set.desc", runTool("$S manifest --format descriptor-set").out);
   const std::string asJSON = runTool("$S json -m google.protobuf.FileDescriptorSet -i " + set).out;
   expectCases({
       {"-s " + scratchFile("shop.json", json.out) + " list", 0, kShopNames},
+      {"-s - list", 0, kShopNames, "", runTool("$S manifest --pretty --format json").out},
       {"-s " + set + " describe message shop.Order", 0, kOrderFields},
       {"-s " + set + " manifest", 0, json.out},
       {"$S json -m google.protobuf.FileDescriptorSet --input hex", 0, asJSON, "",
