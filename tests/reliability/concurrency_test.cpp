@@ -16,7 +16,6 @@
 
 #include "ostrel/ostrel.hpp"
 #include "reliability/reliability_support.hpp"
-#include "rich.pb.h"
 
 namespace ostrel {
 namespace {
@@ -30,17 +29,6 @@ constexpr int kRounds = 16;
 #endif
 constexpr int kThreads = 6;
 constexpr int kLogs = 50;
-
-std::string richMessage() {
-  test::Rich rich;
-  rich.mutable_mid()->mutable_leaf()->set_label("leaf");
-  rich.mutable_repeats()->add_r_sint64(-3);
-  rich.add_mids()->add_leaves()->add_codes(9);
-  rich.set_number(12);
-  (*rich.mutable_counts())["a"] = 1;
-  rich.set_color(test::BLUE);
-  return rich.SerializeAsString();
-}
 
 // Imports, builds, reads and renders, as a thread serving requests would; returns what it saw, to
 // be compared across threads afterwards.
@@ -80,7 +68,7 @@ std::string work(const Bytes& richSet, const Bytes& descriptorSet, const std::st
 TEST(ReliabilityConcurrencyTest, ImportsAndStoresOnManyThreadsAtOnce) {
   const Bytes richSet = readGenerated("rich.desc");
   const Bytes descriptorSet = readGenerated("descriptor.desc");
-  const std::string message = richMessage();
+  const std::string message = testing_support::richMessage();
   std::atomic<int> logged{0};
   const auto count = [&](std::string_view) { logged.fetch_add(1, std::memory_order_relaxed); };
   setLogHandler(count);

@@ -12,7 +12,6 @@
 
 #include "ostrel/ostrel.hpp"
 #include "reliability/reliability_support.hpp"
-#include "rich.pb.h"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -34,21 +33,6 @@ void resolveAll(const MessageSchema& schema, std::vector<MessageSchema>& seen) {
   }
 }
 
-std::string fullRichMessage() {
-  test::Rich rich;
-  rich.mutable_mid()->mutable_leaf()->set_id(1);
-  rich.mutable_mid()->add_leaves()->set_label("a");
-  rich.mutable_scalars()->set_f_enum(test::BLUE);
-  rich.mutable_repeats()->add_r_int32(3);
-  rich.mutable_repeats()->add_r_int32(4);
-  rich.add_mids()->set_note("m");
-  rich.set_name("n");
-  (*rich.mutable_counts())["k"] = 5;
-  (*rich.mutable_leaves_by_id())[2].set_id(2);
-  rich.set_color(test::GREEN);
-  return rich.SerializeAsString();
-}
-
 TEST(ReliabilityLifetimeTest, SchemasDataAndValuesOutliveTheirStore) {
   std::vector<std::weak_ptr<MessageSchemaDescribing>> watched;
   {
@@ -58,7 +42,7 @@ TEST(ReliabilityLifetimeTest, SchemasDataAndValuesOutliveTheirStore) {
     resolveAll(rich, reachable);
     for (const MessageSchema& schema : reachable) watched.push_back(schema.impl());
     const EnumSchema color = store->enumSchema("ostrel.test.Color");
-    const SchematizedData data = rich.schematizedData(fullRichMessage());
+    const SchematizedData data = rich.schematizedData(testing_support::richMessage());
     const std::string before = toJSON(data);
     Schematizer::RepeatableFieldIterator mids(data.bytes(), 4, rich.fieldNamed("mids").type());
     const AnyValue mid = *data.value("mid");
