@@ -2,12 +2,9 @@
 // packed runs, broken bytes) or what a comparison of JSON values would not see (the shortest form
 // of a float). Generated messages are compared with libprotobuf's JSON in the differential suite.
 
-#include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
-#include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -15,13 +12,11 @@
 
 #include "ostrel/output/json.hpp"
 #include "output/json_test_support.hpp"
-#include "rich.pb.h"
 #include "support/test_support.hpp"
 
 namespace ostrel {
 namespace {
 
-namespace pb = google::protobuf;
 using nlohmann::json;
 using testing_support::generatedManifest;
 using testing_support::LogCapture;
