@@ -2,8 +2,17 @@
 # test/load and bench/run. Each cluster lives in a folder under one temporary folder, runs as the
 # unprivileged postgres user when started by root, listens on 127.0.0.1 only, and is stopped (and
 # the folder removed) when the sourcing script exits, whether it succeeds or fails.
+#
+# The servers run from a private copy of the PostgreSQL 15 installation in that temporary folder,
+# with the extension installed into it (use_build_extension BUILD): nothing is written into the
+# system's folders, so neither root nor sudo is needed (root runs the servers as postgres, since
+# PostgreSQL refuses to run as root). PostgreSQL finds its share and library folders relative to
+# its own program, so copies of the three programs that look for them (postgres, initdb, pg_ctl)
+# beside a copy of the share folder and links to the system's modules make a complete
+# installation.
 
-pg_bindir=$(/usr/bin/pg_config --bindir 2>/dev/null || pg_config --bindir)
+system_bindir=$(/usr/bin/pg_config --bindir 2>/dev/null || pg_config --bindir)
+pg_bindir=$system_bindir
 ostrel_work=$(mktemp -d /tmp/ostrel-pg.XXXXXX)
 chmod 755 "$ostrel_work"
 ostrel_clusters=()
@@ -32,6 +41,32 @@ stop_clusters() {
   return "$status"
 }
 trap stop_clusters EXIT
+
+# use_build_extension BUILD: a private PostgreSQL installation under the temporary folder with the
+# extension of the CMake build folder BUILD installed into it; pg_bindir then names its programs.
+use_build_extension() {
+  local build=$1
+  local sharedir pkglibdir tree
+  sharedir=$("$system_bindir/pg_config" --sharedir)
+  pkglibdir=$("$system_bindir/pg_config" --pkglibdir)
+  tree=$ostrel_work/install
+  # The component installs to the server's absolute folders; under DESTDIR they land in the tree.
+  DESTDIR=$tree cmake --install "$build" --component postgres >/dev/null
+  mkdir -p "$tree$system_bindir" "$tree$sharedir" "$tree$pkglibdir"
+  cp -rn "$sharedir"/. "$tree$sharedir"/
+  local file
+  for file in "$pkglibdir"/*; do
+    [ -e "$tree$pkglibdir/${file##*/}" ] || ln -s "$file" "$tree$pkglibdir/"
+  done
+  for file in "$system_bindir"/*; do
+    case ${file##*/} in
+      postgres | initdb | pg_ctl) cp "$file" "$tree$system_bindir/" ;;
+      *) ln -sf "$file" "$tree$system_bindir/" ;;
+    esac
+  done
+  chmod -R a+rX "$tree"
+  pg_bindir=$tree$system_bindir
+}
 
 # A free loopback port: one nothing answers on.
 free_port() {
