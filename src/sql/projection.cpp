@@ -152,6 +152,40 @@ void checkIdentifier(std::string_view name, const char* what) {
   }
 }
 
+// The PostgreSQL extension's read that returns the value at a path of type `type` as the SQL type
+// closest to it. uint64 and fixed64 read as numeric, since values above 2^63-1 do not fit bigint;
+// enums read as their names; a message stays jsonb.
+std::string_view postgresRead(const TypeSchemaDescription& type) {
+  using Case = TypeSchemaDescription::Case;
+  switch (type.kind()) {
+    case Case::int32:
+    case Case::uint32:
+    case Case::sint32:
+    case Case::fixed32:
+    case Case::sfixed32:
+    case Case::int64:
+    case Case::sint64:
+    case Case::sfixed64:
+      return "p_get_bigint";
+    case Case::uint64:
+    case Case::fixed64:
+      return "p_get_numeric";
+    case Case::double_:
+    case Case::float_:
+      return "p_get_double";
+    case Case::bool_:
+      return "p_get_bool";
+    case Case::string:
+    case Case::enum_:
+      return "p_get_text";
+    case Case::bytes:
+      return "p_get_bytea";
+    case Case::message:
+      break;
+  }
+  return "p_get";
+}
+
 }  // namespace
 
 std::string sqlIdentifier(std::string_view name, SqlDialect dialect) {
@@ -171,9 +205,10 @@ std::string buildProjection(const MessageSchema& schema, std::string_view table,
   if (paths.empty()) throw std::invalid_argument("no property paths to project");
   checkIdentifier(table, "table name");
   checkIdentifier(column, "column name");
+  std::vector<TypeSchemaDescription> types;
   for (const ProjectedPath& projected : paths) {
     PropertyPathUtil::parse(projected.path);
-    resolvePropertyPath(schema, projected.path);
+    types.push_back(resolvePropertyPath(schema, projected.path).type);
     if (projected.alias) checkIdentifier(*projected.alias, "alias");
   }
 
@@ -186,7 +221,9 @@ std::string buildProjection(const MessageSchema& schema, std::string_view table,
   std::string sql = "SELECT\n";
   for (size_t i = 0; i < paths.size(); ++i) {
     const std::string literal = sqlStringLiteral(paths[i].path);
-    sql += postgres ? "  p_get(" : "  P_GET(";
+    sql += "  ";
+    sql += postgres ? postgresRead(types[i]) : "P_GET";
+    sql += "(";
     sql += blob;
     sql += ", ";
     sql += type;

@@ -168,7 +168,29 @@ TEST(ProjectionTest, SelectText) {
             "SELECT\n  P_GET(\"a b\", 'ostrel.test.Rich', 'color') AS Who\nFROM Orders");
   // PostgreSQL's functions always take the type.
   EXPECT_EQ(buildProjection(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
-            "SELECT\n  p_get(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\nFROM \"Orders\"");
+            "SELECT\n  p_get_text(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\n"
+            "FROM \"Orders\"");
+}
+
+TEST(ProjectionTest, PostgresReadsTheTypeOfEachPath) {
+  const SchemaStore store(richManifest());
+  const MessageSchema rich = store.messageSchema(kRich);
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {"scalars.f_int32", "p_get_bigint"},    {"scalars.f_uint32", "p_get_bigint"},
+      {"scalars.f_sint32", "p_get_bigint"},   {"scalars.f_fixed32", "p_get_bigint"},
+      {"scalars.f_sfixed32", "p_get_bigint"}, {"scalars.f_int64", "p_get_bigint"},
+      {"scalars.f_sint64", "p_get_bigint"},   {"scalars.f_sfixed64", "p_get_bigint"},
+      {"scalars.f_uint64", "p_get_numeric"},  {"scalars.f_fixed64", "p_get_numeric"},
+      {"scalars.f_double", "p_get_double"},   {"scalars.f_float", "p_get_double"},
+      {"scalars.f_bool", "p_get_bool"},       {"scalars.f_string", "p_get_text"},
+      {"scalars.f_enum", "p_get_text"},       {"scalars.f_bytes", "p_get_bytea"},
+      {"scalars.f_message", "p_get"},         {"mids[1]", "p_get"},
+  };
+  for (const auto& [path, function] : rows) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(buildProjection(rich, "t", "r", {{path, "v"}}, {SqlDialect::postgres}),
+              "SELECT\n  " + function + "(r, 'ostrel.test.Rich', '" + path + "') AS v\nFROM t");
+  }
 }
 
 TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {

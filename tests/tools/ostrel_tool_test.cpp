@@ -215,11 +215,25 @@ TEST(OstrelTool, DataCommands) {
        R"({"id": "1001", "state": "PAID", "attributes": {"k": "v"}})"},
       {"$S encode $O --output base64", 0, "COkHMgF4\n", "", R"({"id": 1001, "voucher": "x"})"},
       {"$S encode $O -i " + scratchFile("id.json", R"({"id": 1001})"), 0, "\x08\xe9\x07"},
+      // JSON Lines in, length-prefixed records out; blank lines are passed over, a bad line is
+      // reported by number and skipped.
+      {"$S encode $O --delimited", 0, std::string("\x03\x08\xe9\x07\x00\x02\x08\x02", 8), "",
+       "{\"id\": 1001}\n\n{}\n{\"id\": 2}"},
+      {"$S encode $O --delimited", 1, "\x02\x08\x02",
+       "standard input, line 1: fieldNotFound: Schema \"shop.Order\" property with name \"idx\"",
+       "{\"idx\": 1}\n{\"id\": 2}\n"},
+      {"$S encode $O --delimited --fail-fast", 1, "", "standard input, line 1: ...",
+       "{\"idx\": 1}\n{\"id\": 2}\n"},
       {"$S sql $O --table orders --column record id customer.name=who", 0,
        "SELECT\n  P_GET(record, 'id') AS id,\n  P_GET(record, 'customer.name') AS who\n"
        "FROM orders\n"},
       {"$S sql $O --table orders --column record --type-per-call --dialect postgres id", 0,
-       "SELECT\n  p_get(record, 'shop.Order', 'id') AS id\nFROM orders\n"},
+       "SELECT\n  p_get_numeric(record, 'shop.Order', 'id') AS id\nFROM orders\n"},
+      {"$S sql $O --table t --column r --dialect postgres customer.name state items[0] coupons[0]", 0,
+       "SELECT\n  p_get_text(r, 'shop.Order', 'customer.name') AS \"customer.name\",\n"
+       "  p_get_text(r, 'shop.Order', 'state') AS state,\n"
+       "  p_get(r, 'shop.Order', 'items[0]') AS \"items[0]\",\n"
+       "  p_get_bigint(r, 'shop.Order', 'coupons[0]') AS \"coupons[0]\"\nFROM t\n"},
   });
 }
 
@@ -247,6 +261,10 @@ TEST(OstrelTool, UsageErrorsExitTwo) {
        "--delimited reads binary records; --input must be binary"},
       {"$S encode $O --input hex", 2, "", "unknown option --input"},
       {"$S encode $O --output json", 2, "", "--output must be binary, hex or base64, not \"json\""},
+      {"$S encode $O --delimited --output hex", 2, "",
+       "--delimited writes binary records; --output must be binary"},
+      {"$S encode $O --fail-fast", 2, "", "--fail-fast applies to --delimited only"},
+      {"help bogus", 2, "", "unknown command \"bogus\""},
       {"$S manifest --format xml", 2, "", "--format must be json or descriptor-set, not \"xml\""},
       {"$S manifest --format descriptor-set --pretty", 2, "",
        "--pretty applies to --format json only"},
@@ -268,7 +286,27 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
       {"-s " + missing + " list", 1, "", "cannot read " + missing + ": No such file or directory"},
       // An endless schema stream stops at the cap rather than filling memory.
       {"-s /dev/zero list", 1, "", "/dev/zero: schema larger than 64 MiB"},
-      {"-s " + kShopProto + " list", 1, "", kShopProto + ": malformedProtobuf"},
+      {"-s " + kShopProto + " list", 1, "",
+       kShopProto + ": malformedProtobuf (a .proto file: load it with --proto " + kShopProto + ")"},
+      // libprotobuf's "File not found." is a file the tool cannot read.
+      {"--proto " + missing + ".proto list", 1, "",
+       "cannot read " + missing + ".proto: No such file or directory (looked in " +
+           std::filesystem::path(missing).parent_path().string() + ")"},
+      {"--proto " + kShopProto + " -I " + kTestData + " list", 1, "",
+       kShopProto + ": not inside any -I folder (" + kTestData + "); add its folder with -I"},
+      // Names the user probably meant: without the package, in another case, a typo.
+      {"$S get -m Order -i $1 id", 1, "", "schemaNotFound: Order (did you mean shop.Order?)"},
+      {"$S get -m shop.ordr -i $1 id", 1, "", "schemaNotFound: shop.ordr (did you mean shop.Order?)"},
+      {"$S describe enum State", 1, "", "enumNotFound: State (did you mean shop.State?)"},
+      {"$S describe message Nothing", 1, "", "schemaNotFound: Nothing"},
+      {"$S manifest --closure Card", 1, "", "schemaNotFound: Card (did you mean shop.Card?)"},
+      {"$S get $O -i $1 id attributes.value", 1, "",
+       "attributes.value: repeatedValueAccessNoIndex (attributes is repeated: name one element by "
+       "its index, as in attributes[0].value, or list them all with: ostrel iterate -m shop.Order "
+       "attributes)"},
+      {"$S sql $O --table t --column r items[1].sku items.sku", 1, "",
+       "items.sku: repeatedValueAccessNoIndex (items is repeated: name one element by its index, "
+       "as in items[0].sku, or all of them with P_EACH)"},
       {"-s " + badJSON + " list", 1, "",
        badJSON + ": invalidValueType: messages: expected an object"},
       // After "--" every argument is a path, "--help" too.
@@ -291,15 +329,26 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
 
 TEST(OstrelTool, HelpOnEveryCommand) {
   for (const char* line : {"--help", "-h", "-s does-not-matter.desc --help", "describe message -h",
-                           "get -m x -h p", "manifest --format bogus --help", "sql --help"}) {
+                           "get -m x -h p", "manifest --format bogus --help", "sql --help", "help",
+                           "help get"}) {
     SCOPED_TRACE(line);
     const ToolRun run = runTool(line);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.err, "");
-    const std::string command = line[0] == '-' ? "COMMAND" : words(line)[0] + " ";
+    const std::vector<std::string> topic = words(line);
+    const std::string command = line[0] == '-' || topic == std::vector<std::string>{"help"}
+                                    ? "COMMAND"
+                                    : topic.back() == "p" || topic[0] != "help" ? topic[0] + " "
+                                                                                : topic[1] + " ";
     EXPECT_THAT(run.out.substr(0, run.out.find('\n')),
                 ::testing::AllOf(StartsWith("usage: ostrel "), HasSubstr(command)));
   }
+}
+
+TEST(OstrelTool, VersionIsTheProjectVersion) {
+  const ToolRun run = runTool("--version");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "ostrel " OSTREL_VERSION "\n");
 }
 
 TEST(OstrelTool, ManifestExportsReadBack) {

@@ -25,8 +25,8 @@ describe enum NAME
   number (aliases) each get their own line, in name order.
 )usage";
 
-std::string describeMessage(const SchemaStore& store, const std::string& name) {
-  const MessageSchema message = store.messageSchema(name);
+std::string describeMessage(const LoadedSchemas& schemas, const std::string& name) {
+  const MessageSchema message = schemas.messageSchema(name);
   const std::vector<OneofSchema> oneofs = message.allOneofs();
   std::string out;
   for (const auto& [number, field] : message.fieldsByNumber()) {
@@ -48,8 +48,8 @@ std::string describeMessage(const SchemaStore& store, const std::string& name) {
   return out;
 }
 
-std::string describeEnum(const SchemaStore& store, const std::string& name) {
-  const EnumSchema schema = store.enumSchema(name);
+std::string describeEnum(const LoadedSchemas& schemas, const std::string& name) {
+  const EnumSchema schema = schemas.enumSchema(name);
   // Number, then name: the order of the lines.
   std::vector<std::pair<int64_t, std::string>> values;
   for (const auto& [valueName, number] : schema.allValues()) values.emplace_back(number, valueName);
@@ -74,8 +74,8 @@ int run(Arguments& args, GlobalOptions& globals) {
   if (words.size() < 2) throw UsageError("missing NAME");
   if (words.size() > 2) throw UsageError("unexpected argument \"" + words[2] + "\"");
   const LoadedSchemas schemas = loadSchemas(globals);
-  writeOut(words[0] == "message" ? describeMessage(schemas.store, words[1])
-                                 : describeEnum(schemas.store, words[1]));
+  writeOut(words[0] == "message" ? describeMessage(schemas, words[1])
+                                 : describeEnum(schemas, words[1]));
   return kExitSuccess;
 }
 

@@ -140,14 +140,7 @@ int run(Arguments& args, GlobalOptions& globals) {
 
   const LoadedSchemas schemas = loadSchemas(globals);
   const MessageSchema schema = input.schema(schemas);
-  for (const std::string& path : paths) {
-    PropertyPathUtil::parse(path);
-    try {
-      resolvePropertyPath(schema, path);
-    } catch (const SchematizerError& error) {
-      throw ToolError(path + ": " + error.what());
-    }
-  }
+  resolvePaths(schema, paths, false);
 
   if (!streams && format.value_or(OutputFormat::lines) == OutputFormat::lines) {
     const SchematizedData data = schema.schematizedData(input.read());

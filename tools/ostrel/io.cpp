@@ -179,7 +179,7 @@ bool MessageInput::parse(Arguments& args, bool acceptsFormat) {
 }
 
 MessageSchema MessageInput::schema(const LoadedSchemas& schemas) const {
-  return schemas.store.messageSchema(*message);
+  return schemas.messageSchema(*message);
 }
 
 Bytes MessageInput::readFile(const std::optional<std::string>& path) const {

@@ -51,7 +51,8 @@ Commands:
 )usage";
 
 constexpr std::string_view kUsageTail = R"usage(
-Run "ostrel COMMAND --help" for the usage of a command.
+Run "ostrel help COMMAND" (or "ostrel COMMAND --help") for the usage of a command, and
+"ostrel --version" for the version.
 Data options "-i FILE" read standard input when FILE is "-" (as without -i).
 Exit status: 0 success, 1 schema or data error, 2 usage error. Errors go to standard error as
 "ostrel: <error text>".
@@ -104,9 +105,25 @@ int run(std::vector<std::string> argv) {
         std::cout << mainUsage();
         return kExitSuccess;
       }
+      if (args.flag({"--version"})) {
+        std::cout << "ostrel " OSTREL_VERSION "\n";
+        return kExitSuccess;
+      }
       if (globals.parse(args)) continue;
       if (args.done()) throw UsageError("missing command");
       const std::string name = args.positional();
+      // "ostrel help [COMMAND]" is "ostrel [COMMAND] --help".
+      if (name == "help") {
+        if (args.done()) {
+          std::cout << mainUsage();
+          return kExitSuccess;
+        }
+        const std::string topic = args.positional();
+        command = findCommand(topic);
+        if (command == nullptr) throw UsageError("unknown command \"" + topic + "\"");
+        std::cout << commandUsage(*command);
+        return kExitSuccess;
+      }
       command = findCommand(name);
       if (command == nullptr) throw UsageError("unknown command \"" + name + "\"");
     }

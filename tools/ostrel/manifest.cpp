@@ -100,7 +100,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     std::set<std::string> messages;
     std::set<std::string> enums;
     for (const std::string& name : closure)
-      reach(schemas.store.messageSchema(name), messages, enums);
+      reach(schemas.messageSchema(name), messages, enums);
     manifest = only(manifestEngagementsOnly(schemas.store), messages, enums);
   }
 

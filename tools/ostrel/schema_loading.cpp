@@ -60,10 +60,37 @@ SchemaManifest manifestFromFile(const std::string& path, bool skipGroups) {
       return schemaManifestFromDescriptorSet(asBytes(text), options);
     });
   } catch (const Error& error) {
-    throw ToolError(path + ": " + error.what());
+    std::string text = path + ": " + error.what();
+    // .proto source read as a descriptor set fails as malformed bytes.
+    if (path.ends_with(".proto")) text += " (a .proto file: load it with --proto " + path + ")";
+    throw ToolError(text);
   } catch (const ToolError& error) {
     throw ToolError(path + ": " + error.what());
   }
+}
+
+// libprotobuf finds a .proto file either at a path inside one of the include folders or by its
+// name relative to one of them, and reports any other file as "File not found." in an error of the
+// schema. The tool says it is a file it cannot read, and where it looked.
+void checkProtoFile(const std::string& file, const std::vector<std::string>& includePaths) {
+  namespace fs = std::filesystem;
+  std::error_code ignored;
+  const fs::path given = fs::weakly_canonical(file, ignored);
+  std::string folders;
+  for (const std::string& dir : includePaths) {
+    if (fs::path(file).is_relative() && fs::exists(fs::path(dir) / file)) return;
+    const fs::path folder = fs::weakly_canonical(dir, ignored);
+    const auto [end, unused] = std::mismatch(folder.begin(), folder.end(), given.begin(),
+                                             given.end());
+    if (end == folder.end() && fs::exists(given)) return;
+    folders += (folders.empty() ? "" : ", ") + dir;
+  }
+  if (fs::exists(file)) {
+    throw ToolError(file + ": not inside any -I folder (" + folders +
+                    "); add its folder with -I");
+  }
+  throw ToolError("cannot read " + file + ": No such file or directory (looked in " + folders +
+                  ")");
 }
 
 }  // namespace
@@ -84,6 +111,8 @@ LoadedSchemas loadSchemas(const GlobalOptions& options) {
         }
       }
     }
+    // libprotobuf reports a file it cannot find as an error of the schema; it is a missing file.
+    for (const std::string& file : options.protoFiles) checkProtoFile(file, includePaths);
     defined = defined.merging(
         importDescriptors(options.skipGroups, [&](const DescriptorImportOptions& importOptions) {
           return schemaManifestFromProtoFiles(options.protoFiles, includePaths, importOptions);

@@ -160,7 +160,10 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = schemas.store.messageSchema(*message);
+  const MessageSchema schema = schemas.messageSchema(*message);
+  std::vector<std::string> pathTexts;
+  for (const ProjectedPath& projected : paths) pathTexts.push_back(projected.path);
+  resolvePaths(schema, pathTexts, true);
   std::string sql;
   try {
     sql = buildProjection(schema, *table, *column, paths, options);

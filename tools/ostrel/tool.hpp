@@ -86,7 +86,18 @@ struct GlobalOptions {
 struct LoadedSchemas {
   SchemaManifest defined;
   SchemaStore store;
+
+  // store.messageSchema and store.enumSchema, whose schemaNotFound and enumNotFound errors also
+  // name the defined names close to `name` (the name without its package, a typo) as a ToolError.
+  MessageSchema messageSchema(const std::string& name) const;
+  EnumSchema enumSchema(const std::string& name) const;
 };
+
+// Parses and resolves every path against `schema` before any data is read. A path the schema
+// does not have throws ToolError "PATH: <the library's text>"; a repeated field named without an
+// index adds how to name one element, and how to read all of them: the iterate command, or P_EACH
+// when the paths are for SQL (`inSql`). A malformed path throws PropertyPathUtil::Error.
+void resolvePaths(const MessageSchema& schema, const std::vector<std::string>& paths, bool inSql);
 
 // Reads every -s file and every --proto file. A -s file whose first non-whitespace byte is "{" is
 // the JSON manifest form, anything else a serialized descriptor set. Without -I, each .proto

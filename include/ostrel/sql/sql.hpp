@@ -42,9 +42,11 @@ enum class SqlDialect : uint8_t {
   // P_GET(column, 'path'), or P_GET(column, 'type', 'path') with typePerCall; identifiers quoted
   // by SQLite's keyword list.
   sqlite,
-  // p_get(column, 'type', 'path'), always with the type (a jsonb per column); identifiers bare
-  // only when lower case, plain and not reserved by PostgreSQL, which folds bare names to lower
-  // case.
+  // The PostgreSQL extension's typed reads, always with the type: p_get_bigint(column, 'type',
+  // 'path') for integers but uint64 and fixed64 (p_get_numeric), p_get_double for floats,
+  // p_get_bool, p_get_text for strings and enums (by name), p_get_bytea, and p_get (jsonb) for
+  // messages. Identifiers are bare only when lower case, plain and not reserved by PostgreSQL,
+  // which folds bare names to lower case.
   postgres,
 };
 
