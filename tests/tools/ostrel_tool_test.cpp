@@ -336,10 +336,10 @@ TEST(OstrelTool, HelpOnEveryCommand) {
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.err, "");
     const std::vector<std::string> topic = words(line);
-    const std::string command = line[0] == '-' || topic == std::vector<std::string>{"help"}
-                                    ? "COMMAND"
-                                    : topic.back() == "p" || topic[0] != "help" ? topic[0] + " "
-                                                                                : topic[1] + " ";
+    // "help COMMAND" shows the usage of COMMAND, "help" alone the tool's.
+    const size_t named = topic[0] == "help" ? 1 : 0;
+    const std::string command =
+        line[0] == '-' || named == topic.size() ? "COMMAND" : topic[named] + " ";
     EXPECT_THAT(run.out.substr(0, run.out.find('\n')),
                 ::testing::AllOf(StartsWith("usage: ostrel "), HasSubstr(command)));
   }
