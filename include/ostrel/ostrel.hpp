@@ -20,6 +20,7 @@
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
