@@ -25,6 +25,7 @@
 
 #include "ostrel/ostrel.hpp"
 #include "output/map_entry.hpp"
+#include "store/proto_schema_store.hpp"
 #include "wire/field_path.hpp"
 #include "wire/value_decoding.hpp"
 
@@ -48,6 +49,15 @@ class BridgeError : public std::exception {
   OstrelFailure failure_;
   std::string text_;
 };
+
+OstrelInterruptPending interruptPending = nullptr;
+
+// Installed as the library's interrupt check, and called in the bridge's own loops.
+void checkInterrupt() {
+  if (interruptPending && interruptPending()) {
+    throw BridgeError(OSTREL_INTERRUPTED, "interrupted");
+  }
+}
 
 // The length of the valid UTF-8 sequence at text[0..size), or 0 when it is not one.
 size_t utf8SequenceLength(const unsigned char* text, size_t size) noexcept {
@@ -163,7 +173,9 @@ struct Compiled {
 };
 
 struct Backend {
-  std::optional<SchemaStore> store;
+  // Holds the types calls have named, with the types they refer to, loaded as they were first
+  // named; the catalog only grows, so what the store holds stays right.
+  std::shared_ptr<ProtoSchemaStore> store;
   // Compiled sites by kind, type and path; a bounded cache, emptied when it fills up.
   std::unordered_map<std::string, std::shared_ptr<const Compiled>> sites;
 };
@@ -178,11 +190,40 @@ constexpr size_t kMaxCachedSites = 1024;
 SchemaManifest manifestOf(const char* const* definitions, const size_t* sizes, size_t count) {
   SchemaManifest manifest;
   for (size_t i = 0; i < count; ++i) {
+    checkInterrupt();
     manifest.merge(schemaManifestFromJSON(std::string_view(definitions[i], sizes[i])),
                    MergePolicy::requireEqual);
   }
   return manifest;
 }
+
+// The type names the fields of `manifest` refer to.
+std::set<std::string> referencedNames(const SchemaManifest& manifest) {
+  std::set<std::string> names;
+  for (const auto& [name, message] : manifest.messages) {
+    for (const auto& [fieldName, field] : message.fields) {
+      if (field.typeName) names.insert(*field.typeName);
+    }
+  }
+  return names;
+}
+
+// A NUL-terminated copy of each name, in the caller's memory.
+void copyNames(const std::vector<std::string>& names, OstrelAlloc alloc, char*** out,
+               size_t* count) {
+  if (names.empty()) return;
+  auto* copies = reinterpret_cast<char**>(allocate(alloc, sizeof(char*) * names.size()));
+  for (size_t i = 0; i < names.size(); ++i) copies[i] = copyOut(alloc, names[i]);
+  *out = copies;
+  *count = names.size();
+}
+
+// The options messages every schema may need: registered definitions of them add fields to the
+// built-in ones, and must be in the store before any schema is created.
+constexpr std::string_view kOptionsMessages[] = {
+    "google.protobuf.MessageOptions", "google.protobuf.FieldOptions",
+    "google.protobuf.OneofOptions", "google.protobuf.EnumOptions",
+    "google.protobuf.EnumValueOptions"};
 
 MessageSchema lookUpType(const SchemaStore& store, std::string_view type) {
   try {
@@ -198,7 +239,10 @@ MessageSchema lookUpType(const SchemaStore& store, std::string_view type) {
 std::shared_ptr<const Compiled> compile(OstrelSiteKind kind, std::string_view type,
                                         std::string_view path) {
   Backend& state = backend();
-  if (!state.store) throw BridgeError(OSTREL_INTERNAL, "the ostrel schema store is not loaded");
+  if (!state.store) {
+    throw BridgeError(OSTREL_UNKNOWN_TYPE,
+                      SchematizerError::schemaNotFound(std::string(type)).what());
+  }
   std::string key;
   key.reserve(type.size() + path.size() + 2);
   key.push_back(static_cast<char>('0' + kind));
@@ -209,8 +253,9 @@ std::shared_ptr<const Compiled> compile(OstrelSiteKind kind, std::string_view ty
 
   // The path stays empty for a message site, and for an each site over the record's own field.
   FieldPathAndType noPath{{}, TypeSchemaDescription::scalar(TypeSchemaDescription::Case::bytes)};
+  const SchemaStore store(state.store);
   auto compiled = std::make_shared<Compiled>(
-      Compiled{*state.store, lookUpType(*state.store, type), std::move(noPath), nullptr, {}});
+      Compiled{store, lookUpType(store, type), std::move(noPath), nullptr, {}});
   const MessageSchemaDescribing& schema = *compiled->schema.impl();
   if (kind == OSTREL_SITE_VALUE) {
     PropertyPathUtil::parse(path);
@@ -413,29 +458,45 @@ bool packable(TypeSchemaDescription::Case kind) noexcept {
   return kind != Case::string && kind != Case::bytes && kind != Case::message;
 }
 
-// Hands every element of repeated `field` in `message` to `visit`, in the order of the bytes,
-// whatever mix of packed runs and single elements holds them. Elements borrow from `message`.
-template <typename Visit>
-void eachElement(ByteView message, const FieldSchemaDescribing& field, Visit&& visit) {
-  const TypeSchemaDescription& type = field.type();
-  const int64_t number = field.fieldNumber();
-  Reader reader(message);
-  while (reader.hasMoreFields()) {
-    const FieldTag tag = reader.readTag();
-    if (tag.fieldNumber() != number) {
-      reader.skipField(tag);
-      // Skips do not check that the bytes they step over exist.
-      if (reader.position() > reader.size()) throw SerializationError::truncated();
-    } else if (tag.wireType() == ProtoWireType::lengthDelimited && packable(type.kind())) {
-      // The run's own reader ends with the run: an element cut short fails instead of reading
-      // the bytes that follow.
-      Reader elements(reader.readLengthDelimited());
-      while (elements.hasMoreFields()) visit(decodePackedElement(elements, type));
-    } else {
-      visit(decodeValue(reader, type, tag.wireType()));
+// Every element of a repeated field in a message, one at a time, in the order of the bytes,
+// whatever mix of packed runs and single elements holds them. Elements borrow from the message.
+class ElementWalk {
+ public:
+  ElementWalk(ByteView message, const FieldSchemaDescribing& field)
+      : type_(field.type()), number_(field.fieldNumber()), fields_(message) {}
+
+  std::optional<detail::AnyValueImpl> next() {
+    for (;;) {
+      if (run_) {
+        if (run_->hasMoreFields()) return decodePackedElement(*run_, type_);
+        run_.reset();
+      }
+      if (!fields_.hasMoreFields()) return std::nullopt;
+      // A record of many other fields can take long to step over.
+      if (++steps_ % kStepsPerCheck == 0) checkInterrupt();
+      const FieldTag tag = fields_.readTag();
+      if (tag.fieldNumber() != number_) {
+        fields_.skipField(tag);
+        // Skips do not check that the bytes they step over exist.
+        if (fields_.position() > fields_.size()) throw SerializationError::truncated();
+      } else if (tag.wireType() == ProtoWireType::lengthDelimited && packable(type_.kind())) {
+        // The run's own reader ends with the run: an element cut short fails instead of reading
+        // the bytes that follow.
+        run_.emplace(fields_.readLengthDelimited());
+      } else {
+        return decodeValue(fields_, type_, tag.wireType());
+      }
     }
   }
-}
+
+ private:
+  static constexpr uint64_t kStepsPerCheck = 4096;
+  const TypeSchemaDescription& type_;
+  int64_t number_;
+  Reader fields_;
+  std::optional<Reader> run_;
+  uint64_t steps_ = 0;
+};
 
 }  // namespace
 
@@ -443,9 +504,17 @@ struct OstrelSite {
   std::shared_ptr<const Compiled> compiled;
 };
 
+struct OstrelEach {
+  std::shared_ptr<const Compiled> compiled;
+  // Empty when the record does not hold the message with the field.
+  std::optional<ElementWalk> walk;
+};
+
 extern "C" {
 
-void ostrel_bridge_init(void) {
+void ostrel_bridge_init(OstrelInterruptPending pending) {
+  interruptPending = pending;
+  setInterruptCheck(checkInterrupt);
   // The library's diagnostics (fields it could not render) go where the server's own stderr goes,
   // the server log, instead of the system log.
   setLogHandler([](std::string_view message) {
@@ -453,13 +522,27 @@ void ostrel_bridge_init(void) {
   });
 }
 
-bool ostrel_store_load(const char* const* definitions, const size_t* sizes, size_t count,
-                       OstrelError* error) {
+bool ostrel_store_add(const char* const* definitions, const size_t* sizes, size_t count,
+                      OstrelAlloc alloc, char*** wanted, size_t* wantedCount,
+                      OstrelError* error) {
+  *wanted = nullptr;
+  *wantedCount = 0;
   return guarded(error, [&] {
-    SchemaStore store(manifestOf(definitions, sizes, count));
+    const SchemaManifest manifest = manifestOf(definitions, sizes, count);
     Backend& state = backend();
-    state.sites.clear();
-    state.store = std::move(store);
+    std::vector<std::string> missing;
+    if (!state.store) {
+      state.store = ProtoSchemaStore::make(manifest);
+      for (const std::string_view name : kOptionsMessages) missing.emplace_back(name);
+    } else {
+      state.store->add(manifest);
+    }
+    for (const std::string& name : referencedNames(manifest)) {
+      if (!state.store->hasMessageSchemaNamed(name) && !state.store->enumSchemas().contains(name)) {
+        missing.push_back(name);
+      }
+    }
+    copyNames(missing, alloc, wanted, wantedCount);
   });
 }
 
@@ -469,7 +552,6 @@ void ostrel_store_clear(void) {
   state.store.reset();
 }
 
-bool ostrel_store_loaded(void) { return backend().store.has_value(); }
 
 OstrelSite* ostrel_site_compile(OstrelSiteKind kind, const char* type, size_t typeSize,
                                 const char* path, size_t pathSize, OstrelError* error) {
@@ -497,39 +579,48 @@ bool ostrel_read(const OstrelSite* site, const char* record, size_t size, int fl
   });
 }
 
-bool ostrel_each(const OstrelSite* site, const char* record, size_t size, OstrelAlloc alloc,
-                 OstrelElement** elements, size_t* count, OstrelError* error) {
-  *elements = nullptr;
-  *count = 0;
-  return guarded(error, [&] {
-    const Compiled& compiled = *site->compiled;
+OstrelEach* ostrel_each_start(const OstrelSite* site, const char* record, size_t size,
+                              OstrelError* error) {
+  OstrelEach* each = nullptr;
+  guarded(error, [&] {
+    auto walk = std::make_unique<OstrelEach>(OstrelEach{site->compiled, std::nullopt});
+    const Compiled& compiled = *walk->compiled;
     ByteView holder = view(record, size);
     if (!compiled.path.fieldPath.empty()) {
       Reader reader(holder);
       const std::optional<detail::AnyValueImpl> message = readValue(reader, compiled.path);
-      if (!message) return;
+      if (!message) {
+        each = walk.release();
+        return;
+      }
       holder = message->messageValue().bytes();
     }
-    std::vector<OstrelElement> found;
-    eachElement(holder, *compiled.repeated, [&](detail::AnyValueImpl&& element) {
-      OstrelElement out{};
-      if (compiled.map) {
-        const UnsafeSchematizedData& entry = element.messageValue();
-        out.key = keyText(entryMember(entry, *compiled.map->key, alloc), alloc);
-        out.value = entryMember(entry, *compiled.map->value, alloc);
-      } else {
-        convert(element, OSTREL_MESSAGE_JSON, alloc, &out.value);
-      }
-      found.push_back(out);
-    });
-    if (found.empty()) return;
-    auto* out =
-        reinterpret_cast<OstrelElement*>(allocate(alloc, sizeof(OstrelElement) * found.size()));
-    std::memcpy(out, found.data(), sizeof(OstrelElement) * found.size());
-    *elements = out;
-    *count = found.size();
+    walk->walk.emplace(holder, *compiled.repeated);
+    each = walk.release();
+  });
+  return each;
+}
+
+bool ostrel_each_next(OstrelEach* each, OstrelAlloc alloc, OstrelElement* element, bool* done,
+                      OstrelError* error) {
+  *element = OstrelElement{};
+  *done = true;
+  return guarded(error, [&] {
+    if (!each->walk) return;
+    std::optional<detail::AnyValueImpl> found = each->walk->next();
+    if (!found) return;
+    *done = false;
+    if (const auto& map = each->compiled->map) {
+      const UnsafeSchematizedData& entry = found->messageValue();
+      element->key = keyText(entryMember(entry, *map->key, alloc), alloc);
+      element->value = entryMember(entry, *map->value, alloc);
+    } else {
+      convert(*found, OSTREL_MESSAGE_JSON, alloc, &element->value);
+    }
   });
 }
+
+void ostrel_each_release(OstrelEach* each) { delete each; }
 
 bool ostrel_render(const OstrelSite* site, const char* record, size_t size, OstrelAlloc alloc,
                    char** json, size_t* jsonSize, OstrelError* error) {
@@ -577,11 +668,13 @@ bool ostrel_definitions(OstrelSchemaFormat format, const char* input, size_t siz
         reinterpret_cast<OstrelDefinition*>(allocate(alloc, sizeof(OstrelDefinition) * total));
     size_t next = 0;
     for (const auto& [name, message] : manifest.messages) {
+      checkInterrupt();
       SchemaManifest one;
       one.messages.emplace(name, message);
       out[next++] = {copyOut(alloc, name), true, copyOut(alloc, schemaManifestToJSON(one))};
     }
     for (const auto& [name, enumeration] : manifest.enums) {
+      checkInterrupt();
       SchemaManifest one;
       one.enums.emplace(name, enumeration);
       out[next++] = {copyOut(alloc, name), false, copyOut(alloc, schemaManifestToJSON(one))};
@@ -591,12 +684,44 @@ bool ostrel_definitions(OstrelSchemaFormat format, const char* input, size_t siz
   });
 }
 
-bool ostrel_check_definitions(const char* const* definitions, const size_t* sizes, size_t count,
+bool ostrel_referenced_names(const char* const* definitions, const size_t* sizes, size_t count,
+                             OstrelAlloc alloc, char*** names, size_t* nameCount,
+                             OstrelError* error) {
+  *names = nullptr;
+  *nameCount = 0;
+  return guarded(error, [&] {
+    const SchemaManifest manifest = manifestOf(definitions, sizes, count);
+    std::vector<std::string> outside;
+    for (const std::string& name : referencedNames(manifest)) {
+      if (!manifest.messages.contains(name) && !manifest.enums.contains(name)) {
+        outside.push_back(name);
+      }
+    }
+    copyNames(outside, alloc, names, nameCount);
+  });
+}
+
+bool ostrel_check_definitions(const char* const* added, const size_t* addedSizes,
+                              size_t addedCount, const char* const* context,
+                              const size_t* contextSizes, size_t contextCount,
                               OstrelError* error) {
   return guarded(error, [&] {
-    // Materialising everything resolves every field type: a type named but not defined fails here
-    // rather than in some later read.
-    fullManifest(SchemaStore(manifestOf(definitions, sizes, count)));
+    const SchemaManifest manifest = manifestOf(added, addedSizes, addedCount);
+    SchemaManifest all = manifestOf(context, contextSizes, contextCount);
+    all.merge(manifest, MergePolicy::requireEqual);
+    const SchemaStore store(all);
+    // Creating each added type and resolving the type of each of its fields: a type named but
+    // not defined fails here rather than in some later read. The types of the context were
+    // checked when they were registered.
+    for (const auto& [name, message] : manifest.messages) {
+      checkInterrupt();
+      const MessageSchema schema = store.messageSchema(name);
+      for (const std::string& field : schema.allFieldNames()) {
+        schema.impl()->fieldNamed(field)->type();
+      }
+      schema.allOneofs();
+    }
+    for (const auto& [name, enumeration] : manifest.enums) store.enumSchema(name);
   });
 }
 

@@ -30,6 +30,7 @@ typedef enum OstrelFailure {
   OSTREL_WRONG_TYPE,   /* the value exists but the SQL result type cannot hold its kind */
   OSTREL_OUT_OF_RANGE, /* the value does not fit the SQL result type */
   OSTREL_NO_MEMORY,
+  OSTREL_INTERRUPTED, /* the interrupt check said to stop: the caller processes the interrupt */
   OSTREL_INTERNAL
 } OstrelFailure;
 
@@ -41,14 +42,15 @@ typedef struct OstrelError {
   char text[OSTREL_ERROR_TEXT_SIZE];
 } OstrelError;
 
-/* The backend's store, built from the definitions of the extension's catalog (each the JSON
- * manifest text of one type). Replaces the store in use; sites compiled before keep the store they
+/* Adds definitions of the extension's catalog (each the JSON manifest text of one type) to the
+ * backend's store, making the store if there is none. The backend loads a type when a call first
+ * names it, with the types it refers to: `wanted` receives the names that the added definitions
+ * refer to and the store does not hold yet, for the caller to look up and add in turn. */
+bool ostrel_store_add(const char *const *definitions, const size_t *sizes, size_t count,
+                      OstrelAlloc alloc, char ***wanted, size_t *wantedCount, OstrelError *error);
+/* Forgets the backend's store and its compiled paths; sites compiled before keep the store they
  * were compiled against alive. */
-bool ostrel_store_load(const char *const *definitions, const size_t *sizes, size_t count,
-                       OstrelError *error);
-/* Forgets the backend's store and its compiled paths; the next compile needs a load first. */
 void ostrel_store_clear(void);
-bool ostrel_store_loaded(void);
 
 typedef enum OstrelSiteKind {
   OSTREL_SITE_VALUE,  /* a property path to one value: p_get*, p_has */
@@ -101,10 +103,17 @@ typedef struct OstrelElement {
   OstrelValue value;
 } OstrelElement;
 
-/* Every element of the repeated field or map at the site's path, in the order of the bytes;
- * message values as JSON text. No elements when the field is absent. */
-bool ostrel_each(const OstrelSite *site, const char *record, size_t size, OstrelAlloc alloc,
-                 OstrelElement **elements, size_t *count, OstrelError *error);
+/* A walk over the elements of the repeated field or map at an OSTREL_SITE_EACH site's path, in the
+ * order of the bytes, one element per ostrel_each_next. The record must stay alive and unchanged
+ * until the walk is released; the walk keeps the site's schemas alive. NULL on failure. */
+typedef struct OstrelEach OstrelEach;
+OstrelEach *ostrel_each_start(const OstrelSite *site, const char *record, size_t size,
+                              OstrelError *error);
+/* The next element (message values as JSON text) in *element, or *done when there is none (also
+ * when the field is absent). */
+bool ostrel_each_next(OstrelEach *each, OstrelAlloc alloc, OstrelElement *element, bool *done,
+                      OstrelError *error);
+void ostrel_each_release(OstrelEach *each);
 
 /* The record rendered as JSON text (UTF-8, not NUL-terminated). */
 bool ostrel_render(const OstrelSite *site, const char *record, size_t size, OstrelAlloc alloc,
@@ -132,13 +141,25 @@ bool ostrel_definitions(OstrelSchemaFormat format, const char *input, size_t siz
                         OstrelAlloc alloc, OstrelDefinition **definitions, size_t *count,
                         OstrelError *error);
 
-/* Checks that the definitions together make a store in which every type a field refers to
- * resolves. */
-bool ostrel_check_definitions(const char *const *definitions, const size_t *sizes, size_t count,
-                              OstrelError *error);
+/* The type names that fields of the definitions refer to and that the definitions themselves do
+ * not define. */
+bool ostrel_referenced_names(const char *const *definitions, const size_t *sizes, size_t count,
+                             OstrelAlloc alloc, char ***names, size_t *nameCount,
+                             OstrelError *error);
 
-/* Routes the library's diagnostics to the server log (stderr). */
-void ostrel_bridge_init(void);
+/* Checks that every type of `added` can be created in a store of `added` and `context` (the
+ * registered definitions they refer to), with every type one of its fields refers to. */
+bool ostrel_check_definitions(const char *const *added, const size_t *addedSizes,
+                              size_t addedCount, const char *const *context,
+                              const size_t *contextSizes, size_t contextCount, OstrelError *error);
+
+/* Whether the backend has an interrupt to process (a cancel request, a timeout, a shutdown). Only
+ * reads the server's flags: it must never raise an error. */
+typedef bool (*OstrelInterruptPending)(void);
+
+/* Routes the library's diagnostics to the server log (stderr), and makes every long loop of the
+ * library and the bridge stop with OSTREL_INTERRUPTED once `pending` says so. */
+void ostrel_bridge_init(OstrelInterruptPending pending);
 
 #ifdef __cplusplus
 }

@@ -4,13 +4,18 @@
  * which never lets a C++ exception out and never raises a PostgreSQL error, so every ereport here
  * runs with no C++ object alive on the stack.
  *
- * Caching: each backend builds one schema store from the extension's catalog table the first time
- * it needs it and keeps it. Registered definitions never change and are never removed (the table
- * refuses updates and deletes), so a cached store is never wrong, only possibly incomplete: a
- * type it does not know makes the backend read the catalog again. The store is dropped when the
- * catalog table itself is invalidated (DROP EXTENSION, for one) and at the end of a transaction
- * that registered definitions, since a rollback takes them back. Each call site (fn_extra) keeps
- * the path it resolved, with the store it was resolved against, for as long as the query runs.
+ * Caching: each backend keeps one schema store holding the types its calls have named, each read
+ * from the extension's catalog table (one index lookup) the first time a call names it, together
+ * with the types it refers to. Registered definitions never change and are never removed (the
+ * table refuses updates and deletes), so a cached type is never wrong; a name the table does not
+ * hold costs one lookup and is refused. The store is dropped when the catalog table itself is
+ * invalidated (DROP EXTENSION, for one) and at the end of a transaction that registered
+ * definitions, since a rollback takes them back. Each call site (fn_extra) keeps the path it
+ * resolved, with the store it was resolved against, for as long as the query runs.
+ *
+ * Interrupts: the bridge's and the library's long loops ask interrupt_pending() and stop with
+ * OSTREL_INTERRUPTED; raise_failure then processes the interrupt here, once the C++ frames are
+ * gone, so that a cancel request or statement_timeout ends a long call within moments.
  */
 #include "postgres.h"
 
@@ -25,6 +30,7 @@
 #include "mb/pg_wchar.h"
 #include "miscadmin.h"
 #include "utils/array.h"
+#include "utils/typcache.h"
 #include "utils/builtins.h"
 #include "utils/fmgrprotos.h"
 #include "utils/inval.h"
@@ -61,6 +67,8 @@ raise_failure(const OstrelError *error)
 {
 	int			code;
 
+	/* A cancel request or a timeout comes before whatever the call was doing when it stopped. */
+	CHECK_FOR_INTERRUPTS();
 	switch (error->failure)
 	{
 		case OSTREL_BAD_DATA:
@@ -79,6 +87,10 @@ raise_failure(const OstrelError *error)
 		case OSTREL_NO_MEMORY:
 			code = ERRCODE_OUT_OF_MEMORY;
 			break;
+		case OSTREL_INTERRUPTED:
+			/* Only reported for an interrupt that ends the statement, processed above. */
+			code = ERRCODE_QUERY_CANCELED;
+			break;
 		default:
 			code = ERRCODE_INTERNAL_ERROR;
 			break;
@@ -86,11 +98,83 @@ raise_failure(const OstrelError *error)
 	ereport(ERROR, (errcode(code), errmsg("%s", error->text)));
 }
 
+/* Whether an interrupt that ends the statement (a cancel request, statement_timeout, a shutdown)
+ * is pending and may be processed now. Reads flags only, so the C++ side may call it. */
+static bool
+interrupt_pending(void)
+{
+	return (QueryCancelPending || ProcDiePending) && INTERRUPTS_CAN_BE_PROCESSED();
+}
+
 /* Text the library produced (UTF-8) as text of the database encoding. */
 static char *
 utf8_to_server(const char *data, size_t size)
 {
 	return pg_any_to_server(data, (int) size, PG_UTF8);
+}
+
+/*
+ * A string the record holds, for a result of type `target` (text or jsonb), which cannot hold a
+ * NUL character: such a string is refused with the function's own error rather than the
+ * conversion's. `path` is the path argument, or NULL for the whole record.
+ */
+static void refuse_nul(FunctionCallInfo fcinfo, const char *path,
+					   const char *target) pg_attribute_noreturn();
+
+static void
+refuse_nul(FunctionCallInfo fcinfo, const char *path, const char *target)
+{
+	const char *name = get_func_name(fcinfo->flinfo->fn_oid);
+
+	if (path)
+		ereport(ERROR,
+				(errcode(ERRCODE_DATATYPE_MISMATCH),
+				 errmsg("%s: a string at \"%s\" holds a NUL character, which %s cannot hold",
+						name, path, target),
+				 errhint("p_get_bytea returns the bytes of a string.")));
+	ereport(ERROR,
+			(errcode(ERRCODE_DATATYPE_MISMATCH),
+			 errmsg("%s: a string in the record holds a NUL character, which %s cannot hold",
+					name, target)));
+}
+
+static char *
+path_argument(FunctionCallInfo fcinfo)
+{
+	return text_to_cstring(PG_GETARG_TEXT_PP(2));
+}
+
+/* A string value of the record as text of the database encoding. */
+static char *
+string_to_server(FunctionCallInfo fcinfo, const char *data, size_t size, const char *target)
+{
+	if (memchr(data, '\0', size) != NULL)
+		refuse_nul(fcinfo, path_argument(fcinfo), target);
+	return utf8_to_server(data, size);
+}
+
+/* Whether JSON text holds the escape of a NUL character, which jsonb refuses. */
+static bool
+json_holds_nul(const char *json, size_t size)
+{
+	for (size_t i = 0; i + 1 < size; ++i)
+	{
+		if (json[i] != '\\')
+			continue;
+		if (json[i + 1] == 'u' && i + 6 <= size && memcmp(json + i + 2, "0000", 4) == 0)
+			return true;
+		++i;					/* the escaped character, a backslash perhaps */
+	}
+	return false;
+}
+
+/* JSON text the library rendered as jsonb; `path` as for refuse_nul. */
+static Datum
+json_to_jsonb(FunctionCallInfo fcinfo, const char *json, size_t size, const char *path)
+{
+	if (json_holds_nul(json, size))
+		refuse_nul(fcinfo, path, "jsonb");
+	return DirectFunctionCall1(jsonb_in, CStringGetDatum(utf8_to_server(json, size)));
 }
 
 /* A text argument as UTF-8 for the library; *size receives its length. */
@@ -149,32 +233,45 @@ subtransaction_ended(SubXactEvent event, SubTransactionId subid, SubTransactionI
 void
 _PG_init(void)
 {
-	ostrel_bridge_init();
+	ostrel_bridge_init(interrupt_pending);
 	CacheRegisterRelcacheCallback(relcache_invalidated, (Datum) 0);
 	RegisterXactCallback(transaction_ended, NULL);
 	RegisterSubXactCallback(subtransaction_ended, NULL);
 }
 
+/* A text[] of UTF-8 names, in the database encoding. */
+static Datum
+name_array(char **names, size_t count)
+{
+	Datum	   *elements = palloc(sizeof(Datum) * (count + 1));
+
+	for (size_t i = 0; i < count; ++i)
+		elements[i] = CStringGetTextDatum(utf8_to_server(names[i], strlen(names[i])));
+	return PointerGetDatum(construct_array(elements, (int) count, TEXTOID, -1, false,
+										   TYPALIGN_INT));
+}
+
 /*
- * Builds the backend's store from the catalog table that lives in `namespace` (the schema of the
- * extension, which is where its functions are). Reads with the caller's snapshot, so that it also
- * works in parallel workers, where no new snapshot may be taken.
+ * The definitions of the catalog table in `namespace` for these names (text[]), each as UTF-8, in
+ * memory of the caller's context. Reads with the caller's snapshot, so that it also works in
+ * parallel workers, where no new snapshot may be taken.
  */
-static void
-load_store(Oid namespace)
+static uint64
+read_definitions(Oid namespace, Datum names, const char ***definitions, size_t **sizes)
 {
 	Oid			relid = get_relname_relid("ostrel_schemas", namespace);
+	MemoryContext caller = CurrentMemoryContext;
 	char	   *query;
 	bool		pushed = false;
-	const char **definitions;
-	size_t	   *sizes;
+	Oid			argtypes[1] = {TEXTARRAYOID};
+	Datum		values[1] = {names};
 	uint64		count;
-	OstrelError error;
 
 	if (!OidIsValid(relid))
 		ereport(ERROR, (errcode(ERRCODE_UNDEFINED_TABLE),
 						errmsg("the ostrel catalog table ostrel_schemas is missing")));
-	query = psprintf("SELECT definition FROM %s.ostrel_schemas",
+	catalog_relid = relid;
+	query = psprintf("SELECT definition FROM %s.ostrel_schemas WHERE name = ANY ($1)",
 					 quote_identifier(get_namespace_name(namespace)));
 	if (!ActiveSnapshotSet())
 	{
@@ -183,33 +280,68 @@ load_store(Oid namespace)
 	}
 	if (SPI_connect() != SPI_OK_CONNECT)
 		elog(ERROR, "SPI_connect failed");
-	if (SPI_execute(query, true, 0) != SPI_OK_SELECT)
+	if (SPI_execute_with_args(query, 1, argtypes, values, NULL, true, 0) != SPI_OK_SELECT)
 		elog(ERROR, "cannot read the ostrel catalog");
 	count = SPI_processed;
-	definitions = SPI_palloc(sizeof(char *) * (count + 1));
-	sizes = SPI_palloc(sizeof(size_t) * (count + 1));
+	*definitions = MemoryContextAlloc(caller, sizeof(char *) * (count + 1));
+	*sizes = MemoryContextAlloc(caller, sizeof(size_t) * (count + 1));
 	for (uint64 i = 0; i < count; ++i)
 	{
 		bool		isnull;
 		Datum		value = SPI_getbinval(SPI_tuptable->vals[i], SPI_tuptable->tupdesc, 1,
 										  &isnull);
 		text	   *definition = DatumGetTextPP(value);
-		size_t		size = VARSIZE_ANY_EXHDR(definition);
-		char	   *copy = SPI_palloc(size + 1);
+		const char *data = VARDATA_ANY(definition);
+		int			size = VARSIZE_ANY_EXHDR(definition);
+		MemoryContext spi = MemoryContextSwitchTo(caller);
+		char	   *utf8 = pg_server_to_any(data, size, PG_UTF8);
 
-		memcpy(copy, VARDATA_ANY(definition), size);
-		copy[size] = '\0';
-		definitions[i] = copy;
-		sizes[i] = size;
+		if (utf8 == data)
+			utf8 = pnstrdup(data, size);
+		MemoryContextSwitchTo(spi);
+		(*definitions)[i] = utf8;
+		(*sizes)[i] = strlen(utf8);
 	}
 	SPI_finish();
 	if (pushed)
 		PopActiveSnapshot();
+	return count;
+}
 
-	if (!ostrel_store_load(definitions, sizes, (size_t) count, &error))
-		raise_failure(&error);
-	catalog_relid = relid;
-	store_stale = false;
+/*
+ * Adds `type` (UTF-8) to the backend's store from the catalog table, with every type it refers
+ * to, directly or not, that the store does not hold yet: one lookup by name for each level of
+ * references. False when the table has no such type; then nothing is read but that lookup.
+ */
+static bool
+load_type(Oid namespace, const char *type, size_t type_size)
+{
+	char	   *first = pnstrdup(type, type_size);
+	char	  **wanted = &first;
+	size_t		wanted_count = 1;
+	bool		found = false;
+	OstrelError error;
+
+	while (wanted_count > 0)
+	{
+		const char **definitions;
+		size_t	   *sizes;
+		uint64		count = read_definitions(namespace, name_array(wanted, wanted_count),
+											 &definitions, &sizes);
+
+		if (count == 0)
+		{
+			if (!found)
+				return false;
+			/* The rest are built-in types, which every store holds. */
+			break;
+		}
+		found = true;
+		if (!ostrel_store_add(definitions, sizes, (size_t) count, alloc_in_current_context,
+							  &wanted, &wanted_count, &error))
+			raise_failure(&error);
+	}
+	return true;
 }
 
 static OstrelSite *
@@ -223,15 +355,15 @@ compile_site(FunctionCallInfo fcinfo, OstrelSiteKind kind, text *type, text *pat
 	OstrelError error;
 	OstrelSite *site;
 
-	if (store_stale || !ostrel_store_loaded())
-		load_store(namespace);
-	site = ostrel_site_compile(kind, type_text, type_size, path_text, path_size, &error);
-	if (!site && error.failure == OSTREL_UNKNOWN_TYPE)
+	if (store_stale)
 	{
-		/* Registered since the store was built? */
-		load_store(namespace);
-		site = ostrel_site_compile(kind, type_text, type_size, path_text, path_size, &error);
+		ostrel_store_clear();
+		store_stale = false;
 	}
+	site = ostrel_site_compile(kind, type_text, type_size, path_text, path_size, &error);
+	if (!site && error.failure == OSTREL_UNKNOWN_TYPE &&
+		load_type(namespace, type_text, type_size))
+		site = ostrel_site_compile(kind, type_text, type_size, path_text, path_size, &error);
 	if (!site)
 		raise_failure(&error);
 	return site;
@@ -413,7 +545,7 @@ string_value(JsonbValue *out, char *data, int length)
 /* A value as jsonb: numbers as numbers (64-bit integers too: jsonb keeps them exact), non-finite
  * floats, bytes (base64) and enum names as strings, messages as objects. */
 static Datum
-value_jsonb(const OstrelValue *value)
+value_jsonb(FunctionCallInfo fcinfo, const OstrelValue *value)
 {
 	JsonbValue	scalar;
 
@@ -463,7 +595,7 @@ value_jsonb(const OstrelValue *value)
 			break;
 		case OSTREL_STRING:
 			{
-				char	   *string = utf8_to_server(value->data, value->size);
+				char	   *string = string_to_server(fcinfo, value->data, value->size, "jsonb");
 
 				string_value(&scalar, string,
 							 string == value->data ? (int) value->size : (int) strlen(string));
@@ -478,8 +610,7 @@ value_jsonb(const OstrelValue *value)
 				break;
 			}
 		case OSTREL_MESSAGE:
-			return DirectFunctionCall1(jsonb_in,
-									   CStringGetDatum(utf8_to_server(value->data, value->size)));
+			return json_to_jsonb(fcinfo, value->data, value->size, path_argument(fcinfo));
 		default:
 			elog(ERROR, "no jsonb for an absent value");
 	}
@@ -494,7 +625,7 @@ ostrel_p_get(PG_FUNCTION_ARGS)
 
 	if (!read_value(fcinfo, OSTREL_MESSAGE_JSON, &value))
 		PG_RETURN_NULL();
-	return value_jsonb(&value);
+	return value_jsonb(fcinfo, &value);
 }
 
 PG_FUNCTION_INFO_V1(ostrel_p_get_bigint);
@@ -592,7 +723,10 @@ ostrel_p_get_text(PG_FUNCTION_ARGS)
 	switch (value.kind)
 	{
 		case OSTREL_STRING:
+			PG_RETURN_TEXT_P(cstring_to_text(string_to_server(fcinfo, value.data, value.size,
+															  "text")));
 		case OSTREL_MESSAGE:
+			/* JSON text, where a NUL character is an escape. */
 			PG_RETURN_TEXT_P(cstring_to_text(utf8_to_server(value.data, value.size)));
 		case OSTREL_ENUM:
 			if (value.data)
@@ -648,39 +782,91 @@ ostrel_p_has(PG_FUNCTION_ARGS)
 	PG_RETURN_BOOL(read_value(fcinfo, 0, &value));
 }
 
+/* What p_each keeps from its first call to its last: its compiled site (fn_extra is the SRF
+ * machinery's, so the site is the backend's cached one rather than the call site's) and the walk
+ * over the record's elements. */
+typedef struct EachState
+{
+	OstrelSite *site;
+	OstrelEach *each;
+	int32		next_index;
+	MemoryContextCallback release;
+} EachState;
+
+static void
+release_each(void *arg)
+{
+	EachState  *state = (EachState *) arg;
+
+	if (state->each)
+		ostrel_each_release(state->each);
+	state->each = NULL;
+	if (state->site)
+		ostrel_site_release(state->site);
+	state->site = NULL;
+}
+
+/*
+ * p_each returns one row per call, reading the next element only when it is asked for, so a
+ * record of millions of elements never has them all in memory at once. The walk is released with
+ * the call's memory, whether the rows run out, the query stops early or it fails.
+ */
 PG_FUNCTION_INFO_V1(ostrel_p_each);
 Datum
 ostrel_p_each(PG_FUNCTION_ARGS)
 {
-	ReturnSetInfo *rsinfo = (ReturnSetInfo *) fcinfo->resultinfo;
-	bytea	   *record = PG_GETARG_BYTEA_PP(0);
-	OstrelSite *site = call_site(fcinfo, OSTREL_SITE_EACH, PG_GETARG_TEXT_PP(1),
-								 PG_GETARG_TEXT_PP(2));
-	OstrelElement *elements;
-	size_t		count;
+	FuncCallContext *funcctx;
+	EachState  *state;
+	OstrelElement element;
+	bool		done;
 	OstrelError error;
+	Datum		values[3];
+	bool		nulls[3] = {false, false, false};
 
-	InitMaterializedSRF(fcinfo, 0);
-	if (!ostrel_each(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record),
-					 alloc_in_current_context, &elements, &count, &error))
-		raise_failure(&error);
-	if (count > (size_t) PG_INT32_MAX)
-		ereport(ERROR, (errcode(ERRCODE_PROGRAM_LIMIT_EXCEEDED), errmsg("too many elements")));
-	for (size_t i = 0; i < count; ++i)
+	if (SRF_IS_FIRSTCALL())
 	{
-		Datum		values[3];
-		bool		nulls[3] = {false, false, false};
+		MemoryContext oldcontext;
+		TupleDesc	tupdesc;
+		bytea	   *record;
 
-		values[0] = Int32GetDatum((int32) i);
-		if (elements[i].key.kind == OSTREL_ABSENT)
-			nulls[1] = true;
-		else
-			values[1] = PointerGetDatum(cstring_to_text(utf8_to_server(elements[i].key.data,
-																		 elements[i].key.size)));
-		values[2] = value_jsonb(&elements[i].value);
-		tuplestore_putvalues(rsinfo->setResult, rsinfo->setDesc, values, nulls);
+		funcctx = SRF_FIRSTCALL_INIT();
+		oldcontext = MemoryContextSwitchTo(funcctx->multi_call_memory_ctx);
+		if (get_call_result_type(fcinfo, NULL, &tupdesc) != TYPEFUNC_COMPOSITE)
+			elog(ERROR, "p_each must return a composite type");
+		funcctx->tuple_desc = BlessTupleDesc(tupdesc);
+		/* The walk borrows the record's bytes until its last call. */
+		record = PG_GETARG_BYTEA_P_COPY(0);
+		state = palloc0(sizeof(EachState));
+		state->release.func = release_each;
+		state->release.arg = state;
+		MemoryContextRegisterResetCallback(funcctx->multi_call_memory_ctx, &state->release);
+		state->site = compile_site(fcinfo, OSTREL_SITE_EACH, PG_GETARG_TEXT_PP(1),
+								   PG_GETARG_TEXT_PP(2));
+		state->each = ostrel_each_start(state->site, VARDATA(record), VARSIZE(record) - VARHDRSZ,
+										&error);
+		if (!state->each)
+			raise_failure(&error);
+		funcctx->user_fctx = state;
+		MemoryContextSwitchTo(oldcontext);
 	}
-	return (Datum) 0;
+	funcctx = SRF_PERCALL_SETUP();
+	state = (EachState *) funcctx->user_fctx;
+	CHECK_FOR_INTERRUPTS();
+	if (!ostrel_each_next(state->each, alloc_in_current_context, &element, &done, &error))
+		raise_failure(&error);
+	if (done)
+		SRF_RETURN_DONE(funcctx);
+	if (state->next_index == PG_INT32_MAX)
+		ereport(ERROR, (errcode(ERRCODE_PROGRAM_LIMIT_EXCEEDED), errmsg("too many elements")));
+	values[0] = Int32GetDatum(state->next_index++);
+	if (element.key.kind == OSTREL_ABSENT)
+		nulls[1] = true;
+	else
+		values[1] = PointerGetDatum(cstring_to_text(string_to_server(fcinfo, element.key.data,
+																	 element.key.size, "text")));
+	values[2] = value_jsonb(fcinfo, &element.value);
+	SRF_RETURN_NEXT(funcctx, HeapTupleGetDatum(heap_form_tuple(funcctx->tuple_desc, values,
+																nulls)));
 }
 
 PG_FUNCTION_INFO_V1(ostrel_p_json);
@@ -696,7 +882,7 @@ ostrel_p_json(PG_FUNCTION_ARGS)
 	if (!ostrel_render(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record),
 					   alloc_in_current_context, &json, &size, &error))
 		raise_failure(&error);
-	return DirectFunctionCall1(jsonb_in, CStringGetDatum(utf8_to_server(json, size)));
+	return json_to_jsonb(fcinfo, json, size, NULL);
 }
 
 PG_FUNCTION_INFO_V1(ostrel_p_encode);
@@ -755,6 +941,7 @@ ostrel_schema_definitions(PG_FUNCTION_ARGS)
 		Datum		values[3];
 		bool		nulls[3] = {false, false, false};
 
+		CHECK_FOR_INTERRUPTS();
 		values[0] = CStringGetTextDatum(utf8_to_server(definitions[i].name,
 													   strlen(definitions[i].name)));
 		values[1] = BoolGetDatum(definitions[i].isMessage);
@@ -765,39 +952,59 @@ ostrel_schema_definitions(PG_FUNCTION_ARGS)
 	return (Datum) 0;
 }
 
+/* The UTF-8 texts of a text[] without NULLs. */
+static size_t
+array_texts(ArrayType *array, const char ***texts, size_t **sizes)
+{
+	Datum	   *elements;
+	bool	   *nulls;
+	int			count;
+
+	deconstruct_array(array, TEXTOID, -1, false, TYPALIGN_INT, &elements, &nulls, &count);
+	*texts = palloc(sizeof(char *) * (count + 1));
+	*sizes = palloc(sizeof(size_t) * (count + 1));
+	for (int i = 0; i < count; ++i)
+	{
+		if (nulls[i])
+			ereport(ERROR, (errcode(ERRCODE_NULL_VALUE_NOT_ALLOWED),
+							errmsg("a schema definition is NULL")));
+		(*texts)[i] = text_to_utf8(DatumGetTextPP(elements[i]), &(*sizes)[i]);
+	}
+	return (size_t) count;
+}
+
 /*
- * ostrel_check_schemas(definitions text[]): fails unless the definitions make a store in which
- * every type resolves. Called by the registration functions after they have added their rows;
- * from then on this backend's store is rebuilt before its next use and when the transaction ends.
+ * ostrel_check_schemas(definitions text[]): fails unless every type of the definitions, just added
+ * to the catalog, can be created with the registered types its fields refer to. Only the added
+ * definitions and the ones they name are read, so a registration costs what it adds. Called by
+ * the registration functions after they have added their rows; the backend's store is dropped
+ * when the transaction ends, however it ends.
  */
 PG_FUNCTION_INFO_V1(ostrel_check_schemas);
 Datum
 ostrel_check_schemas(PG_FUNCTION_ARGS)
 {
-	ArrayType  *array = PG_GETARG_ARRAYTYPE_P(0);
-	Datum	   *elements;
-	bool	   *nulls;
-	int			count;
-	const char **definitions;
-	size_t	   *sizes;
+	Oid			namespace = get_func_namespace(fcinfo->flinfo->fn_oid);
+	const char **added;
+	size_t	   *added_sizes;
+	size_t		added_count;
+	char	  **names;
+	size_t		name_count;
+	const char **context = NULL;
+	size_t	   *context_sizes = NULL;
+	uint64		context_count = 0;
 	OstrelError error;
 
 	registered_in_transaction = true;
-	store_stale = true;
-	deconstruct_array(array, TEXTOID, -1, false, TYPALIGN_INT, &elements, &nulls, &count);
-	definitions = palloc(sizeof(char *) * (count + 1));
-	sizes = palloc(sizeof(size_t) * (count + 1));
-	for (int i = 0; i < count; ++i)
-	{
-		text	   *definition;
-
-		if (nulls[i])
-			ereport(ERROR, (errcode(ERRCODE_NULL_VALUE_NOT_ALLOWED),
-							errmsg("a schema definition is NULL")));
-		definition = DatumGetTextPP(elements[i]);
-		definitions[i] = text_to_utf8(definition, &sizes[i]);
-	}
-	if (!ostrel_check_definitions(definitions, sizes, (size_t) count, &error))
+	added_count = array_texts(PG_GETARG_ARRAYTYPE_P(0), &added, &added_sizes);
+	if (!ostrel_referenced_names(added, added_sizes, added_count, alloc_in_current_context,
+								 &names, &name_count, &error))
+		raise_failure(&error);
+	if (name_count > 0)
+		context_count = read_definitions(namespace, name_array(names, name_count), &context,
+										 &context_sizes);
+	if (!ostrel_check_definitions(added, added_sizes, added_count, context, context_sizes,
+								  (size_t) context_count, &error))
 		raise_failure(&error);
 	PG_RETURN_VOID();
 }

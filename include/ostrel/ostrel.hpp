@@ -15,11 +15,14 @@
 // - JSON: toJSON(data) and encodeJSON(schema, text) (output/json.hpp).
 // - SQL: buildProjection writes the query text; registerSqliteFunctions installs P_GET and the
 //   other functions on an SQLite connection (sql/sql.hpp); extensions/ has the loadable ones.
+// - Stop long operations when the host asks (a cancel request): setInterruptCheck
+//   (core/interrupts.hpp).
 // Failures are thrown as ostrel::Error subclasses (core/errors.hpp).
 
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"

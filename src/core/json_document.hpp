@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "ostrel/core/interrupts.hpp"
+
 namespace ostrel::detail {
 
 // One open container of the document being parsed.
@@ -124,6 +126,8 @@ class JsonDocumentBuilder {
   }
 
   bool open(Json&& container, bool isObject) {
+    // A long document is stopped between containers.
+    detail::pollInterrupt();
     if (frames_.size() >= maxDepth_) return refuse(JsonRefusal::Kind::tooDeep);
     containers_.push_back(place(std::move(container)));
     frames_.push_back(JsonFrame{isObject, {}, 0});

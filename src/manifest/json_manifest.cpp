@@ -9,6 +9,7 @@
 #include "core/json_document.hpp"
 #include "core/json_text.hpp"
 #include "core/utf8.hpp"
+#include "ostrel/core/interrupts.hpp"
 #include "manifest/manifest_check.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/core/errors.hpp"
@@ -185,6 +186,7 @@ int64_t readIntegerKey(std::string_view key, const Path& path) {
 template <typename ReadMember>
 void readRecord(const Json& value, const Path& path, ReadMember&& read) {
   for (const auto& [name, member] : readObject(value, path)) {
+    detail::pollInterrupt();
     const Path memberPath = path.member(name);
     if (!read(name, member, memberPath)) fail(memberPath, "unknown member");
   }
@@ -309,10 +311,12 @@ SchemaManifest readManifest(const Json& value, const Path& path) {
   readRecord(value, path, [&](const std::string& name, const Json& member, const Path& at) {
     if (name == "messages") {
       for (const auto& [messageName, message] : readObject(member, at)) {
+        detail::pollInterrupt();
         manifest.messages.emplace(messageName, readMessage(message, at.key(messageName)));
       }
     } else if (name == "enums") {
       for (const auto& [enumName, enumValue] : readObject(member, at)) {
+        detail::pollInterrupt();
         manifest.enums.emplace(enumName, readEnum(enumValue, at.key(enumName)));
       }
     } else {

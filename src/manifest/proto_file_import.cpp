@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 
 #ifndef OSTREL_PROTOBUF_INCLUDE_DIR
@@ -20,6 +21,26 @@ namespace ostrel {
 namespace {
 
 namespace pb = google::protobuf;
+
+// The text handed to the parser in blocks, with a poll for interrupts before each: the parser has
+// no loop of ours to poll in.
+class PollingInputStream final : public pb::io::ZeroCopyInputStream {
+ public:
+  explicit PollingInputStream(std::string_view text)
+      : text_(text.data(), static_cast<int>(text.size()), kBlockSize) {}
+
+  bool Next(const void** data, int* size) override {
+    detail::pollInterrupt();
+    return text_.Next(data, size);
+  }
+  void BackUp(int count) override { text_.BackUp(count); }
+  bool Skip(int count) override { return text_.Skip(count); }
+  int64_t ByteCount() const override { return text_.ByteCount(); }
+
+ private:
+  static constexpr int kBlockSize = 1 << 16;
+  pb::io::ArrayInputStream text_;
+};
 
 // One file held in memory, and libprotobuf's own google/protobuf/*.proto files for its imports:
 // text handed over by a caller (an SQL function argument, say) must not reach any other file of
@@ -32,7 +53,7 @@ class TextSourceTree final : public pb::compiler::SourceTree {
 
   pb::io::ZeroCopyInputStream* Open(const std::string& filename) override {
     if (filename == name_) {
-      return new pb::io::ArrayInputStream(text_.data(), static_cast<int>(text_.size()));
+      return new PollingInputStream(text_);
     }
     if (filename.rfind("google/protobuf/", 0) == 0 && filename.find("..") == std::string::npos) {
       return protobufFiles_.Open(filename);

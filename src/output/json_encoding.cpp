@@ -14,6 +14,7 @@
 
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/json_input.hpp"
@@ -407,6 +408,7 @@ class Encoder {
     IndexSet fields;
     bool typeSeen = false;
     for (auto member : object) {
+      detail::pollInterrupt();
       ondemand::field field = take(std::move(member));
       const std::string_view name = detail::memberName(field, scratch_);
       if (inAny && name == "@type") {
@@ -445,6 +447,7 @@ class Encoder {
       // Keys with escapes, decoded; a deque so that the views in `keys` stay valid.
       std::deque<std::string> decoded;
       for (auto member : object) {
+        detail::pollInterrupt();
         ondemand::field entry = take(std::move(member));
         std::string_view key = detail::memberName(entry, scratch_);
         if (key.data() == scratch_.data()) key = decoded.emplace_back(key);
@@ -457,6 +460,7 @@ class Encoder {
     ondemand::array array = take(value.get_array());
     size_t index = 0;
     for (auto element : array) {
+      detail::pollInterrupt();
       ondemand::value elementValue = take(std::move(element));
       single(field, elementValue, take(elementValue.type()), path.element(index++), depth);
     }

@@ -10,6 +10,7 @@
 
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/interrupts.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -401,7 +402,13 @@ void JsonInput::refuseDeeperThan(std::string_view text, size_t depth) {
     size_t position = 0;
   };
   std::vector<Open> open;
+  constexpr size_t kPollInterval = size_t{1} << 20;
+  size_t nextPoll = kPollInterval;
   for (size_t i = 0; i < text.size(); ++i) {
+    if (i >= nextPoll) {
+      detail::pollInterrupt();
+      nextPoll = i + kPollInterval;
+    }
     const char c = text[i];
     if (c == '"') {
       const size_t start = ++i;

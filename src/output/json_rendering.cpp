@@ -15,6 +15,7 @@
 #include "core/json_text.hpp"
 #include "core/utf8.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
@@ -1100,6 +1101,7 @@ class Renderer {
   // Starts a member or element at `level`: a comma after an earlier one, then the line break.
   // Where the sink takes the text: nothing written so far can be withdrawn past this point.
   void separate(bool any, int level) {
+    detail::pollInterrupt();
     if (sink_ && holds_ == 0 && out_.size() >= kFlushSize) {
       (*sink_)(out_.view());
       flushed_ += out_.size();

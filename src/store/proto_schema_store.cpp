@@ -36,6 +36,23 @@ std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& m
   return store;
 }
 
+void ProtoSchemaStore::add(const SchemaManifest& manifest) {
+  for (const auto& [name, message] : manifest.messages) {
+    const auto [it, added] = messageSchemas_.try_emplace(name, message);
+    if (added) continue;
+    if (auto* existing = std::get_if<MessageManifest>(&it->second)) {
+      existing->merge(message, MergePolicy::keepExisting);
+    }
+  }
+  for (const auto& [name, enumeration] : manifest.enums) {
+    const auto [it, added] = enumSchemas_.try_emplace(name, enumeration);
+    if (added) continue;
+    if (auto* existing = std::get_if<EnumManifest>(&it->second)) {
+      existing->merge(enumeration, MergePolicy::keepExisting);
+    }
+  }
+}
+
 std::set<std::string> ProtoSchemaStore::messageSchemaNames() const {
   std::set<std::string> names;
   for (const auto& entry : messageSchemas_) names.insert(entry.first);

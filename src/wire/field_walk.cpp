@@ -1,5 +1,6 @@
 #include "wire/field_walk.hpp"
 
+#include "ostrel/core/interrupts.hpp"
 #include "ostrel/wire/reader.hpp"
 #include "wire/value_decoding.hpp"
 
@@ -9,6 +10,7 @@ void forEachPresentField(const SchematizedDataDescribing& data, const FieldVisit
   const auto& fields = data.messageSchema()->fieldsByNumber();
   Reader reader(data.bytes());
   while (reader.hasMoreFields()) {
+    detail::pollInterrupt();
     const FieldTag tag = reader.readTag();
     const auto it = fields.find(tag.fieldNumber());
     if (it == fields.end()) {

@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <functional>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "ostrel/core/interrupts.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/json_test_support.hpp"
 #include "support/test_support.hpp"
@@ -159,6 +162,45 @@ TEST(JsonRenderingTest, RendersHandMadeBytes) {
     // Whatever the bytes hold, the text is JSON.
     EXPECT_TRUE(json::accept(render(schema, row.bytes, JsonStyle::indented)));
   }
+}
+
+// What an interrupt check throws ends the long operations with that exception, even the renderer,
+// which writes ostrel::Error faults into the text instead; without a check they run to the end.
+TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
+  struct Stop {};
+  SchemaStore store(sampleManifest());
+  const MessageSchema schema = store.messageSchema("t.Sample");
+  std::string elements;
+  std::string array = "[0";
+  std::string types = R"("m.M0": {})";
+  std::string proto = "syntax = \"proto3\"; message M { int32 a = 1; }";
+  for (int i = 1; i < 20000; ++i) {
+    elements += var(18, static_cast<uint64_t>(i));
+    array += "," + std::to_string(i);
+    types += R"(, "m.M)" + std::to_string(i) + R"(": {})";
+  }
+  proto += std::string(200000, ' ');
+  array += "]";
+  const std::string manifest = R"({"messages": {)" + types + "}}";
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"render", [&] { render(schema, elements); }},
+      {"encode", [&] { encodeJSON(schema, R"({"ri": )" + array + "}"); }},
+      {"manifest", [&] { schemaManifestFromJSON(manifest); }},
+      {"proto", [&] { schemaManifestFromProtoText(proto); }},
+  };
+  static int calls;
+  for (const auto& [name, operation] : rows) {
+    SCOPED_TRACE(name);
+    setInterruptCheck(nullptr);
+    EXPECT_NO_THROW(operation());
+    calls = 0;
+    setInterruptCheck([] {
+      if (++calls == 3) throw Stop{};
+    });
+    EXPECT_THROW(operation(), Stop);
+    EXPECT_EQ(calls, 3);
+  }
+  setInterruptCheck(nullptr);
 }
 
 TEST(JsonRenderingTest, IndentsByTwoSpacesPerLevel) {

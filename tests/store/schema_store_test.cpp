@@ -117,6 +117,28 @@ TEST(SchemaStoreTest, SchemaThatCannotBeCreatedStaysInManifestForm) {
 
 // The tool's describe command shows the descriptions of message, enum, integer and string types;
 // these are the others.
+// Types added later resolve the references that failed before; a materialised schema stays the
+// object it was, and a name still in manifest form merges the way construction merges.
+TEST(SchemaStoreTest, AddedTypesJoinWithoutChangingMaterialisedOnes) {
+  SchemaManifest order;
+  order.messages["shop.Order"] = shopManifest().messages["shop.Order"];
+  const auto store = ProtoSchemaStore::make(order);
+  const auto schema = store->messageSchema("shop.Order");
+  EXPECT_EQ(catchError([&] { schema->fieldNamed("item")->type(); }),
+            SchematizerError::schemaNotFound("shop.Item"));
+
+  SchemaManifest more = shopManifest();
+  more.messages["shop.Order"].fields["late"] = scalar(TypeManifest::string, 9);
+  more.messages["google.protobuf.FieldOptions"].fields["tag"] = scalar(TypeManifest::string, 50000);
+  store->add(more);
+  EXPECT_EQ(store->messageSchema("shop.Order"), schema);
+  EXPECT_FALSE(schema->fieldsByNumber().contains(9));
+  EXPECT_EQ(schema->fieldNamed("item")->type().messageSchema()->name(), "shop.Item");
+  EXPECT_EQ(schema->fieldNamed("state")->type().enumSchema()->valueNamed("PAID"), 1);
+  EXPECT_EQ(store->messageSchema("google.protobuf.FieldOptions")->allFieldNames(),
+            std::vector<std::string>{"tag"});
+}
+
 TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
   using C = TypeSchema::Case;
   EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(C::double_)).descriptionText(),

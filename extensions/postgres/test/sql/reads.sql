@@ -123,8 +123,14 @@ SELECT p_encode('shop.Order', '{"id": "x"}');
 SELECT p_encode('shop.Order', '{"state": "LOST"}');
 SELECT p_encode('shop.Order', '[1]');
 SELECT p_encode('t.Scalars', '{"i32": 2147483648}');
--- A string holding NUL cannot become text.
+-- A string holding NUL cannot become text or jsonb, wherever it stands; as JSON text it is an
+-- escape, and as bytes it is itself.
 SELECT p_get_text('\x5203410042'::bytea, 't.Scalars', 's');
+SELECT p_get('\x5203410042'::bytea, 't.Scalars', 's');
+SELECT p_json('\x5203410042'::bytea, 't.Scalars');
+SELECT p_get('\x0a055203410042'::bytea, 't.Holder', 'inner');
+SELECT * FROM p_each('\x7a070a034100421200'::bytea, 't.Scalars', 'children');
+SELECT p_get_text('\x0a055203410042'::bytea, 't.Holder', 'inner');
 SELECT p_get_bytea('\x5203410042'::bytea, 't.Scalars', 's');
 -- An error inside a transaction leaves the session usable.
 BEGIN;
