@@ -36,6 +36,18 @@ std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& m
   return store;
 }
 
+bool ProtoSchemaStore::addNew(const SchemaManifest& manifest) {
+  for (const auto& entry : manifest.messages) {
+    if (messageSchemas_.contains(entry.first)) return false;
+  }
+  for (const auto& entry : manifest.enums) {
+    if (enumSchemas_.contains(entry.first)) return false;
+  }
+  for (const auto& [name, value] : manifest.enums) enumSchemas_.emplace(name, value);
+  for (const auto& [name, value] : manifest.messages) messageSchemas_.emplace(name, value);
+  return true;
+}
+
 std::set<std::string> ProtoSchemaStore::messageSchemaNames() const {
   std::set<std::string> names;
   for (const auto& entry : messageSchemas_) names.insert(entry.first);

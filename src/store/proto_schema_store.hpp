@@ -32,6 +32,12 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   // every other materialised schema keeps working for whoever still holds it.
   ~ProtoSchemaStore() override;
 
+  // Adds the messages and enums of `manifest` in manifest form and returns true, when the store
+  // holds none of their names yet; otherwise returns false and adds nothing (a built-in type
+  // gaining fields needs a new store). What was materialised stays: no held name changes, so no
+  // schema handed out changes. Costs what it adds, whatever the store holds.
+  bool addNew(const SchemaManifest& manifest);
+
   std::set<std::string> messageSchemaNames() const override;
   std::set<std::string> enumSchemaNames() const override;
   bool hasMessageSchemaNamed(std::string_view name) const override;
