@@ -396,9 +396,9 @@ void refuseUnlessApplication(sqlite3_context* context, const char* function) {
   if (!calledByApplication(sqlite3_context_db_handle(context))) {
     throw std::runtime_error(
         std::string(function) +
-        " runs only from the application's own SELECT statements that call it, with no other "
-        "statement in progress; never from a CHECK constraint, trigger, view, default, generated "
-        "column or index of the database");
+        " runs only from the application's own read-only statements that call it, with no "
+        "other kind of statement in progress; never from a CHECK constraint, trigger, view, "
+        "default, generated column or index of the database");
   }
 }
 
