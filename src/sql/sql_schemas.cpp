@@ -3,10 +3,10 @@
 #include <atomic>
 
 #include "ostrel/manifest/manifest_data.hpp"
-#include "store/proto_schema_store.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "wire/field_walk.hpp"
 #include "output/map_entry.hpp"
+#include "store/proto_schema_store.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel::detail {
 namespace {

@@ -216,7 +216,10 @@ constexpr const char* kCreateTable =
 class ConnectionSchemas {
  public:
   ConnectionSchemas(sqlite3* db, SchemaManifest initial, std::optional<std::string> defaultType)
-      : db_(db), initial_(std::move(initial)), schemas_(initial_), defaultType_(std::move(defaultType)) {}
+      : db_(db),
+        initial_(std::move(initial)),
+        schemas_(initial_),
+        defaultType_(std::move(defaultType)) {}
 
   // The schemas, the table's rows read in when that is due.
   SqlSchemas& schemas() {
@@ -298,10 +301,10 @@ class ConnectionSchemas {
   // Reads every row again, over the definitions the connection started with.
   void reload() {
     SqlSchemas schemas(initial_);
-    lastRowid_ = 0;
     loaded_ = false;
     inTransaction_ = false;
-    schemas.add(rowsAfter(0));
+    int64_t last = 0;
+    schemas.add(rowsAfter(0, last));
     if (defaultType_) {
       try {
         schemas.setDefaultType(*defaultType_);
@@ -311,20 +314,23 @@ class ConnectionSchemas {
       }
     }
     schemas_ = std::move(schemas);
+    lastRowid_ = last;
     loaded_ = true;
   }
 
   // Reads the rows added since the last read; true when there were any.
   bool readNewRows() {
-    const int64_t before = lastRowid_;
-    const SchemaManifest added = rowsAfter(lastRowid_);
-    if (lastRowid_ == before) return false;
+    int64_t last = lastRowid_;
+    const SchemaManifest added = rowsAfter(lastRowid_, last);
+    if (last == lastRowid_) return false;
     schemas_.add(added);
+    lastRowid_ = last;
     return true;
   }
 
-  // The definitions of the rows after `rowid`, advancing lastRowid_ past them. No table: none.
-  SchemaManifest rowsAfter(int64_t rowid) {
+  // The definitions of the rows after `rowid`; `last` becomes the rowid of the last one read. No
+  // table: none.
+  SchemaManifest rowsAfter(int64_t rowid, int64_t& last) {
     SchemaManifest manifest;
     {
       Statement exists(db_,
@@ -336,12 +342,10 @@ class ConnectionSchemas {
                    "SELECT rowid, definition FROM main.ostrel_schemas WHERE rowid > ?1 "
                    "ORDER BY rowid");
     rows.bind(1, rowid);
-    int64_t last = rowid;
     while (rows.step()) {
       manifest.merge(schemaManifestFromJSON(rows.text(1)), MergePolicy::requireEqual);
       last = rows.integer(0);
     }
-    lastRowid_ = last;
     return manifest;
   }
 
@@ -369,8 +373,8 @@ ConnectionSchemas& connectionOf(sqlite3_context* context) {
 // registration functions by name in its own text.
 bool calledByApplication(sqlite3* db) {
   static constexpr std::string_view kNames[] = {"ostrel_register_descriptor_set",
-                                                "ostrel_register_manifest",
-                                                "ostrel_register_proto", "ostrel_default_type"};
+                                                "ostrel_register_manifest", "ostrel_register_proto",
+                                                "ostrel_default_type"};
   for (sqlite3_stmt* statement = sqlite3_next_stmt(db, nullptr); statement;
        statement = sqlite3_next_stmt(db, statement)) {
     if (!sqlite3_stmt_busy(statement)) continue;
@@ -492,8 +496,9 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
 void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
-    const MessageSchema schema = connectionOf(context).withSchemas(
-        [&](const SqlSchemas& schemas) { return schemas.messageSchema(textArgument(arguments[0])); });
+    const MessageSchema schema = connectionOf(context).withSchemas([&](const SqlSchemas& schemas) {
+      return schemas.messageSchema(textArgument(arguments[0]));
+    });
     const SchematizedData data = encodeJSON(schema, textArgument(arguments[1]));
     resultBlob(context, data.bytes());
   });
@@ -644,8 +649,7 @@ int eachFilter(sqlite3_vtab_cursor* base, int count, const char*, int, sqlite3_v
     const std::string_view path = textArgument(arguments[count - 1]);
     const ResolvedRepeated* cached = cursor->resolved.get();
     if (!cached || cached->pathText != path ||
-        (typed ? cached->type != *type
-               : cached->generation != connection.schemas().generation())) {
+        (typed ? cached->type != *type : cached->generation != connection.schemas().generation())) {
       cursor->resolved = connection.withSchemas(
           [&](const SqlSchemas& schemas) { return resolveRepeated(schemas, type, path); });
     }
