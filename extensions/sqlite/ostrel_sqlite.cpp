@@ -6,10 +6,8 @@
 SQLITE_EXTENSION_INIT1
 
 #include <exception>
-#include <memory>
 #include <new>
 
-#include "sql/sql_schemas.hpp"
 #include "sql/sqlite_function_set.hpp"
 
 extern "C" __attribute__((visibility("default"))) int sqlite3_ostrelsqlite_init(
@@ -23,8 +21,7 @@ extern "C" __attribute__((visibility("default"))) int sqlite3_ostrelsqlite_init(
     return SQLITE_ERROR;
   }
   try {
-    ostrel::detail::sqlite_loadable::registerFunctionSet(
-        db, std::make_shared<ostrel::detail::SqlSchemas>());
+    ostrel::detail::sqlite_loadable::registerFunctionSet(db, {}, std::nullopt);
     return SQLITE_OK;
   } catch (const std::bad_alloc&) {
     return SQLITE_NOMEM;

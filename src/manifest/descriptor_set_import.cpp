@@ -85,6 +85,9 @@ class DescriptorSetReader {
       throw SchemaManifestDSCError::invalidValueType(
           detail::faultText(fault->first, fault->second));
     }
+    if (const auto change = detail::builtinTypeChange(manifest_)) {
+      throw MergeConflict::conflict(change->second);
+    }
     return std::move(manifest_);
   }
 
@@ -127,7 +130,11 @@ class DescriptorSetReader {
         message.options = rawBytes(item);
       } else if (property == "field") {
         if (auto field = readField(detail::nestedPath(path, name), item)) {
-          message.fields.insert_or_assign(std::move(field->first), std::move(field->second));
+          if (message.fields.contains(field->first)) {
+            throw SchemaManifestDSCError::invalidValueType(detail::faultText(
+                detail::fullName(path, name), detail::repeatedFieldName(field->first)));
+          }
+          message.fields.emplace(std::move(field->first), std::move(field->second));
         }
       } else if (property == "oneof_decl") {
         message.oneofs.push_back(readOneof(item));

@@ -395,7 +395,13 @@ Json writeEnum(const EnumManifest& enumManifest, const Path& path) {
 }  // namespace
 
 SchemaManifest schemaManifestFromJSON(std::string_view json) {
-  return readManifest(parseDocument(json), rootPath());
+  SchemaManifest manifest = readManifest(parseDocument(json), rootPath());
+  if (const auto change = detail::builtinTypeChange(manifest)) {
+    const bool message = manifest.messages.contains(change->first);
+    fail(rootPath().member(message ? "messages" : "enums").key(change->first),
+         "changes a built-in descriptor type (" + change->second + ")");
+  }
+  return manifest;
 }
 
 std::string schemaManifestToJSON(const SchemaManifest& manifest, bool pretty) {

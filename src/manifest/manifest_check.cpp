@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "ostrel/manifest/manifest_data.hpp"
+
 namespace ostrel::detail {
 namespace {
 
@@ -86,6 +88,36 @@ std::optional<std::pair<std::string, MessageFault>> fieldNumberFault(
     std::optional<MessageFault> fault = numberRangeFault(message);
     if (!fault) fault = repeatedNumberFault(message);
     if (fault) return std::pair{name, std::move(*fault)};
+  }
+  return std::nullopt;
+}
+
+MessageFault repeatedFieldName(const std::string& name) {
+  return MessageFault{name, std::nullopt, "name", "the name occurs twice"};
+}
+
+std::optional<std::pair<std::string, std::string>> builtinTypeChange(
+    const SchemaManifest& manifest) {
+  const SchemaManifest& builtin = builtinDescriptorManifest();
+  for (const auto& [name, message] : manifest.messages) {
+    const auto found = builtin.messages.find(name);
+    if (found == builtin.messages.end()) continue;
+    try {
+      MessageManifest merged = found->second;
+      merged.merge(message, MergePolicy::requireEqual);
+    } catch (const MergeConflict& conflict) {
+      return std::pair{name, conflict.text()};
+    }
+  }
+  for (const auto& [name, enumManifest] : manifest.enums) {
+    const auto found = builtin.enums.find(name);
+    if (found == builtin.enums.end()) continue;
+    try {
+      EnumManifest merged = found->second;
+      merged.merge(enumManifest, MergePolicy::requireEqual);
+    } catch (const MergeConflict& conflict) {
+      return std::pair{name, conflict.text()};
+    }
   }
   return std::nullopt;
 }

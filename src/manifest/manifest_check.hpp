@@ -43,6 +43,18 @@ std::optional<MessageFault> messageFault(const MessageManifest& message);
 std::optional<std::pair<std::string, MessageFault>> fieldNumberFault(
     const SchemaManifest& manifest);
 
+// The fault of a second field named `name` in one message: protobuf refuses a message declaring
+// a name twice, and a manifest, keyed by name, would silently keep only one of them.
+MessageFault repeatedFieldName(const std::string& name);
+
+// The first message or enum of `manifest` that defines a type of the built-in descriptor manifest
+// differently, as its name and the text of the MergeConflict that merging it under
+// MergePolicy::requireEqual raises. The built-in definitions are what every store reads
+// descriptors with, so a changed one would be silently ignored; fields added to a built-in message
+// (extensions of the options messages) are no change.
+std::optional<std::pair<std::string, std::string>> builtinTypeChange(
+    const SchemaManifest& manifest);
+
 // `Message "a.M" field "x": <text>`, or `Message "a.M": <text>` for a oneof's fault.
 std::string faultText(std::string_view messageName, const MessageFault& fault);
 

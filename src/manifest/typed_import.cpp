@@ -38,6 +38,9 @@ class TypedDescriptorReader {
       throw SchemaManifestJSONError::invalidValueType(
           detail::faultText(fault->first, fault->second));
     }
+    if (const auto change = detail::builtinTypeChange(manifest_)) {
+      throw MergeConflict::conflict(change->second);
+    }
     return std::move(manifest_);
   }
 
@@ -56,7 +59,11 @@ class TypedDescriptorReader {
     const NamePath inner = detail::nestedPath(path, descriptor.name());
     for (const pb::FieldDescriptorProto& field : descriptor.field()) {
       if (auto read = readField(inner, field)) {
-        message.fields.insert_or_assign(std::move(read->first), std::move(read->second));
+        if (message.fields.contains(read->first)) {
+          throw SchemaManifestJSONError::invalidValueType(detail::faultText(
+              detail::fullName(path, descriptor.name()), detail::repeatedFieldName(read->first)));
+        }
+        message.fields.emplace(std::move(read->first), std::move(read->second));
       }
     }
     for (const pb::DescriptorProto& nested : descriptor.nested_type()) readMessage(inner, nested);

@@ -667,7 +667,8 @@ class Encoder {
           const size_t comma = std::min(text.find(',', start), text.size());
           std::optional<std::string> maskPath =
               detail::fieldMaskPathFromJson(text.substr(start, comma - start));
-          if (!maskPath) expected(path, "paths in lowerCamelCase");
+          // An empty path names no field: "a,,b" and "a," are refused, not kept with a "".
+          if (!maskPath || maskPath->empty()) expected(path, "paths in lowerCamelCase");
           writeValue(entry, 1, detail::AnyValueImpl::string(std::move(*maskPath)));
           start = comma + 1;
         }

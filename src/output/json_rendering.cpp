@@ -1175,8 +1175,10 @@ std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style) {
 
 void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
                 const JsonOptions& options) {
+  // The buffer is sized for the record's text, whose room is zero-filled once: a small record
+  // must not pay for the flush size. Larger texts grow it, up to about the flush size.
   std::string buffer;
-  buffer.reserve(kFlushSize + kFlushSize / 4);
+  buffer.reserve(std::min(kFlushSize + kFlushSize / 4, 2 * data.bytes().size() + 256));
   Renderer renderer(buffer, options, &sink);
   renderer.topLevel(*data.messageSchema(), data.bytes());
   renderer.finish();

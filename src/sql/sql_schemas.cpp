@@ -1,18 +1,26 @@
 #include "sql/sql_schemas.hpp"
 
+#include <atomic>
+
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "wire/field_walk.hpp"
 #include "output/map_entry.hpp"
+#include "store/proto_schema_store.hpp"
+#include "wire/field_walk.hpp"
 
 namespace ostrel::detail {
 namespace {
 
+// The records of `incoming` whose names `registered` lacks, into `fresh`; a name registered with
+// another record is refused.
 template <typename Records>
-void refuseChanges(const Records& registered, const Records& incoming, const char* kind) {
+void collectUnregistered(const Records& registered, const Records& incoming, const char* kind,
+                         Records& fresh) {
   for (const auto& [name, record] : incoming) {
     const auto found = registered.find(name);
-    if (found != registered.end() && !(found->second == record)) {
+    if (found == registered.end()) {
+      fresh.emplace(name, record);
+    } else if (!(found->second == record)) {
       throw MergeConflict::conflict(std::string(kind) + " \"" + name +
                                     "\" is already registered with another definition; register "
                                     "a changed definition under a new name");
@@ -20,18 +28,15 @@ void refuseChanges(const Records& registered, const Records& incoming, const cha
   }
 }
 
-bool addsAnything(const SchemaManifest& registered, const SchemaManifest& incoming) {
-  for (const auto& entry : incoming.messages) {
-    if (!registered.messages.contains(entry.first)) return true;
-  }
-  for (const auto& entry : incoming.enums) {
-    if (!registered.enums.contains(entry.first)) return true;
-  }
-  return false;
-}
-
 MessageSchema schemaFor(const SqlSchemas& schemas, std::optional<std::string_view> type) {
   return type ? schemas.messageSchema(*type) : schemas.defaultSchema();
+}
+
+// Generations are unique across all SqlSchemas of the process, so that a resolution cached under
+// one never passes for current under another that replaced it.
+uint64_t nextGeneration() {
+  static std::atomic<uint64_t> counter{0};
+  return ++counter;
 }
 
 constexpr int kMaxDepth = 100;
@@ -49,40 +54,38 @@ void checkMessage(const SchematizedDataDescribing& message, int depth) {
 }  // namespace
 
 SqlSchemas::SqlSchemas(SchemaManifest registered, std::optional<std::string> defaultType)
-    : registered_(std::move(registered)), store_(registered_) {
+    : registered_(std::move(registered)), store_(registered_), generation_(nextGeneration()) {
   if (defaultType) setDefaultType(*defaultType);
 }
 
+SchemaManifest SqlSchemas::unregistered(const SchemaManifest& incoming) const {
+  SchemaManifest fresh;
+  collectUnregistered(registered_.messages, incoming.messages, "Message type", fresh.messages);
+  collectUnregistered(registered_.enums, incoming.enums, "Enum type", fresh.enums);
+  return fresh;
+}
+
 size_t SqlSchemas::add(const SchemaManifest& incoming) {
-  refuseChanges(registered_.messages, incoming.messages, "Message type");
-  refuseChanges(registered_.enums, incoming.enums, "Enum type");
-  // The same definitions again: keep the store, and with it every schema materialised so far.
-  if (!addsAnything(registered_, incoming)) return registered_.messages.size();
-  SchemaManifest merged = registered_;
-  merged.merge(incoming, MergePolicy::requireEqual);
-  SchemaStore store(merged);
-  registered_ = std::move(merged);
-  store_ = std::move(store);
-  ++generation_;
+  SchemaManifest fresh = unregistered(incoming);
+  if (fresh.messages.empty() && fresh.enums.empty()) return registered_.messages.size();
+  // New names go into the store as they are, keeping every schema materialised so far; only a
+  // materialised name the store holds already (a built-in type gaining fields) needs a new store.
+  auto* proto = dynamic_cast<ProtoSchemaStore*>(store_.impl().get());
+  if (!proto || !proto->add(fresh)) {
+    SchemaManifest merged = registered_;
+    merged.merge(fresh, MergePolicy::requireEqual);
+    store_ = SchemaStore(merged);
+  }
+  for (auto& [name, message] : fresh.messages) registered_.messages.emplace(name, std::move(message));
+  for (auto& [name, enumeration] : fresh.enums) registered_.enums.emplace(name, std::move(enumeration));
+  generation_ = nextGeneration();
   return registered_.messages.size();
-}
-
-size_t SqlSchemas::addDescriptorSet(ByteView bytes) {
-  return add(schemaManifestFromDescriptorSet(bytes));
-}
-
-size_t SqlSchemas::addManifestJSON(std::string_view json) {
-  return add(schemaManifestFromJSON(json));
-}
-
-size_t SqlSchemas::addProtoText(std::string_view text) {
-  return add(schemaManifestFromProtoText(text));
 }
 
 void SqlSchemas::setDefaultType(std::string_view name) {
   store_.messageSchema(name);
   defaultType_ = std::string(name);
-  ++generation_;
+  generation_ = nextGeneration();
 }
 
 MessageSchema SqlSchemas::defaultSchema() const {

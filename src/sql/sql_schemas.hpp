@@ -17,7 +17,7 @@
 
 namespace ostrel::detail {
 
-// The schemas registered on one connection. Definitions only ever grow: a type, once registered,
+// The schemas known to one connection. Definitions only ever grow: a type, once registered,
 // keeps its definition, so that a deterministic function's result over a stored record never
 // changes under an index built from it.
 class SqlSchemas {
@@ -25,14 +25,14 @@ class SqlSchemas {
   explicit SqlSchemas(SchemaManifest registered = {},
                       std::optional<std::string> defaultType = std::nullopt);
 
-  // Merges `incoming` into the registered definitions and returns how many message types are
-  // registered in all. A message or enum already registered with another definition is refused
-  // with MergeConflict naming it; the same definition again changes nothing. On any failure
-  // nothing is registered.
+  // The messages and enums of `incoming` not registered yet. Throws MergeConflict naming a message
+  // or enum already registered with another definition; the same definition again is no change.
+  SchemaManifest unregistered(const SchemaManifest& incoming) const;
+
+  // Registers what `incoming` adds, refusing changes as unregistered() does, and returns how many
+  // message types are registered in all. Costs what it adds, not what is registered already. On
+  // any failure nothing is registered.
   size_t add(const SchemaManifest& incoming);
-  size_t addDescriptorSet(ByteView bytes);
-  size_t addManifestJSON(std::string_view json);
-  size_t addProtoText(std::string_view text);
 
   // Names the message type the forms without a type argument read. Throws
   // SchematizerError::schemaNotFound when no such message type is registered.
@@ -46,15 +46,15 @@ class SqlSchemas {
 
   const SchemaStore& store() const noexcept { return store_; }
   const SchemaManifest& registered() const noexcept { return registered_; }
-  // Changes whenever the store or the default type changes: what was resolved against an older
-  // generation must be resolved again when it depends on the default type.
+  // Changes whenever the default type changes or types are added: what was resolved against an
+  // older generation must be resolved again when it depends on the default type.
   uint64_t generation() const noexcept { return generation_; }
 
  private:
   SchemaManifest registered_;
   SchemaStore store_;
   std::optional<std::string> defaultType_;
-  uint64_t generation_ = 0;
+  uint64_t generation_;
 };
 
 // A property path resolved against one message type, kept for the rows of a statement. It holds

@@ -9,6 +9,7 @@ SQLITE_EXTENSION_INIT3
 #define OSTREL_SQLITE_NAMESPACE sqlite_linked
 #endif
 
+#include <cctype>
 #include <limits>
 #include <memory>
 #include <new>
@@ -17,6 +18,7 @@ SQLITE_EXTENSION_INIT3
 #include <string_view>
 #include <vector>
 
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/sql/sql.hpp"
@@ -134,8 +136,274 @@ bool anyNull(int count, sqlite3_value** arguments) {
   return false;
 }
 
-SqlSchemas& schemasOf(sqlite3_context* context) {
-  return **static_cast<std::shared_ptr<SqlSchemas>*>(sqlite3_user_data(context));
+// One prepared statement on the connection, finalized when it goes. Throws std::runtime_error
+// with SQLite's message when SQLite refuses it.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) fail();
+  }
+  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  void bind(int index, int64_t value) { check(sqlite3_bind_int64(statement_, index, value)); }
+  void bind(int index, std::string_view text) {
+    check(sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT,
+                              SQLITE_UTF8));
+  }
+  // Steps once: true for a row, false when done.
+  bool step() {
+    const int status = sqlite3_step(statement_);
+    if (status == SQLITE_ROW) return true;
+    if (status != SQLITE_DONE) fail();
+    return false;
+  }
+  // Steps to the end, then resets, keeping the bindings.
+  void run() {
+    while (step()) {
+    }
+    sqlite3_reset(statement_);
+  }
+  int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+  std::string_view text(int column) const {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
+    return text ? std::string_view(text, size) : std::string_view();
+  }
+
+ private:
+  void check(int status) {
+    if (status != SQLITE_OK) fail();
+  }
+  [[noreturn]] void fail() { throw std::runtime_error(sqlite3_errmsg(db_)); }
+
+  sqlite3* db_;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+void execute(sqlite3* db, const char* sql) {
+  char* error = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+    std::string text = error ? error : sqlite3_errmsg(db);
+    sqlite3_free(error);
+    throw std::runtime_error(text);
+  }
+}
+
+// The registered types of a database: one row per message or enum type, its definition the JSON
+// manifest of that one type. Rows are only ever added, which the triggers enforce against plain
+// SQL too: a name keeps its definition for good.
+constexpr const char* kCreateTable =
+    "CREATE TABLE IF NOT EXISTS main.ostrel_schemas ("
+    "name TEXT PRIMARY KEY NOT NULL, is_message INTEGER NOT NULL, definition TEXT NOT NULL);"
+    "CREATE TRIGGER IF NOT EXISTS main.ostrel_schemas_no_update BEFORE UPDATE ON ostrel_schemas "
+    "BEGIN SELECT RAISE(ABORT, 'registered ostrel schemas cannot be changed or removed; "
+    "register a new name'); END;"
+    "CREATE TRIGGER IF NOT EXISTS main.ostrel_schemas_no_delete BEFORE DELETE ON ostrel_schemas "
+    "BEGIN SELECT RAISE(ABORT, 'registered ostrel schemas cannot be changed or removed; "
+    "register a new name'); END;";
+
+// The schemas of one connection, kept in step with its database's table of registered types.
+//
+// Every type registered through any connection is a row of main.ostrel_schemas, so a type name
+// means the same to every connection of a database: an index built through one stays right for
+// rows written through another, and no connection can register a second definition. Each
+// connection reads all rows on first use, and the rows added since (by other connections) when it
+// is asked for a name it does not know; a known name never needs the table again, since its
+// definition cannot change. A registration made inside a transaction is undone with it: once the
+// transaction has ended, the rows are read again.
+class ConnectionSchemas {
+ public:
+  ConnectionSchemas(sqlite3* db, SchemaManifest initial, std::optional<std::string> defaultType)
+      : db_(db),
+        initial_(std::move(initial)),
+        schemas_(initial_),
+        defaultType_(std::move(defaultType)) {}
+
+  // The schemas, the table's rows read in when that is due.
+  SqlSchemas& schemas() {
+    if (!loaded_ || (inTransaction_ && sqlite3_get_autocommit(db_))) reload();
+    return schemas_;
+  }
+
+  // Runs `body` over the schemas; when it fails for a type name not known here, reads the rows
+  // other connections added since and runs it once more.
+  template <typename Body>
+  auto withSchemas(Body&& body) -> decltype(body(std::declval<SqlSchemas&>())) {
+    SqlSchemas& current = schemas();
+    try {
+      return body(current);
+    } catch (const SchematizerError& error) {
+      if (error.code() != SchematizerError::Code::schemaNotFound &&
+          error.code() != SchematizerError::Code::enumNotFound) {
+        throw;
+      }
+      if (!readNewRows()) throw;
+    }
+    return body(schemas_);
+  }
+
+  // Stores the types `incoming` adds in the table and the connection's schemas, refusing a
+  // changed definition of a stored type (MergeConflict); returns how many message types are
+  // registered in all.
+  size_t add(const SchemaManifest& incoming) {
+    schemas();
+    readNewRows();
+    const SchemaManifest fresh = schemas_.unregistered(incoming);
+    if (fresh.messages.empty() && fresh.enums.empty()) return schemas_.registered().messages.size();
+    execute(db_, "SAVEPOINT ostrel_register");
+    int64_t last = lastRowid_;
+    try {
+      execute(db_, kCreateTable);
+      Statement insert(db_,
+                       "INSERT INTO main.ostrel_schemas (name, is_message, definition) "
+                       "VALUES (?1, ?2, ?3)");
+      const auto store = [&](const std::string& name, bool message, const SchemaManifest& one) {
+        insert.bind(1, name);
+        insert.bind(2, int64_t{message ? 1 : 0});
+        insert.bind(3, schemaManifestToJSON(one));
+        insert.run();
+        last = sqlite3_last_insert_rowid(db_);
+      };
+      for (const auto& [name, message] : fresh.messages) {
+        SchemaManifest one;
+        one.messages.emplace(name, message);
+        store(name, true, one);
+      }
+      for (const auto& [name, enumeration] : fresh.enums) {
+        SchemaManifest one;
+        one.enums.emplace(name, enumeration);
+        store(name, false, one);
+      }
+      schemas_.add(fresh);
+      execute(db_, "RELEASE ostrel_register");
+    } catch (...) {
+      sqlite3_exec(db_, "ROLLBACK TO ostrel_register; RELEASE ostrel_register", nullptr, nullptr,
+                   nullptr);
+      // The connection's schemas may hold what the table does not: read them again.
+      loaded_ = false;
+      throw;
+    }
+    lastRowid_ = last;
+    inTransaction_ = inTransaction_ || !sqlite3_get_autocommit(db_);
+    return schemas_.registered().messages.size();
+  }
+
+  // Names the default type, kept across rereads of the table.
+  const std::string& setDefaultType(std::string_view name) {
+    withSchemas([&](SqlSchemas& schemas) { schemas.setDefaultType(name); });
+    defaultType_ = *schemas_.defaultType();
+    return *defaultType_;
+  }
+
+ private:
+  // Reads every row again, over the definitions the connection started with.
+  void reload() {
+    SqlSchemas schemas(initial_);
+    loaded_ = false;
+    inTransaction_ = false;
+    int64_t last = 0;
+    schemas.add(rowsAfter(0, last));
+    if (defaultType_) {
+      try {
+        schemas.setDefaultType(*defaultType_);
+      } catch (const SchematizerError&) {
+        // The default type's registration was rolled back.
+        defaultType_.reset();
+      }
+    }
+    schemas_ = std::move(schemas);
+    lastRowid_ = last;
+    loaded_ = true;
+  }
+
+  // Reads the rows added since the last read; true when there were any.
+  bool readNewRows() {
+    int64_t last = lastRowid_;
+    const SchemaManifest added = rowsAfter(lastRowid_, last);
+    if (last == lastRowid_) return false;
+    schemas_.add(added);
+    lastRowid_ = last;
+    return true;
+  }
+
+  // The definitions of the rows after `rowid`; `last` becomes the rowid of the last one read. No
+  // table: none.
+  SchemaManifest rowsAfter(int64_t rowid, int64_t& last) {
+    SchemaManifest manifest;
+    {
+      Statement exists(db_,
+                       "SELECT 1 FROM main.sqlite_master WHERE type = 'table' AND "
+                       "name = 'ostrel_schemas'");
+      if (!exists.step()) return manifest;
+    }
+    Statement rows(db_,
+                   "SELECT rowid, definition FROM main.ostrel_schemas WHERE rowid > ?1 "
+                   "ORDER BY rowid");
+    rows.bind(1, rowid);
+    while (rows.step()) {
+      manifest.merge(schemaManifestFromJSON(rows.text(1)), MergePolicy::requireEqual);
+      last = rows.integer(0);
+    }
+    return manifest;
+  }
+
+  sqlite3* db_;
+  SchemaManifest initial_;
+  SqlSchemas schemas_;
+  std::optional<std::string> defaultType_;
+  int64_t lastRowid_ = 0;
+  bool loaded_ = false;
+  // Whether types were registered inside a transaction that had not ended then.
+  bool inTransaction_ = false;
+};
+
+ConnectionSchemas& connectionOf(sqlite3_context* context) {
+  return **static_cast<std::shared_ptr<ConnectionSchemas>*>(sqlite3_user_data(context));
+}
+
+// Whether the statements running on the connection are ones the application wrote to call a
+// registration function. Registration and the default type change what every later read means,
+// so nothing stored in a database file may call them. SQLite refuses direct-only functions in
+// views and triggers, but 3.40 still runs them from CHECK constraints, and from generated columns
+// and indexes whose schema was read before the extension was loaded. Those run inside statements
+// that write, or inside reads that never name the function (a SELECT of a generated column,
+// PRAGMA integrity_check). So every statement in progress must be read-only and call one of the
+// registration functions by name in its own text.
+bool calledByApplication(sqlite3* db) {
+  static constexpr std::string_view kNames[] = {"ostrel_register_descriptor_set",
+                                                "ostrel_register_manifest", "ostrel_register_proto",
+                                                "ostrel_default_type"};
+  for (sqlite3_stmt* statement = sqlite3_next_stmt(db, nullptr); statement;
+       statement = sqlite3_next_stmt(db, statement)) {
+    if (!sqlite3_stmt_busy(statement)) continue;
+    if (!sqlite3_stmt_readonly(statement)) return false;
+    const char* sql = sqlite3_sql(statement);
+    std::string text = sql ? sql : "";
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    bool calls = false;
+    for (const std::string_view name : kNames) {
+      for (size_t at = text.find(name); at != std::string::npos && !calls;
+           at = text.find(name, at + 1)) {
+        size_t next = at + name.size();
+        while (next < text.size() && std::isspace(static_cast<unsigned char>(text[next]))) ++next;
+        calls = next < text.size() && text[next] == '(';
+      }
+    }
+    if (!calls) return false;
+  }
+  return true;
+}
+
+void refuseUnlessApplication(sqlite3_context* context, const char* function) {
+  if (!calledByApplication(sqlite3_context_db_handle(context))) {
+    throw std::runtime_error(
+        std::string(function) +
+        " runs only from the application's own read-only statements that call it, with no "
+        "other kind of statement in progress; never from a CHECK constraint, trigger, view, "
+        "default, generated column or index of the database");
+  }
 }
 
 // Resolves the path argument of a read once per statement: SQLite keeps the result with the
@@ -147,15 +415,18 @@ class PathArgument {
   PathArgument(sqlite3_context* context, int count, sqlite3_value** arguments)
       : context_(context), pathIndex_(count - 1) {
     const bool typed = count == 3;
-    const SqlSchemas& schemas = schemasOf(context);
+    ConnectionSchemas& connection = connectionOf(context);
     const std::optional<std::string_view> type =
         typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
     auto* cached = static_cast<ResolvedPath*>(sqlite3_get_auxdata(context, pathIndex_));
-    if (cached && (typed ? cached->type == *type : cached->generation == schemas.generation())) {
+    if (cached &&
+        (typed ? cached->type == *type : cached->generation == connection.schemas().generation())) {
       path_ = cached;
       return;
     }
-    fresh_ = resolvePath(schemas, type, textArgument(arguments[pathIndex_]));
+    const std::string_view path = textArgument(arguments[pathIndex_]);
+    fresh_ = connection.withSchemas(
+        [&](const SqlSchemas& schemas) { return resolvePath(schemas, type, path); });
     path_ = fresh_.get();
   }
 
@@ -211,9 +482,10 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
     const ByteView record = recordArgument(arguments[0]);
-    const SqlSchemas& schemas = schemasOf(context);
-    const MessageSchema schema =
-        count == 2 ? schemas.messageSchema(textArgument(arguments[1])) : schemas.defaultSchema();
+    const MessageSchema schema = connectionOf(context).withSchemas([&](const SqlSchemas& schemas) {
+      return count == 2 ? schemas.messageSchema(textArgument(arguments[1]))
+                        : schemas.defaultSchema();
+    });
     const UnsafeSchematizedData data(schema.impl(), record);
     checkRecord(data);
     resultText(context, renderJSON(data));
@@ -224,7 +496,9 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
 void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
-    const MessageSchema schema = schemasOf(context).messageSchema(textArgument(arguments[0]));
+    const MessageSchema schema = connectionOf(context).withSchemas([&](const SqlSchemas& schemas) {
+      return schemas.messageSchema(textArgument(arguments[0]));
+    });
     const SchematizedData data = encodeJSON(schema, textArgument(arguments[1]));
     resultBlob(context, data.bytes());
   });
@@ -233,10 +507,11 @@ void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
 void registerDescriptorSet(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
+    refuseUnlessApplication(context, "ostrel_register_descriptor_set");
     const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(arguments[0]));
     const auto size = static_cast<size_t>(sqlite3_value_bytes(arguments[0]));
-    const size_t total =
-        schemasOf(context).addDescriptorSet(bytes ? ByteView(bytes, size) : ByteView());
+    const size_t total = connectionOf(context).add(
+        schemaManifestFromDescriptorSet(bytes ? ByteView(bytes, size) : ByteView()));
     sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
   });
 }
@@ -244,7 +519,9 @@ void registerDescriptorSet(sqlite3_context* context, int count, sqlite3_value** 
 void registerManifest(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
-    const size_t total = schemasOf(context).addManifestJSON(textArgument(arguments[0]));
+    refuseUnlessApplication(context, "ostrel_register_manifest");
+    const size_t total =
+        connectionOf(context).add(schemaManifestFromJSON(textArgument(arguments[0])));
     sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
   });
 }
@@ -252,17 +529,18 @@ void registerManifest(sqlite3_context* context, int count, sqlite3_value** argum
 void registerProto(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
-    const size_t total = schemasOf(context).addProtoText(textArgument(arguments[0]));
+    refuseUnlessApplication(context, "ostrel_register_proto");
+    const size_t total =
+        connectionOf(context).add(schemaManifestFromProtoText(textArgument(arguments[0])));
     sqlite3_result_int64(context, static_cast<sqlite3_int64>(total));
   });
 }
 
-void defaultType(sqlite3_context* context, int count, sqlite3_value** arguments) {
+void setDefaultType(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
-    SqlSchemas& schemas = schemasOf(context);
-    schemas.setDefaultType(textArgument(arguments[0]));
-    resultText(context, *schemas.defaultType());
+    refuseUnlessApplication(context, "ostrel_default_type");
+    resultText(context, connectionOf(context).setDefaultType(textArgument(arguments[0])));
   });
 }
 
@@ -273,7 +551,7 @@ enum EachColumn { kIndex, kKey, kValue, kRecord, kTypeOrPath, kPath };
 
 struct EachTable {
   sqlite3_vtab base{};
-  std::shared_ptr<SqlSchemas> schemas;
+  std::shared_ptr<ConnectionSchemas> connection;
 };
 
 struct EachCursor {
@@ -301,7 +579,7 @@ int eachConnect(sqlite3* db, void* userData, int, const char* const*, sqlite3_vt
   sqlite3_vtab_config(db, SQLITE_VTAB_INNOCUOUS);
   auto* created = new (std::nothrow) EachTable;
   if (!created) return SQLITE_NOMEM;
-  created->schemas = *static_cast<std::shared_ptr<SqlSchemas>*>(userData);
+  created->connection = *static_cast<std::shared_ptr<ConnectionSchemas>*>(userData);
   *table = &created->base;
   return SQLITE_OK;
 }
@@ -364,15 +642,16 @@ int eachFilter(sqlite3_vtab_cursor* base, int count, const char*, int, sqlite3_v
   cursor->row = 0;
   if (count < 2 || anyNull(count, arguments)) return SQLITE_OK;
   try {
-    const SqlSchemas& schemas = *reinterpret_cast<EachTable*>(base->pVtab)->schemas;
+    ConnectionSchemas& connection = *reinterpret_cast<EachTable*>(base->pVtab)->connection;
     const bool typed = count == 3;
     const std::optional<std::string_view> type =
         typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
     const std::string_view path = textArgument(arguments[count - 1]);
     const ResolvedRepeated* cached = cursor->resolved.get();
     if (!cached || cached->pathText != path ||
-        (typed ? cached->type != *type : cached->generation != schemas.generation())) {
-      cursor->resolved = resolveRepeated(schemas, type, path);
+        (typed ? cached->type != *type : cached->generation != connection.schemas().generation())) {
+      cursor->resolved = connection.withSchemas(
+          [&](const SqlSchemas& schemas) { return resolveRepeated(schemas, type, path); });
     }
     cursor->elements = iterateElements(recordArgument(arguments[0]), *cursor->resolved);
     if (cursor->elements) cursor->current = cursor->elements->next();
@@ -465,11 +744,11 @@ const sqlite3_module& eachModule() {
 
 using Function = void (*)(sqlite3_context*, int, sqlite3_value**);
 
-void deleteSchemas(void* p) { delete static_cast<std::shared_ptr<SqlSchemas>*>(p); }
+void deleteSchemas(void* p) { delete static_cast<std::shared_ptr<ConnectionSchemas>*>(p); }
 
 void createFunction(sqlite3* db, const char* name, int arguments, int flags, Function function,
-                    const std::shared_ptr<SqlSchemas>& schemas) {
-  auto* shared = new std::shared_ptr<SqlSchemas>(schemas);
+                    const std::shared_ptr<ConnectionSchemas>& schemas) {
+  auto* shared = new std::shared_ptr<ConnectionSchemas>(schemas);
   // On failure SQLite has already called the destructor of the user data.
   if (sqlite3_create_function_v2(db, name, arguments, SQLITE_UTF8 | flags, shared, function,
                                  nullptr, nullptr, deleteSchemas) != SQLITE_OK) {
@@ -479,12 +758,15 @@ void createFunction(sqlite3* db, const char* name, int arguments, int flags, Fun
 
 }  // namespace
 
-void registerFunctionSet(sqlite3* db, std::shared_ptr<SqlSchemas> schemas) {
+void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
+                         std::optional<std::string> defaultType) {
+  auto schemas = std::make_shared<ConnectionSchemas>(db, std::move(manifest), std::nullopt);
+  if (defaultType) schemas->setDefaultType(*defaultType);
   // Reads: the same arguments always give the same result, and nothing outside the arguments is
   // touched, so indexes may be built on them and untrusted schemas (views, triggers) may use them.
   constexpr int kRead = SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
-  // Registration changes the connection's state: only statements the application runs itself
-  // may call it, never a view or trigger stored in a database file.
+  // Registration changes what the connection's reads mean: only statements the application runs
+  // itself may call it (see calledByApplication), never anything stored in a database file.
   constexpr int kRegister = SQLITE_DIRECTONLY;
   createFunction(db, "P_GET", 2, kRead, pGet, schemas);
   createFunction(db, "P_GET", 3, kRead, pGet, schemas);
@@ -497,9 +779,9 @@ void registerFunctionSet(sqlite3* db, std::shared_ptr<SqlSchemas> schemas) {
                  schemas);
   createFunction(db, "ostrel_register_manifest", 1, kRegister, registerManifest, schemas);
   createFunction(db, "ostrel_register_proto", 1, kRegister, registerProto, schemas);
-  createFunction(db, "ostrel_default_type", 1, kRegister, defaultType, schemas);
+  createFunction(db, "ostrel_default_type", 1, kRegister, setDefaultType, schemas);
   if (sqlite3_create_module_v2(db, "P_EACH", &eachModule(),
-                               new std::shared_ptr<SqlSchemas>(schemas),
+                               new std::shared_ptr<ConnectionSchemas>(schemas),
                                deleteSchemas) != SQLITE_OK) {
     throw std::runtime_error(std::string("cannot register P_EACH: ") + sqlite3_errmsg(db));
   }
@@ -512,8 +794,7 @@ namespace ostrel {
 
 void registerSqliteFunctions(sqlite3* db, const SchemaManifest& manifest,
                              const std::optional<std::string>& defaultType) {
-  detail::sqlite_linked::registerFunctionSet(
-      db, std::make_shared<detail::SqlSchemas>(manifest, defaultType));
+  detail::sqlite_linked::registerFunctionSet(db, manifest, defaultType);
 }
 
 }  // namespace ostrel

@@ -36,12 +36,15 @@ std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& m
   return store;
 }
 
-void ProtoSchemaStore::add(const SchemaManifest& manifest) {
+bool ProtoSchemaStore::add(const SchemaManifest& manifest) {
+  bool complete = true;
   for (const auto& [name, message] : manifest.messages) {
     const auto [it, added] = messageSchemas_.try_emplace(name, message);
     if (added) continue;
     if (auto* existing = std::get_if<MessageManifest>(&it->second)) {
       existing->merge(message, MergePolicy::keepExisting);
+    } else {
+      complete = false;
     }
   }
   for (const auto& [name, enumeration] : manifest.enums) {
@@ -49,8 +52,11 @@ void ProtoSchemaStore::add(const SchemaManifest& manifest) {
     if (added) continue;
     if (auto* existing = std::get_if<EnumManifest>(&it->second)) {
       existing->merge(enumeration, MergePolicy::keepExisting);
+    } else {
+      complete = false;
     }
   }
+  return complete;
 }
 
 std::set<std::string> ProtoSchemaStore::messageSchemaNames() const {

@@ -26,11 +26,12 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   // records win every clash; the caller's fields are added to them). Nothing is validated here.
   static std::shared_ptr<ProtoSchemaStore> make(const SchemaManifest& manifest);
 
-  // Adds the types of `manifest`, for a host that loads definitions as they are asked for. A new
-  // name is added in manifest form; a name the store holds merges under keepExisting while it is
-  // still in manifest form (as at construction), and is left alone once materialised, so that no
-  // schema handed out ever changes. Not while another thread uses the store.
-  void add(const SchemaManifest& manifest);
+  // Adds the types of `manifest`, costing what it adds whatever the store holds, for hosts that
+  // register or load definitions as they go. A new name is added in manifest form; a name the store
+  // holds merges under keepExisting while it is still in manifest form (as at construction), and is
+  // left alone once materialised, so that no schema handed out ever changes: the result is then
+  // false, and a caller that needs the new fields makes a new store.
+  bool add(const SchemaManifest& manifest);
 
   // Schemas refer to each other strongly (a field to its type, a schema to its options' schema),
   // so recursive types form reference cycles. When the store goes, the references that close a

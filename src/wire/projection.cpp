@@ -578,10 +578,10 @@ std::optional<ByteView> DelimitedRecords::next() {
   if (position_ >= size) return std::nullopt;
   Reader reader(stream_);
   reader.setPosition(position_);
-  const uint64_t length = reader.readVarint();
+  const int64_t length = reader.readLength();
   const int64_t start = reader.position();
-  if (length > static_cast<uint64_t>(size - start)) throw SerializationError::truncated();
-  position_ = start + static_cast<int64_t>(length);
+  if (length > size - start) throw SerializationError::truncated();
+  position_ = start + length;
   ++count_;
   return stream_.subspan(static_cast<size_t>(start), static_cast<size_t>(length));
 }

@@ -1,6 +1,5 @@
 #include "ostrel/wire/schematizer.hpp"
 
-#include <limits>
 #include <vector>
 
 #include "wire/field_path.hpp"
@@ -122,14 +121,11 @@ std::optional<int64_t> ProtoFirstOfHelper::firstOf(const std::set<int64_t>& fiel
       throw SchematizerError::protocolBufferError("Unexpected PB type reading message: " +
                                                   std::string(caseName(found->wireType())));
     }
-    // The length is taken whole; one claiming more than the buffer holds lets the search run to
-    // the buffer's end, where the next tag read fails.
-    const uint64_t length = reader.readVarint();
+    // A length claiming more than the buffer holds lets the search run to the buffer's end,
+    // where the next tag read fails.
+    const int64_t length = reader.readLength();
     const int64_t start = reader.position();
-    const int64_t end = length > static_cast<uint64_t>(std::numeric_limits<int64_t>::max() - start)
-                            ? std::numeric_limits<int64_t>::max()
-                            : start + static_cast<int64_t>(length);
-    reader = reader.narrowed(start, end);
+    reader = reader.narrowed(start, start + length);
   }
   while (reader.hasMoreFields()) {
     const FieldTag tag = reader.readTag();

@@ -211,11 +211,9 @@ TEST(DescriptorSetImport, SetsImportAlikeThroughBothImporters) {
         {"enum_type {", R"(service { name: "S" } enum_type {)"},
         {"", kFile}},
        {}},
-      // Type names are normalised; a second field of one name replaces the first.
-      {{{"oneof_decl {",
-         fieldB + R"( field { name: "a" number: 7 type: TYPE_BYTES } oneof_decl {)"}},
-       {{R"("int","fieldNumber":1,"oneofIndex":0)", R"("data","fieldNumber":7)"},
-        {extB, R"("b":{"type":"schema","typeName":"t.M","fieldNumber":2},)" + extB}}},
+      // Type names are normalised.
+      {{{"oneof_decl {", fieldB + " oneof_decl {"}},
+       {{extB, R"("b":{"type":"schema","typeName":"t.M","fieldNumber":2},)" + extB}}},
       {{{"number: 1 ", "number: 18999 "},
         {"oneof_decl {",
          R"(field { name: "b" number: 20000 type: TYPE_BOOL } field { name: "c" number: 536870911 type: TYPE_BOOL } oneof_decl {)"},
@@ -312,6 +310,14 @@ TEST(DescriptorSetImport, RejectedDescriptorsFailInBothImporters) {
        refused(R"(Message "t.M": oneof name "choice" occurs twice)")},
       {{{zero, zero + R"( value { name: "ZERO" number: 3 })"}},
        refused(R"(Enum "t.E": value name "ZERO" occurs twice)")},
+      {{{"oneof_decl {", R"(field { name: "a" number: 7 type: TYPE_BYTES } oneof_decl {)"}},
+       refused(a + "the name occurs twice")},
+      // A built-in descriptor type may gain fields, not change them.
+      {{{"",
+         R"(file { package: "google.protobuf" message_type { name: "FileDescriptorSet" )"
+         R"(field { name: "file" number: 2 label: LABEL_REPEATED type: TYPE_MESSAGE )"
+         R"(type_name: ".google.protobuf.FileDescriptorProto" } } })"}},
+       conflict("Conflict merging FieldManifest")},
   };
   for (const auto& [change, refusal] : rows) {
     const pb::FileDescriptorSet set = textSet(change);

@@ -216,6 +216,9 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
        R"(messages["M"].fields["h"].fieldNumber: field number 4 is also the number of field "f")"},
       {R"({"messages":{"M":{"oneofs":[{"name":"o"},{"name":"p"},{"name":"o"}]}}})",
        R"(messages["M"].oneofs[2].name: oneof name "o" occurs twice)"},
+      {R"({"enums":{"google.protobuf.FieldDescriptorProto.Label":{"values":{"LABEL_X":1}}}})",
+       R"(enums["google.protobuf.FieldDescriptorProto.Label"]: changes a built-in descriptor )"
+       R"(type (Conflict merging EnumManifest))"},
       {withInt(R"("label":"optional")"), f + ".label: unknown member"},
       {withEnum(R"("value":{})"), e + ".value: unknown member"},
       {withEnum(R"("values":{"A":"0"})"), e + R"(.values["A"]: expected an integer)"},

@@ -150,6 +150,8 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
       {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
       {R"({"duration":"1.5"})", "$.duration: expected a duration"},
       {R"({"field_mask":"foo_bar"})", "$.field_mask: expected paths in lowerCamelCase"},
+      {R"({"field_mask":"a,,b"})", "$.field_mask: expected paths in lowerCamelCase"},
+      {R"({"field_mask":"a,"})", "$.field_mask: expected paths in lowerCamelCase"},
       {R"({"any":{"@type":"type.googleapis.com/no.Such"}})",
        "google.protobuf.Any of unknown type URL \"type.googleapis.com/no.Such\""},
       {R"({"any":{"big_id":"1"}})", "$.any: expected an object with a member \"@type\""},

@@ -299,6 +299,23 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
           {proto("package a; message Q {} message M { int64 x = 1; }"), refused("Message", "a.M")},
           {"SELECT P_ENCODE('a.Q', '{}')", error(SchematizerError::schemaNotFound("a.Q"))},
           {proto("package a; enum E { Z = 0; }"), count(rich + 1)},
+          // Registered types are rows of the database, which stay as they are.
+          {"SELECT group_concat(name) FROM (SELECT name FROM ostrel_schemas WHERE name GLOB 'a.*' "
+           "ORDER BY name)",
+           "text:a.E,a.M"},
+          {"DELETE FROM ostrel_schemas",
+           "error:registered ostrel schemas cannot be changed or removed; register a new name"},
+          // A registration goes with its transaction.
+          {"BEGIN", "rows:0"},
+          {proto("package b; message B {}"), count(rich + 2)},
+          {"ROLLBACK", "rows:0"},
+          {"SELECT P_ENCODE('b.B', '{}')", error(SchematizerError::schemaNotFound("b.B"))},
+          // Only the application's own reads may register: a statement that writes may run what
+          // a database file holds.
+          {"CREATE TABLE w AS SELECT " + proto("package w; message W {}").substr(7),
+           "error:ostrel_register_proto runs only from the application's own read-only statements "
+           "that call it, with no other kind of statement in progress; never from a CHECK "
+           "constraint, trigger, view, default, generated column or index of the database"},
           {proto("package a; enum E { Z = 0; O = 1; }"), refused("Enum", "a.E")},
           // Only libprotobuf's own files are reachable from .proto text.
           {proto("import \"/etc/passwd\";"),

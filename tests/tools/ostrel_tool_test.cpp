@@ -454,26 +454,37 @@ std::string richRecord(const std::string& text) {
   return message.SerializeAsString();
 }
 
-TEST(OstrelTool, CsvAndTsvFieldsKeepTheirRows) {
-  const std::string rich = richRecord(R"(mid { note: "a\tb\nc\\d\re,\"" } repeats { r_enum: 77 }
+TEST(OstrelTool, CsvAndTsvFieldsKeepTheirRowsAndShowNoControlCharacters) {
+  // ESC, BEL, the C1 control CSI (U+009B) and DEL never reach a terminal raw.
+  const std::string rich = richRecord(R"(mid { note: "a\tb\nc\\d\re,\"\033[31m\007\302\233\177é" }
+      repeats { r_enum: 77 }
       scalars { f_bytes: "\377" f_enum: BLUE f_uint64: 18446744073709551615 f_int64: -9
                 f_double: nan f_message { id: 1 } })");
   const std::string paths =
       "mid.note scalars.f_bytes scalars.f_enum scalars.f_uint64 scalars.f_int64 scalars.f_double "
       "scalars.f_message repeats.r_enum[0]";
+  const std::string missing = scratchFile("unreadable", "") + ".missing";
+  // The record itself, an empty one (every value absent), one holding an empty note, and a file
+  // that cannot be read: reported, and the others still print.
   const std::string get = "get $R -i " + scratchFile("rich.bin", rich) + " -i " +
-                          scratchFile("empty.bin", "") + " --format ";
+                          scratchFile("empty.bin", "") + " -i " +
+                          scratchFile("empty-note.bin", std::string("\x0a\x02\x1a\x00", 4)) + " -i " + missing +
+                          " --format ";
   std::string header = paths + "\n";
   std::replace(header.begin(), header.end(), ' ', '\t');
-  EXPECT_EQ(runTool(get + "tsv " + paths).out,
-            header +
-                "a\\tb\\nc\\\\d\\re,\"\t/w==\tBLUE\t18446744073709551615\t-9\tNaN\t"
-                "{\"id\":1}\t77\n\t\t\t\t\t\t\t\n");
+  const std::string control = "\\x1b[31m\\x07\\xc2\\x9b\\x7fé";
+  const ToolRun tsv = runTool(get + "tsv " + paths);
+  EXPECT_EQ(tsv.out, header + "a\\tb\\nc\\\\d\\re,\"" + control +
+                         "\t/w==\tBLUE\t18446744073709551615\t-9\tNaN\t{\"id\":1}\t77\n"
+                         "\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\n"
+                         "\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\n");
+  EXPECT_EQ(tsv.status, 1);
+  EXPECT_EQ(tsv.err, "ostrel: " + missing + ": cannot read " + missing +
+                         ": No such file or directory\n");
   std::replace(header.begin(), header.end(), '\t', ',');
   EXPECT_EQ(runTool(get + "csv " + paths).out,
-            header +
-                "\"a\tb\nc\\d\re,\"\"\",/w==,BLUE,18446744073709551615,-9,NaN,"
-                "\"{\"\"id\"\":1}\",77\n,,,,,,,\n");
+            header + "\"a\tb\nc\\d\re,\"\"" + control +
+                "\",/w==,BLUE,18446744073709551615,-9,NaN,\"{\"\"id\"\":1}\",77\n,,,,,,,\n\"\",,,,,,,\n");
 }
 
 // A database file made by `sql`.

@@ -83,7 +83,10 @@ TEST(ReaderTest, LengthDelimitedAndFixedWidth) {
   checkReads(
       {
           {"empty payload", bytesOf({0x00}), 0, 1},
-          {"bits above 31 are ignored", bytesOf({0x81, 0x80, 0x80, 0x80, 0x10, 7, 8}), 7, 6},
+          {"largest length", bytesOf({0xff, 0xff, 0xff, 0xff, 0x07, 1}), std::nullopt, 5,
+           kTruncated},
+          {"2^32 + 1 is not cut to 1", bytesOf({0x81, 0x80, 0x80, 0x80, 0x10, 7, 8}), std::nullopt,
+           5},
           {"too long", bytesOf({0x05, 1, 2, 3}), std::nullopt, 1, kTruncated},
           {"negative as 32 bits", bytesOf({0x80, 0x80, 0x80, 0x80, 0x08}), std::nullopt, 5},
       },
@@ -124,6 +127,7 @@ TEST(ReaderTest, SkipField) {
       {"fixed32", bytesOf({0x0d, 1, 2, 3, 4}), 5},
       {"length-delimited past the end is not checked", bytesOf({0x0a, 0x7f, 1}), 2 + 0x7f},
       {"negative length", bytesOf({0x0a, 0xff, 0xff, 0xff, 0xff, 0x0f}), std::nullopt},
+      {"length beyond 31 bits", bytesOf({0x0a, 0x80, 0x80, 0x80, 0x80, 0x10, 0x08}), std::nullopt},
       {"group holding fields", bytesOf({0x0b, 0x10, 0x01, 0x1a, 0x01, 0x00, 0x0c}), 7},
       {"deeply nested groups", bytesOf({0x0b, 0x13, 0x1b, 0x23, 0x24, 0x1c, 0x14, 0x0c}), 8},
       {"inner group closed by its outer one", bytesOf({0x0b, 0x13, 0x1b, 0x1c, 0x0c}),

@@ -32,8 +32,10 @@ map field is a repeated field of entry messages with a key and a value field.
   --delimited             each input holds records, each preceded by its length as a varint
                           (as writeDelimitedTo writes them); read binary, memory-mapped
   --format FORMAT         lines (one line per PATH; the default for one message), jsonl (the
-                          default for streams), csv or tsv (absent values as empty fields,
-                          strings as text, bytes as base64, messages as JSON)
+                          default for streams), csv or tsv (strings as text, bytes as
+                          base64, messages as JSON; an absent value is an empty CSV field
+                          and \N in TSV, an empty string "" in CSV and an empty TSV field;
+                          control characters and bytes that are not UTF-8 as \xHH)
   --fail-fast             stop at the first bad record
 
 Every PATH is checked against the schema before the data is read.
@@ -76,39 +78,114 @@ std::string plainText(const AnyValue& value) {
   }
 }
 
+// The length of the UTF-8 sequence at the start of `text` (2 to 4), or 0 when it is not one.
+size_t utf8Length(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(0);
+  size_t length = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (text.size() < length) return 0;
+  if (byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  }
+  return length;
+}
+
+void appendHex(std::string& out, unsigned char c) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  out += "\\x";
+  out += kDigits[c >> 4];
+  out += kDigits[c & 0xF];
+}
+
+// A field's text with nothing in it that a terminal would act on: the control characters of C0
+// and C1 (U+0080 to U+009F), DEL and bytes that are not UTF-8 become \xHH escapes (PostgreSQL's
+// text COPY format reads them back as those bytes). TSV also escapes the backslash, tab, line
+// feed and carriage return, so that a field never breaks its row and COPY reads it back whole;
+// CSV keeps tab and line breaks, inside quotes.
+std::string safeText(std::string_view text, OutputFormat format) {
+  const bool tsv = format == OutputFormat::tsv;
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x80) {
+      const size_t length = utf8Length(text.substr(i));
+      const bool c1 = length == 2 && c == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+      if (length == 0 || c1) {
+        for (size_t j = 0; j < std::max<size_t>(length, 1); ++j) {
+          appendHex(out, static_cast<unsigned char>(text[i + j]));
+        }
+      } else {
+        out.append(text.substr(i, length));
+      }
+      i += std::max<size_t>(length, 1);
+      continue;
+    }
+    ++i;
+    if (tsv) {
+      if (c == '\\') {
+        out += "\\\\";
+        continue;
+      }
+      if (c == '\t') {
+        out += "\\t";
+        continue;
+      }
+      if (c == '\n') {
+        out += "\\n";
+        continue;
+      }
+      if (c == '\r') {
+        out += "\\r";
+        continue;
+      }
+    } else if (c == '\t' || c == '\n' || c == '\r') {
+      out += static_cast<char>(c);
+      continue;
+    }
+    if (c < 0x20 || c == 0x7F) {
+      appendHex(out, c);
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+// Appends one present value. An absent one is left out: an empty CSV field, or \N in TSV (as
+// PostgreSQL's COPY writes NULL), while an empty text is "" in CSV and an empty TSV field.
 void appendField(std::string& line, std::string_view text, OutputFormat format) {
-  if (format == OutputFormat::csv) {
-    if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
-      line += text;
-      return;
-    }
-    line += '"';
-    for (char c : text) {
-      if (c == '"') line += '"';
-      line += c;
-    }
-    line += '"';
+  const std::string safe = safeText(text, format);
+  if (format == OutputFormat::tsv) {
+    line += safe;
     return;
   }
-  // TSV: the escapes of PostgreSQL's text COPY format, so that a field never breaks its row.
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        line += "\\\\";
-        break;
-      case '\t':
-        line += "\\t";
-        break;
-      case '\n':
-        line += "\\n";
-        break;
-      case '\r':
-        line += "\\r";
-        break;
-      default:
-        line += c;
-    }
+  if (!safe.empty() && safe.find_first_of(",\"\r\n") == std::string::npos) {
+    line += safe;
+    return;
   }
+  line += '"';
+  for (char c : safe) {
+    if (c == '"') line += '"';
+    line += c;
+  }
+  line += '"';
 }
 
 std::string jsonString(std::string_view text) {
@@ -193,7 +270,11 @@ int run(Arguments& args, GlobalOptions& globals) {
         line += found ? valueJSON(*found) : "null";
       } else {
         if (i > 0) line += output == OutputFormat::csv ? ',' : '\t';
-        if (found) appendField(line, plainText(*found), output);
+        if (found) {
+          appendField(line, plainText(*found), output);
+        } else if (output == OutputFormat::tsv) {
+          line += "\\N";
+        }
       }
     }
     if (output == OutputFormat::jsonl) line += '}';

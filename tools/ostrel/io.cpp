@@ -88,25 +88,27 @@ void readInto(const std::optional<std::string>& path, Buffer& buffer, size_t lim
     buffer.reserve(static_cast<size_t>(info.st_size) + 1);
   }
   constexpr size_t kChunk = 1 << 16;
+  // The bytes read are the first `used` of the buffer; the rest is room, zero-filled once when the
+  // buffer grows (doubling, for an input of unknown size), never again before each read: a pipe
+  // hands out a few KiB a read.
+  size_t used = 0;
+  buffer.clear();
   for (;;) {
-    const size_t used = buffer.size();
     if (used > limit) throw tooLarge();
-    // Reads into the whole free capacity; full, it doubles (an input of unknown size).
-    if (buffer.capacity() == used) buffer.reserve(std::max(used * 2, used + kChunk));
-    buffer.resize(buffer.capacity());
-    const ssize_t got = ::read(fd, buffer.data() + used, buffer.size() - used);
-    if (got < 0 && errno == EINTR) {
-      buffer.resize(used);
-      continue;
+    if (buffer.size() == used) {
+      buffer.resize(std::max({used * 2, used + kChunk, static_cast<size_t>(buffer.capacity())}));
     }
+    const ssize_t got = ::read(fd, buffer.data() + used, buffer.size() - used);
+    if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
       const int error = errno;
       buffer.resize(used);
       throw ToolError("cannot read " + name + ": " + std::strerror(error));
     }
-    buffer.resize(used + static_cast<size_t>(got));
     if (got == 0) break;
+    used += static_cast<size_t>(got);
   }
+  buffer.resize(used);
   if (buffer.size() > limit) throw tooLarge();
 }
 

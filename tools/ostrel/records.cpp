@@ -154,13 +154,26 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
     return !options.failFast;
   };
 
+  // An input that cannot be read is a bad input like a bad record: reported, and the run goes on
+  // with the next one unless --fail-fast.
+  const auto unreadable = [&](const std::string& name, const std::exception& error) {
+    ++bad;
+    std::cerr << "ostrel: " << name << ": " << error.what() << "\n";
+    return !options.failFast;
+  };
+
   for (const std::string& file : files) {
     const bool standardInput = file == "-";
     const std::string name = standardInput ? "standard input" : file;
     FileHandle handleOf{STDIN_FILENO, false};
     if (!standardInput) {
       handleOf.fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-      if (handleOf.fd < 0) throw ToolError("cannot read " + name + ": " + std::strerror(errno));
+      if (handleOf.fd < 0) {
+        if (!unreadable(name, ToolError("cannot read " + name + ": " + std::strerror(errno)))) {
+          return kExitFailure;
+        }
+        continue;
+      }
       handleOf.owned = true;
     }
     struct stat info {};
@@ -178,7 +191,12 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
       if (mapping) {
         record = mapping->bytes();
       } else {
-        held = input.readFile(standardInput ? std::nullopt : std::optional<std::string>(file));
+        try {
+          held = input.readFile(standardInput ? std::nullopt : std::optional<std::string>(file));
+        } catch (const ToolError& error) {
+          if (!unreadable(name, error)) return kExitFailure;
+          continue;
+        }
         record = held;
       }
       if (!one(name, 1, 0, record)) return kExitFailure;
@@ -229,7 +247,12 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
       do {
         got = ::read(handleOf.fd, buffer.data() + used, kChunk);
       } while (got < 0 && errno == EINTR);
-      if (got < 0) throw ToolError("cannot read " + name + ": " + std::strerror(errno));
+      if (got < 0) {
+        if (!unreadable(name, ToolError("cannot read " + name + ": " + std::strerror(errno)))) {
+          return kExitFailure;
+        }
+        break;
+      }
       buffer.resize(used + static_cast<size_t>(got));
       ended = got == 0;
       DelimitedRecords stream(ByteView(buffer).subspan(start));

@@ -101,7 +101,9 @@ struct DescriptorImportOptions {
 //
 // Each message is merged into an earlier one of the same name under MergePolicy::requireEqual (so
 // the same file twice is fine, two different definitions are not); an enum replaces an earlier
-// one of the same name; a field replaces an earlier one of the same name in its message.
+// one of the same name. A message declaring two fields of one name is refused, as protobuf refuses
+// it, and so is a type of the built-in descriptor manifest defined differently (MergeConflict):
+// the built-in definitions are what descriptors are read with.
 //
 // Throws SchemaManifestDSCError for descriptors it cannot take (a group field unless
 // options.skipGroups, a field type the Type enum has no name for, reported as "Unknown type: " and
@@ -109,7 +111,7 @@ struct DescriptorImportOptions {
 // message or enum without name, an extension without extendee, ...),
 // SchemaManifestDSCError::invalidValueType naming the message and field or value for what would
 // break the schema's invariants (a field number outside 1 to 2^29-1 or in 19000 to 19999, two
-// fields of one number, a oneof index naming no oneof, two oneofs or two enum values of one name),
+// fields of one number or name, a oneof index naming no oneof, two oneofs or two enum values of one name),
 // SchemaManifestDSCError::cannotLoadDescriptor for messages nested more than 100 deep,
 // MergeConflict for two differing definitions of one message, and SerializationError (or the
 // store's SchematizerError) for bytes that are not a valid descriptor set. Nothing partial is
@@ -179,7 +181,8 @@ SchemaManifest schemaManifestFromProtoText(std::string_view text,
 // Reads the JSON form. Strict: malformed JSON text, a member of the wrong JSON type, an unknown or
 // repeated member, an unknown type name, base64 that base64 encoding would not have written, an
 // integer that does not fit its field, a valueOptions key that is not a canonical decimal integer
-// and an oneofIndex outside the message's oneofs all fail. Throws
+// an oneofIndex outside the message's oneofs and a type of the built-in descriptor manifest
+// defined differently all fail. Throws
 // SchemaManifestJSONError::invalidValueType whose text is the JSON path of the fault and what was
 // expected there, for example `messages["shop.Order"].fields["id"].fieldNumber: expected an
 // integer`; the document itself is `$`.

@@ -68,19 +68,24 @@ std::string sqlIdentifier(std::string_view name, SqlDialect dialect = SqlDialect
 // `text` as an SQL string literal, single quotes doubled.
 std::string sqlStringLiteral(std::string_view text);
 
-// Registers the SQL function set on `db`, over schemas of the connection's own that start as
-// `manifest` (merged into the built-in descriptor schemas), with `defaultType` as the message type
-// the forms without a type argument read. The loadable extension (libostrel_sqlite) registers the
-// same functions, starting with no schemas:
+// Registers the SQL function set on `db`, over `manifest` (merged into the built-in descriptor
+// schemas) and the types stored in the database, with `defaultType` as the message type the forms
+// without a type argument read. The loadable extension (libostrel_sqlite) registers the same
+// functions over the stored types alone:
 //
 //   ostrel_register_descriptor_set(blob), ostrel_register_manifest(json text),
 //   ostrel_register_proto(.proto text)
-//       merge definitions into the connection's schemas and return how many message types are
+//       store the definitions in the database (table main.ostrel_schemas, one row per type, rows
+//       only ever added; every connection reads them) and return how many message types are
 //       registered in all. A message or enum type already registered with another definition is
 //       refused with an error naming it (a changed definition needs a new name); registering the
-//       same definition again changes nothing. Callable only from top-level statements.
+//       same definition again changes nothing. Part of the transaction they run in.
 //   ostrel_default_type(type)
-//       names the default message type; returns it.
+//       names the connection's default message type; returns it.
+//
+//   These four run only while every statement in progress on the connection is read-only and
+//   calls one of them in its own text: nothing stored in a database file (a CHECK constraint,
+//   trigger, view, default, generated column or index) can run them.
 //   P_GET(record, path), P_GET(record, type, path)
 //       the value at a property path: INTEGER (a uint64 above INT64_MAX as TEXT), REAL (NaN as
 //       NULL), bool as 0/1, TEXT, BLOB, an enum as its name when known else INTEGER, a message as

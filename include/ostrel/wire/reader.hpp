@@ -134,15 +134,10 @@ class Reader {
     return value;
   }
 
-  // Reads a length prefix: a varint whose low 32 bits are taken as a signed number (higher bits
-  // are ignored). Throws malformedProtobuf for a negative length, with position() past the varint.
-  int64_t readLength() {
-    const auto length = static_cast<int32_t>(static_cast<uint32_t>(readVarint()));
-    if (length < 0) [[unlikely]] {
-      throw SerializationError::malformedProtobuf();
-    }
-    return length;
-  }
+  // Reads a length prefix: a varint of at most 2^31 - 1, the largest length protobuf's parsers
+  // take. Throws malformedProtobuf for a larger one (never cut to its low bits), with position()
+  // past the varint.
+  int64_t readLength() { return checkedLength(readVarint()); }
 
   // Reads a length prefix and returns the payload that follows, borrowed from the buffer, and
   // advances past it. Throws as readLength(), or truncated (position() just past the prefix) when
@@ -246,12 +241,11 @@ class Reader {
     return readVarintAt<VarintUse::structure>(position);
   }
   [[gnu::always_inline]] int64_t readLength(int64_t& position) {
-    const auto length = static_cast<int32_t>(static_cast<uint32_t>(readVarint(position)));
-    if (length < 0) [[unlikely]] {
+    const uint64_t length = readVarint(position);
+    if (length > kMaxLength) [[unlikely]] {
       position_ = position;
-      throw SerializationError::malformedProtobuf();
     }
-    return length;
+    return checkedLength(length);
   }
 
   // Steps over everything up to and including the end-group tag matching the start-group tag of
@@ -260,6 +254,14 @@ class Reader {
   void skipGroup(int64_t fieldNumber);
 
  private:
+  static constexpr uint64_t kMaxLength = 0x7FFFFFFF;
+  static int64_t checkedLength(uint64_t length) {
+    if (length > kMaxLength) [[unlikely]] {
+      throw SerializationError::malformedProtobuf();
+    }
+    return static_cast<int64_t>(length);
+  }
+
   uint8_t byteAt(int64_t index) const noexcept { return static_cast<uint8_t>(data_[index]); }
   // How a varint is used, which decides its fast paths: tags and lengths, the structure of a
   // message, are mostly one or two bytes, in patterns that repeat; values are anything.
