@@ -1,5 +1,7 @@
 #include "store/proto_schema_store.hpp"
 
+#include <tuple>
+
 #include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
@@ -30,9 +32,15 @@ std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& m
 
   std::shared_ptr<ProtoSchemaStore> store(new ProtoSchemaStore());
   store->enumSchemas_.reserve(enums.size());
-  for (auto& [name, value] : enums) store->enumSchemas_.emplace(name, std::move(value));
+  for (auto& [name, value] : enums) {
+    store->enumSchemas_.emplace(std::piecewise_construct, std::forward_as_tuple(name),
+                                std::forward_as_tuple(std::move(value)));
+  }
   store->messageSchemas_.reserve(messages.size());
-  for (auto& [name, value] : messages) store->messageSchemas_.emplace(name, std::move(value));
+  for (auto& [name, value] : messages) {
+    store->messageSchemas_.emplace(std::piecewise_construct, std::forward_as_tuple(name),
+                                   std::forward_as_tuple(std::move(value)));
+  }
   return store;
 }
 
@@ -57,7 +65,11 @@ std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
   const auto it = messageSchemas_.find(name);
   if (it == messageSchemas_.end()) throw SchematizerError::schemaNotFound(std::string(name));
   MessageContainer& slot = it->second;
-  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
+  if (slot.materialised()) [[likely]] {
+    return slot.schema();
+  }
+  const std::lock_guard lock(mutex_);
+  if (slot.materialised()) return slot.schema();
   if (creating_.contains(name)) {
     throw SchematizerError::internalError("Schema \"" + it->first +
                                           "\" needs itself to be created");
@@ -65,23 +77,22 @@ std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
   std::shared_ptr<ProtoMessageSchema> schema;
   {
     CreationGuard guard(creating_, name);
-    schema =
-        ProtoMessageSchema::make(it->first, std::get<MessageManifest>(slot),
-                                 std::const_pointer_cast<ProtoSchemaStore>(shared_from_this()));
+    schema = ProtoMessageSchema::make(
+        it->first, slot.manifest(), std::const_pointer_cast<ProtoSchemaStore>(shared_from_this()));
   }
-  slot = schema;
-  return schema;
+  return slot.publish(std::move(schema));
 }
 
 std::shared_ptr<EnumSchemaDescribing> ProtoSchemaStore::enumSchema(std::string_view name) const {
   const auto it = enumSchemas_.find(name);
   if (it == enumSchemas_.end()) throw SchematizerError::enumNotFound(std::string(name));
   EnumContainer& slot = it->second;
-  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
-  std::shared_ptr<ProtoEnumSchema> schema =
-      ProtoEnumSchema::make(it->first, std::get<EnumManifest>(slot), *this);
-  slot = schema;
-  return schema;
+  if (slot.materialised()) [[likely]] {
+    return slot.schema();
+  }
+  const std::lock_guard lock(mutex_);
+  if (slot.materialised()) return slot.schema();
+  return slot.publish(ProtoEnumSchema::make(it->first, slot.manifest(), *this));
 }
 
 std::string ProtoSchemaStore::description() const {
