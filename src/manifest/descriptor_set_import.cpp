@@ -321,8 +321,8 @@ SchemaManifest schemaManifestFromDescriptorSet(const SchematizedDataDescribing& 
 
 SchemaManifest schemaManifestFromDescriptorSet(ByteView bytes,
                                                const DescriptorImportOptions& options) {
-  // A store of its own per import: stores are not shared between threads, and the descriptor
-  // schemas are materialised in it as the walk reaches them.
+  // A store of its own per import: the descriptor schemas are materialised in it as the walk
+  // reaches them, and go with it.
   const std::shared_ptr<ProtoSchemaStore> store = ProtoSchemaStore::make(SchemaManifest{});
   const std::shared_ptr<MessageSchemaDescribing> set =
       store->messageSchema("google.protobuf.FileDescriptorSet");

@@ -140,16 +140,15 @@ SchemaManifest SchemaStoreDescribing::engagedManifest() const {
 SchemaManifest ProtoSchemaStore::engagedManifest() const {
   SchemaManifest manifest;
   for (const auto& [name, slot] : messageSchemas()) {
-    if (const auto* schema = std::get_if<1>(&slot))
-      manifest.messages.emplace(name, (*schema)->manifest());
+    if (slot.materialised()) manifest.messages.emplace(name, slot.schema()->manifest());
   }
   for (const auto& [name, slot] : enumSchemas()) {
-    if (const auto* schema = std::get_if<1>(&slot)) {
-      manifest.enums.emplace(
-          name, EnumManifest{.values = (*schema)->allValues(),
-                             .options = rawOptions((*schema)->options()),
-                             .valueOptions = rawValueOptions((*schema)->valueOptions())});
-    }
+    if (!slot.materialised()) continue;
+    const ProtoEnumSchema& schema = *slot.schema();
+    manifest.enums.emplace(name,
+                           EnumManifest{.values = schema.allValues(),
+                                        .options = rawOptions(schema.options()),
+                                        .valueOptions = rawValueOptions(schema.valueOptions())});
   }
   return manifest;
 }

@@ -12,7 +12,6 @@ std::shared_ptr<ProtoFieldSchema> ProtoFieldSchema::make(
 ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manifest,
                                    const std::shared_ptr<SchemaStoreDescribing>& store)
     : ProtoBaseSchema(std::move(name)),
-      info_(Config{manifest.type, manifest.typeName, store}),
       isRepeated_(manifest.isRepeated),
       fieldNumber_(manifest.fieldNumber),
       options_(detail::schematizeOptions(manifest.options, *store,
@@ -22,38 +21,44 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       manifestType_(manifest.type),
       typeName_(manifest.typeName),
       extensionName_(manifest.extensionName),
-      jsonName_(manifest.jsonName) {}
+      jsonName_(manifest.jsonName),
+      store_(store) {}
+
+ProtoFieldSchema::~ProtoFieldSchema() { delete resolved_.load(std::memory_order_relaxed); }
 
 std::string ProtoFieldSchema::jsonName() const {
   return jsonName_ ? *jsonName_ : FieldSchemaDescribing::jsonName();
 }
 
 void ProtoFieldSchema::releaseType() const {
-  if (resolvedType()) info_ = Config{manifestType_, typeName_, {}};
+  // The store is going, so resolving again reports it destroyed.
+  delete resolved_.exchange(nullptr, std::memory_order_acq_rel);
 }
 
-const TypeSchemaDescription& ProtoFieldSchema::type() const {
-  if (const auto* resolved = std::get_if<TypeSchemaDescription>(&info_)) [[likely]] {
-    return *resolved;
-  }
-  const Config& config = std::get<Config>(info_);
-  const std::shared_ptr<SchemaStoreDescribing> store = config.store.lock();
+const TypeSchemaDescription& ProtoFieldSchema::resolve() const {
+  const std::shared_ptr<SchemaStoreDescribing> store = store_.lock();
   if (!store) throw SchematizerError::internalError("Store is destroyed");
 
-  TypeSchemaDescription resolved = [&] {
-    if (const auto scalar = TypeSchemaDescription::scalarCaseOf(config.type)) {
+  auto resolved = std::make_unique<const TypeSchemaDescription>([&] {
+    if (const auto scalar = TypeSchemaDescription::scalarCaseOf(manifestType_)) {
       return TypeSchemaDescription::scalar(*scalar);
     }
     // Type names are used exactly as stored: no leading-dot handling, no relative-name search.
-    if (config.type == TypeManifest::message) {
-      if (!config.typeName) throw SchematizerError::missingFieldSchemaName();
-      return TypeSchemaDescription::messageType(store->messageSchema(*config.typeName));
+    if (manifestType_ == TypeManifest::message) {
+      if (!typeName_) throw SchematizerError::missingFieldSchemaName();
+      return TypeSchemaDescription::messageType(store->messageSchema(*typeName_));
     }
-    if (!config.typeName) throw SchematizerError::missingFieldEnumName();
-    return TypeSchemaDescription::enumType(store->enumSchema(*config.typeName));
-  }();
-  info_ = std::move(resolved);
-  return std::get<TypeSchemaDescription>(info_);
+    if (!typeName_) throw SchematizerError::missingFieldEnumName();
+    return TypeSchemaDescription::enumType(store->enumSchema(*typeName_));
+  }());
+  // The store hands every thread the same schema, so racing resolutions agree; the first to
+  // publish wins and the others drop their copy.
+  const TypeSchemaDescription* expected = nullptr;
+  if (resolved_.compare_exchange_strong(expected, resolved.get(), std::memory_order_acq_rel,
+                                        std::memory_order_acquire)) {
+    return *resolved.release();
+  }
+  return *expected;
 }
 
 }  // namespace ostrel

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <new>
+#include <tuple>
 
 #include "core/fatal.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
@@ -13,14 +14,15 @@ namespace {
   detail::fatal("Duplicate values for key: '" + key + "'");
 }
 
+// Both under the schema's mutex.
 int64_t fieldNumberOf(const ProtoMessageSchema::FieldContainer& slot) {
-  if (const auto* manifest = std::get_if<FieldManifest>(&slot)) return manifest->fieldNumber;
-  return std::get<1>(slot)->fieldNumber();
+  if (!slot.materialised()) return slot.manifest().fieldNumber;
+  return slot.schema()->fieldNumber();
 }
 
 std::optional<int32_t> oneofIndexOf(const ProtoMessageSchema::FieldContainer& slot) {
-  if (const auto* manifest = std::get_if<FieldManifest>(&slot)) return manifest->oneofIndex;
-  return std::get<1>(slot)->oneofIndex();
+  if (!slot.materialised()) return slot.manifest().oneofIndex;
+  return slot.schema()->oneofIndex();
 }
 
 }  // namespace
@@ -35,7 +37,8 @@ std::shared_ptr<ProtoMessageSchema> ProtoMessageSchema::make(
   schema->fields_.reserve(manifest.fields.size());
   for (const auto& [fieldName, field] : manifest.fields) {
     byNumber.emplace_back(field.fieldNumber, fieldName);
-    schema->fields_.emplace(fieldName, field);
+    schema->fields_.emplace(std::piecewise_construct, std::forward_as_tuple(fieldName),
+                            std::forward_as_tuple(field));
   }
   std::stable_sort(byNumber.begin(), byNumber.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -48,16 +51,15 @@ std::shared_ptr<ProtoMessageSchema> ProtoMessageSchema::make(
   for (size_t i = 0; i < manifest.oneofs.size(); ++i) {
     const OneofManifest& oneof = manifest.oneofs[i];
     const bool inserted =
-        schema->oneofs_.try_emplace(oneof.name, OneofContainer{static_cast<int32_t>(i), oneof})
-            .second;
+        schema->oneofs_.try_emplace(oneof.name, static_cast<int32_t>(i), oneof).second;
     if (!inserted) duplicateKey(oneof.name);
     schema->allOneofNames_.push_back(oneof.name);
   }
   std::sort(schema->allOneofNames_.begin(), schema->allOneofNames_.end());
 
-  schema->uninitializedFieldCount_ = static_cast<int64_t>(schema->allFieldNames_.size());
-  schema->uninitializedCount_ =
-      schema->uninitializedFieldCount_ + static_cast<int64_t>(schema->oneofs_.size());
+  const auto fieldCount = static_cast<int64_t>(schema->allFieldNames_.size());
+  schema->uninitializedFieldCount_.store(fieldCount, std::memory_order_relaxed);
+  schema->uninitializedCount_ = fieldCount + static_cast<int64_t>(schema->oneofs_.size());
   schema->options_ = detail::schematizeOptions(manifest.options, *store,
                                                &SchemaStoreDescribing::hasMessageOptionsSchema,
                                                &SchemaStoreDescribing::messageOptionsSchema);
@@ -79,16 +81,18 @@ void ProtoMessageSchema::countMaterialised() const {
 
 const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::materialiseField(
     FieldContainer& slot, const std::string& fieldName) const {
-  if (const auto* field = std::get_if<1>(&slot)) return *field;
+  if (slot.materialised()) return slot.schema();
   const std::shared_ptr<SchemaStoreDescribing> store = lockStore();
   std::shared_ptr<FieldSchemaDescribing> field =
-      ProtoFieldSchema::make(fieldName, std::get<FieldManifest>(slot), store);
+      ProtoFieldSchema::make(fieldName, slot.manifest(), store);
   // With two fields of one number, the first one materialised keeps the number.
   fieldsCache_.try_emplace(field->fieldNumber(), field);
-  slot = std::move(field);
-  --uninitializedFieldCount_;
+  const std::shared_ptr<FieldSchemaDescribing>& published = slot.publish(std::move(field));
+  // Release: a thread that reads the count as 0 reads fieldsCache_ complete, without the lock.
+  uninitializedFieldCount_.store(uninitializedFieldCount_.load(std::memory_order_relaxed) - 1,
+                                 std::memory_order_release);
   countMaterialised();
-  return std::get<1>(slot);
+  return published;
 }
 
 const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldNamed(
@@ -115,11 +119,22 @@ const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldNamed(
     }
     throw SchematizerError::fieldNotFound(std::move(text));
   }
+  if (it->second.materialised()) [[likely]] {
+    return it->second.schema();
+  }
+  const std::lock_guard lock(mutex_);
   return materialiseField(it->second, it->first);
 }
 
 const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldWithNumber(
     int64_t number) const {
+  if (fieldsComplete()) [[likely]] {
+    if (const auto cached = fieldsCache_.find(number); cached != fieldsCache_.end()) {
+      return cached->second;
+    }
+    throw SchematizerError::fieldNotFound("With number " + std::to_string(number));
+  }
+  const std::lock_guard lock(mutex_);
   if (const auto cached = fieldsCache_.find(number); cached != fieldsCache_.end()) {
     return cached->second;
   }
@@ -131,7 +146,7 @@ const std::shared_ptr<FieldSchemaDescribing>& ProtoMessageSchema::fieldWithNumbe
 
 const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::materialiseOneof(
     OneofContainer& slot) const {
-  if (const auto* oneof = std::get_if<1>(&slot.value)) return *oneof;
+  if (slot.value.materialised()) return slot.value.schema();
   const std::shared_ptr<SchemaStoreDescribing> store = lockStore();
   std::map<std::string, int64_t, std::less<>> members;
   for (const auto& [fieldName, field] : fields_) {
@@ -139,16 +154,18 @@ const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::materialiseOne
       if (!members.emplace(fieldName, fieldNumberOf(field)).second) duplicateKey(fieldName);
     }
   }
-  slot.value =
-      ProtoOneOfSchema::make(std::get<OneofManifest>(slot.value), std::move(members), *store);
+  const std::shared_ptr<OneofSchemaDescribing>& published =
+      slot.value.publish(ProtoOneOfSchema::make(slot.value.manifest(), std::move(members), *store));
   countMaterialised();
-  return std::get<1>(slot.value);
+  return published;
 }
 
 const std::shared_ptr<OneofSchemaDescribing>& ProtoMessageSchema::oneofNamed(
     std::string_view oneofName) const {
   const auto it = oneofs_.find(oneofName);
   if (it == oneofs_.end()) throw SchematizerError::oneofNotFound();
+  if (it->second.value.materialised()) return it->second.value.schema();
+  const std::lock_guard lock(mutex_);
   return materialiseOneof(it->second);
 }
 
@@ -156,8 +173,12 @@ const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>&
 ProtoMessageSchema::fieldsByNumber() const {
   // Walking the names once every field is materialised would change nothing, even while oneofs
   // are still pending.
-  if (uninitializedFieldCount_ != 0) {
-    for (const std::string& fieldName : allFieldNames_) fieldNamed(fieldName);
+  if (!fieldsComplete()) {
+    const std::lock_guard lock(mutex_);
+    for (const std::string& fieldName : allFieldNames_) {
+      const auto it = fields_.find(fieldName);
+      materialiseField(it->second, it->first);
+    }
   }
   return fieldsCache_;
 }
@@ -165,7 +186,11 @@ ProtoMessageSchema::fieldsByNumber() const {
 std::vector<std::shared_ptr<OneofSchemaDescribing>> ProtoMessageSchema::allOneofs() const {
   std::vector<std::pair<int32_t, std::shared_ptr<OneofSchemaDescribing>>> indexed;
   indexed.reserve(oneofs_.size());
-  for (auto& [oneofName, slot] : oneofs_) indexed.emplace_back(slot.index, materialiseOneof(slot));
+  std::unique_lock lock(mutex_, std::defer_lock);
+  for (auto& [oneofName, slot] : oneofs_) {
+    if (!slot.value.materialised() && !lock.owns_lock()) lock.lock();
+    indexed.emplace_back(slot.index, materialiseOneof(slot));
+  }
   std::sort(indexed.begin(), indexed.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<std::shared_ptr<OneofSchemaDescribing>> result;
@@ -203,13 +228,14 @@ SchematizedData ProtoMessageSchema::buildData(const ValueForField& valueForField
 }
 
 MessageManifest ProtoMessageSchema::manifest() const {
+  const std::lock_guard lock(mutex_);
   MessageManifest manifest;
   for (const auto& [fieldName, slot] : fields_) {
-    if (const auto* field = std::get_if<FieldManifest>(&slot)) {
-      manifest.fields.emplace(fieldName, *field);
+    if (!slot.materialised()) {
+      manifest.fields.emplace(fieldName, slot.manifest());
       continue;
     }
-    const auto& field = static_cast<const ProtoFieldSchema&>(*std::get<1>(slot));
+    const auto& field = static_cast<const ProtoFieldSchema&>(*slot.schema());
     manifest.fields.emplace(fieldName, FieldManifest{.type = field.manifestType(),
                                                      .typeName = field.typeName(),
                                                      .fieldNumber = field.fieldNumber(),
@@ -222,10 +248,10 @@ MessageManifest ProtoMessageSchema::manifest() const {
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {
     OneofManifest& oneof = manifest.oneofs[static_cast<size_t>(slot.index)];
-    if (const auto* unmaterialised = std::get_if<OneofManifest>(&slot.value)) {
-      oneof = *unmaterialised;
+    if (!slot.value.materialised()) {
+      oneof = slot.value.manifest();
     } else {
-      oneof = {oneofName, detail::rawOptions(std::get<1>(slot.value)->options())};
+      oneof = {oneofName, detail::rawOptions(slot.value.schema()->options())};
     }
   }
   manifest.options = detail::rawOptions(options_);

@@ -1,5 +1,7 @@
 #include "store/proto_schema_store.hpp"
 
+#include <tuple>
+
 #include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {
@@ -30,32 +32,34 @@ std::shared_ptr<ProtoSchemaStore> ProtoSchemaStore::make(const SchemaManifest& m
 
   std::shared_ptr<ProtoSchemaStore> store(new ProtoSchemaStore());
   store->enumSchemas_.reserve(enums.size());
-  for (auto& [name, value] : enums) store->enumSchemas_.emplace(name, std::move(value));
+  for (auto& [name, value] : enums) {
+    store->enumSchemas_.emplace(std::piecewise_construct, std::forward_as_tuple(name),
+                                std::forward_as_tuple(std::move(value)));
+  }
   store->messageSchemas_.reserve(messages.size());
-  for (auto& [name, value] : messages) store->messageSchemas_.emplace(name, std::move(value));
+  for (auto& [name, value] : messages) {
+    store->messageSchemas_.emplace(std::piecewise_construct, std::forward_as_tuple(name),
+                                   std::forward_as_tuple(std::move(value)));
+  }
   return store;
 }
 
 bool ProtoSchemaStore::add(const SchemaManifest& manifest) {
+  const std::lock_guard lock(mutex_);
   bool complete = true;
-  for (const auto& [name, message] : manifest.messages) {
-    const auto [it, added] = messageSchemas_.try_emplace(name, message);
-    if (added) continue;
-    if (auto* existing = std::get_if<MessageManifest>(&it->second)) {
-      existing->merge(message, MergePolicy::keepExisting);
-    } else {
-      complete = false;
+  const auto addTo = [&complete](auto& slots, const auto& manifests) {
+    for (const auto& [name, record] : manifests) {
+      const auto [it, added] = slots.try_emplace(name, record);
+      if (added) continue;
+      if (it->second.materialised()) {
+        complete = false;
+      } else {
+        it->second.manifest().merge(record, MergePolicy::keepExisting);
+      }
     }
-  }
-  for (const auto& [name, enumeration] : manifest.enums) {
-    const auto [it, added] = enumSchemas_.try_emplace(name, enumeration);
-    if (added) continue;
-    if (auto* existing = std::get_if<EnumManifest>(&it->second)) {
-      existing->merge(enumeration, MergePolicy::keepExisting);
-    } else {
-      complete = false;
-    }
-  }
+  };
+  addTo(messageSchemas_, manifest.messages);
+  addTo(enumSchemas_, manifest.enums);
   return complete;
 }
 
@@ -80,7 +84,11 @@ std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
   const auto it = messageSchemas_.find(name);
   if (it == messageSchemas_.end()) throw SchematizerError::schemaNotFound(std::string(name));
   MessageContainer& slot = it->second;
-  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
+  if (slot.materialised()) [[likely]] {
+    return slot.schema();
+  }
+  const std::lock_guard lock(mutex_);
+  if (slot.materialised()) return slot.schema();
   if (creating_.contains(name)) {
     throw SchematizerError::internalError("Schema \"" + it->first +
                                           "\" needs itself to be created");
@@ -88,23 +96,22 @@ std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
   std::shared_ptr<ProtoMessageSchema> schema;
   {
     CreationGuard guard(creating_, name);
-    schema =
-        ProtoMessageSchema::make(it->first, std::get<MessageManifest>(slot),
-                                 std::const_pointer_cast<ProtoSchemaStore>(shared_from_this()));
+    schema = ProtoMessageSchema::make(
+        it->first, slot.manifest(), std::const_pointer_cast<ProtoSchemaStore>(shared_from_this()));
   }
-  slot = schema;
-  return schema;
+  return slot.publish(std::move(schema));
 }
 
 std::shared_ptr<EnumSchemaDescribing> ProtoSchemaStore::enumSchema(std::string_view name) const {
   const auto it = enumSchemas_.find(name);
   if (it == enumSchemas_.end()) throw SchematizerError::enumNotFound(std::string(name));
   EnumContainer& slot = it->second;
-  if (const auto* schema = std::get_if<1>(&slot)) return *schema;
-  std::shared_ptr<ProtoEnumSchema> schema =
-      ProtoEnumSchema::make(it->first, std::get<EnumManifest>(slot), *this);
-  slot = schema;
-  return schema;
+  if (slot.materialised()) [[likely]] {
+    return slot.schema();
+  }
+  const std::lock_guard lock(mutex_);
+  if (slot.materialised()) return slot.schema();
+  return slot.publish(ProtoEnumSchema::make(it->first, slot.manifest(), *this));
 }
 
 std::string ProtoSchemaStore::description() const {

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "ostrel/core/describing.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "store/lazy_slot.hpp"
 #include "store/proto_schemas.hpp"
 
 namespace ostrel {
@@ -15,12 +16,15 @@ namespace ostrel {
 // The library's schema store: every message and enum of one manifest (merged into the built-in
 // descriptor manifest), materialised lazily. An entry stays in manifest form until its first
 // successful lookup, then the schema replaces it and every later lookup returns the same object.
-// Lookups mutate the store: use one store from one thread at a time.
+//
+// Any number of threads may use a store, and everything reached from it, at once. The entries
+// never change shape after construction; a schema is made under the store's mutex and published
+// for good, and a lookup that finds it published takes no lock.
 class ProtoSchemaStore final : public SchemaStoreDescribing,
                                public std::enable_shared_from_this<ProtoSchemaStore> {
  public:
-  using MessageContainer = std::variant<MessageManifest, std::shared_ptr<ProtoMessageSchema>>;
-  using EnumContainer = std::variant<EnumManifest, std::shared_ptr<ProtoEnumSchema>>;
+  using MessageContainer = detail::LazySlot<MessageManifest, ProtoMessageSchema>;
+  using EnumContainer = detail::LazySlot<EnumManifest, ProtoEnumSchema>;
 
   // Merges `manifest` into the built-in descriptor manifest under keepExisting (the built-in
   // records win every clash; the caller's fields are added to them). Nothing is validated here.
@@ -30,7 +34,8 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   // register or load definitions as they go. A new name is added in manifest form; a name the store
   // holds merges under keepExisting while it is still in manifest form (as at construction), and is
   // left alone once materialised, so that no schema handed out ever changes: the result is then
-  // false, and a caller that needs the new fields makes a new store.
+  // false, and a caller that needs the new fields makes a new store. Unlike every other member,
+  // not while another thread uses the store: a host adds between the reads of one connection.
   bool add(const SchemaManifest& manifest);
 
   // Schemas refer to each other strongly (a field to its type, a schema to its options' schema),
@@ -62,8 +67,10 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
 
   mutable detail::StringMap<EnumContainer> enumSchemas_;
   mutable detail::StringMap<MessageContainer> messageSchemas_;
-  // Messages whose schema is being created; a lookup of one of them from inside its own creation
-  // (an options message that carries options of its own kind) would never end.
+  // Held while a schema is made. Recursive: making a schema looks up its options' schema.
+  mutable std::recursive_mutex mutex_;
+  // Messages whose schema is being created (under mutex_); a lookup of one of them from inside its
+  // own creation (an options message that carries options of its own kind) would never end.
   mutable std::set<std::string, std::less<>> creating_;
 };
 

@@ -3,20 +3,27 @@
 // The library's own schema objects. Message and enum schemas are created by ProtoSchemaStore on
 // first lookup; field and oneof schemas by their message schema on first lookup. Each refers to the
 // store only weakly, so the store and its schemas form no reference cycle.
+//
+// Every schema may be used by many threads at once. Enum and oneof schemas never change after they
+// are made. A message schema makes its fields and oneofs under its own mutex and publishes each for
+// good; a field resolves its type through the store and publishes it with one compare-and-swap.
+// Reads of what is already published take no lock: only materialising does.
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <variant>
 #include <vector>
 
 #include "ostrel/core/describing.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "store/lazy_slot.hpp"
 
 namespace ostrel {
 
@@ -48,18 +55,13 @@ class ProtoBaseSchema : public virtual SchemaDescribing {
 
 class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescribing {
  public:
-  // The unresolved type: resolved through the store on the first call of type().
-  struct Config {
-    TypeManifest type;
-    std::optional<std::string> typeName;
-    std::weak_ptr<SchemaStoreDescribing> store;
-  };
-  using FieldContainer = std::variant<Config, TypeSchemaDescription>;
-
   // Fails when the field's options cannot be paired with the store's FieldOptions schema.
   static std::shared_ptr<ProtoFieldSchema> make(
       std::string name, const FieldManifest& manifest,
       const std::shared_ptr<SchemaStoreDescribing>& store);
+  ~ProtoFieldSchema() override;
+  ProtoFieldSchema(const ProtoFieldSchema&) = delete;
+  ProtoFieldSchema& operator=(const ProtoFieldSchema&) = delete;
 
   bool isRepeated() const noexcept override { return isRepeated_; }
   bool isOptional() const noexcept override { return true; }
@@ -74,8 +76,15 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
   // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
   // resolved and the store is gone, and the store's lookup errors; a failure leaves the type
-  // unresolved, so the next call tries again.
-  const TypeSchemaDescription& type() const override;
+  // unresolved, so the next call tries again. Threads that resolve the type at once all get the
+  // one that was published first.
+  const TypeSchemaDescription& type() const override {
+    if (const TypeSchemaDescription* resolved = resolved_.load(std::memory_order_acquire))
+        [[likely]] {
+      return *resolved;
+    }
+    return resolve();
+  }
 
   // The manifest type and type name this field was made from.
   TypeManifest manifestType() const noexcept { return manifestType_; }
@@ -83,19 +92,22 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
 
   // The resolved type, or null while the type is unresolved.
   const TypeSchemaDescription* resolvedType() const noexcept {
-    return std::get_if<TypeSchemaDescription>(&info_);
+    return resolved_.load(std::memory_order_acquire);
   }
   // Drops the references that close a cycle of schemas when their store goes: the resolved type
   // falls back to its unresolved form (so type() reports the store as destroyed) and the options
-  // are dropped.
+  // are dropped. Only the store's destructor calls these: a reference type() or options() gave out
+  // before is then no longer valid.
   void releaseType() const;
   void releaseOptions() const { options_.reset(); }
 
  private:
   ProtoFieldSchema(std::string name, const FieldManifest& manifest,
                    const std::shared_ptr<SchemaStoreDescribing>& store);
+  const TypeSchemaDescription& resolve() const;
 
-  mutable FieldContainer info_;
+  // Null until the type is resolved; owned.
+  mutable std::atomic<const TypeSchemaDescription*> resolved_{nullptr};
   bool isRepeated_;
   int64_t fieldNumber_;
   mutable std::optional<SchematizedData> options_;
@@ -104,6 +116,8 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::optional<std::string> typeName_;
   std::optional<std::string> extensionName_;
   std::optional<std::string> jsonName_;
+  // For resolving the type.
+  std::weak_ptr<SchemaStoreDescribing> store_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {
@@ -169,10 +183,11 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
                                  public MessageSchemaDescribing,
                                  public std::enable_shared_from_this<ProtoMessageSchema> {
  public:
-  using FieldContainer = std::variant<FieldManifest, std::shared_ptr<FieldSchemaDescribing>>;
+  using FieldContainer = detail::LazySlot<FieldManifest, FieldSchemaDescribing>;
   struct OneofContainer {
+    OneofContainer(int32_t i, OneofManifest manifest) : index(i), value(std::move(manifest)) {}
     int32_t index;
-    std::variant<OneofManifest, std::shared_ptr<OneofSchemaDescribing>> value;
+    detail::LazySlot<OneofManifest, OneofSchemaDescribing> value;
   };
 
   // Fails when the message's options cannot be paired with the store's MessageOptions schema.
@@ -194,14 +209,21 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   SchematizedData buildData(const ValueForField& valueForField) const override;
   std::shared_ptr<SchemaStoreDescribing> originStore() const override { return origin_.lock(); }
 
-  // The fields materialised so far, by number.
-  const std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>>& fieldsCache() const noexcept {
+  // The fields materialised so far, by number; a snapshot, for tests.
+  std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>> fieldsCache() const {
+    const std::lock_guard lock(mutex_);
     return fieldsCache_;
   }
   // The number of fields and oneofs not materialised yet.
-  int64_t uninitializedCount() const noexcept { return uninitializedCount_; }
+  int64_t uninitializedCount() const {
+    const std::lock_guard lock(mutex_);
+    return uninitializedCount_;
+  }
   // Whether the schema still refers to its store: it lets go once nothing is left to materialise.
-  bool refersToStore() const noexcept { return !store_.expired(); }
+  bool refersToStore() const {
+    const std::lock_guard lock(mutex_);
+    return !store_.expired();
+  }
 
   // The manifest this schema describes, rebuilt from its fields and oneofs (materialised or not).
   MessageManifest manifest() const;
@@ -210,38 +232,49 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   template <typename Visit>
   void forEachMaterialisedField(Visit&& visit) const {
     for (const auto& entry : fields_) {
-      if (const auto* field = std::get_if<1>(&entry.second)) visit(**field);
+      if (entry.second.materialised()) visit(*entry.second.schema());
     }
   }
   // Calls `visit` with each materialised oneof.
   template <typename Visit>
   void forEachMaterialisedOneof(Visit&& visit) const {
     for (const auto& entry : oneofs_) {
-      if (const auto* oneof = std::get_if<1>(&entry.second.value)) visit(**oneof);
+      if (entry.second.value.materialised()) visit(*entry.second.value.schema());
     }
   }
 
  private:
   explicit ProtoMessageSchema(std::string name) : ProtoBaseSchema(std::move(name)) {}
 
+  // The rest run under mutex_.
   std::shared_ptr<SchemaStoreDescribing> lockStore() const;
   const std::shared_ptr<FieldSchemaDescribing>& materialiseField(FieldContainer& slot,
                                                                  const std::string& name) const;
   const std::shared_ptr<OneofSchemaDescribing>& materialiseOneof(OneofContainer& slot) const;
   void countMaterialised() const;
 
+  // Whether every field is materialised: fieldsCache_ then never changes again.
+  bool fieldsComplete() const noexcept {
+    return uninitializedFieldCount_.load(std::memory_order_acquire) == 0;
+  }
+
   std::optional<SchematizedData> options_;
   std::vector<std::string> allFieldNames_;
   std::vector<std::string> allOneofNames_;
-  mutable std::weak_ptr<SchemaStoreDescribing> store_;
   // Kept when store_ is let go: only lookups by name (an Any's type) need it.
   std::weak_ptr<SchemaStoreDescribing> origin_;
+  // fields_ and oneofs_ keep their keys from construction on; only their slots change.
   mutable detail::StringMap<FieldContainer> fields_;
-  mutable std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>> fieldsCache_;
   mutable detail::StringMap<OneofContainer> oneofs_;
+
+  // Held while a field or oneof is materialised; guards what follows.
+  mutable std::mutex mutex_;
+  mutable std::weak_ptr<SchemaStoreDescribing> store_;
+  // Read without the lock once fieldsComplete().
+  mutable std::map<int64_t, std::shared_ptr<FieldSchemaDescribing>> fieldsCache_;
   mutable int64_t uninitializedCount_ = 0;
   // The fields among them: once none is left, fieldsByNumber() has nothing to materialise.
-  mutable int64_t uninitializedFieldCount_ = 0;
+  mutable std::atomic<int64_t> uninitializedFieldCount_{0};
 };
 
 }  // namespace ostrel

@@ -85,9 +85,8 @@ ProtoSchemaStore::~ProtoSchemaStore() {
     if (to) edges[from].push_back(to);
   };
   for (const auto& [name, slot] : messageSchemas_) {
-    const auto* schema = std::get_if<1>(&slot);
-    if (!schema) continue;
-    const ProtoMessageSchema* message = schema->get();
+    if (!slot.materialised()) continue;
+    const ProtoMessageSchema* message = slot.schema().get();
     messages.push_back(message);
     nodes.push_back(message);
     addEdge(message, schemaOf(message->options()));
@@ -100,9 +99,8 @@ ProtoSchemaStore::~ProtoSchemaStore() {
         [&](const OneofSchemaDescribing& oneof) { addEdge(message, schemaOf(oneof.options())); });
   }
   for (const auto& [name, slot] : enumSchemas_) {
-    const auto* schema = std::get_if<1>(&slot);
-    if (!schema) continue;
-    const ProtoEnumSchema* enumSchema = schema->get();
+    if (!slot.materialised()) continue;
+    const ProtoEnumSchema* enumSchema = slot.schema().get();
     nodes.push_back(enumSchema);
     addEdge(enumSchema, schemaOf(enumSchema->options()));
     for (const auto& [number, options] : enumSchema->valueOptions()) {
@@ -136,9 +134,9 @@ ProtoSchemaStore::~ProtoSchemaStore() {
   std::vector<std::pair<size_t, std::shared_ptr<ProtoMessageSchema>>> releaseOrder;
   releaseOrder.reserve(messages.size());
   for (auto& [name, slot] : messageSchemas_) {
-    if (auto* schema = std::get_if<1>(&slot)) {
-      const size_t number = component.at(schema->get());
-      releaseOrder.emplace_back(number, std::move(*schema));
+    if (slot.materialised()) {
+      const size_t number = component.at(slot.schema().get());
+      releaseOrder.emplace_back(number, slot.take());
     }
   }
   std::sort(releaseOrder.begin(), releaseOrder.end(),

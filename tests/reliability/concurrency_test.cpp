@@ -1,15 +1,20 @@
-// Threads that each import descriptor sets, build stores and read through them, all at once. The
-// library shares only the built-in descriptor manifest between stores (made once, on first use)
-// and the log handler; everything else a thread touches is its own. ThreadSanitizer checks the
-// claim in the thread-sanitizer build of these tests.
+// Threads that each import descriptor sets, build stores and read through them, all at once; and
+// threads that share one store and one projection. ThreadSanitizer checks both in the
+// thread-sanitizer build of these tests.
 //
 // ctest runs each test in a process of its own, so the threads below are the first to ask for the
 // built-in manifest and race for its construction.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <latch>
+#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +105,104 @@ TEST(ReliabilityConcurrencyTest, ImportsAndStoresOnManyThreadsAtOnce) {
   EXPECT_NE(expected.find(R"("number":"12")"), std::string::npos) << expected;
   for (const std::string& seen : observed) EXPECT_EQ(seen, expected);
   EXPECT_EQ(logged.load(), kThreads * kRounds * kLogs);
+}
+
+constexpr int kSharingThreads = 8;
+
+// What one thread does with a store and a projection it shares with the others, in a store where
+// nothing has been looked up beyond what building the projection resolved: lookups of every schema
+// (each thread in its own order, so that they race for different first lookups), reads by path, a
+// projection read whose message values are rendered, whole renderings and iteration. Returns what
+// it saw, in an order that does not depend on the thread.
+std::string useShared(const SchemaStore& store, const Projection& projection,
+                      const std::string& message, size_t thread) {
+  const std::set<std::string> sorted = store.messageSchemaNames();
+  std::vector<std::string> names(sorted.begin(), sorted.end());
+  std::rotate(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(thread % names.size()),
+              names.end());
+  std::map<std::string, std::string> seen;
+  for (const std::string& name : names) {
+    const MessageSchema schema = store.messageSchema(name);
+    std::string fields;
+    for (const auto& [number, field] : schema.fieldsByNumber()) {
+      fields +=
+          std::to_string(number) + " " + field.name() + " " + field.type().descriptionText() + "\n";
+      EXPECT_EQ(schema.fieldWithNumber(number), field);
+    }
+    for (const OneofSchema& oneof : schema.allOneofs()) {
+      fields += oneof.name() + " " + std::to_string(oneof.allFieldNumbers().size()) + "\n";
+    }
+    seen[name] = fields;
+  }
+  for (const std::string& name : store.enumSchemaNames()) {
+    seen[name] = std::to_string(store.enumSchema(name).allValues().size());
+  }
+
+  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
+  const SchematizedData data = rich.schematizedData(message);
+  std::string reads = toJSON(*data.value("mids[0]")) + toJSON(*data.value("scalars.f_enum")) +
+                      toJSON(data) + toJSON(data, {.jsonNames = true, .printDefaults = true});
+  ProjectionRow row = projection.makeRow();
+  projection.read(data.bytes(), row);
+  for (size_t i = 0; i < row.size(); ++i) {
+    const std::optional<AnyValue> value = row.value(i);
+    reads += "\n" + projection.pathText(i) + " " + (value ? toJSON(*value) : "absent");
+  }
+  const FieldSchema mids = rich.fieldNamed("mids");
+  Schematizer::RepeatableFieldIterator elements(data.bytes(), mids.fieldNumber(), mids.type());
+  for (const AnyValue& element : elements) reads += "\n" + toJSON(element);
+  EXPECT_TRUE(manifestEngagementsOnly(store).messages.contains("ostrel.test.Rich"));
+
+  std::string all = reads;
+  for (const auto& [name, text] : seen) all += "\n" + name + "\n" + text;
+  return all;
+}
+
+// How long the shared-store test runs: OSTREL_CONCURRENCY_SECONDS seconds when set (for long runs
+// under ThreadSanitizer), else a few rounds.
+std::chrono::seconds sharingDuration() {
+  const char* text = std::getenv("OSTREL_CONCURRENCY_SECONDS");
+  return std::chrono::seconds(text ? std::atoi(text) : 0);
+}
+
+// Each round builds a fresh store and projection, so that the threads race for every first lookup
+// and materialisation again; their answers must be those of one thread alone.
+TEST(ReliabilityConcurrencyTest, OneStoreAndOneProjectionSharedByManyThreads) {
+  const Bytes richSet = readGenerated("rich.desc");
+  const std::string message = testing_support::richMessage();
+  const std::vector<std::string> paths = {
+      "mid",   "mid.leaf.id", "mids[0]", "mids[0].leaves[0].codes[0]",
+      "color", "number",      "scalars", "leaves_by_id[0].value"};
+  const auto fresh = [&] {
+    SchemaStore store(schemaManifestFromDescriptorSet(richSet));
+    Projection projection(store.messageSchema("ostrel.test.Rich"), paths);
+    return std::pair(std::move(store), std::move(projection));
+  };
+  const std::string expected = [&] {
+    const auto [store, projection] = fresh();
+    return useShared(store, projection, message, 0);
+  }();
+  EXPECT_NE(expected.find(R"(mid {"leaf":{"id":1},"leaves":[{"label":"a"}]})"), std::string::npos)
+      << expected;
+
+  const auto until = std::chrono::steady_clock::now() + sharingDuration();
+  int rounds = 0;
+  do {
+    const auto [store, projection] = fresh();
+    std::vector<std::string> observed(kSharingThreads);
+    std::latch start(kSharingThreads);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < kSharingThreads; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        observed[i] = useShared(store, projection, message, i);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const std::string& seen : observed) ASSERT_EQ(seen, expected);
+    ++rounds;
+  } while (rounds < kRounds || std::chrono::steady_clock::now() < until);
+  std::printf("%d rounds of %d threads\n", rounds, kSharingThreads);
 }
 
 }  // namespace

@@ -4,7 +4,8 @@
 // are the Proto* classes of the schema store; another store only has to implement these.
 //
 // Schema lookups materialise schemas lazily and cache them, so they are const but mutate hidden
-// state: one store, and everything reached from it, must be used by one thread at a time.
+// state. An implementation must keep them safe to call from many threads at once, as the library's
+// own are (the thread rule is in ostrel/store/schemas.hpp).
 
 #include <cstdint>
 #include <functional>

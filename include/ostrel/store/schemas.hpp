@@ -3,6 +3,15 @@
 // The public schema types. Each is a small value holding one shared `impl` behind an abstract
 // interface; copying a wrapper copies the reference, not the schema. Only SchemaStore keeps a store
 // alive: the other wrappers keep their schema alive but not the store it came from.
+//
+// Threads: a store, and everything reached from it (its schemas, the data paired with them,
+// projections, JSON rendering), may be used by any number of threads at once, without locking of
+// the caller's. Schemas are materialised on first lookup under a lock and published for good;
+// reading what is already materialised takes no lock. The one exception is letting go of the
+// store: the last SchemaStore must not be released while another thread still reads through
+// schemas of a recursive type (a message that reaches itself through its fields), because the
+// store then cuts that cycle. Readers and iterators, and each projection's rows, are the caller's
+// own values: one thread at a time.
 
 #include <cstdint>
 #include <functional>

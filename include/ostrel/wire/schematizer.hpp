@@ -168,7 +168,8 @@ class ProjectionRow;
 // the bytes belongs to the paths whose single read would have met it and to no other, so a record
 // damaged after the fields a path needs still answers that path.
 //
-// A projection is immutable and may be shared between threads; each thread reads into its own row.
+// A projection is immutable and may be shared between threads (see ostrel/store/schemas.hpp); each
+// thread reads into its own row.
 class Projection {
  public:
   // Resolves every path against `schema` (as resolvePropertyPath does) and merges them. Throws the
