@@ -247,8 +247,8 @@ class DescriptorSetReader {
     if (!type || !name || !number) invalidDescriptor("Enum value is missing");
     field.type = *type;
     field.fieldNumber = *number;
-    field.implicitPresence = proto3_ && !field.isRepeated && !field.oneofIndex &&
-                             field.type != TypeManifest::message;
+    field.implicitPresence =
+        proto3_ && !field.isRepeated && !field.oneofIndex && field.type != TypeManifest::message;
     if (auto json = declaredJsonName(value.messageValue().bytes());
         json && *json != detail::jsonName(*name)) {
       field.jsonName = std::move(json);

@@ -453,8 +453,8 @@ class Encoder {
       if (target.oneof >= 0) {
         for (const FieldEntry* member : oneofs) {
           if (member->oneof == target.oneof && member != &target) {
-            expected(memberPath, "one member of a oneof, found \"" + std::string(member->name) +
-                                     "\" too");
+            expected(memberPath,
+                     "one member of a oneof, found \"" + std::string(member->name) + "\" too");
           }
         }
         oneofs.push_back(&target);

@@ -468,7 +468,8 @@ class Renderer {
     size_t winners = 0;
     const auto winnerOf = [&](int32_t oneof) -> Winner* {
       for (size_t i = 0; i < winners; ++i) {
-        Winner& w = i < inlineWinners.size() ? inlineWinners[i] : moreWinners[i - inlineWinners.size()];
+        Winner& w =
+            i < inlineWinners.size() ? inlineWinners[i] : moreWinners[i - inlineWinners.size()];
         if (w.oneof == oneof) return &w;
       }
       return nullptr;

@@ -2,7 +2,6 @@
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "wire/field_walk.hpp"
 #include "output/map_entry.hpp"
 
 namespace ostrel::detail {
@@ -85,9 +84,9 @@ std::unique_ptr<ResolvedPath> resolvePath(const SqlSchemas& schemas,
                                           std::optional<std::string_view> type,
                                           std::string_view path) {
   const MessageSchema schema = schemaFor(schemas, type);
-  return std::make_unique<ResolvedPath>(ResolvedPath{schemas.store(), schema.name(),
-                                                    schemas.generation(),
-                                                    resolvePropertyPath(schema, path), schema.impl()});
+  return std::make_unique<ResolvedPath>(
+      ResolvedPath{schemas.store(), schema.name(), schemas.generation(),
+                   resolvePropertyPath(schema, path), schema.impl()});
 }
 
 std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,

@@ -210,16 +210,16 @@ MessageManifest ProtoMessageSchema::manifest() const {
       continue;
     }
     const auto& field = static_cast<const ProtoFieldSchema&>(*std::get<1>(slot));
-    manifest.fields.emplace(fieldName, FieldManifest{.type = field.manifestType(),
-                                                     .typeName = field.typeName(),
-                                                     .fieldNumber = field.fieldNumber(),
-                                                     .isRepeated = field.isRepeated(),
-                                                     .oneofIndex = field.oneofIndex(),
-                                                     .options = detail::rawOptions(field.options()),
-                                                     .extensionName = field.extensionName(),
-                                                     .jsonName = field.declaredJsonName(),
-                                                     .implicitPresence =
-                                                         field.hasImplicitPresence()});
+    manifest.fields.emplace(fieldName,
+                            FieldManifest{.type = field.manifestType(),
+                                          .typeName = field.typeName(),
+                                          .fieldNumber = field.fieldNumber(),
+                                          .isRepeated = field.isRepeated(),
+                                          .oneofIndex = field.oneofIndex(),
+                                          .options = detail::rawOptions(field.options()),
+                                          .extensionName = field.extensionName(),
+                                          .jsonName = field.declaredJsonName(),
+                                          .implicitPresence = field.hasImplicitPresence()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

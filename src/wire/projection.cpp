@@ -166,9 +166,7 @@ struct ProjectionPlan::StoreScalar {
 
 ProjectionPlan::ProjectionPlan(const MessageSchema& messageSchema,
                                std::vector<std::string> pathTexts, ReadMode mode)
-    : texts(std::move(pathTexts)),
-      schema(messageSchema.impl()),
-      exact(mode == ReadMode::exact) {
+    : texts(std::move(pathTexts)), schema(messageSchema.impl()), exact(mode == ReadMode::exact) {
   paths.reserve(texts.size());
   for (const std::string& text : texts) paths.push_back(resolvePropertyPath(messageSchema, text));
   levels.emplace_back();

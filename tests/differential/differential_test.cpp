@@ -792,7 +792,8 @@ void exactReads(const pb::Message& parsed, const SchematizedData& data, const st
     if (!field->is_repeated()) {
       const bool has = r->HasField(parsed, field);
       reads.push_back({path, has ? expected(-1) : "absent", prototype});
-      if (isMessage && has) exactReads(r->GetMessage(parsed, field), nested(path), path + ".", reads);
+      if (isMessage && has)
+        exactReads(r->GetMessage(parsed, field), nested(path), path + ".", reads);
       continue;
     }
     const int size = r->FieldSize(parsed, field);
@@ -815,8 +816,8 @@ void exactReads(const pb::Message& parsed, const SchematizedData& data, const st
 
 // What default reads must give: the first occurrence, which is `message`'s own, for every scalar
 // leaf it holds on a path of singular fields and repeated message elements.
-void firstReads(const pb::Message& message, const std::string& prefix,
-                std::vector<PathRead>& reads, const MessageSchema& schema) {
+void firstReads(const pb::Message& message, const std::string& prefix, std::vector<PathRead>& reads,
+                const MessageSchema& schema) {
   const auto* r = message.GetReflection();
   std::vector<const Field*> set;
   r->ListFields(message, &set);
@@ -837,8 +838,8 @@ void firstReads(const pb::Message& message, const std::string& prefix,
       continue;
     }
     for (int i = 0; i < r->FieldSize(message, field); ++i) {
-      firstReads(r->GetRepeatedMessage(message, field, i),
-                 path + "[" + std::to_string(i) + "].", reads, nested);
+      firstReads(r->GetRepeatedMessage(message, field, i), path + "[" + std::to_string(i) + "].",
+                 reads, nested);
     }
   }
 }

@@ -203,7 +203,8 @@ TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
 TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {
   SchemaStore store(sampleManifest());
   const MessageSchema schema = store.messageSchema("t.Sample");
-  const std::string json = R"({"nope":{"deep":[1,{"x":null}]},"i32":3,"child":{"zz":"y","b":true}})";
+  const std::string json =
+      R"({"nope":{"deep":[1,{"x":null}]},"i32":3,"child":{"zz":"y","b":true}})";
   JsonParseOptions options;
   options.ignoreUnknownFields = true;
   EXPECT_EQ(toJSON(encodeJSON(schema, json, options)), R"({"i32":3,"child":{"b":true}})");

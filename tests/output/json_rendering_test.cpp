@@ -88,10 +88,9 @@ std::vector<RenderRow> renderRows() {
       {"of a oneof's members the last present wins, a message member merging only after it",
        var(28, 1) + len(29, var(1, 1)) + var(28, 2) + len(29, var(2, 2)) + len(29, var(3, 3)),
        R"({"o2":{"i64":"2","u32":3}})"},
-      {"a oneof member before another is dropped", len(29, var(1, 1)) + var(28, 5),
-       R"({"o1":5})"},
-      {"an occurrence of a singular field with the wrong wire type fails it",
-       f32(1, 5) + var(1, 1), R"({"i32":"#"})", "i32", "typeMismatch(int32, fixed32)"},
+      {"a oneof member before another is dropped", len(29, var(1, 1)) + var(28, 5), R"({"o1":5})"},
+      {"an occurrence of a singular field with the wrong wire type fails it", f32(1, 5) + var(1, 1),
+       R"({"i32":"#"})", "i32", "typeMismatch(int32, fixed32)"},
       {"every element of packed and unpacked runs in the order of the bytes, unknown fields "
        "between",
        var(18, 1) + var(99, 5) + len(18, "\x02\x03") + len(19, "x") + len(98, "zz") + var(18, 4) +

@@ -121,7 +121,8 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
   }
 
   // Reads the value at a property path such as "a.b[2].c", as SchematizedData::value does.
-  std::optional<AnyValue> value(std::string_view propertyPath, ReadMode mode = ReadMode::first) const;
+  std::optional<AnyValue> value(std::string_view propertyPath,
+                                ReadMode mode = ReadMode::first) const;
 
  private:
   std::shared_ptr<MessageSchemaDescribing> schema_;
@@ -152,7 +153,8 @@ class SchematizedData {
   // it, an index past the last element included (for packed runs too). Throws
   // PropertyPathUtil::Error for a malformed path, SchematizerError for a path the schema does not
   // have, SerializationError for malformed bytes.
-  std::optional<AnyValue> value(std::string_view propertyPath, ReadMode mode = ReadMode::first) const;
+  std::optional<AnyValue> value(std::string_view propertyPath,
+                                ReadMode mode = ReadMode::first) const;
   // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
   // resolution: the fast way to read one path from many records.
   std::optional<AnyValue> value(const FieldPathAndType& path) const;
