@@ -352,6 +352,10 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT P_HAS(x'2a01613001', 'ostrel.test.Rich', 'name', 1)", "int:0"},
           {"SELECT P_JSON(x'580158022a01613001', 'ostrel.test.Rich')",
            "text:{\"number\":\"1\",\"color\":\"GREEN\"}"},
+          // A proto3 field holding its default is left out, a oneof member kept.
+          {"SELECT hex(P_ENCODE('ostrel.test.Rich', "
+           "'{\"color\":\"COLOR_UNSPECIFIED\",\"name\":\"\"}'))",
+           "text:2A00"},
           {"SELECT P_GET(x'5801', 'ostrel.test.Rich', 'color', 'yes')",
            "error:the exact argument is text, not an integer (0 or 1)"},
           {"SELECT P_GET(x'5801', 'no.Such', 'color')",

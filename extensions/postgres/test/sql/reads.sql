@@ -146,3 +146,6 @@ SELECT p_has('\x3201782a00'::bytea, 'shop.Order', 'voucher') AS first_has,
 -- A record that cannot be rendered whole is an error, never error text inside the jsonb.
 SELECT p_json('\x08e907120108'::bytea, 'shop.Order');
 SELECT p_get('\x08e907120108'::bytea, 'shop.Order', 'customer');
+-- Fields without presence of their own are left out when they hold their default; oneof members
+-- are kept.
+SELECT p_encode('shop.Order', '{"id": 0, "state": "STATE_UNSPECIFIED", "voucher": ""}');
