@@ -316,6 +316,8 @@ AllocationCounts runSelfChecks(const Workload& w, Ours& ours, Peer& peer) {
   expectEqual("front id, pre-resolved, 1 KB", int64Of(ours.small.value(ours.front), "1 KB"),
               kFrontId);
   expectEqual("front id, borrowed", borrowedFrontId(ours), kFrontId);
+  expectEqual("front id, exact read, 1 MB",
+              int64Of(ours.large.value(ours.front, ReadMode::exact), large), kFrontId);
   expectEqual("front id, property path", int64Of(ours.large.value("mid.leaf.id"), large), kFrontId);
   expectEqual("front id, hand-written", floors::readVarintAtPath(w.large, kFrontPath).value_or(0),
               static_cast<uint64_t>(kFrontId));
@@ -832,6 +834,9 @@ void registerBenchmarks(const Workload& w, Ours& ours, Peer& peer, bool smoke) {
   add("Ostrel/ReadPreResolved/front/1MB", kFrontId,
       [&ours] { return int64Of(ours.large.value(ours.front), "front"); });
   add("Ostrel/ReadBorrowed/front/1MB", kFrontId, [&ours] { return borrowedFrontId(ours); });
+  // The same read with protobuf's parse semantics: every message on the path read to its end.
+  add("Ostrel/ReadExact/front/1MB", kFrontId,
+      [&ours] { return int64Of(ours.large.value(ours.front, ReadMode::exact), "front"); });
   add("Ostrel/ReadTyped/front/1MB", kFrontId,
       [&ours] { return readInt64(ours.large.bytes(), ours.front).value_or(0); });
   add("Ostrel/ReadPreResolved/front/1KB", kFrontId,
@@ -936,6 +941,8 @@ std::vector<RatioTarget> ratioTargets(const std::string& records) {
        B::oursAtMost, 2},
       {"1a", "depth-3 scalar near front, pre-resolved, vs hand-written read",
        "Ostrel/ReadPreResolved/front/1MB", "Floor/HandRead/front/1MB", B::oursAtMost, 2},
+      {"1d", "depth-3 scalar near front of 1 MB: exact read vs the default (first-occurrence) read",
+       "Ostrel/ReadExact/front/1MB", "Ostrel/ReadPreResolved/front/1MB", B::report, 0},
       {"1b", "same read vs DynamicMessage parse + reflection (speedup)",
        "Ostrel/ReadPreResolved/front/1MB", "Protobuf/DynamicParseReflect/1MB", B::speedupAtLeast,
        10000},

@@ -26,6 +26,7 @@
 #include "ostrel/ostrel.hpp"
 #include "output/map_entry.hpp"
 #include "store/proto_schema_store.hpp"
+#include "wire/exact_read.hpp"
 #include "wire/field_path.hpp"
 #include "wire/value_decoding.hpp"
 
@@ -153,6 +154,17 @@ char* copyOut(OstrelAlloc alloc, std::string_view text) {
   std::memcpy(out, text.data(), text.size());
   out[text.size()] = '\0';
   return out;
+}
+
+// Records are rendered whole or not at all: a field that cannot be rendered fails the call, so that
+// no error text ever lands in a jsonb.
+const JsonOptions& strictJson() {
+  static const JsonOptions options = [] {
+    JsonOptions strict;
+    strict.strict = true;
+    return strict;
+  }();
+  return options;
 }
 
 ByteView view(const char* data, size_t size) {
@@ -403,7 +415,7 @@ void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, Ostre
     case Case::message: {
       out->kind = OSTREL_MESSAGE;
       if (flags & OSTREL_MESSAGE_JSON) {
-        const std::string json = renderJSON(in.messageValue());
+        const std::string json = renderJSON(in.messageValue(), strictJson());
         out->data = copyOut(alloc, json);
         out->size = json.size();
       } else {
@@ -569,10 +581,23 @@ void ostrel_site_release(OstrelSite* site) { delete site; }
 bool ostrel_read(const OstrelSite* site, const char* record, size_t size, int flags,
                  OstrelAlloc alloc, OstrelValue* value, OstrelError* error) {
   return guarded(error, [&] {
-    Reader reader(view(record, size));
-    const std::optional<detail::AnyValueImpl> found = readValue(reader, site->compiled->path);
+    const Compiled& compiled = *site->compiled;
+    const ByteView bytes = view(record, size);
+    // A message merged from several occurrences lives here, not in the record: it is copied out.
+    Bytes merged;
+    std::optional<detail::AnyValueImpl> found;
+    if (flags & OSTREL_EXACT) {
+      found = detail::readValueExact(*compiled.schema.impl(), bytes, compiled.path.fieldPath,
+                                     compiled.path.type, merged);
+    } else {
+      Reader reader(bytes);
+      found = readValue(reader, compiled.path);
+    }
     if (found) {
       convert(*found, flags, alloc, value);
+      if (!merged.empty() && value->kind == OSTREL_MESSAGE && !(flags & OSTREL_MESSAGE_JSON)) {
+        value->data = copyOut(alloc, std::string_view(value->data, value->size));
+      }
     } else {
       *value = OstrelValue{};
     }
@@ -625,8 +650,8 @@ void ostrel_each_release(OstrelEach* each) { delete each; }
 bool ostrel_render(const OstrelSite* site, const char* record, size_t size, OstrelAlloc alloc,
                    char** json, size_t* jsonSize, OstrelError* error) {
   return guarded(error, [&] {
-    const std::string text =
-        renderJSON(UnsafeSchematizedData(site->compiled->schema.impl(), view(record, size)));
+    const std::string text = renderJSON(
+        UnsafeSchematizedData(site->compiled->schema.impl(), view(record, size)), strictJson());
     *json = copyOut(alloc, text);
     *jsonSize = text.size();
   });

@@ -93,6 +93,9 @@ typedef struct OstrelValue {
 
 /* Render message values as JSON text instead of handing out their bytes. */
 #define OSTREL_MESSAGE_JSON 1
+/* Read with protobuf's parse semantics (the library's ReadMode::exact) instead of taking the first
+ * occurrence of each field on the path. */
+#define OSTREL_EXACT 2
 
 /* The value at the site's path in `record`; kind OSTREL_ABSENT when the record does not hold it. */
 bool ostrel_read(const OstrelSite *site, const char *record, size_t size, int flags,

@@ -122,7 +122,10 @@ CREATE CAST (varchar AS @extschema@.ostrel_text) WITHOUT FUNCTION AS IMPLICIT;
 CREATE CAST (@extschema@.ostrel_text AS text) WITHOUT FUNCTION AS ASSIGNMENT;
 
 -- Reads. `type` is a registered message type, `path` a property path into it. Absent fields give
--- NULL; malformed records, unknown types and bad paths raise errors.
+-- NULL; malformed records, unknown types and bad paths raise errors. A field the record holds more
+-- than once reads as its first occurrence, the search stopping there; the four-argument forms with
+-- `exact => true` give protobuf's answer instead (the last value, messages merged, of a oneof the last
+-- member), reading every message on the path to its end.
 CREATE FUNCTION @extschema@.p_get(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text) RETURNS jsonb
 AS 'MODULE_PATHNAME', 'ostrel_p_get' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 CREATE FUNCTION @extschema@.p_get_bigint(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text) RETURNS bigint
@@ -139,6 +142,31 @@ AS 'MODULE_PATHNAME', 'ostrel_p_get_text' LANGUAGE C IMMUTABLE STRICT PARALLEL S
 CREATE FUNCTION @extschema@.p_get_bytea(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text) RETURNS bytea
 AS 'MODULE_PATHNAME', 'ostrel_p_get_bytea' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 CREATE FUNCTION @extschema@.p_has(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text) RETURNS boolean
+AS 'MODULE_PATHNAME', 'ostrel_p_has' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+-- The same reads with `exact`: true gives protobuf's answer, false the first occurrence.
+CREATE FUNCTION @extschema@.p_get(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS jsonb
+AS 'MODULE_PATHNAME', 'ostrel_p_get' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_bigint(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS bigint
+AS 'MODULE_PATHNAME', 'ostrel_p_get_bigint' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_numeric(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS numeric
+AS 'MODULE_PATHNAME', 'ostrel_p_get_numeric' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_double(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS double precision
+AS 'MODULE_PATHNAME', 'ostrel_p_get_double' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_bool(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS boolean
+AS 'MODULE_PATHNAME', 'ostrel_p_get_bool' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_text(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS text
+AS 'MODULE_PATHNAME', 'ostrel_p_get_text' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_get_bytea(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_get_bytea' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_has(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    exact boolean) RETURNS boolean
 AS 'MODULE_PATHNAME', 'ostrel_p_has' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 -- One row per element of a repeated field or map, like jsonb_each.
 CREATE FUNCTION @extschema@.p_each(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,

@@ -22,6 +22,14 @@ constexpr std::array<int8_t, 256> kDecodeTable = [] {
   return table;
 }();
 
+// The same, also taking the URL-safe alphabet's "-" and "_".
+constexpr std::array<int8_t, 256> kEitherDecodeTable = [] {
+  std::array<int8_t, 256> table = kDecodeTable;
+  table[static_cast<unsigned char>('-')] = 62;
+  table[static_cast<unsigned char>('_')] = 63;
+  return table;
+}();
+
 // Every twelve bits as their two characters, so that three bytes take two look-ups.
 constexpr std::array<std::array<char, 2>, 4096> kPairs = [] {
   std::array<std::array<char, 2>, 4096> table{};
@@ -98,4 +106,40 @@ std::optional<Bytes> base64Decode(std::string_view text) {
   return out;
 }
 
+namespace detail {
+
+std::optional<Bytes> base64DecodeEitherAlphabet(std::string_view text) {
+  size_t length = text.size();
+  if (length % 4 == 0 && length > 0 && text[length - 1] == '=') {
+    --length;
+    if (text[length - 1] == '=') --length;
+  }
+  // A last group of one character holds no whole byte.
+  if (length % 4 == 1) return std::nullopt;
+  Bytes out;
+  out.reserve(length / 4 * 3 + 2);
+  uint32_t group = 0;
+  size_t inGroup = 0;
+  for (size_t i = 0; i < length; ++i) {
+    const int value = kEitherDecodeTable[static_cast<unsigned char>(text[i])];
+    if (value < 0) return std::nullopt;
+    group = group << 6 | static_cast<uint32_t>(value);
+    if (++inGroup == 4) {
+      out.push_back(static_cast<std::byte>(group >> 16));
+      out.push_back(static_cast<std::byte>((group >> 8) & 0xFF));
+      out.push_back(static_cast<std::byte>(group & 0xFF));
+      group = 0;
+      inGroup = 0;
+    }
+  }
+  if (inGroup == 2) {
+    out.push_back(static_cast<std::byte>(group >> 4));
+  } else if (inGroup == 3) {
+    out.push_back(static_cast<std::byte>(group >> 10));
+    out.push_back(static_cast<std::byte>((group >> 2) & 0xFF));
+  }
+  return out;
+}
+
+}  // namespace detail
 }  // namespace ostrel

@@ -98,6 +98,7 @@ class DescriptorSetReader {
     // types of the file get it wherever it stands.
     NamePath path;
     bool packageSeen = false;
+    proto3_ = isProto3(file);
     walk(file, [&](const std::string& property, detail::AnyValueImpl&& value) {
       if (property != "package" || packageSeen) return;
       packageSeen = true;
@@ -112,6 +113,17 @@ class DescriptorSetReader {
         readExtension(path, value);
       }
     });
+  }
+
+  // Whether the file declares syntax "proto3". The syntax (field 12 of FileDescriptorProto) is read
+  // from the bytes: the built-in descriptor schema, which the rest of the import reads through,
+  // leaves it out.
+  static bool isProto3(const detail::AnyValueImpl& file) {
+    Reader reader(file.messageValue().bytes());
+    constexpr int64_t kSyntaxField = 12;
+    const uint32_t tag = reader.findField(kSyntaxField);
+    if (tag == 0 || FieldTag(tag).wireType() != ProtoWireType::lengthDelimited) return false;
+    return asText(reader.readLengthDelimited()) == "proto3";
   }
 
   void readMessage(const NamePath& path, const detail::AnyValueImpl& value, int depth) {
@@ -242,6 +254,8 @@ class DescriptorSetReader {
     if (!type || !name || !number) invalidDescriptor("Enum value is missing");
     field.type = *type;
     field.fieldNumber = *number;
+    field.implicitPresence =
+        proto3_ && !field.isRepeated && !field.oneofIndex && field.type != TypeManifest::message;
     if (auto json = declaredJsonName(value.messageValue().bytes());
         json && *json != detail::jsonName(*name)) {
       field.jsonName = std::move(json);
@@ -298,6 +312,7 @@ class DescriptorSetReader {
     if (!extendee || !isText(*extendee)) invalidValue("Failed to get extendee message name");
     const std::string target = detail::normalizedTypeName(extendee->stringValue());
     auto field = readField(scope, value);
+    if (field) field->second.implicitPresence = false;
     if (!field) {
       // A group extension left out still names its extendee, as a present one would.
       detail::extendeeEntry(manifest_, target);
@@ -310,6 +325,8 @@ class DescriptorSetReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
+  // Whether the file being read is proto3.
+  bool proto3_ = false;
 };
 
 }  // namespace

@@ -210,6 +210,8 @@ FieldManifest readField(const Json& value, const Path& path) {
       hasFieldNumber = true;
     } else if (name == "isRepeated") {
       field.isRepeated = readBool(member, at);
+    } else if (name == "implicitPresence") {
+      field.implicitPresence = readBool(member, at);
     } else if (name == "oneofIndex") {
       // Checked against the message's oneofs once the whole message has been read.
       if (!member.is_number_integer()) fail(at, "expected an integer");
@@ -343,6 +345,7 @@ Json writeField(const FieldManifest& field, const Path& path) {
   if (field.typeName) out["typeName"] = checkedText(*field.typeName, path.member("typeName"));
   out["fieldNumber"] = field.fieldNumber;
   if (field.isRepeated) out["isRepeated"] = true;
+  if (field.implicitPresence) out["implicitPresence"] = true;
   if (field.oneofIndex) out["oneofIndex"] = *field.oneofIndex;
   if (field.options) out["options"] = base64(*field.options);
   return out;

@@ -46,6 +46,7 @@ class TypedDescriptorReader {
 
  private:
   void readFile(const pb::FileDescriptorProto& file) {
+    proto3_ = file.syntax() == "proto3";
     const NamePath path = detail::splitName(file.package());
     for (const pb::DescriptorProto& message : file.message_type()) readMessage(path, message);
     for (const pb::EnumDescriptorProto& enumType : file.enum_type()) readEnum(path, enumType);
@@ -136,6 +137,8 @@ class TypedDescriptorReader {
       field.typeName = detail::normalizedTypeName(descriptor.type_name());
     }
     if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
+    field.implicitPresence = proto3_ && !field.isRepeated && !field.oneofIndex &&
+                             field.type != TypeManifest::message && !descriptor.has_extendee();
     if (descriptor.has_json_name() &&
         descriptor.json_name() != detail::jsonName(descriptor.name())) {
       field.jsonName = descriptor.json_name();
@@ -160,6 +163,8 @@ class TypedDescriptorReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
+  // Whether the file being read is proto3.
+  bool proto3_ = false;
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/base64.hpp"
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/interrupts.hpp"
@@ -201,6 +202,10 @@ struct FieldEntry {
   bool repeated = false;
   // Whether null is a value of the field (google.protobuf.Value, NullValue), not its absence.
   bool nullIsValue = false;
+  // Whether the field is left out when it holds its default (FieldManifest::implicitPresence).
+  bool implicitPresence = false;
+  // The index of the field's oneof, or -1.
+  int32_t oneof = -1;
   // The field number and wire type as one varint.
   uint64_t key = 0;
   int64_t number = 0;
@@ -272,6 +277,16 @@ struct MessageEntry {
     return addName(owned, *field);
   }
 
+  // named(), or null for a name that is no field's.
+  const Name* findNamed(std::string_view name) {
+    try {
+      return &named(name);
+    } catch (const SchematizerError& error) {
+      if (error.code() != SchematizerError::Code::fieldNotFound) throw;
+      return nullptr;
+    }
+  }
+
   const Name& addName(std::string name, const FieldSchemaDescribing& field) {
     const size_t index = names.size();
     return names.try_emplace(std::move(name), Name{&entryFor(field), index}).first->second;
@@ -329,7 +344,8 @@ class KeySet {
 // soon as its value is read, nested messages in place.
 class Encoder {
  public:
-  explicit Encoder(detail::WireBuffer& out) : out_(out) {}
+  Encoder(detail::WireBuffer& out, const JsonParseOptions& options)
+      : out_(out), options_(options) {}
 
   // The top-level message: a well-known type in its JSON form, any other as an object.
   void document(const MessageSchemaDescribing& schema, ondemand::value& root) {
@@ -364,6 +380,8 @@ class Encoder {
     entry.repeated = field.isRepeated();
     entry.number = field.fieldNumber();
     entry.name = field.name();
+    entry.implicitPresence = field.hasImplicitPresence() && !entry.repeated;
+    entry.oneof = field.oneofIndex().value_or(-1);
     entry.key = detail::fieldKey(
         entry.number,
         static_cast<WireType>(detail::kRequiredWireType[static_cast<size_t>(entry.kind)]));
@@ -407,6 +425,8 @@ class Encoder {
     IndexSet names;
     IndexSet fields;
     bool typeSeen = false;
+    // The member given for each oneof so far.
+    std::vector<const FieldEntry*> oneofs;
     for (auto member : object) {
       detail::pollInterrupt();
       ondemand::field field = take(std::move(member));
@@ -416,7 +436,11 @@ class Encoder {
         typeSeen = true;
         continue;
       }
-      const MessageEntry::Name& named = entry.named(name);
+      const MessageEntry::Name* found =
+          options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
+      // The value of a member ignored is stepped over when the next member is read.
+      if (!found) continue;
+      const MessageEntry::Name& named = *found;
       if (!names.insert(named.index)) throw JsonTextFault{};
       FieldEntry& target = resolve(*named.field);
       const Path memberPath = path.member(target.name);
@@ -428,11 +452,37 @@ class Encoder {
         readNull(value);
         continue;
       }
+      if (target.oneof >= 0) {
+        for (const FieldEntry* member : oneofs) {
+          if (member->oneof == target.oneof && member != &target) {
+            expected(memberPath,
+                     "one member of a oneof, found \"" + std::string(member->name) + "\" too");
+          }
+        }
+        oneofs.push_back(&target);
+      }
+      const size_t start = out_.size();
       fieldValues(target, value, type, memberPath, depth);
       if (!fields.insert(target.index)) {
         expected(memberPath, "the field once, under one of its names");
       }
+      if (target.implicitPresence) leaveOutDefault(start);
     }
+  }
+
+  // Takes back the field written from `start` when it holds its default: a field without presence
+  // of its own is written only when it differs from it. Its value is then all zero bytes (a varint
+  // 0, a length 0, zero fixed-width bits), the key being its only other byte or bytes.
+  void leaveOutDefault(size_t start) {
+    const ByteView written = out_.view().subspan(start);
+    size_t keyEnd = 0;
+    while (keyEnd < written.size() && (std::to_integer<uint8_t>(written[keyEnd]) & 0x80) != 0) {
+      ++keyEnd;
+    }
+    for (size_t i = keyEnd + 1; i < written.size(); ++i) {
+      if (written[i] != std::byte{0}) return;
+    }
+    out_.truncate(start);
   }
 
   // The values of `field` that `value` gives: one, or for a repeated field its elements, or for a
@@ -559,7 +609,9 @@ class Encoder {
         return out_.lengthDelimited(field.key, take(value.get_string()));
       case Case::bytes: {
         std::optional<Bytes> decoded;
-        if (type == JsonType::string) decoded = base64Decode(take(value.get_string()));
+        if (type == JsonType::string) {
+          decoded = detail::base64DecodeEitherAlphabet(take(value.get_string()));
+        }
         if (!decoded) expected(path, "a base64 string");
         return out_.lengthDelimited(field.key, asText(*decoded));
       }
@@ -781,6 +833,7 @@ class Encoder {
   }
 
   detail::WireBuffer& out_;
+  const JsonParseOptions& options_;
   std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessageEntry>> messages_;
   // Member names with escapes, decoded; valid until the next member name is read.
   std::string scratch_;
@@ -788,14 +841,15 @@ class Encoder {
 
 }  // namespace
 
-SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json) {
+SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json,
+                           const JsonParseOptions& options) {
   detail::JsonInput input(json, kMaxDocumentDepth);
   detail::JsonInput::refuseDeeperThan(json, kMaxDocumentDepth);
   // Wire bytes take less room than their JSON text.
   detail::WireBuffer out(json.size() / 2);
   try {
     ondemand::value root = input.root();
-    Encoder(out).document(schema, root);
+    Encoder(out, options).document(schema, root);
     input.finish();
   } catch (const JsonTextFault& fault) {
     input.check();
@@ -811,8 +865,9 @@ SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_vi
   return schema.schematizedData(out.data());
 }
 
-SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json) {
-  return encodeJSON(*schema.impl(), json);
+SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json,
+                           const JsonParseOptions& options) {
+  return encodeJSON(*schema.impl(), json, options);
 }
 
 }  // namespace ostrel

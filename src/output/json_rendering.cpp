@@ -55,6 +55,8 @@ struct FieldPlan {
   std::string key;
 
   bool repeated = false;
+  // The index of the field's oneof, or -1.
+  int32_t oneof = -1;
 
   bool resolved = false;
   const TypeSchemaDescription* type = nullptr;
@@ -70,6 +72,7 @@ struct MessagePlan {
   const MessageSchemaDescribing* schema = nullptr;
   WellKnown wellKnown = WellKnown::none;
   std::optional<detail::MapEntryFields> mapEntry;
+  bool hasOneofs = false;
   // In ascending field number.
   std::vector<FieldPlan> fields;
   // For small field numbers: 1 + the index in `fields` of each number, 0 for an unknown one.
@@ -108,9 +111,10 @@ struct MapEntry {
   ByteView bytes;
   size_t keyStart = 0;
   size_t keyLength = 0;
-  // The value's first occurrence in `bytes`, or -1.
+  // The value's last occurrence in `bytes`, or -1, and how many there are.
   int64_t valuePosition = -1;
   ProtoWireType valueWireType = ProtoWireType::varInt;
+  uint32_t valueCount = 0;
   bool shown = true;
 };
 
@@ -119,6 +123,7 @@ struct ScanFault {
   // The known field being stepped over, or kNoField.
   int64_t fieldNumber = kNoField;
   std::string text;
+  std::exception_ptr error;
 };
 
 Reader readerAt(ByteView bytes, int64_t position) {
@@ -301,6 +306,10 @@ class Renderer {
         f.field = field.get();
         f.number = number;
         f.repeated = field->isRepeated();
+        if (const std::optional<int32_t> oneof = field->oneofIndex()) {
+          f.oneof = *oneof;
+          made->hasOneofs = true;
+        }
         key(f.key, memberName(*field));
       }
       if (!fields.empty() && fields.rbegin()->first < kMaxDenseFieldNumber) {
@@ -342,6 +351,8 @@ class Renderer {
     Pop pop{runs_, first};
 
     std::optional<ScanFault> fault = gather(plan, bytes);
+    if (fault && options_.strict) std::rethrow_exception(fault->error);
+    if (plan.hasOneofs && runs_.size() - first > 1) dropClearedOneofMembers(first);
     const auto byNumber = [](const Run& a, const Run& b) { return a.number() < b.number(); };
     // Encoders write fields in number order, so sorting is rarely needed; stability keeps each
     // field's occurrences in the order of the bytes.
@@ -438,9 +449,55 @@ class Renderer {
         if (reader.position() > reader.size()) throw SerializationError::truncated();
       }
     } catch (const Error& error) {
-      return ScanFault{current, error.what()};
+      return ScanFault{current, error.what(), std::current_exception()};
     }
     return std::nullopt;
+  }
+
+  // Of the members of a oneof, protobuf's parse keeps the last one present: drops the runs of
+  // runs_ above `first` (in the order of the bytes) that an occurrence of another member of their
+  // oneof follows.
+  void dropClearedOneofMembers(size_t first) {
+    struct Winner {
+      int32_t oneof;
+      int64_t number;
+      // Set once an earlier occurrence of another member has been met.
+      bool closed;
+    };
+    std::array<Winner, 8> inlineWinners;
+    std::vector<Winner> moreWinners;
+    size_t winners = 0;
+    const auto winnerOf = [&](int32_t oneof) -> Winner* {
+      for (size_t i = 0; i < winners; ++i) {
+        Winner& w =
+            i < inlineWinners.size() ? inlineWinners[i] : moreWinners[i - inlineWinners.size()];
+        if (w.oneof == oneof) return &w;
+      }
+      return nullptr;
+    };
+    bool dropped = false;
+    for (size_t i = runs_.size(); i-- > first;) {
+      Run& run = runs_[i];
+      if (run.plan->oneof < 0) continue;
+      Winner* winner = winnerOf(run.plan->oneof);
+      if (!winner) {
+        const Winner made{run.plan->oneof, run.number(), false};
+        if (winners < inlineWinners.size()) {
+          inlineWinners[winners] = made;
+        } else {
+          moreWinners.push_back(made);
+        }
+        ++winners;
+      } else if (winner->number != run.number() || winner->closed) {
+        winner->closed = true;
+        run.plan = nullptr;
+        dropped = true;
+      }
+    }
+    if (!dropped) return;
+    runs_.erase(std::remove_if(runs_.begin() + static_cast<ptrdiff_t>(first), runs_.end(),
+                               [](const Run& run) { return run.plan == nullptr; }),
+                runs_.end());
   }
 
   // Emits the field whose runs are runs_[begin, end) as one member, or nothing for a repeated
@@ -462,9 +519,7 @@ class Renderer {
       resolve(f);
       bool present = true;
       if (!f.repeated) {
-        const Run& run = runs_[begin];
-        Reader reader = readerAt(bytes, run.position);
-        value(f, reader, run.wireType, depth, level);
+        singular(f, bytes, begin, end, depth, level);
       } else if (f.kind == Case::message && messagePlan(f).mapEntry) {
         map(*f.message, bytes, begin, end, depth, level);
       } else {
@@ -475,10 +530,46 @@ class Renderer {
         return;
       }
     } catch (const Error& error) {
+      if (options_.strict) throw;
       rollback(valueStart);
       fieldError(f.field->name(), error.what());
     }
     any = true;
+  }
+
+  // Emits the value of the singular field whose runs are runs_[begin, end) as protobuf's parse
+  // holds it: the last occurrence of a scalar, string or bytes; the occurrences of a message
+  // merged. Every occurrence must have the field's wire type.
+  void singular(FieldPlan& f, ByteView bytes, size_t begin, size_t end, int depth, int level) {
+    const Run& last = runs_[end - 1];
+    if (begin + 1 == end && last.count == 1) {
+      Reader reader = readerAt(bytes, last.position);
+      value(f, reader, last.wireType, depth, level);
+      return;
+    }
+    forEachOccurrence(bytes, begin, end, [&](Reader&, ProtoWireType wireType) {
+      if (wireType != f.required) throw SerializationError::typeMismatch(*f.type, wireType);
+    });
+    if (f.kind != Case::message) {
+      Reader reader = readerAt(bytes, last.lastPosition);
+      value(f, reader, last.lastWireType, depth, level);
+      return;
+    }
+    Bytes merged;
+    forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType) {
+      const ByteView payload = reader.readLengthDelimited();
+      merged.insert(merged.end(), payload.begin(), payload.end());
+    });
+    mergedMessage(messagePlan(f), merged, depth, level);
+  }
+
+  // A message made of several occurrences, as the concatenation of their payloads `merged`:
+  // parsing them one after the other is what merging them means.
+  void mergedMessage(MessagePlan& plan, ByteView merged, int depth, int level) {
+    if (depth >= kMaxMessageDepth) {
+      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
+    }
+    messageValue(plan, merged, depth + 1, level);
   }
 
   // Whether the values of the field can fail after their text has begun: then a field of them is
@@ -597,18 +688,22 @@ class Renderer {
       entry.keyStart = keys_.size();
       bool hasKey = false;
       Reader fields(entry.bytes);
+      // The last key and the last value win, as protobuf parses an entry; the occurrences of a
+      // message value merge.
       while (fields.hasMoreFields()) {
         const FieldTag tag = fields.readTag();
-        if (tag.fieldNumber() == 1 && !hasKey) {
+        if (tag.fieldNumber() == 1) {
+          keys_.resize(entry.keyStart);
           mapKey(keyPlan, fields, tag.wireType());
           hasKey = true;
-        } else if (tag.fieldNumber() == 2 && entry.valuePosition < 0) {
+        } else if (tag.fieldNumber() == 2) {
           // Checked here, before the object begins, so that no value fails halfway through it.
-          if (sink_ && tag.wireType() != valuePlan.required) {
+          if ((sink_ || entry.valueCount > 0) && tag.wireType() != valuePlan.required) {
             throw SerializationError::typeMismatch(*valuePlan.type, tag.wireType());
           }
           entry.valuePosition = fields.position();
           entry.valueWireType = tag.wireType();
+          ++entry.valueCount;
           fields.skipField(tag);
         } else {
           fields.skipField(tag);
@@ -660,7 +755,20 @@ class Renderer {
       any = true;
       // Not through keyOf's view: rendering the value may grow keys_.
       key(std::string_view(keys_).substr(entry.keyStart, entry.keyLength));
-      if (entry.valuePosition >= 0) {
+      if (entry.valueCount > 1 && valuePlan.kind == Case::message) {
+        Bytes merged;
+        Reader fields(entry.bytes);
+        while (fields.hasMoreFields()) {
+          const FieldTag tag = fields.readTag();
+          if (tag.fieldNumber() != 2) {
+            fields.skipField(tag);
+            continue;
+          }
+          const ByteView payload = fields.readLengthDelimited();
+          merged.insert(merged.end(), payload.begin(), payload.end());
+        }
+        mergedMessage(messagePlan(valuePlan), merged, depth, level + 1);
+      } else if (entry.valuePosition >= 0) {
         Reader reader = readerAt(entry.bytes, entry.valuePosition);
         value(valuePlan, reader, entry.valueWireType, depth, level + 1);
       } else {
@@ -765,9 +873,10 @@ class Renderer {
     }
   }
 
-  // The first run of field `number` among runs_[first, end).
+  // The last run of field `number` among runs_[first, end): its last occurrence is the one
+  // protobuf's parse keeps.
   const Run* find(size_t first, int64_t number) const {
-    for (size_t i = first; i < runs_.size(); ++i) {
+    for (size_t i = runs_.size(); i-- > first;) {
       if (runs_[i].number() == number) return &runs_[i];
     }
     return nullptr;
@@ -776,8 +885,8 @@ class Renderer {
   std::optional<detail::AnyValueImpl> fieldValue(ByteView bytes, size_t first, int64_t number) {
     const Run* run = find(first, number);
     if (!run) return std::nullopt;
-    Reader reader = readerAt(bytes, run->position);
-    return decodeValue(reader, run->plan->field->type(), run->wireType);
+    Reader reader = readerAt(bytes, run->lastPosition);
+    return decodeValue(reader, run->plan->field->type(), run->lastWireType);
   }
 
   detail::SecondsAndNanos secondsAndNanos(MessagePlan& plan, ByteView bytes) {
@@ -795,8 +904,8 @@ class Renderer {
     Pop pop{runs_, first};
     gatherWhole(plan, bytes);
     if (const Run* run = find(first, 1)) {
-      Reader reader = readerAt(bytes, run->position);
-      value(resolve(*run->plan), reader, run->wireType, depth, level);
+      Reader reader = readerAt(bytes, run->lastPosition);
+      value(resolve(*run->plan), reader, run->lastWireType, depth, level);
     } else {
       defaultValue(plan.schema->fieldWithNumber(1)->type());
     }
@@ -831,7 +940,7 @@ class Renderer {
     const std::optional<detail::AnyValueImpl> url = fieldValue(bytes, first, 1);
     const Run* value = find(first, 2);
     if (!url || url->stringValue().empty()) {
-      if (value && !readerAt(bytes, value->position).readLengthDelimited().empty()) {
+      if (value && !readerAt(bytes, value->lastPosition).readLengthDelimited().empty()) {
         throw SchematizerError::unexpectedType("google.protobuf.Any without a type URL");
       }
       out_ += "{}";
@@ -840,7 +949,7 @@ class Renderer {
     const std::string& typeUrl = url->stringValue();
     MessagePlan& packed = anyType(plan, typeUrl);
     const ByteView packedBytes =
-        value ? readerAt(bytes, value->position).readLengthDelimited() : ByteView{};
+        value ? readerAt(bytes, value->lastPosition).readLengthDelimited() : ByteView{};
     if (depth >= kMaxMessageDepth) {
       throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
     }
@@ -909,7 +1018,10 @@ class Renderer {
       const Run& kindRun = runs_.back();
       FieldPlan& kindField = resolve(*kindRun.plan);
       Reader reader = readerAt(bytes, kindRun.lastPosition);
-      if (kindField.number == 2) {
+      if (kindField.kind == Case::message) {
+        // A struct_value or list_value in several occurrences in a row merges.
+        singular(kindField, bytes, runs_.size() - 1, runs_.size(), depth, level);
+      } else if (kindField.number == 2) {
         const double number =
             decodeValue(reader, *kindField.type, kindRun.lastWireType).doubleValue();
         if (!std::isfinite(number)) {
@@ -1203,10 +1315,14 @@ std::string toJSON(const SchematizedData& data, const JsonOptions& options) {
 }
 
 std::string toJSON(const AnyValue& value, JsonStyle style) {
-  const detail::AnyValueImpl impl = value.impl();
-  std::string out;
   JsonOptions options;
   options.style = style;
+  return toJSON(value, options);
+}
+
+std::string toJSON(const AnyValue& value, const JsonOptions& options) {
+  const detail::AnyValueImpl impl = value.impl();
+  std::string out;
   Renderer renderer(out, options);
   renderer.anyValue(impl);
   renderer.finish();

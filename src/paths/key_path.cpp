@@ -1,5 +1,6 @@
 #include "ostrel/paths/property_path.hpp"
 #include "paths/key_path_resolution.hpp"
+#include "wire/exact_read.hpp"
 #include "wire/value_decoding.hpp"
 
 namespace ostrel {
@@ -71,7 +72,21 @@ FieldPathAndType resolvePropertyPath(const MessageSchema& schema, std::string_vi
   return resolvePropertyPath(*schema.impl(), path);
 }
 
-std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath) const {
+namespace {
+
+std::optional<AnyValue> readExact(const MessageSchemaDescribing& schema, ByteView bytes,
+                                  const FieldPathAndType& path) {
+  // A message that occurs more than once is merged into this buffer; the value copies it.
+  Bytes merged;
+  return toOwned(detail::readValueExact(schema, bytes, path.fieldPath, path.type, merged));
+}
+
+}  // namespace
+
+std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath, ReadMode mode) const {
+  if (mode == ReadMode::exact) {
+    return readExact(*schema_, bytes(), resolvePropertyPath(*schema_, propertyPath));
+  }
   return toOwned(detail::readAtKeyPath(*schema_, bytes(), propertyPath));
 }
 
@@ -80,7 +95,16 @@ std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path) con
   return toOwned(readValue(reader, path));
 }
 
-std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath) const {
+std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path, ReadMode mode) const {
+  if (mode == ReadMode::exact) return readExact(*schema_, bytes(), path);
+  return value(path);
+}
+
+std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath,
+                                                     ReadMode mode) const {
+  if (mode == ReadMode::exact) {
+    return readExact(*schema_, bytes_, resolvePropertyPath(*schema_, propertyPath));
+  }
   return toOwned(detail::readAtKeyPath(*schema_, bytes_, propertyPath));
 }
 

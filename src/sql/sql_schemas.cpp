@@ -6,7 +6,6 @@
 #include "ostrel/paths/property_path.hpp"
 #include "output/map_entry.hpp"
 #include "store/proto_schema_store.hpp"
-#include "wire/field_walk.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -37,18 +36,6 @@ MessageSchema schemaFor(const SqlSchemas& schemas, std::optional<std::string_vie
 uint64_t nextGeneration() {
   static std::atomic<uint64_t> counter{0};
   return ++counter;
-}
-
-constexpr int kMaxDepth = 100;
-
-void checkMessage(const SchematizedDataDescribing& message, int depth) {
-  if (depth > kMaxDepth) {
-    throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-  }
-  forEachPresentField(message, [depth](const std::shared_ptr<FieldSchemaDescribing>&,
-                                       detail::AnyValueImpl&& value) {
-    if (value.kind() == detail::AnyValueImpl::Case::message) checkMessage(value.messageValue(), depth + 1);
-  });
 }
 
 }  // namespace
@@ -100,8 +87,9 @@ std::unique_ptr<ResolvedPath> resolvePath(const SqlSchemas& schemas,
                                           std::optional<std::string_view> type,
                                           std::string_view path) {
   const MessageSchema schema = schemaFor(schemas, type);
-  return std::make_unique<ResolvedPath>(ResolvedPath{
-      schemas.store(), schema.name(), schemas.generation(), resolvePropertyPath(schema, path)});
+  return std::make_unique<ResolvedPath>(
+      ResolvedPath{schemas.store(), schema.name(), schemas.generation(),
+                   resolvePropertyPath(schema, path), schema.impl()});
 }
 
 std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,
@@ -156,7 +144,5 @@ std::optional<Schematizer::RepeatableFieldIterator> iterateElements(
   return Schematizer::RepeatableFieldIterator(holder, repeated.field->fieldNumber(),
                                               TypeSchema(repeated.field->type()));
 }
-
-void checkRecord(const UnsafeSchematizedData& record) { checkMessage(record, 1); }
 
 }  // namespace ostrel::detail

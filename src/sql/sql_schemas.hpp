@@ -64,6 +64,8 @@ struct ResolvedPath {
   std::string type;
   uint64_t generation = 0;
   FieldPathAndType path;
+  // The message type the path starts from.
+  std::shared_ptr<MessageSchemaDescribing> schema;
 };
 
 // Parses and resolves `path` against `type` of `schemas` (the default type when `type` is absent).
@@ -97,10 +99,5 @@ std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,
 // errors of reading the way to it.
 std::optional<Schematizer::RepeatableFieldIterator> iterateElements(
     ByteView record, const ResolvedRepeated& repeated);
-
-// Walks the whole record, nested messages included, so that a malformed record is reported as an
-// error rather than rendered with error texts in it. Throws SerializationError and
-// SchematizerError::protocolBufferError("Nesting deeper than 100 messages").
-void checkRecord(const UnsafeSchematizedData& record);
 
 }  // namespace ostrel::detail

@@ -24,10 +24,21 @@ SQLITE_EXTENSION_INIT3
 #include "ostrel/sql/sql.hpp"
 #include "sql/sql_schemas.hpp"
 #include "sql/sqlite_function_set.hpp"
+#include "wire/exact_read.hpp"
 #include "wire/field_path.hpp"
 
 namespace ostrel::detail::OSTREL_SQLITE_NAMESPACE {
 namespace {
+
+// A record that cannot be rendered whole is an error, never a text with errors in it.
+const JsonOptions& strictJson() {
+  static const JsonOptions options = [] {
+    JsonOptions strict;
+    strict.strict = true;
+    return strict;
+  }();
+  return options;
+}
 
 void resultText(sqlite3_context* context, std::string_view text) {
   sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
@@ -78,7 +89,7 @@ void resultValue(sqlite3_context* context, const detail::AnyValueImpl& value) {
     case Case::bytes:
       return resultBlob(context, value.bytesValue().view());
     case Case::message:
-      return resultText(context, renderJSON(value.messageValue()));
+      return resultText(context, renderJSON(value.messageValue(), strictJson()));
   }
 }
 
@@ -413,8 +424,8 @@ void refuseUnlessApplication(sqlite3_context* context, const char* function) {
 class PathArgument {
  public:
   PathArgument(sqlite3_context* context, int count, sqlite3_value** arguments)
-      : context_(context), pathIndex_(count - 1) {
-    const bool typed = count == 3;
+      : context_(context), pathIndex_(count >= 3 ? 2 : 1) {
+    const bool typed = count >= 3;
     ConnectionSchemas& connection = connectionOf(context);
     const std::optional<std::string_view> type =
         typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
@@ -443,6 +454,17 @@ class PathArgument {
 
   const FieldPathAndType& path() const { return path_->path; }
 
+  // The value at the path in `record`, as a read of `mode` finds it; borrows from `record` and
+  // from `merged`.
+  std::optional<detail::AnyValueImpl> read(ByteView record, ReadMode mode, Bytes& merged) const {
+    if (mode == ReadMode::exact) {
+      return readValueExact(*path_->schema, record, path_->path.fieldPath, path_->path.type,
+                            merged);
+    }
+    Reader reader(record);
+    return readValue(reader, path_->path);
+  }
+
  private:
   sqlite3_context* context_;
   int pathIndex_;
@@ -450,14 +472,26 @@ class PathArgument {
   const ResolvedPath* path_ = nullptr;
 };
 
-// P_GET(record, path), P_GET(record, type, path).
+// The read mode of a four-argument read: its last argument, true (non-zero) for exact.
+ReadMode modeArgument(int count, sqlite3_value** arguments) {
+  if (count < 4) return ReadMode::first;
+  const int type = sqlite3_value_type(arguments[3]);
+  if (type != SQLITE_INTEGER) {
+    throw std::invalid_argument(std::string("the exact argument is ") + typeName(type) +
+                                ", not an integer (0 or 1)");
+  }
+  return sqlite3_value_int64(arguments[3]) != 0 ? ReadMode::exact : ReadMode::first;
+}
+
+// P_GET(record, path), P_GET(record, type, path), P_GET(record, type, path, exact).
 void pGet(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
     const ByteView record = recordArgument(arguments[0]);
+    const ReadMode mode = modeArgument(count, arguments);
     const PathArgument path(context, count, arguments);
-    Reader reader(record);
-    const std::optional<detail::AnyValueImpl> value = readValue(reader, path.path());
+    Bytes merged;
+    const std::optional<detail::AnyValueImpl> value = path.read(record, mode, merged);
     if (value) {
       resultValue(context, *value);
     } else {
@@ -466,14 +500,15 @@ void pGet(sqlite3_context* context, int count, sqlite3_value** arguments) {
   });
 }
 
-// P_HAS(record, path), P_HAS(record, type, path).
+// P_HAS(record, path), P_HAS(record, type, path), P_HAS(record, type, path, exact).
 void pHas(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
     const ByteView record = recordArgument(arguments[0]);
+    const ReadMode mode = modeArgument(count, arguments);
     const PathArgument path(context, count, arguments);
-    Reader reader(record);
-    sqlite3_result_int(context, readValue(reader, path.path()) ? 1 : 0);
+    Bytes merged;
+    sqlite3_result_int(context, path.read(record, mode, merged) ? 1 : 0);
   });
 }
 
@@ -486,9 +521,7 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
       return count == 2 ? schemas.messageSchema(textArgument(arguments[1]))
                         : schemas.defaultSchema();
     });
-    const UnsafeSchematizedData data(schema.impl(), record);
-    checkRecord(data);
-    resultText(context, renderJSON(data));
+    resultText(context, renderJSON(UnsafeSchematizedData(schema.impl(), record), strictJson()));
   });
 }
 
@@ -770,8 +803,10 @@ void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
   constexpr int kRegister = SQLITE_DIRECTONLY;
   createFunction(db, "P_GET", 2, kRead, pGet, schemas);
   createFunction(db, "P_GET", 3, kRead, pGet, schemas);
+  createFunction(db, "P_GET", 4, kRead, pGet, schemas);
   createFunction(db, "P_HAS", 2, kRead, pHas, schemas);
   createFunction(db, "P_HAS", 3, kRead, pHas, schemas);
+  createFunction(db, "P_HAS", 4, kRead, pHas, schemas);
   createFunction(db, "P_JSON", 1, kRead, pJson, schemas);
   createFunction(db, "P_JSON", 2, kRead, pJson, schemas);
   createFunction(db, "P_ENCODE", 2, kRead, pEncode, schemas);

@@ -22,7 +22,8 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       typeName_(manifest.typeName),
       extensionName_(manifest.extensionName),
       jsonName_(manifest.jsonName),
-      store_(store) {}
+      store_(store),
+      implicitPresence_(manifest.implicitPresence) {}
 
 ProtoFieldSchema::~ProtoFieldSchema() { delete resolved_.load(std::memory_order_relaxed); }
 

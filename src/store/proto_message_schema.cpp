@@ -243,7 +243,8 @@ MessageManifest ProtoMessageSchema::manifest() const {
                                                      .oneofIndex = field.oneofIndex(),
                                                      .options = detail::rawOptions(field.options()),
                                                      .extensionName = field.extensionName(),
-                                                     .jsonName = field.declaredJsonName()});
+                                                     .jsonName = field.declaredJsonName(),
+                                                     .implicitPresence = field.hasImplicitPresence()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

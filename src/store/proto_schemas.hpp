@@ -74,6 +74,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::string jsonName() const override;
   // The json_name the schema declares, when it is not the computed one.
   const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
+  bool hasImplicitPresence() const noexcept override { return implicitPresence_; }
   // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
   // resolved and the store is gone, and the store's lookup errors; a failure leaves the type
   // unresolved, so the next call tries again. Threads that resolve the type at once all get the
@@ -118,6 +119,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::optional<std::string> jsonName_;
   // For resolving the type.
   std::weak_ptr<SchemaStoreDescribing> store_;
+  bool implicitPresence_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "ostrel/paths/property_path.hpp"
+#include "wire/exact_read.hpp"
 #include "wire/navigation.hpp"
 #include "wire/scalar_decoding.hpp"
 #include "wire/value_decoding.hpp"
@@ -116,8 +117,12 @@ struct ProjectionPlan {
   // must not exhaust the stack.
   static constexpr size_t kTreeDepth = 64;
   std::vector<uint32_t> deepSlots;
+  // With ReadMode::exact every path is read on its own to the end of each message on it, and no
+  // tree is built.
+  std::shared_ptr<MessageSchemaDescribing> schema;
+  bool exact = false;
 
-  ProjectionPlan(const MessageSchema& schema, std::vector<std::string> pathTexts);
+  ProjectionPlan(const MessageSchema& schema, std::vector<std::string> pathTexts, ReadMode mode);
 
   uint32_t nodeFor(uint32_t level, const FieldPathComponent& component, bool leaf);
   void index();
@@ -159,14 +164,16 @@ struct ProjectionPlan::StoreScalar {
   }
 };
 
-ProjectionPlan::ProjectionPlan(const MessageSchema& schema, std::vector<std::string> pathTexts)
-    : texts(std::move(pathTexts)) {
+ProjectionPlan::ProjectionPlan(const MessageSchema& messageSchema,
+                               std::vector<std::string> pathTexts, ReadMode mode)
+    : texts(std::move(pathTexts)), schema(messageSchema.impl()), exact(mode == ReadMode::exact) {
   paths.reserve(texts.size());
-  for (const std::string& text : texts) paths.push_back(resolvePropertyPath(schema, text));
+  for (const std::string& text : texts) paths.push_back(resolvePropertyPath(messageSchema, text));
   levels.emplace_back();
   for (uint32_t slot = 0; slot < paths.size(); ++slot) {
     const FieldPathAndType& path = paths[slot];
     kinds.push_back(valueCaseOf(path.type.kind()));
+    if (exact) continue;
     if (path.fieldPath.size() > kTreeDepth) {
       deepSlots.push_back(slot);
       continue;
@@ -252,6 +259,27 @@ void ProjectionPlan::read(ByteView record, ProjectionRow& row) const {
     row.failures_ = 0;
   }
   for (ProjectionRow::Cell& cell : row.cells_) cell.state = ProjectionRow::State::absent;
+  if (exact) {
+    for (uint32_t slot = 0; slot < paths.size(); ++slot) {
+      ProjectionRow::Cell& cell = row.cells_[slot];
+      const FieldPathAndType& path = paths[slot];
+      try {
+        const bool present = readValueExactAs(
+            *schema, record, path.fieldPath, path.type, row.merged_[slot], StoreScalar{&cell},
+            [&](Reader& current, ProtoWireType wireType) {
+              if (wireType != kRequiredWireType[static_cast<size_t>(path.type.kind())]) {
+                throwTypeMismatch(path.type, wireType);
+              }
+              cell.payload = current.readLengthDelimited();
+              return true;
+            });
+        if (present) cell.state = ProjectionRow::State::present;
+      } catch (...) {
+        fail({slot}, std::current_exception(), row);
+      }
+    }
+    return;
+  }
   Reader reader(record);
   scan(0, reader, 0, reader.size(), row);
   for (uint32_t slot : deepSlots) {
@@ -424,11 +452,13 @@ std::vector<std::string> copyPaths(std::initializer_list<std::string_view> paths
 
 }  // namespace
 
-Projection::Projection(const MessageSchema& schema, std::span<const std::string> paths)
-    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths))) {}
+Projection::Projection(const MessageSchema& schema, std::span<const std::string> paths,
+                       ReadMode mode)
+    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths), mode)) {}
 
-Projection::Projection(const MessageSchema& schema, std::initializer_list<std::string_view> paths)
-    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths))) {}
+Projection::Projection(const MessageSchema& schema, std::initializer_list<std::string_view> paths,
+                       ReadMode mode)
+    : plan_(std::make_shared<const detail::ProjectionPlan>(schema, copyPaths(paths), mode)) {}
 
 size_t Projection::size() const noexcept { return plan_->paths.size(); }
 const std::string& Projection::pathText(size_t i) const { return plan_->texts.at(i); }
@@ -448,6 +478,7 @@ ProjectionRow Projection::makeRow() const {
   row.errors_.resize(plan_->paths.size());
   row.remaining_.resize(plan_->nodes.size());
   row.done_.resize(plan_->nodes.size());
+  if (plan_->exact) row.merged_.resize(plan_->paths.size());
   return row;
 }
 

@@ -26,8 +26,11 @@ std::optional<AnyValue> Schematizer::value(ByteView data, std::span<const int64_
 }
 
 Schematizer::RepeatableFieldIterator::RepeatableFieldIterator(OwnedData data, int64_t fieldNumber,
-                                                              TypeSchema elementType)
-    : state_(IterationState{std::nullopt, std::move(data), fieldNumber, std::move(elementType)}) {}
+                                                              TypeSchema elementType, ReadMode mode)
+    : state_(IterationState{mode == ReadMode::exact
+                                ? std::optional<Bookmark>(Bookmark{ArrayType::regular, 0, 0})
+                                : std::nullopt,
+                            std::move(data), fieldNumber, std::move(elementType), mode}) {}
 
 std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
   auto* iterating = std::get_if<IterationState>(&state_);
@@ -38,8 +41,13 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
   if (iterating->bookmark && iterating->bookmark->arrayType == ArrayType::compacted) {
     Bookmark& bookmark = *iterating->bookmark;
     if (bookmark.compactedEndPosition <= bookmark.startPosition) {
-      state_ = Done{};
-      return std::nullopt;
+      if (iterating->mode == ReadMode::first) {
+        state_ = Done{};
+        return std::nullopt;
+      }
+      // Exact: the search goes on after the run.
+      bookmark = Bookmark{ArrayType::regular, 0, bookmark.compactedEndPosition};
+      return next();
     }
     Reader reader(iterating->data.view());
     reader.setPosition(bookmark.startPosition);
@@ -90,8 +98,27 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
   reader.setPosition(bookmark.startPosition);
   if (!reader.hasMoreFields()) return std::nullopt;
   FieldTag tag = reader.readTag();
-  while (tag.fieldNumber() != state.fieldNumber) {
-    reader.skipField(tag);
+  for (;;) {
+    if (tag.fieldNumber() == state.fieldNumber) {
+      if (state.mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
+          !detail::hasFixedEncoding(type.kind())) {
+        break;
+      }
+      // Exact: a packed run met among tagged elements is iterated too, from its first element.
+      const int64_t length = reader.readLength();
+      const int64_t start = reader.position();
+      const int64_t end = start + length;
+      if (end > reader.size()) throw SerializationError::truncated();
+      if (length > 0) {
+        Reader run = reader.narrowed(start, end);
+        detail::AnyValueImpl element = detail::decodeFixedEncoding(run, type);
+        if (run.position() > end) throw SerializationError::malformedProtobuf();
+        bookmark = Bookmark{ArrayType::compacted, end, run.position()};
+        return AnyValue::from(std::move(element));
+      }
+    } else {
+      reader.skipField(tag);
+    }
     if (!reader.hasMoreFields()) {
       bookmark.startPosition = reader.position();
       return std::nullopt;

@@ -2,7 +2,9 @@
 // proto2 record with a required field, defaults, groups, extensions and closed enums; the
 // well-known types), made and serialized by libprotobuf, then read leaf by leaf, iterated,
 // projected, rendered to JSON, encoded from JSON and built field by field through the library,
-// and compared with what libprotobuf holds.
+// and compared with what libprotobuf holds. Non-canonical encodings of such messages (fields
+// repeated, messages split, oneof members and map keys given twice, packed and unpacked runs mixed)
+// are rendered and read exactly, and compared with libprotobuf's parse of the same bytes.
 //
 // Where the library differs by design the comparison says so, field by field, never by leaving a
 // message out: a field libprotobuf does not set reads absent even where the schema declares a
@@ -26,6 +28,7 @@
 #include <bit>
 #include <cctype>
 #include <cstring>
+#include <deque>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
@@ -38,6 +41,7 @@
 #include "support/random_message.hpp"
 #include "support/reflected_value.hpp"
 #include "support/test_support.hpp"
+#include "support/wire.hpp"
 #include "well_known.pb.h"
 
 namespace ostrel {
@@ -591,6 +595,311 @@ INSTANTIATE_TEST_SUITE_P(Schemas, DifferentialTest, ::testing::ValuesIn(kSubject
                            std::erase_if(name, [](unsigned char c) { return !std::isalnum(c); });
                            return name;
                          });
+
+// Non-canonical encodings of libprotobuf's messages, as other encoders and records merged by
+// concatenation write them: each field's first occurrence is the message's own, and occurrences
+// taken from other random messages of the type follow, in a random order with unknown fields
+// between them. So singular fields occur again (every type), messages in two or three occurrences,
+// oneofs with several members, map entries with their key or value twice and keys repeated, and
+// repeated fields in a mix of packed runs and single elements.
+class Scrambler {
+ public:
+  explicit Scrambler(uint32_t seed) : rng_(seed) {}
+
+  std::string encode(const pb::Message& message, const std::vector<const pb::Message*>& others) {
+    Pieces own;
+    Pieces extra;
+    fieldPieces(message, others, own);
+    for (const pb::Message* other : others) fieldPieces(*other, {}, extra);
+    return interleave(own) + interleave(extra);
+  }
+
+ private:
+  // Per field, its occurrences in order.
+  using Pieces = std::vector<std::deque<std::string>>;
+
+  bool chance(int inN) { return rng_() % static_cast<uint32_t>(inN) == 0; }
+
+  // The canonical encoding of `field` alone (its element `index` alone for a repeated field).
+  static std::string alone(const pb::Message& message, const Field* field, int index = -1) {
+    const std::unique_ptr<pb::Message> copy(message.New());
+    copy->CopyFrom(message);
+    const auto* r = copy->GetReflection();
+    std::vector<const Field*> set;
+    r->ListFields(*copy, &set);
+    for (const Field* other : set) {
+      if (other != field) r->ClearField(copy.get(), other);
+    }
+    if (index >= 0) {
+      r->SwapElements(copy.get(), field, 0, index);
+      while (r->FieldSize(*copy, field) > 1) r->RemoveLast(copy.get(), field);
+    }
+    return copy->SerializePartialAsString();
+  }
+
+  static std::string skipVarint(std::string_view bytes) {
+    size_t i = 0;
+    while (static_cast<unsigned char>(bytes[i]) & 0x80) ++i;
+    return std::string(bytes.substr(i + 1));
+  }
+
+  static testing_support::Wire::WireType scalarWireType(const Field* field) {
+    switch (field->type()) {
+      case Field::TYPE_DOUBLE:
+      case Field::TYPE_FIXED64:
+      case Field::TYPE_SFIXED64:
+        return testing_support::Wire::fixed64;
+      case Field::TYPE_FLOAT:
+      case Field::TYPE_FIXED32:
+      case Field::TYPE_SFIXED32:
+        return testing_support::Wire::fixed32;
+      default:
+        return testing_support::Wire::varInt;
+    }
+  }
+
+  void fieldPieces(const pb::Message& message, const std::vector<const pb::Message*>& others,
+                   Pieces& out) {
+    const auto* r = message.GetReflection();
+    std::vector<const Field*> set;
+    r->ListFields(message, &set);
+    for (const Field* field : set) {
+      std::deque<std::string>& pieces = out.emplace_back();
+      const int number = field->number();
+      if (!field->is_repeated() && field->cpp_type() == Field::CPPTYPE_MESSAGE) {
+        std::vector<const pb::Message*> nested;
+        for (const pb::Message* other : others) {
+          if (other->GetReflection()->HasField(*other, field)) {
+            nested.push_back(&other->GetReflection()->GetMessage(*other, field));
+          }
+        }
+        pieces.push_back(bytesField(number, encode(r->GetMessage(message, field), nested)));
+      } else if (!field->is_repeated()) {
+        pieces.push_back(alone(message, field));
+      } else if (field->cpp_type() == Field::CPPTYPE_MESSAGE) {
+        const int size = r->FieldSize(message, field);
+        for (int i = 0; i < size; ++i) {
+          const pb::Message& element = r->GetRepeatedMessage(message, field, i);
+          const pb::Message& another = r->GetRepeatedMessage(message, field, rng_() % size);
+          // Another element's fields after this one's: a map entry's key or value twice.
+          pieces.push_back(bytesField(number, encode(element, {&another})));
+          if (field->is_map() && chance(3)) {
+            // An entry repeating this key with another entry's value.
+            const Field* key = field->message_type()->map_key();
+            const Field* value = field->message_type()->map_value();
+            pieces.push_back(bytesField(number, alone(element, key) + alone(another, value)));
+          }
+        }
+      } else if (field->cpp_type() == Field::CPPTYPE_STRING) {
+        for (int i = 0; i < r->FieldSize(message, field); ++i) {
+          pieces.push_back(alone(message, field, i));
+        }
+      } else {
+        // Runs of elements, each packed or one tag per element.
+        std::string run;
+        const auto endRun = [&] {
+          if (!run.empty()) pieces.push_back(bytesField(number, run));
+          run.clear();
+        };
+        for (int i = 0; i < r->FieldSize(message, field); ++i) {
+          std::string element = skipVarint(alone(message, field, i));
+          if (field->is_packed()) element = skipVarint(element);
+          if (chance(3)) endRun();
+          if (chance(2)) {
+            run += element;
+          } else {
+            endRun();
+            pieces.push_back(testing_support::Wire().tag(number, scalarWireType(field)).bytes() +
+                             element);
+          }
+        }
+        endRun();
+      }
+    }
+  }
+
+  static std::string bytesField(int number, std::string_view payload) {
+    return testing_support::Wire().bytesField(number, payload).bytes();
+  }
+
+  // The pieces in a random order that keeps each field's own order, unknown fields between.
+  std::string interleave(Pieces& pieces) {
+    std::string out;
+    size_t left = 0;
+    for (const auto& field : pieces) left += field.size();
+    for (; left > 0; --left) {
+      if (chance(5)) out += testing_support::Wire().varintField(500 + rng_() % 50, rng_()).bytes();
+      size_t pick = rng_() % pieces.size();
+      while (pieces[pick].empty()) pick = (pick + 1) % pieces.size();
+      out += pieces[pick].front();
+      pieces[pick].pop_front();
+    }
+    return out;
+  }
+
+  std::mt19937 rng_;
+};
+
+std::string deterministic(const pb::Message& message) {
+  std::string bytes;
+  pb::io::StringOutputStream stream(&bytes);
+  pb::io::CodedOutputStream coded(&stream);
+  coded.SetSerializationDeterministic(true);
+  message.SerializePartialToCodedStream(&coded);
+  return bytes;
+}
+
+// A message value as comparable text: parsed by libprotobuf and written deterministically, so that
+// a merged message (the payloads of its occurrences one after the other) compares with the message
+// libprotobuf merged.
+std::string comparable(const std::optional<AnyValue>& value, const pb::Message* prototype) {
+  if (!value || value->kind() != AnyValue::Case::message) return canonical(value);
+  const std::unique_ptr<pb::Message> parsed(prototype->New());
+  EXPECT_TRUE(parsed->ParsePartialFromString(std::string(asText(value->messageValue().bytes()))));
+  return "message:" + deterministic(*parsed);
+}
+
+struct PathRead {
+  std::string path;
+  std::string expected;
+  const pb::Message* prototype = nullptr;
+};
+
+// What exact reads must give: every field of `parsed` (libprotobuf's parse of the bytes), set or
+// not, and every element of its repeated fields but maps; the iteration of each repeated field is
+// compared on the spot. `data` is the message at `prefix`, as the exact read gives it.
+void exactReads(const pb::Message& parsed, const SchematizedData& data, const std::string& prefix,
+                std::vector<PathRead>& reads) {
+  const auto* r = parsed.GetReflection();
+  for (const Field* field : testing_support::fieldsAndExtensions(parsed.GetDescriptor())) {
+    if (field->is_map()) continue;
+    const FieldSchema schema = data.messageSchema().fieldWithNumber(field->number());
+    const std::string path = prefix + field->name();
+    const bool isMessage = field->cpp_type() == Field::CPPTYPE_MESSAGE;
+    const pb::Message* prototype =
+        isMessage ? pb::MessageFactory::generated_factory()->GetPrototype(field->message_type())
+                  : nullptr;
+    const auto expected = [&](int index) {
+      if (!isMessage) {
+        return canonical(testing_support::reflectedValue(parsed, field, index, schema.type()));
+      }
+      return "message:" + deterministic(index < 0 ? r->GetMessage(parsed, field)
+                                                  : r->GetRepeatedMessage(parsed, field, index));
+    };
+    const auto nested = [&](const std::string& at) {
+      return data.value(at.substr(prefix.size()), ReadMode::exact)->messageValue();
+    };
+    if (!field->is_repeated()) {
+      const bool has = r->HasField(parsed, field);
+      reads.push_back({path, has ? expected(-1) : "absent", prototype});
+      if (isMessage && has)
+        exactReads(r->GetMessage(parsed, field), nested(path), path + ".", reads);
+      continue;
+    }
+    const int size = r->FieldSize(parsed, field);
+    Schematizer::RepeatableFieldIterator iterator(data.bytes(), schema.fieldNumber(), schema.type(),
+                                                  ReadMode::exact);
+    std::vector<std::string> iterated;
+    std::vector<std::string> elements;
+    for (const AnyValue& element : iterator) iterated.push_back(comparable(element, prototype));
+    for (int i = 0; i < size; ++i) elements.push_back(expected(i));
+    EXPECT_EQ(iterated, elements) << path;
+    for (int i = 0; i <= size; ++i) {
+      const std::string element = path + "[" + std::to_string(i) + "]";
+      reads.push_back({element, i < size ? elements[static_cast<size_t>(i)] : "absent", prototype});
+      if (isMessage && i < size) {
+        exactReads(r->GetRepeatedMessage(parsed, field, i), nested(element), element + ".", reads);
+      }
+    }
+  }
+}
+
+// What default reads must give: the first occurrence, which is `message`'s own, for every scalar
+// leaf it holds on a path of singular fields and repeated message elements.
+void firstReads(const pb::Message& message, const std::string& prefix, std::vector<PathRead>& reads,
+                const MessageSchema& schema) {
+  const auto* r = message.GetReflection();
+  std::vector<const Field*> set;
+  r->ListFields(message, &set);
+  for (const Field* field : set) {
+    if (field->is_map()) continue;
+    const std::string path = prefix + field->name();
+    const FieldSchema fieldSchema = schema.fieldWithNumber(field->number());
+    if (field->cpp_type() != Field::CPPTYPE_MESSAGE) {
+      if (!field->is_repeated()) {
+        reads.push_back({path, canonical(testing_support::reflectedValue(message, field, -1,
+                                                                         fieldSchema.type()))});
+      }
+      continue;
+    }
+    const MessageSchema nested = *fieldSchema.type().messageSchema();
+    if (!field->is_repeated()) {
+      firstReads(r->GetMessage(message, field), path + ".", reads, nested);
+      continue;
+    }
+    for (int i = 0; i < r->FieldSize(message, field); ++i) {
+      firstReads(r->GetRepeatedMessage(message, field, i), path + "[" + std::to_string(i) + "].",
+                 reads, nested);
+    }
+  }
+}
+
+TEST(NonCanonicalDifferentialTest, RendersAndReadsExactlyAsLibprotobufParsesTheBytes) {
+  const Subject& subject = kSubjects[0];
+  const SchemaStore store = storeOf(subject);
+  const MessageSchema schema = store.messageSchema(subject.prototype->GetDescriptor()->full_name());
+  testing_support::RandomMessageFiller filler(subject.seed + 7);
+  Scrambler scrambler(subject.seed + 8);
+  JsonOptions strict;
+  strict.strict = true;
+  pb::util::JsonPrintOptions theirOptions;
+  theirOptions.preserve_proto_field_names = true;
+  size_t exactCount = 0;
+  const int count = testing_support::generatedMessageCount(300);
+  for (int i = 0; i < count && !HasFailure(); ++i) {
+    SCOPED_TRACE("message " + std::to_string(i));
+    std::vector<std::unique_ptr<pb::Message>> messages;
+    for (int n = 0; n < 3; ++n) {
+      messages.emplace_back(subject.prototype->New());
+      filler.fillParsed(*messages.back());
+    }
+    // The second and third messages' fields after the first's: two or three occurrences.
+    std::vector<const pb::Message*> others = {messages[1].get()};
+    if (i % 2 == 0) others.push_back(messages[2].get());
+    const std::string bytes = scrambler.encode(*messages[0], others);
+    const std::unique_ptr<pb::Message> parsed(subject.prototype->New());
+    ASSERT_TRUE(parsed->ParsePartialFromString(bytes));
+    const SchematizedData data = schema.schematizedData(bytes);
+
+    std::string theirs;
+    ASSERT_TRUE(pb::util::MessageToJsonString(*parsed, &theirs, theirOptions).ok());
+    const std::string ours = renderJSON(data.unsafe(), strict);
+    ASSERT_TRUE(sameJson(json::parse(ours), json::parse(theirs))) << ours << "\n" << theirs;
+
+    std::vector<PathRead> exact;
+    exactReads(*parsed, data, "", exact);
+    std::vector<std::string> paths;
+    for (const PathRead& read : exact) paths.push_back(read.path);
+    const Projection projection(schema, paths, ReadMode::exact);
+    ProjectionRow row = projection.makeRow();
+    projection.read(asBytes(bytes), row);
+    for (size_t n = 0; n < exact.size(); ++n) {
+      const PathRead& read = exact[n];
+      EXPECT_EQ(comparable(data.value(read.path, ReadMode::exact), read.prototype), read.expected)
+          << read.path;
+      EXPECT_EQ(comparable(row.value(n), read.prototype), read.expected) << read.path;
+    }
+    exactCount += exact.size();
+
+    std::vector<PathRead> first;
+    firstReads(*messages[0], "", first, schema);
+    for (const PathRead& read : first) {
+      EXPECT_EQ(outcome([&] { return data.value(read.path); }), read.expected) << read.path;
+    }
+    if (HasFailure()) ADD_FAILURE() << parsed->DebugString();
+  }
+  EXPECT_GT(exactCount, 100u * static_cast<size_t>(count));
+}
 
 }  // namespace
 }  // namespace ostrel

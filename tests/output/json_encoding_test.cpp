@@ -39,6 +39,9 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
        R"({"fl":0.1,"db":"1.5","rf":["NaN","Infinity","-Infinity",3,"-0.25"]})",
        R"({"fl":0.1,"db":1.5,"rf":["NaN","Infinity","-Infinity",3,-0.25]})"},
       {"negative zeros keep their sign", R"({"fl":-0.0,"db":-0.0})", R"({"fl":-0.0,"db":-0.0})"},
+      {"bytes in the URL-safe alphabet, padded or not", R"({"by":"-_8","rm":[{"by":"-_8="}]})",
+       R"({"by":"+/8=","rm":[{"by":"+/8="}]})"},
+      {"null leaves a oneof member out", R"({"o1":null,"o2":{}})", R"({"o2":{}})"},
       {"the largest float", R"({"fl":3.4028235e+38,"rf":[-3.4028235e38]})",
        R"({"fl":3.4028235e+38,"rf":[-3.4028235e+38]})"},
       {"numbers of more than 19 significant digits",
@@ -140,7 +143,9 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"fl":{}})", u("$.fl: expected a number of type float")},
       {R"({"b":"true"})", u("$.b: expected a boolean")},
       {R"({"s":1})", u("$.s: expected a string")},
-      {R"({"by":"AP8"})", u("$.by: expected a base64 string")},
+      {R"({"by":"AP8=A"})", u("$.by: expected a base64 string")},
+      {R"({"by":"AP=8"})", u("$.by: expected a base64 string")},
+      {R"({"o1":1,"o2":{}})", u(R"($.o2: expected one member of a oneof, found "o1" too)")},
       {R"({"by":1})", u("$.by: expected a base64 string")},
       {R"({"e":"TWO"})", SchematizerError::enumValueNotFound("Enum: t.Kind, TWO value")},
       {R"({"e":true})", u("$.e: expected an enum name or number")},
@@ -168,6 +173,43 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
     SCOPED_TRACE(row.json);
     EXPECT_EQ(catchError([&] { encodeJSON(schema, row.json); }), row.expected);
   }
+}
+
+// Fields without presence of their own are left out when they hold their default, as ProtoJSON
+// parsers leave them; fields with presence (oneof members, proto3 optional, messages) are kept.
+TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
+  SchemaManifest manifest = testing_support::generatedManifest("rich.desc");
+  manifest.merge(testing_support::generatedManifest("well_known.desc"), MergePolicy::keepExisting);
+  const SchemaStore store(manifest);
+  const struct {
+    std::string type;
+    std::string json;
+    std::string rendered;
+  } rows[] = {
+      {"ostrel.test.Scalars",
+       R"({"f_int32":0,"f_string":"","f_bytes":"","f_bool":false,"f_double":0,"f_float":-0.0,)"
+       R"("f_sint64":"0","f_fixed32":0,"f_enum":"COLOR_UNSPECIFIED","f_uint64":1})",
+       R"({"f_float":-0.0,"f_uint64":"1"})"},
+      {"ostrel.test.Rich", R"({"name":"","maybe":0,"counts":{"":0}})",
+       R"({"name":"","counts":{"":0},"maybe":0})"},
+      {"ostrel.test.wkt.Holder", R"({"null_value":null,"nulls":[null]})", R"({"nulls":[null]})"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.json);
+    EXPECT_EQ(toJSON(encodeJSON(store.messageSchema(row.type), row.json)), row.rendered);
+  }
+}
+
+TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {
+  SchemaStore store(sampleManifest());
+  const MessageSchema schema = store.messageSchema("t.Sample");
+  const std::string json =
+      R"({"nope":{"deep":[1,{"x":null}]},"i32":3,"child":{"zz":"y","b":true}})";
+  JsonParseOptions options;
+  options.ignoreUnknownFields = true;
+  EXPECT_EQ(toJSON(encodeJSON(schema, json, options)), R"({"i32":3,"child":{"b":true}})");
+  EXPECT_EQ(catchError([&] { encodeJSON(schema, json); }),
+            SchematizerError::fieldNotFound("Schema \"t.Sample\" property with name \"nope\""));
 }
 
 }  // namespace

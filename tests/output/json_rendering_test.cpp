@@ -84,9 +84,16 @@ std::vector<RenderRow> renderRows() {
       {"strings escaped as JSON requires", len(14, "q\"b\\\n\t\x01/\x7f\xC3\xA9"),
        "{\"s\":\"q\\\"b\\\\\\n\\t\\u0001/\x7f\xC3\xA9\"}"},
       {"invalid UTF-8 becomes U+FFFD", len(14, "\xC3\x28"), "{\"s\":\"\xEF\xBF\xBD(\"}"},
-      {"a singular field read twice shows its first occurrence",
-       var(1, 1) + len(17, var(1, 1)) + var(1, 2) + len(17, var(1, 2)),
-       R"({"i32":1,"child":{"i32":1}})"},
+      {"a singular scalar read twice shows its last occurrence, a message its occurrences merged",
+       var(1, 1) + len(17, var(1, 1) + var(18, 1)) + var(1, 2) +
+           len(17, len(14, "x") + var(18, 2) + len(17, var(2, 3)) + len(17, var(3, 4))),
+       R"({"i32":2,"child":{"i32":1,"s":"x","child":{"i64":"3","u32":4},"ri":[1,2]}})"},
+      {"of a oneof's members the last present wins, a message member merging only after it",
+       var(28, 1) + len(29, var(1, 1)) + var(28, 2) + len(29, var(2, 2)) + len(29, var(3, 3)),
+       R"({"o2":{"i64":"2","u32":3}})"},
+      {"a oneof member before another is dropped", len(29, var(1, 1)) + var(28, 5), R"({"o1":5})"},
+      {"an occurrence of a singular field with the wrong wire type fails it", f32(1, 5) + var(1, 1),
+       R"({"i32":"#"})", "i32", "typeMismatch(int32, fixed32)"},
       {"every element of packed and unpacked runs in the order of the bytes, unknown fields "
        "between",
        var(18, 1) + var(99, 5) + len(18, "\x02\x03") + len(19, "x") + len(98, "zz") + var(18, 4) +
@@ -113,9 +120,9 @@ std::vector<RenderRow> renderRows() {
            var(1, 1) + len(2, len(21, len(1, "x") + var(2, 1)) + len(21, len(1, "y") + var(2, 2)) +
                                   len(21, var(2, 3) + len(1, "y")))),
        R"({"im":{"1":{"sm":{"x":"1","y":"3"}}}})"},
-      {"map entries read their key and value fields' first occurrences",
-       len(23, var(1, 1) + len(2, var(1, 10)) + var(1, 2) + len(2, var(1, 20)) + var(9, 0)),
-       R"({"im":{"1":{"i32":10}}})"},
+      {"map entries read their key's last occurrence and their value's occurrences merged",
+       len(23, var(1, 1) + len(2, var(1, 10)) + var(1, 2) + len(2, len(14, "x")) + var(9, 0)),
+       R"({"im":{"2":{"i32":10,"s":"x"}}})"},
       {"entries of a message without map_entry form an array", len(27, len(1, "a") + var(2, 1)),
        R"({"pairs":[{"key":"a","value":1}]})"},
       {"a field that does not decode renders its error; the others render", f32(1, 5) + var(13, 1),
@@ -159,6 +166,18 @@ TEST(JsonRenderingTest, RendersHandMadeBytes) {
     EXPECT_EQ(render(schema, row.bytes), row.expected);
     EXPECT_EQ(log.lines, logged);
     EXPECT_EQ(renderJSON(UnsafeSchematizedData(schema.impl(), asBytes(row.bytes))), row.expected);
+    // Strict rendering throws the error that lenient rendering writes, and logs nothing.
+    log.lines.clear();
+    JsonOptions strict;
+    strict.strict = true;
+    std::string strictOutcome;
+    try {
+      strictOutcome = renderJSON(UnsafeSchematizedData(schema.impl(), asBytes(row.bytes)), strict);
+    } catch (const Error& e) {
+      strictOutcome = e.what();
+    }
+    EXPECT_EQ(strictOutcome, row.failed.empty() ? row.expected : row.errorText);
+    EXPECT_EQ(log.lines, std::vector<std::string>{});
     // Whatever the bytes hold, the text is JSON.
     EXPECT_TRUE(json::accept(render(schema, row.bytes, JsonStyle::indented)));
   }

@@ -48,6 +48,9 @@ inline SchemaManifest sampleManifest() {
   field("re", T::enum_, "t.Kind", 25, true);
   field("missing", T::message, "t.Missing", 26, false);
   field("pairs", T::message, "t.Sample.Pair", 27, true);
+  manifest.messages["t.Sample"].oneofs = {{.name = "pick"}};
+  fields["o1"] = {.type = T::int32, .fieldNumber = 28, .oneofIndex = 0};
+  fields["o2"] = {.type = T::message, .typeName = "t.Sample", .fieldNumber = 29, .oneofIndex = 0};
 
   const auto entry = [&](const char* name, FieldManifest key, FieldManifest value, bool isMap) {
     MessageManifest& message = manifest.messages[name];

@@ -379,6 +379,24 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           // The nested Mid is cut short: rendering alone would hide that inside the text.
           {"SELECT P_JSON(x'0a020a05', 'ostrel.test.Rich')", truncated},
           {"SELECT count(*) FROM P_EACH(x'2205', 'ostrel.test.Rich', 'mids')", truncated},
+          // A message value is rendered strictly too.
+          {"SELECT P_GET(x'0a020a05', 'ostrel.test.Rich', 'mid')", truncated},
+          // Fields given twice: reads take the first occurrence, exact reads (a fourth argument)
+          // and P_JSON protobuf's parse; of the oneof members name and number the last wins.
+          {"SELECT P_GET(x'58015802', 'ostrel.test.Rich', 'color')", "text:RED"},
+          {"SELECT P_GET(x'58015802', 'ostrel.test.Rich', 'color', 1)", "text:GREEN"},
+          {"SELECT P_GET(x'0a031a01610a031a0162', 'ostrel.test.Rich', 'mid.note', 0)", "text:a"},
+          {"SELECT P_GET(x'0a031a01610a031a0162', 'ostrel.test.Rich', 'mid.note', 1)", "text:b"},
+          {"SELECT P_HAS(x'2a01613001', 'ostrel.test.Rich', 'name')", "int:1"},
+          {"SELECT P_HAS(x'2a01613001', 'ostrel.test.Rich', 'name', 1)", "int:0"},
+          {"SELECT P_JSON(x'580158022a01613001', 'ostrel.test.Rich')",
+           "text:{\"number\":\"1\",\"color\":\"GREEN\"}"},
+          // A proto3 field holding its default is left out, a oneof member kept.
+          {"SELECT hex(P_ENCODE('ostrel.test.Rich', "
+           "'{\"color\":\"COLOR_UNSPECIFIED\",\"name\":\"\"}'))",
+           "text:2A00"},
+          {"SELECT P_GET(x'5801', 'ostrel.test.Rich', 'color', 'yes')",
+           "error:the exact argument is text, not an integer (0 or 1)"},
           {"SELECT P_GET(x'5801', 'no.Such', 'color')",
            error(SchematizerError::schemaNotFound("no.Such"))},
           {"SELECT count(*) FROM P_EACH(x'5801', 'ostrel.test.Rich', 'color')",

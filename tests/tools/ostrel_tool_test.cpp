@@ -181,6 +181,9 @@ TEST(OstrelTool, SchemaCommands) {
   });
 }
 
+// shop.Order {id 1, customer {name "a"}} followed by {id 2, customer {name "b"}}.
+constexpr const char* kAppended = "0801 0802 1203120161 1203120162";
+
 TEST(OstrelTool, DataCommands) {
   const std::string order2 = readFile(OSTREL_EXAMPLES "/order2.bin");
   const std::string item = "{\"sku\":\"MUG-LOGO\",\"quantity\":1,\"price\":\"900\"}\n";
@@ -206,11 +209,19 @@ TEST(OstrelTool, DataCommands) {
        "", "08e907200240 05"},
       {"$S json $O --input hex --pretty", 0, "{\n  \"id\": \"1001\",\n  \"state\": \"PAID\"\n}\n",
        "", "08e9072002"},
-      // A field that cannot be decoded: the rest still prints, but the run fails.
-      {"$S json $O --input hex", 1,
-       R"({"id":"1001","customer":{"id":"Sch: Error encoding id: malformedProtobuf"}})"
-       "\n",
-       "Sch: Error encoding id: malformedProtobuf", "08e907120108"},
+      // A field that cannot be decoded fails the run; no error text reaches standard output.
+      {"$S json $O --input hex", 1, "", "malformedProtobuf", "08e907120108"},
+      // A record written twice over itself: get reads the first occurrences unless --exact; json
+      // and --exact give protobuf's parse.
+      {"$S get $O --input hex id customer.name", 0, "\"1\"\n\"a\"\n", "", kAppended},
+      {"$S get $O --input hex --exact id customer.name", 0, "\"2\"\n\"b\"\n", "", kAppended},
+      {"$S json $O --input hex", 0, "{\"id\":\"2\",\"customer\":{\"name\":\"b\"}}\n", "",
+       kAppended},
+      // coupons as a packed run [1, 2], then a single element 3.
+      {"$S iterate $O --input hex coupons", 0, "1\n2\n", "", "52020102 5003"},
+      {"$S iterate $O --input hex --exact coupons", 0, "1\n2\n3\n", "", "52020102 5003"},
+      {"$S encode $O --output hex --ignore-unknown-fields", 0, "0801\n", "",
+       R"({"id": 1, "bogus": [{"x": 1}]})"},
       {"$S encode $O --output hex", 0, "08e90720023a060a016b120176\n", "",
        R"({"id": "1001", "state": "PAID", "attributes": {"k": "v"}})"},
       {"$S encode $O --output base64", 0, "COkHMgF4\n", "", R"({"id": 1001, "voucher": "x"})"},

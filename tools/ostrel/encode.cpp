@@ -14,8 +14,8 @@ namespace ostrel::tool {
 namespace {
 
 constexpr std::string_view kUsage =
-    R"usage(usage: ostrel [SCHEMAS] encode -m MSG [-i FILE] [--output FORMAT]
-       ostrel [SCHEMAS] encode -m MSG --delimited [--fail-fast] [-i FILE]
+    R"usage(usage: ostrel [SCHEMAS] encode -m MSG [-i FILE] [--output FORMAT] [--ignore-unknown-fields]
+       ostrel [SCHEMAS] encode -m MSG --delimited [--fail-fast] [-i FILE] [--ignore-unknown-fields]
 
 Reads one JSON object (as json prints it) and writes the MSG message it describes, encoded.
 Members are fields by their declared names (null: absent); integers may be numbers or decimal
@@ -32,6 +32,7 @@ reported with its number and skipped, and the exit status is then 1.
   --output FORMAT         binary (default), or hex or base64 as one line of text
   --delimited             JSON Lines in, length-prefixed binary records out
   --fail-fast             with --delimited, stop at the first line that does not encode
+  --ignore-unknown-fields pass over members that name no field instead of failing
 )usage";
 
 // The record preceded by its length, as a varint.
@@ -46,14 +47,14 @@ std::string delimitedRecord(ByteView record) {
 
 // Encodes each line of `in` (named `name` in reports) and writes it as a delimited record.
 int encodeLines(std::istream& in, const std::string& name, const MessageSchema& schema,
-                bool failFast) {
+                const JsonParseOptions& options, bool failFast) {
   int status = kExitSuccess;
   int64_t lineNumber = 0;
   for (std::string line; std::getline(in, line);) {
     ++lineNumber;
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     try {
-      writeOut(delimitedRecord(encodeJSON(*schema.impl(), line).bytes()));
+      writeOut(delimitedRecord(encodeJSON(*schema.impl(), line, options).bytes()));
     } catch (const Error& error) {
       std::cerr << "ostrel: " << name << ", line " << lineNumber << ": " << error.what() << "\n";
       status = kExitFailure;
@@ -69,10 +70,13 @@ int run(Arguments& args, GlobalOptions& globals) {
   RecordOptions records;
   std::optional<DataFormat> format;
   std::string value;
+  JsonParseOptions options;
   while (!args.done()) {
     if (globals.parse(args) || input.parse(args, false) || records.parse(args)) continue;
     if (args.value({"--output"}, value)) {
       format = parseDataFormat(value, "--output");
+    } else if (args.flag({"--ignore-unknown-fields"})) {
+      options.ignoreUnknownFields = true;
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
@@ -89,7 +93,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   const MessageSchema schema = input.schema(schemas);
   if (records.delimited) {
     if (!input.file || *input.file == "-") {
-      return encodeLines(std::cin, "standard input", schema, records.failFast);
+      return encodeLines(std::cin, "standard input", schema, options, records.failFast);
     }
     errno = 0;
     std::ifstream file(*input.file);
@@ -97,9 +101,9 @@ int run(Arguments& args, GlobalOptions& globals) {
       throw ToolError("cannot read " + *input.file + ": " +
                       (errno != 0 ? std::strerror(errno) : "cannot open"));
     }
-    return encodeLines(file, *input.file, schema, records.failFast);
+    return encodeLines(file, *input.file, schema, options, records.failFast);
   }
-  const SchematizedData data = encodeJSON(*schema.impl(), readAll(input.file));
+  const SchematizedData data = encodeJSON(*schema.impl(), readAll(input.file), options);
   writeOut(encodeData(data.bytes(), format.value_or(DataFormat::binary)));
   return kExitSuccess;
 }

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::string_view kUsage =
     R"usage(usage: ostrel [SCHEMAS] get -m MSG [-i FILE]... [--input FORMAT] [--delimited]
-                 [--format FORMAT] [--fail-fast] PATH...
+                 [--format FORMAT] [--fail-fast] [--exact] PATH...
 
 Reads the value at each property PATH of one encoded MSG message and prints one line per PATH,
 in argument order: the value as JSON (64-bit integers as strings, bytes as base64, enums by
@@ -37,6 +37,10 @@ map field is a repeated field of entry messages with a key and a value field.
                           and \N in TSV, an empty string "" in CSV and an empty TSV field;
                           control characters and bytes that are not UTF-8 as \xHH)
   --fail-fast             stop at the first bad record
+  --exact                 protobuf's answer for a field the data holds more than once: the last
+                          value, messages merged, of a oneof the last member; every message on
+                          the path is read to its end (without it the first occurrence is read
+                          and the search stops there)
 
 Every PATH is checked against the schema before the data is read.
 )usage";
@@ -199,10 +203,15 @@ int run(Arguments& args, GlobalOptions& globals) {
   std::optional<OutputFormat> format;
   std::vector<std::string> paths;
   std::string value;
+  ReadMode mode = ReadMode::first;
   while (!args.done()) {
     if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
     if (args.value({"--format"}, value)) {
       format = parseOutputFormat(value);
+      continue;
+    }
+    if (args.flag({"--exact"})) {
+      mode = ReadMode::exact;
       continue;
     }
     paths.push_back(args.positional());
@@ -224,7 +233,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     std::string out;
     for (const std::string& path : paths) {
       try {
-        const std::optional<AnyValue> found = data.value(path);
+        const std::optional<AnyValue> found = data.value(path, mode);
         out += (found ? valueJSON(*found) : "null") + "\n";
       } catch (const Error& error) {
         throw ToolError(path + ": " + error.what());
@@ -235,7 +244,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
 
   const OutputFormat output = format.value_or(OutputFormat::jsonl);
-  const Projection projection(schema, paths);
+  const Projection projection(schema, paths, mode);
   ProjectionRow row = projection.makeRow();
   std::vector<std::string> keys;
   for (const std::string& path : paths) keys.push_back(jsonString(path));

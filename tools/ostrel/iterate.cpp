@@ -7,7 +7,7 @@ namespace ostrel::tool {
 namespace {
 
 constexpr std::string_view kUsage =
-    R"usage(usage: ostrel [SCHEMAS] iterate -m MSG [-i FILE] [--input FORMAT] PATH
+    R"usage(usage: ostrel [SCHEMAS] iterate -m MSG [-i FILE] [--input FORMAT] [--exact] PATH
 
 Prints every element of the repeated field that PATH names in one encoded MSG message, one JSON
 value a line (as get prints values), in the order the elements are encoded, packed or not. The
@@ -23,6 +23,10 @@ the message does not hold prints nothing.
   --input FORMAT          how the data is written: binary (default), hex or base64
   --delimited             each input holds records, each preceded by its length as a varint
   --fail-fast             stop at the first bad record
+  --exact                 protobuf's answer: every occurrence of the field, packed runs and
+                          single elements alike, in a containing message merged from all its
+                          occurrences (without it the encoding of the field's first occurrence
+                          decides, and the first occurrence of each containing message is read)
 
 On a stream of records (--delimited, or several -i files, one record each) every record prints
 as one line: a JSON array of its elements. A record that cannot be read is reported on standard
@@ -33,9 +37,12 @@ int run(Arguments& args, GlobalOptions& globals) {
   MessageInput input;
   RecordOptions records;
   std::optional<std::string> path;
+  ReadMode mode = ReadMode::first;
   while (!args.done()) {
     if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
-    if (!path) {
+    if (args.flag({"--exact"})) {
+      mode = ReadMode::exact;
+    } else if (!path) {
       path = args.positional();
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
@@ -79,11 +86,11 @@ int run(Arguments& args, GlobalOptions& globals) {
   const auto elementsOf = [&](ByteView record, const auto& emit) {
     std::optional<AnyValue> containing;
     if (!prefix.empty()) {
-      containing = UnsafeSchematizedData(schema.impl(), record).value(prefix);
+      containing = UnsafeSchematizedData(schema.impl(), record).value(prefix, mode);
       if (!containing) return;
       record = containing->messageValue().bytes();
     }
-    Schematizer::RepeatableFieldIterator elements(record, field.fieldNumber(), field.type());
+    Schematizer::RepeatableFieldIterator elements(record, field.fieldNumber(), field.type(), mode);
     for (const AnyValue& element : elements) emit(valueJSON(element));
   };
 

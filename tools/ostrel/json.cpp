@@ -1,6 +1,5 @@
 #include "ostrel/output/json.hpp"
 
-#include "ostrel/wire/reader.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -31,17 +30,21 @@ The text is written as it is made, so that large messages print in little memory
                           every record prints as one line (JSON Lines without --pretty)
   --fail-fast             stop at the first bad record
 
-Several -i files are several records. A record whose fields cannot be walked is reported on
-standard error with its number and byte offset and skipped; the exit status is then 1.
+What is printed is what protobuf's parse of the data holds: of a field the data holds more than
+once, the last value, or for a message all of them merged; of a oneof, the last member present.
 
-A field that cannot be decoded shows as the text "Sch: Error encoding FIELD: ERROR" and the rest
-of the message still prints; the error also goes to standard error and the exit status is 1.
+Several -i files are several records. A record that cannot be rendered (a field that cannot be
+walked or decoded) is reported on standard error with its number and byte offset and skipped; the
+exit status is then 1. A single message that cannot be rendered stops the output where the fault
+was met (a large message is printed as it is made) and reports the error on standard error, with
+exit status 1.
 )usage";
 
 int run(Arguments& args, GlobalOptions& globals) {
   MessageInput input;
   RecordOptions records;
   JsonOptions options;
+  options.strict = true;
   while (!args.done()) {
     if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
     if (args.flag({"--pretty"})) {
@@ -61,15 +64,12 @@ int run(Arguments& args, GlobalOptions& globals) {
   const LoadedSchemas schemas = loadSchemas(globals);
   if (records.streams(input)) {
     const MessageSchema schema = input.schema(schemas);
+    std::string line;
     return forEachRecord(input, records, [&](ByteView record) {
-      // The top-level fields are walked first, so that a record broken at that level is a bad
-      // record rather than a rendering with an error text in it.
-      Reader walk(record);
-      while (walk.hasMoreFields()) walk.skipField(walk.readTag());
-      renderJSON(
-          UnsafeSchematizedData(schema.impl(), record),
-          [](std::string_view text) { writeOut(text); }, options);
-      writeOut("\n");
+      // Rendered whole before any of it is printed: a bad record prints nothing.
+      line = renderJSON(UnsafeSchematizedData(schema.impl(), record), options);
+      line += '\n';
+      writeOut(line);
     });
   }
   const SchematizedData data = input.schema(schemas).schematizedData(input.read());

@@ -3,6 +3,10 @@
 
 namespace ostrel::tool {
 
-std::string valueJSON(const AnyValue& value) { return toJSON(value, JsonStyle::compact); }
+std::string valueJSON(const AnyValue& value) {
+  JsonOptions options;
+  options.strict = true;
+  return toJSON(value, options);
+}
 
 }  // namespace ostrel::tool

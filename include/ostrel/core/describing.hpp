@@ -86,6 +86,8 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   // The member name ProtoJSON gives the field: the schema's json_name when it declares one, else
   // the lowerCamelCase of the name ("foo_bar" becomes "fooBar").
   virtual std::string jsonName() const;
+  // Whether the field has no presence of its own (FieldManifest::implicitPresence).
+  virtual bool hasImplicitPresence() const noexcept { return false; }
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

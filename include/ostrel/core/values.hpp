@@ -80,6 +80,21 @@ class MessageSchema;
 class AnyValue;
 struct FieldPathAndType;
 
+// Which answer a read by path gives when the bytes hold a singular field more than once (records
+// merged by concatenation, "append to update"), which canonical encoders never write.
+enum class ReadMode : uint8_t {
+  // The first occurrence at every step of the path. The search stops there, which is what makes a
+  // read near the front of a large record cheap; an index counts the tagged elements met first and
+  // then the elements of the first packed run.
+  first,
+  // Protobuf's parse of the whole record: the last occurrence of a scalar; the occurrences of a
+  // message merged (later scalars win, repeated fields concatenated, recursively); of a oneof's
+  // members the last one present, the others absent; an index counting every element of every
+  // packed run and tagged element. Every message on the path is read to its end, and any field in
+  // it running past the end of the bytes fails the read (SerializationError::truncated).
+  exact,
+};
+
 // Encoded bytes paired with the schema of the message they hold, as seen by the library's
 // internals.
 class SchematizedDataDescribing {
@@ -106,7 +121,8 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
   }
 
   // Reads the value at a property path such as "a.b[2].c", as SchematizedData::value does.
-  std::optional<AnyValue> value(std::string_view propertyPath) const;
+  std::optional<AnyValue> value(std::string_view propertyPath,
+                                ReadMode mode = ReadMode::first) const;
 
  private:
   std::shared_ptr<MessageSchemaDescribing> schema_;
@@ -137,10 +153,12 @@ class SchematizedData {
   // it, an index past the last element included (for packed runs too). Throws
   // PropertyPathUtil::Error for a malformed path, SchematizerError for a path the schema does not
   // have, SerializationError for malformed bytes.
-  std::optional<AnyValue> value(std::string_view propertyPath) const;
+  std::optional<AnyValue> value(std::string_view propertyPath,
+                                ReadMode mode = ReadMode::first) const;
   // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
   // resolution: the fast way to read one path from many records.
   std::optional<AnyValue> value(const FieldPathAndType& path) const;
+  std::optional<AnyValue> value(const FieldPathAndType& path, ReadMode mode) const;
 
   // Same schema name and the same bytes.
   friend bool operator==(const SchematizedData& a, const SchematizedData& b);

@@ -45,6 +45,11 @@ struct FieldManifest {
   // The json_name a descriptor declares when it is not the lowerCamelCase of the field's name
   // (FieldSchemaDescribing::jsonName). An annotation like extensionName, for the same reason.
   std::optional<std::string> jsonName;
+  // Whether the field has no presence of its own (a singular proto3 field of a scalar, string,
+  // bytes or enum type outside any oneof): ProtoJSON leaves it out when it holds its default. Set
+  // by the descriptor-set and .proto imports, kept by the JSON form ("implicitPresence": true); an
+  // annotation like extensionName, left out of equality (a merge keeps it when either side has it).
+  bool implicitPresence = false;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".

@@ -34,8 +34,13 @@ namespace ostrel {
 //   object keyed by the entries' keys: integer keys in decimal, bool keys "true" and "false". An
 //   entry without key or value takes the default of the type ("", 0, false, the enum's value 0, an
 //   empty object); of several entries with one key the last wins; an entry's key and value are each
-//   its first occurrence.
-// - A non-repeated field that occurs more than once shows its first occurrence.
+//   its last occurrence.
+// - What is rendered is what protobuf's parse of the bytes holds, also where an encoder wrote a
+//   record other than canonically (records merged by concatenation): of a non-repeated field that
+//   occurs more than once, the last occurrence of a scalar, string or bytes value, and the
+//   occurrences of a message merged into one (recursively: scalars last, repeated fields
+//   concatenated); of the members of a oneof, only the last one present. Canonical records, where
+//   each field occurs once, pay nothing for this.
 // - The well-known types take their JSON forms: google.protobuf.Timestamp an RFC 3339 text in UTC
 //   ("1972-01-01T10:00:20.021Z", 0, 3, 6 or 9 fractional digits, years 1 to 9999), Duration
 //   seconds with a suffix "s" ("-1.5s", within 315,576,000,000 s), the wrappers (DoubleValue ...
@@ -47,7 +52,9 @@ namespace ostrel {
 //   came from. A value these forms cannot express (out of range, an unknown Any type, a Value with
 //   no kind) is a field fault as below.
 //
-// Faults in the data do not stop the rendering. A field whose value cannot be decoded (a wire type
+// Faults in the data stop a strict rendering (JsonOptions::strict): the first one is thrown, the
+// error of the field's value or of the reader. Otherwise (the default, lenient rendering) they do
+// not stop the rendering: a field whose value cannot be decoded (a wire type
 // that does not fit its type, bytes cut short, a packed run that does not end on an element
 // boundary, a message schema that cannot be resolved) gets the string
 // "Sch: Error encoding <field name>: <error text>" as its value, and the same text is logged (see
@@ -81,6 +88,9 @@ struct JsonOptions {
   // repeated and map fields (as [] and {}). Meant for proto3 schemas, where this is libprotobuf's
   // always_print_fields_with_no_presence.
   bool printDefaults = false;
+  // A fault in the data is thrown rather than rendered as the field's error text (see above).
+  // A streaming rendering may have handed part of the text to its sink by then.
+  bool strict = false;
 };
 
 // Receives the text of a rendering piece by piece, in order.
@@ -88,7 +98,8 @@ using JsonSink = std::function<void(std::string_view text)>;
 
 // The JSON text of `data`; a top-level object always. Reads the data in place; `data`'s buffer
 // must stay alive and unchanged during the call. Throws the schema's errors when the top-level
-// message's fields cannot be materialised; faults below that are rendered, not thrown.
+// message's fields cannot be materialised; faults below that are rendered, not thrown, unless the
+// rendering is strict.
 std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style = JsonStyle::compact);
 
 std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions& options);
@@ -109,6 +120,7 @@ std::string toJSON(const SchematizedData& data, const JsonOptions& options);
 // One value as JSON text, as renderJSON writes a field holding it: a message value as a whole
 // object, the other kinds as their JSON value.
 std::string toJSON(const AnyValue& value, JsonStyle style = JsonStyle::compact);
+std::string toJSON(const AnyValue& value, const JsonOptions& options);
 
 // The message's options rendered as a JSON object, or no value when it has none. Options are read
 // against the store's google.protobuf.MessageOptions schema: the built-in one knows no fields and
@@ -126,10 +138,15 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 // - Integers of every type as JSON numbers or decimal strings, range-checked against the field's
 //   type (a number with a fraction or exponent is taken when it is an exact integer); float and
 //   double as numbers, numeric strings or "NaN", "Infinity", "-Infinity"; bool as true or false;
-//   string as a string; bytes as standard base64 with padding; an enum as a value name or a
+//   string as a string; bytes as base64, standard or URL-safe, padded or not; an enum as a value
+//   name or a
 //   number; a message as an object; a repeated field as an array; a map field (a repeated field
 //   of a map entry message) as an object whose member names are the keys: integers in decimal,
 //   bool "true" or "false".
+// - A field without presence of its own (FieldSchemaDescribing::hasImplicitPresence: a singular
+//   proto3 scalar, string, bytes or enum outside any oneof) that holds its default (0, false, "",
+//   empty bytes, the enum's value 0, NullValue's null) is left out, as ProtoJSON parsers leave it;
+//   a float or double -0 is kept.
 // - Fields are written as their members are read, in the order of the text (an Any's type URL
 //   before its content, a Timestamp's or Duration's seconds before its nanos), repeated elements
 //   one by one (not packed), map entries with both key and value. Readers take fields in any
@@ -147,7 +164,10 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 //   ..."), where the path starts at "$" and goes on with ".name" for members, "[3]" for elements
 //   and "[\"key\"]" for map keys, for example "$.mids[1].leaf.id: expected an integer of type
 //   int32";
-// - a member that is not a field: the schema's SchematizerError::fieldNotFound;
+// - a member that is not a field: the schema's SchematizerError::fieldNotFound (unless
+//   JsonParseOptions::ignoreUnknownFields);
+// - two members of one oneof (null for either leaving it out): SchematizerError::unexpectedType(
+//   "<path>: expected one member of a oneof, found \"other\" too"), the path naming the second;
 // - an enum name the enum does not have: the enum schema's SchematizerError::enumValueNotFound;
 // - nesting deeper than 100 messages: SchematizerError::protocolBufferError("Nesting deeper than
 //   100 messages").
@@ -156,8 +176,17 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 // an unescaped control character in a string, which a first pass over all of the text finds,
 // come first of all.
 
+// How encodeJSON reads, after libprotobuf's JsonParseOptions.
+struct JsonParseOptions {
+  // Members that name no field of their message are passed over, values and all, instead of
+  // failing (libprotobuf's ignore_unknown_fields).
+  bool ignoreUnknownFields = false;
+};
+
 // The message that `json` describes, encoded, paired with `schema`.
-SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json);
-SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json);
+SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json,
+                           const JsonParseOptions& options = {});
+SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json,
+                           const JsonParseOptions& options = {});
 
 }  // namespace ostrel

@@ -65,6 +65,8 @@ class Schematizer {
   // occurrences are never visited; a tagged element makes every later occurrence a single value
   // (so a packed run met later fails with typeMismatch). A packed run ends the iteration exactly
   // at its end; an element running over that end throws SerializationError::malformedProtobuf.
+  // With ReadMode::exact every occurrence is visited instead, packed runs and tagged elements
+  // alike, as protobuf's parse gathers the elements of a repeated field.
   //
   // Also an input range: `for (const AnyValue& v : iterator)` (a failure is thrown from ++).
   class RepeatableFieldIterator {
@@ -82,15 +84,19 @@ class Schematizer {
       OwnedData data;
       int64_t fieldNumber;
       TypeSchema type;
+      ReadMode mode = ReadMode::first;
     };
     struct Done {};
     using State = std::variant<IterationState, Done>;
 
     // Iterates field `fieldNumber` of `data`, sharing the buffer.
-    RepeatableFieldIterator(OwnedData data, int64_t fieldNumber, TypeSchema elementType);
+    RepeatableFieldIterator(OwnedData data, int64_t fieldNumber, TypeSchema elementType,
+                            ReadMode mode = ReadMode::first);
     // Iterates field `fieldNumber` of a copy of `data`.
-    RepeatableFieldIterator(ByteView data, int64_t fieldNumber, TypeSchema elementType)
-        : RepeatableFieldIterator(OwnedData(toBytes(data)), fieldNumber, std::move(elementType)) {}
+    RepeatableFieldIterator(ByteView data, int64_t fieldNumber, TypeSchema elementType,
+                            ReadMode mode = ReadMode::first)
+        : RepeatableFieldIterator(OwnedData(toBytes(data)), fieldNumber, std::move(elementType),
+                                  mode) {}
 
     // The next element; no value once the field is exhausted (and from then on). A failure is
     // thrown and leaves the state as it was, so calling again repeats the failing step.
@@ -163,10 +169,12 @@ class ProjectionRow;
 // walks its bytes once and stops as soon as every path has its answer.
 //
 // Each path's answer is exactly what the single read of that path gives (SchematizedData::value):
-// the same value, the same absence, the same error. The first occurrence of a field wins; an index
-// counts the tagged elements met first and then the elements of the first packed run; a fault in
-// the bytes belongs to the paths whose single read would have met it and to no other, so a record
-// damaged after the fields a path needs still answers that path.
+// the same value, the same absence, the same error, in the projection's ReadMode. With
+// ReadMode::first (the default) the first occurrence of a field wins; an index counts the tagged
+// elements met first and then the elements of the first packed run; a fault in the bytes belongs
+// to the paths whose single read would have met it and to no other, so a record damaged after the
+// fields a path needs still answers that path. With ReadMode::exact each path is read as
+// SchematizedData::value(path, ReadMode::exact) reads it, one after the other.
 //
 // A projection is immutable and may be shared between threads (see ostrel/store/schemas.hpp); each
 // thread reads into its own row.
@@ -174,8 +182,10 @@ class Projection {
  public:
   // Resolves every path against `schema` (as resolvePropertyPath does) and merges them. Throws the
   // resolution error of the first path that does not resolve; nothing is built then.
-  Projection(const MessageSchema& schema, std::span<const std::string> paths);
-  Projection(const MessageSchema& schema, std::initializer_list<std::string_view> paths);
+  Projection(const MessageSchema& schema, std::span<const std::string> paths,
+             ReadMode mode = ReadMode::first);
+  Projection(const MessageSchema& schema, std::initializer_list<std::string_view> paths,
+             ReadMode mode = ReadMode::first);
 
   // How many paths, in the order given.
   size_t size() const noexcept;
@@ -186,7 +196,8 @@ class Projection {
   // Reads every path from `record` into `row`, replacing what the row held. Faults in the bytes
   // are not thrown: they are kept in the row as the answers of the paths they affect. The row
   // borrows from `record` (strings, bytes, messages): valid while that buffer is alive and
-  // unchanged. `row` must have been made by this projection (makeRow, or a copy of one).
+  // unchanged (and, for a message merged from several occurrences by an exact read, until the
+  // row's next read). `row` must have been made by this projection (makeRow, or a copy of one).
   void read(ByteView record, ProjectionRow& row) const;
 
   // A row for this projection's reads. Reusing one row for every record allocates nothing.
@@ -255,6 +266,8 @@ class ProjectionRow {
   // Scratch of a read: per node of the plan, the elements still to count and whether it is done.
   std::vector<int64_t> remaining_;
   std::vector<uint8_t> done_;
+  // Exact reads: per path, the message merged from several occurrences.
+  std::vector<Bytes> merged_;
 };
 
 // Typed reads of one scalar through a path resolved beforehand: the value as its C++ type, without

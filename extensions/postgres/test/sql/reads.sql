@@ -137,3 +137,21 @@ BEGIN;
 SELECT p_get_bigint('\x08'::bytea, 'shop.Order', 'id');
 ROLLBACK;
 SELECT p_get_bigint(record, 'shop.Order', 'id') FROM orders WHERE n = 2;
+-- A record written twice over itself ({id 1, customer {name "a"}} then {id 2, customer {name "b"}}):
+-- reads take the first occurrence unless exact; p_json gives protobuf's parse.
+SELECT p_get_bigint(r, 'shop.Order', 'id') AS first_id,
+       p_get_bigint(r, 'shop.Order', 'id', exact => true) AS exact_id,
+       p_get_text(r, 'shop.Order', 'customer.name') AS first_name,
+       p_get_text(r, 'shop.Order', 'customer.name', true) AS exact_name,
+       p_get(r, 'shop.Order', 'customer', exact => true) AS exact_customer,
+       p_json(r, 'shop.Order') AS json
+FROM (SELECT '\x0801080212031201611203120162'::bytea AS r) AS appended;
+-- Of the oneof members voucher and card, the last present wins.
+SELECT p_has('\x3201782a00'::bytea, 'shop.Order', 'voucher') AS first_has,
+       p_has('\x3201782a00'::bytea, 'shop.Order', 'voucher', exact => true) AS exact_has;
+-- A record that cannot be rendered whole is an error, never error text inside the jsonb.
+SELECT p_json('\x08e907120108'::bytea, 'shop.Order');
+SELECT p_get('\x08e907120108'::bytea, 'shop.Order', 'customer');
+-- Fields without presence of their own are left out when they hold their default; oneof members
+-- are kept.
+SELECT p_encode('shop.Order', '{"id": 0, "state": "STATE_UNSPECIFIED", "voucher": ""}');
