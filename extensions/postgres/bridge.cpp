@@ -432,7 +432,7 @@ void eachElement(ByteView message, const FieldSchemaDescribing& field, Visit&& v
       Reader elements(reader.readLengthDelimited());
       while (elements.hasMoreFields()) visit(decodePackedElement(elements, type));
     } else {
-      visit(decodeValue(reader, type, tag.wireType()));
+      visit(decodeValue(reader, type, tag));
     }
   }
 }

@@ -208,6 +208,8 @@ FieldManifest readField(const Json& value, const Path& path) {
       hasFieldNumber = true;
     } else if (name == "isRepeated") {
       field.isRepeated = readBool(member, at);
+    } else if (name == "delimited") {
+      field.delimited = readBool(member, at);
     } else if (name == "oneofIndex") {
       // Checked against the message's oneofs once the whole message has been read.
       if (!member.is_number_integer()) fail(at, "expected an integer");
@@ -226,6 +228,9 @@ FieldManifest readField(const Json& value, const Path& path) {
   });
   if (!hasType) fail(path.member("type"), "missing required member");
   if (!hasFieldNumber) fail(path.member("fieldNumber"), "missing required member");
+  if (field.delimited && field.type != TypeManifest::message) {
+    fail(path.member("delimited"), "only a message field can be delimited");
+  }
   return field;
 }
 
@@ -339,6 +344,7 @@ Json writeField(const FieldManifest& field, const Path& path) {
   if (field.typeName) out["typeName"] = checkedText(*field.typeName, path.member("typeName"));
   out["fieldNumber"] = field.fieldNumber;
   if (field.isRepeated) out["isRepeated"] = true;
+  if (field.delimited) out["delimited"] = true;
   if (field.oneofIndex) out["oneofIndex"] = *field.oneofIndex;
   if (field.options) out["options"] = base64(*field.options);
   return out;

@@ -35,7 +35,9 @@ RawOptions& merge(RawOptions& receiver, const RawOptions& other, MergePolicy pol
 FieldManifest& FieldManifest::merge(const FieldManifest& other, MergePolicy policy) {
   std::optional<std::string> extension = extensionName ? extensionName : other.extensionName;
   std::optional<std::string> json = jsonName ? jsonName : other.jsonName;
+  const bool presence = explicitPresence || other.explicitPresence;
   mergeWholeRecord(*this, other, policy, "Conflict merging FieldManifest");
+  explicitPresence = presence;
   if (!extensionName) extensionName = std::move(extension);
   if (!jsonName) jsonName = std::move(json);
   return *this;

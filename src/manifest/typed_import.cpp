@@ -38,12 +38,18 @@ class TypedDescriptorReader {
       throw SchemaManifestJSONError::invalidValueType(
           detail::faultText(fault->first, fault->second));
     }
+    detail::keepMapsLengthPrefixed(manifest_);
     return std::move(manifest_);
   }
 
  private:
   void readFile(const pb::FileDescriptorProto& file) {
     const NamePath path = detail::splitName(file.package());
+    syntax_ = file.syntax();
+    RawOptions options;
+    if (file.has_options()) options = serialized(file.options());
+    features_ =
+        detail::withFeatures(detail::syntaxFeatures(syntax_), options, detail::kFileFeaturesNumber);
     for (const pb::DescriptorProto& message : file.message_type()) readMessage(path, message);
     for (const pb::EnumDescriptorProto& enumType : file.enum_type()) readEnum(path, enumType);
     for (const pb::FieldDescriptorProto& extension : file.extension()) {
@@ -107,17 +113,26 @@ class TypedDescriptorReader {
   std::optional<std::pair<std::string, FieldManifest>> readField(
       const NamePath& scope, const pb::FieldDescriptorProto& descriptor) {
     std::optional<TypeManifest> type;
+    bool group = false;
     if (descriptor.has_type()) {
       const detail::DescriptorType* row = detail::descriptorTypeWithNumber(descriptor.type());
       if (!row) detail::fatal("Field type number out of range");
+      type = row->manifestType;
       if (!row->manifestType) {
-        if (!groups_.skipped()) invalidValue("Group is deprecated");
-        if (descriptor.has_name() && descriptor.has_number()) {
-          groups_.leaveOut(detail::fullName(scope, descriptor.name()));
-          return std::nullopt;
+        const DescriptorImportOptions::Groups handling = groups_.handling(syntax_);
+        if (handling == DescriptorImportOptions::Groups::refuse) {
+          invalidValue("Group is deprecated");
+        }
+        if (handling == DescriptorImportOptions::Groups::skip) {
+          if (descriptor.has_name() && descriptor.has_number()) {
+            groups_.leaveOut(detail::fullName(scope, descriptor.name()));
+            return std::nullopt;
+          }
+        } else {
+          group = true;
+          type = TypeManifest::message;
         }
       }
-      type = row->manifestType;
     }
     if (!type || !descriptor.has_name() || !descriptor.has_number()) {
       invalidValue("Enum value is missing");
@@ -134,6 +149,8 @@ class TypedDescriptorReader {
       field.jsonName = descriptor.json_name();
     }
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
+    detail::applyFeatures(
+        field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
     return std::pair(descriptor.name(), std::move(field));
   }
 
@@ -153,6 +170,9 @@ class TypedDescriptorReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
+  // Of the file being read.
+  std::string syntax_;
+  detail::Features features_;
 };
 
 }  // namespace

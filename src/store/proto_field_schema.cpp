@@ -22,7 +22,9 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       manifestType_(manifest.type),
       typeName_(manifest.typeName),
       extensionName_(manifest.extensionName),
-      jsonName_(manifest.jsonName) {}
+      jsonName_(manifest.jsonName),
+      delimited_(manifest.delimited),
+      explicitPresence_(manifest.explicitPresence) {}
 
 std::string ProtoFieldSchema::jsonName() const {
   return jsonName_ ? *jsonName_ : FieldSchemaDescribing::jsonName();

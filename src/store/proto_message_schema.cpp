@@ -210,14 +210,17 @@ MessageManifest ProtoMessageSchema::manifest() const {
       continue;
     }
     const auto& field = static_cast<const ProtoFieldSchema&>(*std::get<1>(slot));
-    manifest.fields.emplace(fieldName, FieldManifest{.type = field.manifestType(),
-                                                     .typeName = field.typeName(),
-                                                     .fieldNumber = field.fieldNumber(),
-                                                     .isRepeated = field.isRepeated(),
-                                                     .oneofIndex = field.oneofIndex(),
-                                                     .options = detail::rawOptions(field.options()),
-                                                     .extensionName = field.extensionName(),
-                                                     .jsonName = field.declaredJsonName()});
+    manifest.fields.emplace(fieldName,
+                            FieldManifest{.type = field.manifestType(),
+                                          .typeName = field.typeName(),
+                                          .fieldNumber = field.fieldNumber(),
+                                          .isRepeated = field.isRepeated(),
+                                          .oneofIndex = field.oneofIndex(),
+                                          .options = detail::rawOptions(field.options()),
+                                          .extensionName = field.extensionName(),
+                                          .jsonName = field.declaredJsonName(),
+                                          .delimited = field.isDelimited(),
+                                          .explicitPresence = field.hasExplicitPresence()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

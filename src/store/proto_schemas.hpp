@@ -70,6 +70,8 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
     return extensionName_;
   }
   std::string jsonName() const override;
+  bool isDelimited() const noexcept override { return delimited_; }
+  bool hasExplicitPresence() const noexcept override { return explicitPresence_; }
   // The json_name the schema declares, when it is not the computed one.
   const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
   // Throws SchematizerError::internalError "Store is destroyed" when the type still has to be
@@ -104,6 +106,8 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::optional<std::string> typeName_;
   std::optional<std::string> extensionName_;
   std::optional<std::string> jsonName_;
+  bool delimited_;
+  bool explicitPresence_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

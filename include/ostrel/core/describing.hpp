@@ -85,6 +85,12 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   // The member name ProtoJSON gives the field: the schema's json_name when it declares one, else
   // the lowerCamelCase of the name ("foo_bar" becomes "fooBar").
   virtual std::string jsonName() const;
+  // Whether a message field is written delimited (start and end group tags) rather than
+  // length-prefixed; readers take either. False unless the schema says so.
+  virtual bool isDelimited() const noexcept { return false; }
+  // Whether a singular field has presence of its own where its type and oneof give it none
+  // (FieldManifest::explicitPresence). False unless the schema says so.
+  virtual bool hasExplicitPresence() const noexcept { return false; }
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

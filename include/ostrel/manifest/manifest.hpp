@@ -45,6 +45,16 @@ struct FieldManifest {
   // The json_name a descriptor declares when it is not the lowerCamelCase of the field's name
   // (FieldSchemaDescribing::jsonName). An annotation like extensionName, for the same reason.
   std::optional<std::string> jsonName;
+  // A message field written delimited: a start-group tag, the message's fields and an end-group
+  // tag, as proto2 groups and Editions' DELIMITED message encoding are. Readers take either
+  // encoding of any message field; the writers write this one.
+  bool delimited = false;
+  // A singular field with presence of its own where its type and oneof would not give it any: a
+  // proto2 field, or Editions' EXPLICIT (or LEGACY_REQUIRED) field presence, as the descriptor
+  // imports resolve it. Without it a singular scalar, string, bytes or enum field outside a oneof
+  // has implicit presence, proto3's rule (JsonOptions::printDefaults writes its default). An
+  // annotation like jsonName: a merge keeps it when either side has it.
+  bool explicitPresence = false;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".
@@ -56,7 +66,8 @@ struct FieldManifest {
 
   friend bool operator==(const FieldManifest& a, const FieldManifest& b) {
     return a.type == b.type && a.typeName == b.typeName && a.fieldNumber == b.fieldNumber &&
-           a.isRepeated == b.isRepeated && a.oneofIndex == b.oneofIndex && a.options == b.options;
+           a.isRepeated == b.isRepeated && a.oneofIndex == b.oneofIndex && a.options == b.options &&
+           a.delimited == b.delimited;
   }
 };
 

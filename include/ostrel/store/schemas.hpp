@@ -90,6 +90,8 @@ class FieldSchema {
     return impl_->extensionName();
   }
   std::string jsonName() const { return impl_->jsonName(); }
+  bool isDelimited() const noexcept { return impl_->isDelimited(); }
+  bool hasExplicitPresence() const noexcept { return impl_->hasExplicitPresence(); }
   // Resolves the type on first use; throws "Store is destroyed" when that needs a store that is
   // gone.
   TypeSchema type() const { return TypeSchema(impl_->type()); }
