@@ -259,12 +259,14 @@ class PoolFiles {
                                                   : fileOf(where).proto.add_enum_type();
     proto->set_name(lastComponent(name));
     if (enumManifest.options) parseOptions(enumManifest.options, *proto->mutable_options());
-    // By number, so that a zero value comes first as proto3 wants it.
+    // A zero value first (proto3 and map values want it there), then by number.
     std::vector<std::pair<int64_t, std::string>> values;
     for (const auto& [valueName, number] : enumManifest.values) {
       values.emplace_back(number, valueName);
     }
-    std::sort(values.begin(), values.end());
+    std::sort(values.begin(), values.end(), [](const auto& a, const auto& b) {
+      return std::pair(a.first != 0, a) < std::pair(b.first != 0, b);
+    });
     for (size_t i = 0; i < values.size(); ++i) {
       pb::EnumValueDescriptorProto* value = proto->add_value();
       value->set_name(values[i].second);

@@ -374,6 +374,34 @@ TEST(OstrelTool, TextFormatIsProtocs) {
     expectCases({{"$S encode $O --from text -i " + text, 0,
                   readFile(OSTREL_EXAMPLES "/" + std::string(order) + ".bin"), ""}});
   }
+#ifdef OSTREL_SHARED_SCHEMAS
+  // protobuf's proto2 conformance message: groups, a negative enum value, a map of enums, an
+  // extension; the same text read by protoc --encode and by encode --from text.
+  const std::string protos = OSTREL_SHARED_SCHEMAS "/protos";
+  const std::string text =
+      scratchFile("conformance.txt",
+                  "optional_nested_enum: NEG map_string_nested_enum { key: \"k\" value: BAZ }\n"
+                  "Data { group_int32: 1 } MultiWordGroupField { group_uint32: 2 }\n"
+                  "repeated_nested_message { a: 3 } optional_string: \"\\303\\251\"\n"
+                  "[protobuf_test_messages.proto2.extension_int32]: 4\n");
+  const std::string encoded = scratchFile("conformance.bin", "");
+  const std::string decoded = scratchFile("conformance.decoded", "");
+  const std::string protoc = "protoc --" + std::string("%s") +
+                             "=protobuf_test_messages.proto2.TestAllTypesProto2 -I " + protos +
+                             " " + protos + "/google/protobuf/test_messages_proto2.proto";
+  const auto run = [&](const std::string& verb, const std::string& in, const std::string& out) {
+    std::string command = protoc;
+    command.replace(command.find("%s"), 2, verb);
+    ASSERT_EQ(std::system((command + " < " + in + " > " + out).c_str()), 0);
+  };
+  run("encode", text, encoded);
+  run("decode", encoded, decoded);
+  const std::string schema =
+      "-s " OSTREL_SHARED_SCHEMAS "/test_messages_proto2.desc --groups read ";
+  const std::string type = " -m protobuf_test_messages.proto2.TestAllTypesProto2";
+  expectCases({{schema + "text" + type + " -i " + encoded, 0, readFile(decoded), ""},
+               {schema + "encode --from text" + type + " -i " + text, 0, readFile(encoded), ""}});
+#endif
   expectCases({
       {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
       {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
