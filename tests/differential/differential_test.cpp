@@ -513,9 +513,8 @@ class DifferentialTest : public ::testing::TestWithParam<Subject> {
   // The text format of `bytes` is what protoc --decode prints (libprotobuf's TextFormat of its
   // dynamic message parsed from them), and encodes back to a message with that text.
   void compareText(const MessageSchema& schema, const std::string& bytes) {
-    pb::DynamicMessageFactory factory;
     std::unique_ptr<pb::Message> message(
-        factory.GetPrototype(GetParam().prototype->GetDescriptor())->New());
+        dynamic_.GetPrototype(GetParam().prototype->GetDescriptor())->New());
     ASSERT_TRUE(message->ParsePartialFromString(bytes));
     std::string theirs;
     ASSERT_TRUE(pb::TextFormat::PrintToString(*message, &theirs));
@@ -532,6 +531,9 @@ class DifferentialTest : public ::testing::TestWithParam<Subject> {
       ASSERT_EQ(toText(encodeText(schema, ours)), theirs);
     }
   }
+
+  // Dynamic messages of the generated types, as protoc --decode makes them.
+  pb::DynamicMessageFactory dynamic_;
 };
 
 TEST_P(DifferentialTest, ReadsRendersEncodesAndBuildsAsLibprotobufHoldsTheMessage) {
