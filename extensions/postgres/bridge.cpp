@@ -496,7 +496,7 @@ class ElementWalk {
         // the bytes that follow.
         run_.emplace(fields_.readLengthDelimited());
       } else {
-        return decodeValue(fields_, type_, tag.wireType());
+        return decodeValue(fields_, type_, tag);
       }
     }
   }

@@ -29,6 +29,7 @@
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
+#include "ostrel/output/text_format.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"

@@ -4,6 +4,7 @@
 
 #include "core/fatal.hpp"
 #include "ostrel/core/logging.hpp"
+#include "ostrel/wire/reader.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -140,6 +141,92 @@ void ExtensionFields::add(SchemaManifest& manifest, const std::string& extendee,
     }
   }
   fields.insert_or_assign(fullName, std::move(field));
+}
+
+namespace {
+
+// google.protobuf.FeatureSet's field_presence (EXPLICIT 1, IMPLICIT 2, LEGACY_REQUIRED 3) and
+// message_encoding (LENGTH_PREFIXED 1, DELIMITED 2).
+constexpr int64_t kFieldPresenceNumber = 1;
+constexpr int64_t kMessageEncodingNumber = 5;
+constexpr uint64_t kImplicitPresence = 2;
+constexpr uint64_t kDelimitedEncoding = 2;
+// MessageOptions.map_entry.
+constexpr int64_t kMapEntryNumber = 7;
+
+// Calls `visit(tag, reader)` for each field of `bytes`; `visit` reads or skips the value.
+template <typename Visit>
+void forEachField(ByteView bytes, Visit&& visit) {
+  Reader reader(bytes);
+  while (reader.hasMoreFields()) {
+    const FieldTag tag = reader.readTag();
+    visit(tag, reader);
+  }
+}
+
+// The varint of field `number` in `bytes`: the last occurrence wins, as in a parse.
+void readVarintField(const FieldTag& tag, Reader& reader, int64_t number,
+                     std::optional<uint64_t>& value) {
+  if (tag.fieldNumber() == number && tag.wireType() == ProtoWireType::varInt) {
+    value = reader.readVarint();
+  } else {
+    reader.skipField(tag);
+  }
+}
+
+}  // namespace
+
+Features syntaxFeatures(std::string_view syntax) noexcept {
+  return {.explicitPresence = syntax != "proto3", .delimited = false};
+}
+
+Features withFeatures(Features inherited, const RawOptions& options, int64_t featuresNumber) {
+  if (!options) return inherited;
+  // Occurrences of `features` merge, so each feature takes its last value.
+  forEachField(*options, [&](const FieldTag& tag, Reader& reader) {
+    if (tag.fieldNumber() != featuresNumber || tag.wireType() != ProtoWireType::lengthDelimited) {
+      return reader.skipField(tag);
+    }
+    forEachField(reader.readLengthDelimited(), [&](const FieldTag& feature, Reader& in) {
+      std::optional<uint64_t> value;
+      if (feature.fieldNumber() == kFieldPresenceNumber) {
+        readVarintField(feature, in, kFieldPresenceNumber, value);
+        if (value) inherited.explicitPresence = *value != kImplicitPresence;
+      } else {
+        readVarintField(feature, in, kMessageEncodingNumber, value);
+        if (value) inherited.delimited = *value == kDelimitedEncoding;
+      }
+    });
+  });
+  return inherited;
+}
+
+void applyFeatures(FieldManifest& field, const Features& features, bool group) {
+  field.implicitPresence = !features.explicitPresence && !field.isRepeated && !field.oneofIndex &&
+                           field.type != TypeManifest::message;
+  field.delimited = field.type == TypeManifest::message && (group || features.delimited);
+}
+
+void keepMapsLengthPrefixed(SchemaManifest& manifest) {
+  const auto isMapEntry = [&](const MessageManifest& message) {
+    std::optional<uint64_t> mapEntry;
+    if (message.options) {
+      forEachField(*message.options, [&](const FieldTag& tag, Reader& reader) {
+        readVarintField(tag, reader, kMapEntryNumber, mapEntry);
+      });
+    }
+    return mapEntry.value_or(0) != 0;
+  };
+  for (auto& [name, message] : manifest.messages) {
+    const bool entry = isMapEntry(message);
+    for (auto& [fieldName, field] : message.fields) {
+      if (!field.delimited || !field.typeName) continue;
+      const auto type = manifest.messages.find(*field.typeName);
+      if (entry || (type != manifest.messages.end() && isMapEntry(type->second))) {
+        field.delimited = false;
+      }
+    }
+  }
 }
 
 void GroupFields::leaveOut(const std::string& fullName) {

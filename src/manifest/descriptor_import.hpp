@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 
@@ -87,13 +88,46 @@ class ExtensionFields {
   std::map<std::pair<std::string, std::string>, Holder> holders_;
 };
 
+// What a field's Editions features (or its file's syntax) decide that the library acts on: its
+// presence and its message encoding. Both can be set on files and fields only (those are their
+// feature targets), so a field's value comes from its own options or else from its file's.
+struct Features {
+  bool explicitPresence = true;
+  bool delimited = false;
+};
+
+// The field number of `features` in google.protobuf.FileOptions and FieldOptions.
+inline constexpr int64_t kFileFeaturesNumber = 50;
+inline constexpr int64_t kFieldFeaturesNumber = 21;
+
+// The defaults of a file's syntax: "proto3" has implicit presence, "proto2" (or none) and
+// "editions" (2023 and 2024 alike) explicit presence; all of them length-prefixed messages.
+Features syntaxFeatures(std::string_view syntax) noexcept;
+
+// `inherited` overridden by what the `features` field (number `featuresNumber`) of the raw options
+// message sets. Throws SerializationError for options that are not a valid message.
+Features withFeatures(Features inherited, const RawOptions& options, int64_t featuresNumber);
+
+// Sets the field's resolved presence and encoding. `group` says that its descriptor type is
+// TYPE_GROUP, which is always delimited.
+void applyFeatures(FieldManifest& field, const Features& features, bool group);
+
+// Map fields and the fields of their entries are length-prefixed whatever their features say:
+// clears `delimited` of the fields whose type is a map entry and of the fields of map entries.
+void keepMapsLengthPrefixed(SchemaManifest& manifest);
+
 // What the importers do with group fields: refuse them ("Group is deprecated", thrown by the
-// importer itself) unless the options leave them out, and report each one left out once.
+// importer itself), leave them out (each one reported once) or read them as delimited messages,
+// as the options say. Groups of Editions files (written as DELIMITED messages by newer compilers)
+// are always read.
 class GroupFields {
  public:
   explicit GroupFields(const DescriptorImportOptions& options) : options_(options) {}
 
-  bool skipped() const noexcept { return options_.skipGroups; }
+  // Whether a group field of a file with `syntax` is refused, left out or read.
+  DescriptorImportOptions::Groups handling(std::string_view syntax) const noexcept {
+    return syntax == "editions" ? DescriptorImportOptions::Groups::read : options_.groups;
+  }
   // Reports the group field `fullName` as left out, the first time it is met.
   void leaveOut(const std::string& fullName);
 

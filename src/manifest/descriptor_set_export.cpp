@@ -62,7 +62,29 @@ class DescriptorSetWriter {
       parts.push_back(writeEnum(name, enumManifest));
       file["enum_type"].push_back(detail::AnyValueImpl::message(parts.back().unsafe()));
     }
-    return build("FileDescriptorProto", file);
+    // A manifest with delimited fields goes out as an Editions 2023 file of explicit presence, so
+    // that they come back as such whatever the import options; any other as a plain proto2 file,
+    // which every protobuf runtime reads. The built-in descriptor schema has no place for these
+    // three fields, so their encoding is appended (a parse takes fields in any order).
+    Bytes bytes = build("FileDescriptorProto", file).data();
+    if (hasDelimitedField(manifest)) {
+      static constexpr uint8_t kEditionsHeader[] = {
+          0x42, 0x05, 0x92, 0x03, 0x02, 0x08, 0x01,                 // options.features.field_presence
+          0x62, 0x08, 'e',  'd',  'i',  't',  'i',  'o', 'n', 's',  // syntax "editions"
+          0x70, 0xE8, 0x07};                                        // edition EDITION_2023
+      for (uint8_t byte : kEditionsHeader) bytes.push_back(static_cast<std::byte>(byte));
+    }
+    return store_->messageSchema("google.protobuf.FileDescriptorProto")
+        ->schematizedData(std::move(bytes));
+  }
+
+  static bool hasDelimitedField(const SchemaManifest& manifest) {
+    for (const auto& entry : manifest.messages) {
+      for (const auto& field : entry.second.fields) {
+        if (field.second.delimited) return true;
+      }
+    }
+    return false;
   }
 
   SchematizedData writeMessage(const std::string& name, const MessageManifest& message) {
@@ -95,7 +117,8 @@ class DescriptorSetWriter {
     values["name"].push_back(detail::AnyValueImpl::string(name));
     values["number"].push_back(int32Value(field.fieldNumber));
     values["label"].push_back(detail::AnyValueImpl::int32(field.isRepeated ? 3 : 1));
-    values["type"].push_back(detail::AnyValueImpl::int32(detail::descriptorTypeNumber(field.type)));
+    values["type"].push_back(detail::AnyValueImpl::int32(
+        field.delimited ? detail::kDescriptorGroupType : detail::descriptorTypeNumber(field.type)));
     // Fully qualified with a leading dot, as protoc writes references; importing strips it.
     if (field.typeName)
       values["type_name"].push_back(detail::AnyValueImpl::string("." + *field.typeName));

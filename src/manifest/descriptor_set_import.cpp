@@ -24,20 +24,29 @@ constexpr int kMaxMessageDepth = 100;
 // FieldDescriptorProto.json_name. The built-in descriptor schema leaves it out (its field set is
 // fixed), so it is read from the field descriptor's bytes directly.
 constexpr int64_t kJsonNameNumber = 10;
+// FileDescriptorProto.options and syntax, which the built-in schema leaves out for the same reason.
+constexpr int64_t kFileOptionsNumber = 8;
+constexpr int64_t kSyntaxNumber = 12;
 
-// The last json_name in a field descriptor's bytes, if any.
-std::optional<std::string> declaredJsonName(ByteView descriptor) {
-  std::optional<std::string> found;
+// The payload of the last occurrence of length-delimited field `number` in a descriptor's bytes,
+// if any.
+std::optional<ByteView> lastDelimited(ByteView descriptor, int64_t number) {
+  std::optional<ByteView> found;
   Reader reader(descriptor);
   while (reader.hasMoreFields()) {
     const FieldTag tag = reader.readTag();
-    if (tag.fieldNumber() == kJsonNameNumber && tag.wireType() == ProtoWireType::lengthDelimited) {
-      found = std::string(asText(reader.readLengthDelimited()));
+    if (tag.fieldNumber() == number && tag.wireType() == ProtoWireType::lengthDelimited) {
+      found = reader.readLengthDelimited();
     } else {
       reader.skipField(tag);
     }
   }
   return found;
+}
+
+std::optional<std::string> declaredJsonName(ByteView descriptor) {
+  const std::optional<ByteView> found = lastDelimited(descriptor, kJsonNameNumber);
+  return found ? std::optional(std::string(asText(*found))) : std::nullopt;
 }
 
 [[noreturn]] void invalidValue(const char* text) {
@@ -88,6 +97,7 @@ class DescriptorSetReader {
     if (const auto change = detail::builtinTypeChange(manifest_)) {
       throw MergeConflict::conflict(change->second);
     }
+    detail::keepMapsLengthPrefixed(manifest_);
     return std::move(manifest_);
   }
 
@@ -104,6 +114,13 @@ class DescriptorSetReader {
       packageSeen = true;
       if (isText(value)) path = detail::splitName(value.stringValue());
     });
+    const ByteView bytes = file.messageValue().bytes();
+    const std::optional<ByteView> syntax = lastDelimited(bytes, kSyntaxNumber);
+    syntax_ = syntax ? std::string(asText(*syntax)) : std::string();
+    RawOptions options;
+    if (auto raw = lastDelimited(bytes, kFileOptionsNumber)) options = toBytes(*raw);
+    features_ =
+        detail::withFeatures(detail::syntaxFeatures(syntax_), options, detail::kFileFeaturesNumber);
     walk(file, [&](const std::string& property, detail::AnyValueImpl&& value) {
       if (property == "message_type") {
         readMessage(path, value, 1);
@@ -247,15 +264,16 @@ class DescriptorSetReader {
         field.oneofIndex = item.int32Value();
       }
     });
-    if (group && name && number) {
+    if (group && name && number &&
+        groups_.handling(syntax_) == DescriptorImportOptions::Groups::skip) {
       groups_.leaveOut(detail::fullName(scope, *name));
       return std::nullopt;
     }
     if (!type || !name || !number) invalidDescriptor("Enum value is missing");
     field.type = *type;
     field.fieldNumber = *number;
-    field.implicitPresence =
-        proto3_ && !field.isRepeated && !field.oneofIndex && field.type != TypeManifest::message;
+    detail::applyFeatures(
+        field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
     if (auto json = declaredJsonName(value.messageValue().bytes());
         json && *json != detail::jsonName(*name)) {
       field.jsonName = std::move(json);
@@ -264,8 +282,8 @@ class DescriptorSetReader {
   }
 
   // The field type by the name of the enum value. A number the Type enum does not know has no
-  // name; it is reported by its number instead. A group sets `group` when the options leave
-  // groups out (the type is then absent).
+  // name; it is reported by its number instead. A group that is not refused sets `group` and is a
+  // message.
   std::optional<TypeManifest> manifestType(const detail::EnumValueImpl& value, bool& group) const {
     const int64_t number = value.number();
     const std::string* name = value.type ? value.type->findValueNameFor(number) : nullptr;
@@ -274,9 +292,11 @@ class DescriptorSetReader {
     }
     const detail::DescriptorType* row = detail::descriptorTypeNamed(*name);
     if (row && row->number == detail::kDescriptorGroupType) {
-      if (!groups_.skipped()) invalidValue("Group is deprecated");
+      if (groups_.handling(syntax_) == DescriptorImportOptions::Groups::refuse) {
+        invalidValue("Group is deprecated");
+      }
       group = true;
-      return std::nullopt;
+      return TypeManifest::message;
     }
     if (!row || !row->manifestType) {
       throw SchemaManifestDSCError::invalidValueType("Unknown type: " + *name);
@@ -325,8 +345,9 @@ class DescriptorSetReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
-  // Whether the file being read is proto3.
-  bool proto3_ = false;
+  // Of the file being read.
+  std::string syntax_;
+  detail::Features features_;
 };
 
 }  // namespace

@@ -212,6 +212,8 @@ FieldManifest readField(const Json& value, const Path& path) {
       field.isRepeated = readBool(member, at);
     } else if (name == "implicitPresence") {
       field.implicitPresence = readBool(member, at);
+    } else if (name == "delimited") {
+      field.delimited = readBool(member, at);
     } else if (name == "oneofIndex") {
       // Checked against the message's oneofs once the whole message has been read.
       if (!member.is_number_integer()) fail(at, "expected an integer");
@@ -230,6 +232,9 @@ FieldManifest readField(const Json& value, const Path& path) {
   });
   if (!hasType) fail(path.member("type"), "missing required member");
   if (!hasFieldNumber) fail(path.member("fieldNumber"), "missing required member");
+  if (field.delimited && field.type != TypeManifest::message) {
+    fail(path.member("delimited"), "only a message field can be delimited");
+  }
   return field;
 }
 
@@ -346,6 +351,7 @@ Json writeField(const FieldManifest& field, const Path& path) {
   out["fieldNumber"] = field.fieldNumber;
   if (field.isRepeated) out["isRepeated"] = true;
   if (field.implicitPresence) out["implicitPresence"] = true;
+  if (field.delimited) out["delimited"] = true;
   if (field.oneofIndex) out["oneofIndex"] = *field.oneofIndex;
   if (field.options) out["options"] = base64(*field.options);
   return out;

@@ -66,7 +66,10 @@ FieldManifest fieldManifestOf(const FieldSchemaDescribing& field) {
                          .fieldNumber = field.fieldNumber(),
                          .isRepeated = field.isRepeated(),
                          .oneofIndex = field.oneofIndex(),
-                         .options = rawOptions(field.options())};
+                         .options = rawOptions(field.options()),
+                         .extensionName = field.extensionName(),
+                         .implicitPresence = field.hasImplicitPresence(),
+                         .delimited = field.isDelimited()};
   if (type.kind() == TypeSchemaDescription::Case::message) {
     manifest.typeName = type.messageSchema()->name();
   } else if (type.kind() == TypeSchemaDescription::Case::enum_) {

@@ -41,6 +41,7 @@ class TypedDescriptorReader {
     if (const auto change = detail::builtinTypeChange(manifest_)) {
       throw MergeConflict::conflict(change->second);
     }
+    detail::keepMapsLengthPrefixed(manifest_);
     return std::move(manifest_);
   }
 
@@ -48,6 +49,11 @@ class TypedDescriptorReader {
   void readFile(const pb::FileDescriptorProto& file) {
     proto3_ = file.syntax() == "proto3";
     const NamePath path = detail::splitName(file.package());
+    syntax_ = file.syntax();
+    RawOptions options;
+    if (file.has_options()) options = serialized(file.options());
+    features_ =
+        detail::withFeatures(detail::syntaxFeatures(syntax_), options, detail::kFileFeaturesNumber);
     for (const pb::DescriptorProto& message : file.message_type()) readMessage(path, message);
     for (const pb::EnumDescriptorProto& enumType : file.enum_type()) readEnum(path, enumType);
     for (const pb::FieldDescriptorProto& extension : file.extension()) {
@@ -115,17 +121,26 @@ class TypedDescriptorReader {
   std::optional<std::pair<std::string, FieldManifest>> readField(
       const NamePath& scope, const pb::FieldDescriptorProto& descriptor) {
     std::optional<TypeManifest> type;
+    bool group = false;
     if (descriptor.has_type()) {
       const detail::DescriptorType* row = detail::descriptorTypeWithNumber(descriptor.type());
       if (!row) detail::fatal("Field type number out of range");
+      type = row->manifestType;
       if (!row->manifestType) {
-        if (!groups_.skipped()) invalidValue("Group is deprecated");
-        if (descriptor.has_name() && descriptor.has_number()) {
-          groups_.leaveOut(detail::fullName(scope, descriptor.name()));
-          return std::nullopt;
+        const DescriptorImportOptions::Groups handling = groups_.handling(syntax_);
+        if (handling == DescriptorImportOptions::Groups::refuse) {
+          invalidValue("Group is deprecated");
+        }
+        if (handling == DescriptorImportOptions::Groups::skip) {
+          if (descriptor.has_name() && descriptor.has_number()) {
+            groups_.leaveOut(detail::fullName(scope, descriptor.name()));
+            return std::nullopt;
+          }
+        } else {
+          group = true;
+          type = TypeManifest::message;
         }
       }
-      type = row->manifestType;
     }
     if (!type || !descriptor.has_name() || !descriptor.has_number()) {
       invalidValue("Enum value is missing");
@@ -137,13 +152,15 @@ class TypedDescriptorReader {
       field.typeName = detail::normalizedTypeName(descriptor.type_name());
     }
     if (descriptor.has_oneof_index()) field.oneofIndex = descriptor.oneof_index();
-    field.implicitPresence = proto3_ && !field.isRepeated && !field.oneofIndex &&
-                             field.type != TypeManifest::message && !descriptor.has_extendee();
     if (descriptor.has_json_name() &&
         descriptor.json_name() != detail::jsonName(descriptor.name())) {
       field.jsonName = descriptor.json_name();
     }
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
+    detail::applyFeatures(
+        field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
+    // An extension always has presence, whatever its file's.
+    if (descriptor.has_extendee()) field.implicitPresence = false;
     return std::pair(descriptor.name(), std::move(field));
   }
 
@@ -163,8 +180,9 @@ class TypedDescriptorReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
-  // Whether the file being read is proto3.
-  bool proto3_ = false;
+  // Of the file being read.
+  std::string syntax_;
+  detail::Features features_;
 };
 
 }  // namespace

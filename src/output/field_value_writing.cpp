@@ -47,6 +47,7 @@ void writeFieldValue(const detail::AnyValueImpl& value, const FieldSchemaDescrib
     case Value::bytes:
       return writer.writeData(value.bytesValue().view(), number);
     case Value::message:
+      if (field.isDelimited()) return writer.writeGroup(value.messageValue().bytes(), number);
       return writer.writeData(value.messageValue().bytes(), number);
   }
   throw SerializationError::invalidIntType(value, type);

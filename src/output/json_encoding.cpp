@@ -213,6 +213,8 @@ struct FieldEntry {
   const TypeSchemaDescription* type = nullptr;
   // Of a message field.
   MessageEntry* message = nullptr;
+  // Of a message field written as a group: the start-group key (`key` is the end-group key).
+  std::optional<uint64_t> groupStart;
   // Of a repeated message field: whether its type is a map entry, and the entry's key and value
   // fields, looked at when the field first holds a value.
   enum class Map : uint8_t { unknown, no, yes } map = Map::unknown;
@@ -386,6 +388,10 @@ class Encoder {
         entry.number,
         static_cast<WireType>(detail::kRequiredWireType[static_cast<size_t>(entry.kind)]));
     if (entry.kind == Case::message) {
+      if (field.isDelimited()) {
+        entry.groupStart = detail::fieldKey(entry.number, WireType::startGroup);
+        entry.key = detail::fieldKey(entry.number, WireType::endGroup);
+      }
       entry.message = &messageEntry(*type.messageSchema(), type.messageSchema());
       entry.nullIsValue = entry.message->kind == WellKnown::value;
     } else if (entry.kind == Case::enum_) {
@@ -622,12 +628,20 @@ class Encoder {
           throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
         }
         MessageEntry& nested = *field.message;
-        const size_t mark = out_.beginNested(field.key);
-        if (nested.kind == WellKnown::none) {
-          message(nested, value, type, path, depth + 1);
-        } else {
-          wellKnown(nested, value, type, path, depth + 1);
+        const auto content = [&] {
+          if (nested.kind == WellKnown::none) {
+            message(nested, value, type, path, depth + 1);
+          } else {
+            wellKnown(nested, value, type, path, depth + 1);
+          }
+        };
+        if (field.groupStart) {
+          out_.varint(*field.groupStart);
+          content();
+          return out_.varint(field.key);
         }
+        const size_t mark = out_.beginNested(field.key);
+        content();
         return out_.endNested(mark);
       }
       case Case::int32:

@@ -399,11 +399,12 @@ class Renderer {
     out_.push_back('}');
   }
 
-  // A field the bytes do not hold, with its default when it has no presence of its own (members
-  // of a oneof and extensions have).
+  // A field the bytes do not hold, with its default when it has no presence of its own (a
+  // repeated field, or a singular one of implicit presence).
   void defaultMember(FieldPlan& f, int level, bool& any) {
     const FieldSchemaDescribing& field = *f.field;
     if (field.oneofIndex() || field.extensionName()) return;
+    if (!field.isRepeated() && !field.hasImplicitPresence()) return;
     const TypeSchemaDescription& type = field.type();
     if (field.isRepeated()) {
       separate(any, level);
@@ -610,7 +611,7 @@ class Renderer {
         if (elements.position() != elements.endPosition()) {
           throw SerializationError::malformedProtobuf();
         }
-      } else if (wireType != f.required) {
+      } else if (!detail::acceptsWireType(f.kind, wireType)) {
         throw SerializationError::typeMismatch(*f.type, wireType);
       } else {
         ++count;
@@ -781,7 +782,7 @@ class Renderer {
 
   // Emits the value of field `f` that follows a tag of `wireType` at the reader's position.
   void value(FieldPlan& f, Reader& reader, ProtoWireType wireType, int depth, int level) {
-    if (wireType != f.required) [[unlikely]] {
+    if (wireType != f.required && !detail::acceptsWireType(f.kind, wireType)) [[unlikely]] {
       throw SerializationError::typeMismatch(*f.type, wireType);
     }
     switch (f.kind) {
@@ -792,7 +793,9 @@ class Renderer {
         base64(reader.readLengthDelimited());
         return;
       case Case::message: {
-        const ByteView payload = reader.readLengthDelimited();
+        const ByteView payload = detail::readPayload(
+            reader,
+            FieldTag(static_cast<uint32_t>(f.number << 3) | static_cast<uint32_t>(wireType)));
         if (depth >= kMaxMessageDepth) {
           throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
         }

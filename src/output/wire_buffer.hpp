@@ -16,7 +16,14 @@
 
 namespace ostrel::detail {
 
-enum class WireType : uint8_t { varint = 0, fixed64 = 1, lengthDelimited = 2, fixed32 = 5 };
+enum class WireType : uint8_t {
+  varint = 0,
+  fixed64 = 1,
+  lengthDelimited = 2,
+  startGroup = 3,
+  endGroup = 4,
+  fixed32 = 5
+};
 
 // The key of a field: its number and wire type as one varint.
 inline uint64_t fieldKey(int64_t fieldNumber, WireType type) noexcept {
@@ -138,6 +145,11 @@ class WireBuffer final : public ProtobufWriting {
   }
   void writeData(ByteView value, int64_t fieldNumber) override {
     writeString(asText(value), fieldNumber);
+  }
+  void writeGroup(ByteView value, int64_t fieldNumber) override {
+    varint(fieldKey(fieldNumber, WireType::startGroup));
+    raw(value.data(), value.size());
+    varint(fieldKey(fieldNumber, WireType::endGroup));
   }
 
   static uint32_t zigZag32(int32_t value) noexcept {

@@ -32,7 +32,11 @@ struct WireDataWriter::Impl {
   void lengthDelimited(std::string_view value, int64_t fieldNumber) {
     key(fieldNumber, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
     coded.WriteVarint64(value.size());
-    // WriteRaw takes an int size; longer payloads go in pieces.
+    rawBytes(value);
+  }
+
+  // WriteRaw takes an int size; longer payloads go in pieces.
+  void rawBytes(std::string_view value) {
     while (!value.empty()) {
       const size_t piece = std::min<size_t>(value.size(), INT_MAX);
       coded.WriteRaw(value.data(), static_cast<int>(piece));
@@ -125,6 +129,12 @@ void WireDataWriter::writeString(std::string_view value, int64_t fieldNumber) {
 
 void WireDataWriter::writeData(ByteView value, int64_t fieldNumber) {
   impl_->lengthDelimited(asText(value), fieldNumber);
+}
+
+void WireDataWriter::writeGroup(ByteView value, int64_t fieldNumber) {
+  impl_->key(fieldNumber, WireFormatLite::WIRETYPE_START_GROUP);
+  impl_->rawBytes(asText(value));
+  impl_->key(fieldNumber, WireFormatLite::WIRETYPE_END_GROUP);
 }
 
 }  // namespace ostrel

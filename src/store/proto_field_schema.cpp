@@ -23,7 +23,8 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       extensionName_(manifest.extensionName),
       jsonName_(manifest.jsonName),
       store_(store),
-      implicitPresence_(manifest.implicitPresence) {}
+      implicitPresence_(manifest.implicitPresence),
+      delimited_(manifest.delimited) {}
 
 ProtoFieldSchema::~ProtoFieldSchema() { delete resolved_.load(std::memory_order_relaxed); }
 

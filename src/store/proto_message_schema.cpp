@@ -244,7 +244,8 @@ MessageManifest ProtoMessageSchema::manifest() const {
                                                      .options = detail::rawOptions(field.options()),
                                                      .extensionName = field.extensionName(),
                                                      .jsonName = field.declaredJsonName(),
-                                                     .implicitPresence = field.hasImplicitPresence()});
+                                                     .implicitPresence = field.hasImplicitPresence(),
+                                                     .delimited = field.isDelimited()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

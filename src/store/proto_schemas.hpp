@@ -72,6 +72,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
     return extensionName_;
   }
   std::string jsonName() const override;
+  bool isDelimited() const noexcept override { return delimited_; }
   // The json_name the schema declares, when it is not the computed one.
   const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
   bool hasImplicitPresence() const noexcept override { return implicitPresence_; }
@@ -120,6 +121,7 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   // For resolving the type.
   std::weak_ptr<SchemaStoreDescribing> store_;
   bool implicitPresence_;
+  bool delimited_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

@@ -30,9 +30,9 @@ std::optional<detail::AnyValueImpl> readValue(Reader& reader,
                                               std::span<const FieldPathComponent> path,
                                               const TypeSchemaDescription& type) {
   return detail::readValueAs(reader, path, type, detail::MakeOptionalValueImpl{},
-                             [&type](Reader& current, ProtoWireType wireType) {
+                             [&type](Reader& current, FieldTag tag) {
                                return std::optional<detail::AnyValueImpl>(
-                                   decodeValue(current, type, wireType));
+                                   decodeValue(current, type, tag));
                              });
 }
 
@@ -61,7 +61,7 @@ void forEachValue(Reader& reader, const FieldSchemaDescribing& field, const Valu
         visit(std::move(element));
       }
     } else {
-      visit(decodeValue(reader, type, tag.wireType()));
+      visit(decodeValue(reader, type, tag));
     }
   }
 }

@@ -34,7 +34,7 @@ void forEachPresentField(const SchematizedDataDescribing& data, const FieldVisit
         visit(field, std::move(element));
       }
     } else {
-      visit(field, decodeValue(reader, type, tag.wireType()));
+      visit(field, decodeValue(reader, type, tag));
     }
   }
 }

@@ -59,7 +59,7 @@ auto readPackedElementAs(Reader& reader, const TypeSchemaDescription& type, int6
 
 // readValue (wire/field_path.hpp) with the value made by `make` (an optional of the result, from
 // each C++ type decodeFixedEncodingAs hands out) for the types whose encoding follows from the
-// type, and by `other(reader, wireType)` for message, string and bytes.
+// type, and by `other(reader, tag)` for message, string and bytes.
 template <typename Make, typename Other>
 [[gnu::always_inline]] inline auto readValueAs(Reader& reader,
                                                std::span<const FieldPathComponent> path,
@@ -100,7 +100,9 @@ template <typename Make, typename Other>
           continue;
         }
         const bool delimited = tag.wireType() == ProtoWireType::lengthDelimited;
-        if (!last && !delimited) throwIntermediateNotDelimited();
+        if (!last && !delimited && tag.wireType() != ProtoWireType::startGroup) {
+          throwIntermediateNotDelimited();
+        }
         if (last && delimited && packable(type.kind())) {
           // Only what is left of the index after the unpacked elements before this run counts,
           // and no later occurrence is consulted.
@@ -127,15 +129,22 @@ template <typename Make, typename Other>
     if (last) {
       // Scalars, the common last step, are decoded in place, exactly as decodeValue decodes them.
       const TypeSchemaDescription::Case kind = type.kind();
-      if (!hasFixedEncoding(kind)) return other(*current, wireType);
+      if (!hasFixedEncoding(kind)) return other(*current, FieldTag(found));
       if (wireType != kRequiredWireType[static_cast<size_t>(kind)]) {
         throwTypeMismatch(type, wireType);
       }
       return decodeFixedEncodingAs(*current, type, make);
     }
-    if (wireType != ProtoWireType::lengthDelimited) throwUnexpectedType(found);
-    const int64_t length = current->readLength(position);
-    end = position + length;
+    if (wireType == ProtoWireType::startGroup) {
+      // A delimited message: its fields run up to the matching end-group tag.
+      const ByteView group = current->readGroup(FieldTag(found).fieldNumber());
+      position = group.data() - reader.bytes().data();
+      end = position + static_cast<int64_t>(group.size());
+    } else {
+      if (wireType != ProtoWireType::lengthDelimited) throwUnexpectedType(found);
+      const int64_t length = current->readLength(position);
+      end = position + length;
+    }
     if (level == 0) {
       reader.setPosition(position);
       outermostPayloadEnd = end;

@@ -287,15 +287,14 @@ void ProjectionPlan::read(ByteView record, ProjectionRow& row) const {
     const FieldPathAndType& path = paths[slot];
     try {
       Reader single(record);
-      const bool present =
-          readValueAs(single, path.fieldPath, path.type, StoreScalar{&cell},
-                      [&](Reader& current, ProtoWireType wireType) {
-                        if (wireType != kRequiredWireType[static_cast<size_t>(path.type.kind())]) {
-                          throwTypeMismatch(path.type, wireType);
-                        }
-                        cell.payload = current.readLengthDelimited();
-                        return true;
-                      });
+      const bool present = readValueAs(single, path.fieldPath, path.type, StoreScalar{&cell},
+                                       [&](Reader& current, FieldTag tag) {
+                                         if (!acceptsWireType(path.type.kind(), tag.wireType())) {
+                                           throwTypeMismatch(path.type, tag.wireType());
+                                         }
+                                         cell.payload = readPayload(current, tag);
+                                         return true;
+                                       });
       if (present) cell.state = ProjectionRow::State::present;
     } catch (...) {
       fail({slot}, std::current_exception(), row);
@@ -389,13 +388,20 @@ bool ProjectionPlan::occurrence(uint32_t nodeIndex, FieldTag tag, Reader& reader
     return true;
   }
   try {
-    if (!delimited) {
+    const bool group = tag.wireType() == ProtoWireType::startGroup;
+    if (!delimited && !group) {
       if (node.index) throwIntermediateNotDelimited();
       throwUnexpectedType(tag.rawValue());
     }
     if (node.index && row.remaining_[nodeIndex] != 0) {
       --row.remaining_[nodeIndex];
       return false;
+    }
+    if (group) {
+      const ByteView fields = reader.readGroup(tag.fieldNumber());
+      const int64_t start = fields.data() - reader.bytes().data();
+      scan(node.childLevel, reader, start, start + static_cast<int64_t>(fields.size()), row);
+      return true;
     }
     const int64_t length = reader.readLength();
     const int64_t start = reader.position();
@@ -419,12 +425,12 @@ void ProjectionPlan::decodeLeaf(uint32_t nodeIndex, FieldTag tag, Reader& reader
     bool present = true;
     if (node.index && wireType == ProtoWireType::lengthDelimited && packable(kind)) {
       present = readPackedElementAs(reader, type, row.remaining_[nodeIndex], StoreScalar{&cell});
-    } else if (wireType != kRequiredWireType[static_cast<size_t>(kind)]) {
+    } else if (!acceptsWireType(kind, wireType)) {
       throwTypeMismatch(type, wireType);
     } else if (hasFixedEncoding(kind)) {
       decodeFixedEncodingAs(reader, type, StoreScalar{&cell});
     } else {
-      cell.payload = reader.readLengthDelimited();
+      cell.payload = readPayload(reader, tag);
     }
     if (present) {
       cell.state = ProjectionRow::State::present;
@@ -570,7 +576,7 @@ std::optional<T> readScalar(ByteView data, const FieldPathAndType& path, AnyValu
           return static_cast<T>(v);
         }
       },
-      [&path](Reader&, ProtoWireType) -> std::optional<T> {
+      [&path](Reader&, FieldTag) -> std::optional<T> {
         // Strings, bytes and messages were turned away by the kind check.
         detail::throwWrongValueKind(static_cast<uint8_t>(AnyValue::Case::int64),
                                     static_cast<uint8_t>(detail::valueCaseOf(path.type.kind())));

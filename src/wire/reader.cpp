@@ -59,9 +59,11 @@ class GroupStack {
 
 }  // namespace
 
-void Reader::skipGroup(int64_t fieldNumber) {
+int64_t Reader::groupEnd(int64_t fieldNumber) {
   GroupStack open(fieldNumber);
+  int64_t tagStart = position_;
   while (!open.empty()) {
+    tagStart = position_;
     const FieldTag tag = readTag();
     switch (tag.wireType()) {
       case ProtoWireType::startGroup:
@@ -75,6 +77,7 @@ void Reader::skipGroup(int64_t fieldNumber) {
         break;
     }
   }
+  return tagStart;
 }
 
 }  // namespace ostrel

@@ -41,6 +41,21 @@ inline constexpr std::array<ProtoWireType, 17> kRequiredWireType = [] {
   return table;
 }();
 
+// Whether a value of `kind` may follow a tag of `wireType`: its one wire type, or for a message
+// also a group (start-group tag, the message's fields, end-group tag), its delimited encoding.
+// Either encoding of a message field is read, whichever the schema declares.
+inline bool acceptsWireType(Case kind, ProtoWireType wireType) noexcept {
+  return wireType == kRequiredWireType[static_cast<size_t>(kind)] ||
+         (kind == Case::message && wireType == ProtoWireType::startGroup);
+}
+
+// The payload of the string, bytes or message value that follows `tag`: length-prefixed, or the
+// fields of a group.
+inline ByteView readPayload(Reader& reader, FieldTag tag) {
+  return tag.wireType() == ProtoWireType::startGroup ? reader.readGroup(tag.fieldNumber())
+                                                     : reader.readLengthDelimited();
+}
+
 inline int32_t low32Signed(uint64_t value) noexcept {
   return static_cast<int32_t>(static_cast<uint32_t>(value));
 }

@@ -125,7 +125,7 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
     }
     tag = reader.readTag();
   }
-  detail::AnyValueImpl element = decodeValue(reader, type, tag.wireType());
+  detail::AnyValueImpl element = decodeValue(reader, type, tag);
   bookmark.startPosition = reader.position();
   return AnyValue::from(std::move(element));
 }
@@ -144,6 +144,12 @@ std::optional<int64_t> ProtoFirstOfHelper::firstOf(const std::set<int64_t>& fiel
       reader.skipField(tag);
     }
     if (!found) return std::nullopt;
+    if (found->wireType() == ProtoWireType::startGroup) {
+      const ByteView group = reader.readGroup(found->fieldNumber());
+      const int64_t start = group.data() - reader.bytes().data();
+      reader = reader.narrowed(start, start + static_cast<int64_t>(group.size()));
+      continue;
+    }
     if (found->wireType() != ProtoWireType::lengthDelimited) {
       throw SchematizerError::protocolBufferError("Unexpected PB type reading message: " +
                                                   std::string(caseName(found->wireType())));

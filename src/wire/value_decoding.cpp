@@ -44,6 +44,14 @@ detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& ty
   }
 }
 
+detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type, FieldTag tag) {
+  if (type.kind() == Case::message && tag.wireType() == ProtoWireType::startGroup) {
+    return detail::AnyValueImpl::message(
+        UnsafeSchematizedData(type.messageSchema(), reader.readGroup(tag.fieldNumber())));
+  }
+  return decodeValue(reader, type, tag.wireType());
+}
+
 detail::AnyValueImpl decodePackedElement(Reader& reader, const TypeSchemaDescription& type) {
   return decodeFixedEncoding(reader, type);
 }

@@ -31,6 +31,10 @@ namespace ostrel {
 // leaves the reader somewhere inside the value.
 detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type, ProtoWireType wireType);
 
+// decodeValue after `tag`, where a message value may also be a group of the tag's field number
+// (the delimited encoding): its payload is then the group's fields.
+detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type, FieldTag tag);
+
 // Decodes one element of a packed run at the reader's position and advances past it. The encoding
 // follows from the type: a varint for the integer, bool and enum types, 4 bytes for fixed32,
 // sfixed32 and float, 8 bytes for fixed64, sfixed64 and double; the conversions are those of

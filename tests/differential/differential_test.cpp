@@ -1,24 +1,29 @@
 // Differential tests: seeded random messages of three schemas (proto3 with every field kind; a
 // proto2 record with a required field, defaults, groups, extensions and closed enums; the
 // well-known types), made and serialized by libprotobuf, then read leaf by leaf, iterated,
-// projected, rendered to JSON, encoded from JSON and built field by field through the library,
-// and compared with what libprotobuf holds. Non-canonical encodings of such messages (fields
-// repeated, messages split, oneof members and map keys given twice, packed and unpacked runs mixed)
-// are rendered and read exactly, and compared with libprotobuf's parse of the same bytes.
+// projected, rendered to JSON and to text format, encoded from JSON and from text and built field
+// by field through the library, and compared with what libprotobuf holds. Text format is also
+// compared on records merged by concatenation, where a singular field occurs twice. Non-canonical
+// encodings of such messages (fields repeated, messages split, oneof members and map keys given
+// twice, packed and unpacked runs mixed) are rendered and read exactly, and compared with
+// libprotobuf's parse of the same bytes.
 //
 // Where the library differs by design the comparison says so, field by field, never by leaving a
 // message out: a field libprotobuf does not set reads absent even where the schema declares a
 // default; the first occurrence of a field is the one read, so a closed enum's numbers that
 // libprotobuf keeps among the unknown fields (and writes after the known ones) are read where
-// they stand; past a packed run there is nothing; group fields are left out of the schema by the
-// import option, so the library skips them; and libprotobuf 3.21's JSON has no extensions.
+// they stand; past a packed run there is nothing; and libprotobuf 3.21's JSON has no extensions.
+// Group fields are read as messages (the import option).
 
 #include <google/protobuf/any.pb.h>
 #include <google/protobuf/duration.pb.h>
+#include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/field_mask.pb.h>
 #include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/struct.pb.h>
+#include <google/protobuf/text_format.h>
 #include <google/protobuf/timestamp.pb.h>
 #include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/util/json_util.h>
@@ -169,8 +174,7 @@ const Subject kSubjects[] = {
 
 SchemaStore storeOf(const Subject& subject) {
   DescriptorImportOptions options;
-  options.skipGroups = true;
-  options.groupSkipped = [](const std::string&) {};
+  options.groups = DescriptorImportOptions::Groups::read;
   return SchemaStore(schemaManifestFromDescriptorSet(
       testing_support::readGenerated(subject.descriptorSet), options));
 }
@@ -280,11 +284,6 @@ void collectReads(const pb::Message& message, const SchematizedData& data,
                   const std::string& prefix, Reads& reads) {
   const auto* r = message.GetReflection();
   for (const Field* field : testing_support::fieldsAndExtensions(message.GetDescriptor())) {
-    if (field->type() == Field::TYPE_GROUP) {
-      EXPECT_FALSE(data.messageSchema().fieldsByNumber().contains(field->number()))
-          << field->full_name() << " is a group, left out";
-      continue;
-    }
     const FieldSchema schema = data.messageSchema().fieldWithNumber(field->number());
     ASSERT_EQ(schema.name(), field->name());
     const std::string path = prefix + field->name();  // from the outermost message
@@ -323,25 +322,6 @@ void collectReads(const pb::Message& message, const SchematizedData& data,
         ASSERT_TRUE(nested) << element;
         collectReads(r->GetRepeatedMessage(message, field, static_cast<int>(n)),
                      nested->messageValue(), element + ".", reads);
-      }
-    }
-  }
-}
-
-// libprotobuf's message as the library reads it from the same bytes, group fields aside.
-void clearGroups(pb::Message& message) {
-  const auto* r = message.GetReflection();
-  std::vector<const Field*> set;
-  r->ListFields(message, &set);
-  for (const Field* field : set) {
-    if (field->type() == Field::TYPE_GROUP) {
-      r->ClearField(&message, field);
-    } else if (field->cpp_type() == Field::CPPTYPE_MESSAGE && !field->is_map()) {
-      if (!field->is_repeated()) {
-        clearGroups(*r->MutableMessage(&message, field));
-      } else {
-        for (int i = 0; i < r->FieldSize(message, field); ++i)
-          clearGroups(*r->MutableRepeatedMessage(&message, field, i));
       }
     }
   }
@@ -394,10 +374,12 @@ bool sameJson(const json& a, const json& b) {
   return a == b;
 }
 
-// Takes from the texts of `message` what only one writer puts there: libprotobuf's group fields
-// (the library's schema leaves them out), the library's extensions (libprotobuf 3.21 prints none),
-// and, printing defaults, the value of an unset field with presence (libprotobuf prints the
-// default the schema declares, the library the type's zero: it keeps no declared defaults).
+// Takes from the texts of `message` what only one writer puts there: the library's extensions
+// (libprotobuf 3.21 prints none), group fields (libprotobuf 3.21 leaves a singular group out and
+// writes a repeated one as two empty arrays; the library's rendering of groups is checked by
+// encoding it back) and, printing defaults, the value of an unset field with presence (libprotobuf
+// prints the default the schema declares, the library the type's zero: it keeps no declared
+// defaults).
 void keepCommonFields(const pb::Message& message, bool jsonNames, json& ours, json& theirs) {
   for (auto it = ours.begin(); it != ours.end();) {
     it = it.key().starts_with("[") ? ours.erase(it) : std::next(it);
@@ -522,20 +504,41 @@ class DifferentialTest : public ::testing::TestWithParam<Subject> {
     const SchematizedData encoded = encodeJSON(schema, ourText);
     ASSERT_EQ(renderJSON(encoded.unsafe(), options.ours), ourText);
     if (!options.ours.printDefaults) {
-      std::unique_ptr<pb::Message> expected(known.New());
-      expected->CopyFrom(known);
-      clearGroups(*expected);
-      ASSERT_TRUE(comparison.equal(*expected, *parse(encoded)))
-          << ourText << comparison.differences();
+      ASSERT_TRUE(comparison.equal(known, *parse(encoded))) << ourText << comparison.differences();
     }
 
-    // libprotobuf's text, its group fields taken out, encodes to what libprotobuf reads from it.
+    // libprotobuf's text encodes to what libprotobuf reads from it.
     const std::string common = theirs.dump();
     std::unique_ptr<pb::Message> fromText(known.New());
     ASSERT_TRUE(pb::util::JsonStringToMessage(common, fromText.get()).ok()) << common;
     ASSERT_TRUE(comparison.equal(*fromText, *parse(encodeJSON(schema, common))))
         << common << comparison.differences();
   }
+
+  // The text format of `bytes` is what protoc --decode prints (libprotobuf's TextFormat of its
+  // dynamic message parsed from them), and encodes back to a message with that text.
+  void compareText(const MessageSchema& schema, const std::string& bytes) {
+    std::unique_ptr<pb::Message> message(
+        dynamic_.GetPrototype(GetParam().prototype->GetDescriptor())->New());
+    ASSERT_TRUE(message->ParsePartialFromString(bytes));
+    std::string theirs;
+    ASSERT_TRUE(pb::TextFormat::PrintToString(*message, &theirs));
+    const std::string ours = toText(schema.schematizedData(bytes));
+    ASSERT_EQ(ours, theirs);
+    // Where libprotobuf's parser takes the text back (unknown fields it cannot), so does ours.
+    struct Silent : pb::io::ErrorCollector {
+      void AddError(int, pb::io::ColumnNumber, const std::string&) override {}
+    } silent;
+    pb::TextFormat::Parser parser;
+    parser.RecordErrorsTo(&silent);
+    std::unique_ptr<pb::Message> parsed(message->New());
+    if (parser.ParseFromString(theirs, parsed.get())) {
+      ASSERT_EQ(toText(encodeText(schema, ours)), theirs);
+    }
+  }
+
+  // Dynamic messages of the generated types, as protoc --decode makes them.
+  pb::DynamicMessageFactory dynamic_;
 };
 
 TEST_P(DifferentialTest, ReadsRendersEncodesAndBuildsAsLibprotobufHoldsTheMessage) {
@@ -549,6 +552,7 @@ TEST_P(DifferentialTest, ReadsRendersEncodesAndBuildsAsLibprotobufHoldsTheMessag
   const std::vector<OptionSet> sets = optionSets();
   std::mt19937 damage(subject.seed);
   Reads total;
+  std::string previous;
   const int count = testing_support::generatedMessageCount(subject.count);
   for (int i = 0; i < count && !HasFailure(); ++i) {
     const OptionSet& options = sets[static_cast<size_t>(i) % sets.size()];
@@ -578,8 +582,12 @@ TEST_P(DifferentialTest, ReadsRendersEncodesAndBuildsAsLibprotobufHoldsTheMessag
     known->CopyFrom(*message);
     known->DiscardUnknownFields();
     compareJson(schema, *known, options, comparison);
+    // Alone, and merged with the message before by concatenation: singular fields then occur
+    // twice and messages are split in two.
+    compareText(schema, bytes);
+    compareText(schema, previous + bytes);
+    previous = bytes;
 
-    clearGroups(*known);
     const auto built = parse(buildFrom(schema, *known));
     EXPECT_TRUE(comparison.equal(*known, *built)) << comparison.differences();
     if (HasFailure()) ADD_FAILURE() << message->DebugString();

@@ -1,5 +1,6 @@
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/text_format.h>
+#include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
@@ -335,7 +336,8 @@ TEST(DescriptorSetImport, RejectedDescriptorsFailInBothImporters) {
 
 // A group field without a number is incomplete, also where groups are left out.
 TEST(DescriptorSetImport, GroupsLeftOutStillNeedANameAndANumber) {
-  const DescriptorImportOptions options{.skipGroups = true, .groupSkipped = [](const auto&) {}};
+  const DescriptorImportOptions options{.groups = DescriptorImportOptions::Groups::skip,
+                                        .groupSkipped = [](const auto&) {}};
   const pb::FileDescriptorSet set = textSet({{"TYPE_INT32", "TYPE_GROUP"}, {"number: 1 ", ""}});
   EXPECT_EQ(catchError([&] { schemaManifestFromDescriptorSet(serialize(set), options); }),
             DSC::invalidDescriptor("Enum value is missing"));
@@ -563,6 +565,8 @@ TEST(DescriptorSetExport, WritesDescriptorsAsProtocDoes) {
   MessageManifest& order = manifest.messages["shop.Order"];
   order.fields["items"] = {
       .type = T::message, .typeName = "shop.Item", .fieldNumber = 2, .isRepeated = true};
+  order.fields["note"] = {
+      .type = T::message, .typeName = "shop.Note", .fieldNumber = 4, .delimited = true};
   order.fields["state"] = {
       .type = T::enum_, .typeName = "shop.State", .fieldNumber = 3, .oneofIndex = 0};
   // Index 1 names no oneof of the one there is: it is left out.
@@ -578,6 +582,8 @@ TEST(DescriptorSetExport, WritesDescriptorsAsProtocDoes) {
       field { name: "id" number: 1 label: LABEL_OPTIONAL type: TYPE_SINT64 }
       field { name: "items" number: 2 label: LABEL_REPEATED type: TYPE_MESSAGE
               type_name: ".shop.Item" }
+      field { name: "note" number: 4 label: LABEL_OPTIONAL type: TYPE_GROUP
+              type_name: ".shop.Note" }
       field { name: "state" number: 3 label: LABEL_OPTIONAL type: TYPE_ENUM
               type_name: ".shop.State" oneof_index: 0 }
       oneof_decl { name: "status" options {} } }
@@ -585,7 +591,17 @@ TEST(DescriptorSetExport, WritesDescriptorsAsProtocDoes) {
       value { name: "OPEN" number: 0 options { deprecated: true } }
       value { name: "ALSO_PAID" number: 1 } value { name: "PAID" number: 1 } } })",
                                               &expected));
-  const pb::FileDescriptorSet set = parseSet(descriptorSetFromManifest(manifest));
+  pb::FileDescriptorSet set = parseSet(descriptorSetFromManifest(manifest));
+  // An Editions 2023 file whose fields have implicit presence by default (the edition and the
+  // features are fields libprotobuf 3.21 does not know).
+  pb::FileDescriptorProto& file = *set.mutable_file(0);
+  EXPECT_EQ(file.syntax(), "editions");
+  EXPECT_EQ(file.options().unknown_fields().field(0).number(), 50);
+  EXPECT_EQ(file.options().unknown_fields().field(0).length_delimited(), "\x08\x02");
+  EXPECT_EQ(file.unknown_fields().field(0).varint(), 1000u);
+  file.clear_syntax();
+  file.clear_options();
+  file.mutable_unknown_fields()->Clear();
   EXPECT_TRUE(pb::util::MessageDifferencer::Equals(set, expected)) << set.DebugString();
 }
 
@@ -677,7 +693,7 @@ const std::vector<std::string> kGroupFields = {
 };
 
 DescriptorImportOptions skippingGroups(std::vector<std::string>* skipped) {
-  return {.skipGroups = true,
+  return {.groups = DescriptorImportOptions::Groups::skip,
           .groupSkipped = [skipped](const std::string& f) { skipped->push_back(f); }};
 }
 
@@ -737,7 +753,8 @@ TEST(Proto2Import, GroupsLeftOutAreLoggedWithoutACallback) {
   std::vector<std::string> logged, expected;
   setLogHandler([&](std::string_view message) { logged.emplace_back(message); });
   catchError([] {
-    schemaManifestFromDescriptorSet(readGenerated("proto2_shapes.desc"), {.skipGroups = true});
+    schemaManifestFromDescriptorSet(readGenerated("proto2_shapes.desc"),
+                                    {.groups = DescriptorImportOptions::Groups::skip});
   });
   setLogHandler(nullptr);
   for (const std::string& field : kGroupFields) {
@@ -754,9 +771,9 @@ TEST(Proto2Import, SchemasWithoutGroupsReadAndWriteTheirData) {
   const SchemaStore store(schemaManifestFromDescriptorSet(readGenerated("proto2_shapes.desc"),
                                                           skippingGroups(&skipped)));
   const MessageSchema legacy = store.messageSchema("ostrel.proto2.Legacy");
-  // Extensions have presence: no defaults are made up for them.
+  // proto2 fields and extensions have presence: no defaults are made up for them.
   EXPECT_EQ(toJSON(legacy.schematizedData(std::string()), JsonOptions{.printDefaults = true}),
-            R"({"id":0,"codes":[],"note":""})");
+            R"({"codes":[]})");
 
   EXPECT_EQ(catchError([&] { legacy.fieldNamed("message_set_extension"); }),
             SchematizerError::fieldNotFound(

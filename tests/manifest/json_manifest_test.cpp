@@ -54,8 +54,11 @@ SchemaManifest example() {
   SchemaManifest m;
   MessageManifest& order = m.messages["shop.Order"];
   order.fields["id"] = {.type = TypeManifest::uint64, .fieldNumber = 1};
-  order.fields["items"] = {
-      .type = TypeManifest::message, .typeName = "shop.Item", .fieldNumber = 2, .isRepeated = true};
+  order.fields["items"] = {.type = TypeManifest::message,
+                           .typeName = "shop.Item",
+                           .fieldNumber = 2,
+                           .isRepeated = true,
+                           .delimited = true};
   order.fields["state"] = {.type = TypeManifest::enum_,
                            .typeName = "shop.State",
                            .fieldNumber = 3,
@@ -81,7 +84,8 @@ TEST(SchemaManifestJSON, WritesSortedMembersAndOmitsDefaultsButKeepsEmptyBuffers
       {"example", example(),
        R"({"enums":{"shop.State":{"valueOptions":{"1":"CAE="},"values":{"OPEN":0,"PAID":1}}},)"
        R"("messages":{"shop.Order":{"fields":{"id":{"fieldNumber":1,"type":"uint64"},)"
-       R"("items":{"fieldNumber":2,"isRepeated":true,"type":"schema","typeName":"shop.Item"},)"
+       R"("items":{"delimited":true,"fieldNumber":2,"isRepeated":true,"type":"schema",)"
+       R"("typeName":"shop.Item"},)"
        R"("state":{"fieldNumber":3,"oneofIndex":0,"options":"GAE=","type":"enum",)"
        R"("typeName":"shop.State"}},"oneofs":[{"name":"status"}],"options":"GAE="}}})"});
   SchemaManifest m;
@@ -198,6 +202,7 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
       {withField(R"("type":"int","fieldNumber":9223372036854775808)"),
        f + ".fieldNumber: integer out of range"},
       {withInt(R"("isRepeated":1)"), f + ".isRepeated: expected a boolean"},
+      {withInt(R"("delimited":true)"), f + ".delimited: only a message field can be delimited"},
       {withInt(R"("oneofIndex":"0")"), f + ".oneofIndex: expected an integer"},
       {withInt(R"("oneofIndex":1)"), f + ".oneofIndex: expected an index into oneofs"},
       {withInt(R"("oneofIndex":-1)"), f + ".oneofIndex: expected an index into oneofs"},

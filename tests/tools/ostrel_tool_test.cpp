@@ -382,23 +382,90 @@ TEST(OstrelTool, ManifestExportsReadBack) {
   });
 }
 
-TEST(OstrelTool, Proto2GroupsAreRefusedOrSkipped) {
+TEST(OstrelTool, Proto2GroupsAreRefusedSkippedOrRead) {
   const std::string desc = OSTREL_TEST_GENERATED "/proto2_shapes.desc";
   const std::string groups =
       "invalidValueType: Group is deprecated: group fields ostrel.proto2.Legacy.header, "
       "ostrel.proto2.Legacy.item, ostrel.proto2.Legacy.choice, ostrel.proto2.Legacy.Header.entry, "
-      "ostrel.proto2.marker (--skip-groups leaves group fields out of the schema)";
+      "ostrel.proto2.marker (--groups read reads them as messages, --groups skip leaves them out)";
   // Each group field left out is noted once; notes do not fail the run.
   const std::string note = "note: group field ostrel.proto2.Legacy.header left out of the schema";
   const std::string get = " get -m ostrel.proto2.Packed --input hex p_int32[1] after";
   const std::string packed = "2a020102e00207";  // p_int32 = [1, 2], after = 7
+  const std::string legacy = "0801131a0174143338053433380734";
   expectCases({
       {"-s " + desc + " list", 1, "", desc + ": " + groups},
       {"--proto " + kTestData + "/proto2_shapes.proto list", 1, "", groups},
       {"-s " + desc + " --skip-groups" + get, 0, "2\n7\n", note, packed},
+      {"-s " + desc + " --groups skip" + get, 0, "2\n7\n", note, packed},
+      {"-s " + desc + " --groups all" + get, 2, "", "--groups must be read or skip, not \"all\""},
+      // id 1, Header { title "t" }, Item { sku 5 }, Item { sku 7 }: groups read as messages,
+      // printed as protoc --decode prints them.
+      {"-s " + desc +
+           " --groups read get -m ostrel.proto2.Legacy --input hex header.title item[1].sku",
+       0, "\"t\"\n7\n", "", legacy},
+      {"-s " + desc + " --groups read json -m ostrel.proto2.Legacy --input hex", 0,
+       R"({"id":1,"header":{"title":"t"},"item":[{"sku":5},{"sku":7}]})"
+       "\n",
+       "", legacy},
+      {"-s " + desc + " --groups read text -m ostrel.proto2.Legacy --input hex", 0,
+       "id: 1\nHeader {\n  title: \"t\"\n}\nItem {\n  sku: 5\n}\nItem {\n  sku: 7\n}\n", "",
+       legacy},
   });
   const ToolRun run = runTool("-s " + desc + " --skip-groups" + get, packed);
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 5) << run.err;
+}
+
+// text prints what Debian's protoc --decode prints, also for a record whose singular fields occur
+// twice (two orders concatenated), and encode --from text reads the bundled .txtpb files to the
+// bundled encodings, as protoc --encode does.
+TEST(OstrelTool, TextFormatIsProtocs) {
+  const std::string merged =
+      scratchFile("merged.bin", readFile(kOrder1) + readFile(OSTREL_EXAMPLES "/order2.bin"));
+  for (const std::string& input : {kOrder1, std::string(OSTREL_EXAMPLES "/order3.bin"), merged}) {
+    const std::string out = scratchFile("protoc.txt", "");
+    const std::string protoc = "protoc --decode=shop.Order -I " OSTREL_EXAMPLES " " + kShopProto +
+                               " < " + input + " > " + out;
+    ASSERT_EQ(std::system(protoc.c_str()), 0);
+    expectCases({{"$S text $O -i " + input, 0, readFile(out), ""}});
+  }
+  for (const char* order : {"order1", "order2", "order3"}) {
+    const std::string text = OSTREL_EXAMPLES "/" + std::string(order) + ".txtpb";
+    expectCases({{"$S encode $O --from text -i " + text, 0,
+                  readFile(OSTREL_EXAMPLES "/" + std::string(order) + ".bin"), ""}});
+  }
+#ifdef OSTREL_SHARED_SCHEMAS
+  // protobuf's proto2 conformance message: groups, a negative enum value, a map of enums, an
+  // extension; the same text read by protoc --encode and by encode --from text.
+  const std::string protos = OSTREL_SHARED_SCHEMAS "/protos";
+  const std::string text =
+      scratchFile("conformance.txt",
+                  "optional_nested_enum: NEG map_string_nested_enum { key: \"k\" value: BAZ }\n"
+                  "Data { group_int32: 1 } MultiWordGroupField { group_uint32: 2 }\n"
+                  "repeated_nested_message { a: 3 } optional_string: \"\\303\\251\"\n"
+                  "[protobuf_test_messages.proto2.extension_int32]: 4\n");
+  const std::string encoded = scratchFile("conformance.bin", "");
+  const std::string decoded = scratchFile("conformance.decoded", "");
+  const std::string protoc = "protoc --" + std::string("%s") +
+                             "=protobuf_test_messages.proto2.TestAllTypesProto2 -I " + protos +
+                             " " + protos + "/google/protobuf/test_messages_proto2.proto";
+  const auto run = [&](const std::string& verb, const std::string& in, const std::string& out) {
+    std::string command = protoc;
+    command.replace(command.find("%s"), 2, verb);
+    ASSERT_EQ(std::system((command + " < " + in + " > " + out).c_str()), 0);
+  };
+  run("encode", text, encoded);
+  run("decode", encoded, decoded);
+  const std::string schema =
+      "-s " OSTREL_SHARED_SCHEMAS "/test_messages_proto2.desc --groups read ";
+  const std::string type = " -m protobuf_test_messages.proto2.TestAllTypesProto2";
+  expectCases({{schema + "text" + type + " -i " + encoded, 0, readFile(decoded), ""},
+               {schema + "encode --from text" + type + " -i " + text, 0, readFile(encoded), ""}});
+#endif
+  expectCases({
+      {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
+      {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
+  });
 }
 
 TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {

@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ostrel/core/describing.hpp"
@@ -92,6 +94,33 @@ TEST(DecodeValueTest, DecodesWhatNoEncoderWrites) {
         decodeValue(reader, typeOf(kind), detail::kRequiredWireType[size_t(kind)]), expected));
     EXPECT_EQ(reader.position(), positionAfter);
   }
+}
+
+// After a start-group tag a message value is the group's fields, up to the end-group tag of its
+// number (written in as many bytes as an encoder likes); a group closed by another number, or not
+// closed, is malformed, and no other type takes a group.
+TEST(DecodeValueTest, MessagesReadDelimitedUpToTheirEndTag) {
+  const FieldTag start(0x0b);  // field 1, start group
+  const std::vector<std::tuple<Bytes, std::optional<Bytes>, int64_t>> rows = {
+      {bytesOf({0x08, 0x01, 0x0c, 0x7f}), bytesOf({0x08, 0x01}), 3},
+      {bytesOf({0x13, 0x08, 0x01, 0x14, 0x0c}), bytesOf({0x13, 0x08, 0x01, 0x14}), 5},
+      {bytesOf({0x08, 0x01, 0x8c, 0x00}), bytesOf({0x08, 0x01}), 4},
+      {bytesOf({0x08, 0x01, 0x14}), std::nullopt, 0},
+      {bytesOf({0x08, 0x01}), std::nullopt, 0},
+  };
+  for (const auto& [bytes, payload, positionAfter] : rows) {
+    Reader reader(bytes);
+    if (!payload) {
+      EXPECT_EQ(catchError([&] { decodeValue(reader, typeOf(Case::message), start); }), kMalformed);
+      continue;
+    }
+    const detail::AnyValueImpl message = decodeValue(reader, typeOf(Case::message), start);
+    EXPECT_EQ(toBytes(message.messageValue().bytes()), *payload);
+    EXPECT_EQ(reader.position(), positionAfter);
+  }
+  Reader reader(std::get<0>(rows.front()));
+  EXPECT_EQ(catchError([&] { decodeValue(reader, typeOf(Case::int32), start); }),
+            SerializationError::typeMismatch(typeOf(Case::int32), ProtoWireType::startGroup));
 }
 
 TEST(DecodeValueTest, BytesAndMessagesBorrowEnumsKeepTheirSchema) {

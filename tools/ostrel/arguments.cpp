@@ -78,8 +78,13 @@ bool GlobalOptions::parse(Arguments& args) {
     protoFiles.push_back(std::move(value));
   } else if (args.value({"-I", "--proto-path"}, value)) {
     includePaths.push_back(std::move(value));
+  } else if (args.value({"--groups"}, value)) {
+    if (value != "read" && value != "skip") {
+      throw UsageError("--groups must be read or skip, not \"" + value + "\"");
+    }
+    groups = value == "read" ? Groups::read : Groups::skip;
   } else if (args.flag({"--skip-groups"})) {
-    skipGroups = true;
+    groups = Groups::skip;
   } else {
     return false;
   }

@@ -8,19 +8,22 @@
 
 #include "ostrel/core/errors.hpp"
 #include "ostrel/output/json.hpp"
+#include "ostrel/output/text_format.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
 namespace {
 
 constexpr std::string_view kUsage =
-    R"usage(usage: ostrel [SCHEMAS] encode -m MSG [-i FILE] [--output FORMAT] [--ignore-unknown-fields]
+    R"usage(usage: ostrel [SCHEMAS] encode -m MSG [-i FILE] [--from json|text] [--output FORMAT]
+                              [--ignore-unknown-fields]
        ostrel [SCHEMAS] encode -m MSG --delimited [--fail-fast] [-i FILE] [--ignore-unknown-fields]
 
 Reads one JSON object (as json prints it) and writes the MSG message it describes, encoded.
 Members are fields by their declared names (null: absent); integers may be numbers or decimal
 strings, bytes are base64, enums are names or numbers, repeated fields arrays, map fields
 objects. Whatever json prints encodes back to a message that json prints the same way.
+With --from text it reads protobuf's text format instead, as "protoc --encode=MSG" does.
 
 With --delimited, reads JSON Lines (one object a line, as json --delimited prints them; blank
 lines are passed over) and writes a stream of records, each preceded by its length as a varint
@@ -29,6 +32,7 @@ reported with its number and skipped, and the exit status is then 1.
 
   -m, --message MSG       the message type to encode, fully qualified (e.g. shop.Order)
   -i, --input-file FILE   read the JSON from FILE rather than standard input
+  --from FORMAT           json (default) or text
   --output FORMAT         binary (default), or hex or base64 as one line of text
   --delimited             JSON Lines in, length-prefixed binary records out
   --fail-fast             with --delimited, stop at the first line that does not encode
@@ -71,12 +75,18 @@ int run(Arguments& args, GlobalOptions& globals) {
   std::optional<DataFormat> format;
   std::string value;
   JsonParseOptions options;
+  bool fromText = false;
   while (!args.done()) {
     if (globals.parse(args) || input.parse(args, false) || records.parse(args)) continue;
     if (args.value({"--output"}, value)) {
       format = parseDataFormat(value, "--output");
     } else if (args.flag({"--ignore-unknown-fields"})) {
       options.ignoreUnknownFields = true;
+    } else if (args.value({"--from"}, value)) {
+      if (value != "json" && value != "text") {
+        throw UsageError("--from must be json or text, not \"" + value + "\"");
+      }
+      fromText = value == "text";
     } else {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
@@ -92,6 +102,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   const LoadedSchemas schemas = loadSchemas(globals);
   const MessageSchema schema = input.schema(schemas);
   if (records.delimited) {
+    if (fromText) throw UsageError("--delimited reads JSON Lines; it does not go with --from text");
     if (!input.file || *input.file == "-") {
       return encodeLines(std::cin, "standard input", schema, options, records.failFast);
     }
@@ -103,13 +114,16 @@ int run(Arguments& args, GlobalOptions& globals) {
     }
     return encodeLines(file, *input.file, schema, options, records.failFast);
   }
-  const SchematizedData data = encodeJSON(*schema.impl(), readAll(input.file), options);
+  const std::string text = readAll(input.file);
+  const SchematizedData data =
+      fromText ? encodeText(schema, text) : encodeJSON(*schema.impl(), text, options);
   writeOut(encodeData(data.bytes(), format.value_or(DataFormat::binary)));
   return kExitSuccess;
 }
 
 }  // namespace
 
-const Command kEncodeCommand{"encode", "a JSON object in, the encoded message out", kUsage, &run};
+const Command kEncodeCommand{"encode", "JSON or text format in, the encoded message out", kUsage,
+                             &run};
 
 }  // namespace ostrel::tool

@@ -19,9 +19,9 @@ namespace {
 
 using namespace ostrel::tool;
 
-constexpr std::array<const Command*, 8> kCommands = {
-    &kListCommand, &kDescribeCommand, &kGetCommand,      &kIterateCommand,
-    &kJsonCommand, &kEncodeCommand,   &kManifestCommand, &kSqlCommand,
+constexpr std::array<const Command*, 9> kCommands = {
+    &kListCommand, &kDescribeCommand, &kGetCommand,      &kIterateCommand, &kJsonCommand,
+    &kTextCommand, &kEncodeCommand,   &kManifestCommand, &kSqlCommand,
 };
 
 constexpr std::string_view kUsageHead =
@@ -36,9 +36,11 @@ Schemas (accepted before and after the command):
   --proto FILE.proto      a .proto file, parsed at run time
   -I, --proto-path DIR    where --proto files and their imports are found; without -I, the
                           directory of each --proto file
-  --skip-groups           leave proto2 group fields out of the schemas (each one noted on
-                          standard error) instead of refusing the whole file with "Group is
-                          deprecated"; their data is then skipped like an unknown field's
+  --groups read|skip      read proto2 group fields as messages, or leave them out of the
+                          schemas (each one noted on standard error; their data is then
+                          skipped like an unknown field's), instead of refusing the whole file
+                          with "Group is deprecated"; --skip-groups is --groups skip. Groups
+                          of Editions files (DELIMITED fields) are always read
 Several schemas are merged; the first definition of a name wins (-s files first, then the
 --proto files, each in command-line order). The descriptor.proto messages the library needs are
 always known, in addition to the loaded ones.
@@ -59,7 +61,7 @@ Exit status: 0 success, 1 schema or data error, 2 usage error. Errors go to stan
 )usage";
 
 constexpr std::string_view kCommandUsageTail = R"usage(
-SCHEMAS: -s FILE, --proto FILE.proto, -I DIR and --skip-groups, as "ostrel --help" describes
+SCHEMAS: -s FILE, --proto FILE.proto, -I DIR and --groups, as "ostrel --help" describes
 them; they may also follow the command.
 )usage";
 

@@ -17,46 +17,47 @@ bool looksLikeJSON(std::string_view text) {
   return first != std::string_view::npos && text[first] == '{';
 }
 
-// Runs one descriptor import with groups left out when --skip-groups asks for it, each one noted
-// on standard error (a note, not a fault: the run still succeeds). Without the flag, a group fails
-// the import as the library reports it; the error then names the group fields, found by importing
-// once more with them left out, and the flag.
+// Runs one descriptor import with groups read or left out as --groups asks, each one left out
+// noted on standard error (a note, not a fault: the run still succeeds). Without the option, a
+// group fails the import as the library reports it; the error then names the group fields, found
+// by importing once more with them left out, and the option.
 SchemaManifest importDescriptors(
-    bool skipGroups,
+    GlobalOptions::Groups groups,
     const std::function<SchemaManifest(const DescriptorImportOptions&)>& import) {
   DescriptorImportOptions options;
-  options.skipGroups = skipGroups;
+  options.groups = groups;
   options.groupSkipped = [](const std::string& field) {
     std::cerr << "ostrel: note: group field " << field << " left out of the schema\n";
   };
   try {
     return import(options);
   } catch (const SchemaManifestDSCError& error) {
-    if (skipGroups || !(error == SchemaManifestDSCError::invalidValueType("Group is deprecated"))) {
+    if (groups != GlobalOptions::Groups::refuse ||
+        !(error == SchemaManifestDSCError::invalidValueType("Group is deprecated"))) {
       throw;
     }
-    std::vector<std::string> groups;
-    options.skipGroups = true;
-    options.groupSkipped = [&](const std::string& field) { groups.push_back(field); };
+    std::vector<std::string> fields;
+    options.groups = GlobalOptions::Groups::skip;
+    options.groupSkipped = [&](const std::string& field) { fields.push_back(field); };
     try {
       import(options);
     } catch (const Error&) {
       throw error;  // a fault beyond the groups: the group is still the first one met
     }
     std::string text = std::string(error.what()) + ": group field";
-    if (groups.size() > 1) text += "s";
-    for (size_t i = 0; i < groups.size(); ++i) text += (i == 0 ? " " : ", ") + groups[i];
-    throw ToolError(text + " (--skip-groups leaves group fields out of the schema)");
+    if (fields.size() > 1) text += "s";
+    for (size_t i = 0; i < fields.size(); ++i) text += (i == 0 ? " " : ", ") + fields[i];
+    throw ToolError(text + " (--groups read reads them as messages, --groups skip leaves them out)");
   }
 }
 
 // The file's name leads the error text: with several schema files, the library's own text does
 // not tell which one is broken.
-SchemaManifest manifestFromFile(const std::string& path, bool skipGroups) {
+SchemaManifest manifestFromFile(const std::string& path, GlobalOptions::Groups groups) {
   const std::string text = readAll(path, kMaxSchemaFileSize, "schema");
   try {
     if (looksLikeJSON(text)) return schemaManifestFromJSON(text);
-    return importDescriptors(skipGroups, [&](const DescriptorImportOptions& options) {
+    return importDescriptors(groups, [&](const DescriptorImportOptions& options) {
       return schemaManifestFromDescriptorSet(asBytes(text), options);
     });
   } catch (const Error& error) {
@@ -98,7 +99,7 @@ void checkProtoFile(const std::string& file, const std::vector<std::string>& inc
 LoadedSchemas loadSchemas(const GlobalOptions& options) {
   SchemaManifest defined;
   for (const std::string& path : options.schemaFiles) {
-    defined = defined.merging(manifestFromFile(path, options.skipGroups));
+    defined = defined.merging(manifestFromFile(path, options.groups));
   }
   if (!options.protoFiles.empty()) {
     std::vector<std::string> includePaths = options.includePaths;
@@ -114,7 +115,7 @@ LoadedSchemas loadSchemas(const GlobalOptions& options) {
     // libprotobuf reports a file it cannot find as an error of the schema; it is a missing file.
     for (const std::string& file : options.protoFiles) checkProtoFile(file, includePaths);
     defined = defined.merging(
-        importDescriptors(options.skipGroups, [&](const DescriptorImportOptions& importOptions) {
+        importDescriptors(options.groups, [&](const DescriptorImportOptions& importOptions) {
           return schemaManifestFromProtoFiles(options.protoFiles, includePaths, importOptions);
         }));
   }

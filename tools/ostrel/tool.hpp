@@ -15,6 +15,7 @@
 
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 
 namespace ostrel::tool {
@@ -73,9 +74,10 @@ struct GlobalOptions {
   std::vector<std::string> schemaFiles;
   std::vector<std::string> protoFiles;
   std::vector<std::string> includePaths;
-  // --skip-groups: group fields are left out of the schemas (noted on standard error) instead of
-  // failing the load.
-  bool skipGroups = false;
+  // --groups read|skip (--skip-groups is --groups skip): proto2 group fields are read as messages,
+  // or left out of the schemas (noted on standard error), instead of failing the load.
+  using Groups = DescriptorImportOptions::Groups;
+  Groups groups = Groups::refuse;
 
   // Consumes a global option at the cursor, if there is one.
   bool parse(Arguments& args);
@@ -200,6 +202,7 @@ extern const Command kGetCommand;
 extern const Command kIterateCommand;
 extern const Command kJsonCommand;
 extern const Command kEncodeCommand;
+extern const Command kTextCommand;
 extern const Command kManifestCommand;
 extern const Command kSqlCommand;
 

@@ -88,6 +88,9 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   virtual std::string jsonName() const;
   // Whether the field has no presence of its own (FieldManifest::implicitPresence).
   virtual bool hasImplicitPresence() const noexcept { return false; }
+  // Whether a message field is written delimited (start and end group tags) rather than
+  // length-prefixed; readers take either. False unless the schema says so.
+  virtual bool isDelimited() const noexcept { return false; }
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

@@ -45,11 +45,17 @@ struct FieldManifest {
   // The json_name a descriptor declares when it is not the lowerCamelCase of the field's name
   // (FieldSchemaDescribing::jsonName). An annotation like extensionName, for the same reason.
   std::optional<std::string> jsonName;
-  // Whether the field has no presence of its own (a singular proto3 field of a scalar, string,
-  // bytes or enum type outside any oneof): ProtoJSON leaves it out when it holds its default. Set
-  // by the descriptor-set and .proto imports, kept by the JSON form ("implicitPresence": true); an
-  // annotation like extensionName, left out of equality (a merge keeps it when either side has it).
+  // Whether the field has no presence of its own (a singular scalar, string, bytes or enum field
+  // outside any oneof, of a proto3 file or of Editions' IMPLICIT field presence): ProtoJSON leaves
+  // it out when it holds its default, and JsonOptions::printDefaults writes its default. Set by the
+  // descriptor-set and .proto imports, kept by the JSON form ("implicitPresence": true); without it
+  // a field has presence. An annotation like extensionName, left out of equality (a merge keeps it
+  // when either side has it).
   bool implicitPresence = false;
+  // A message field written delimited: a start-group tag, the message's fields and an end-group
+  // tag, as proto2 groups and Editions' DELIMITED message encoding are. Readers take either
+  // encoding of any message field; the writers write this one.
+  bool delimited = false;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".
@@ -61,7 +67,8 @@ struct FieldManifest {
 
   friend bool operator==(const FieldManifest& a, const FieldManifest& b) {
     return a.type == b.type && a.typeName == b.typeName && a.fieldNumber == b.fieldNumber &&
-           a.isRepeated == b.isRepeated && a.oneofIndex == b.oneofIndex && a.options == b.options;
+           a.isRepeated == b.isRepeated && a.oneofIndex == b.oneofIndex && a.options == b.options &&
+           a.delimited == b.delimited;
   }
 };
 

@@ -83,13 +83,21 @@ const SchemaManifest& builtinDescriptorManifest();
 // the message itself is kept under its full name too. Options are the raw bytes of the options
 // messages as they stood in the input.
 
-// How an import treats what a manifest cannot hold.
+// How an import treats proto2 groups.
 struct DescriptorImportOptions {
-  // Groups (proto2 `group` fields and group extensions) are refused by default: the whole import
-  // fails with "Group is deprecated". With skipGroups they are left out of the schema instead, so
-  // that the other messages of an older proto2 schema stay usable; their data is then skipped
-  // like that of any field the schema does not know. The group's message type is kept.
-  bool skipGroups = false;
+  enum class Groups : uint8_t {
+    // The whole import fails with "Group is deprecated".
+    refuse,
+    // Group fields are left out of the schema, so that the other messages of an older proto2
+    // schema stay usable; their data is then skipped like that of any field the schema does not
+    // know. The group's message type is kept.
+    skip,
+    // Group fields are message fields written delimited (FieldManifest::delimited): read, iterated,
+    // rendered and written like any message field.
+    read,
+  };
+  // Groups of Editions files (DELIMITED message fields) are always read.
+  Groups groups = Groups::refuse;
   // Receives the full name ("pkg.Message.field") of each group field left out, once per field and
   // import. Without it, each one is logged: "Sch: Group field <full name> left out of the schema".
   std::function<void(const std::string& fieldFullName)> groupSkipped;
@@ -105,10 +113,13 @@ struct DescriptorImportOptions {
 // it, and so is a type of the built-in descriptor manifest defined differently (MergeConflict):
 // the built-in definitions are what descriptors are read with.
 //
-// Throws SchemaManifestDSCError for descriptors it cannot take (a group field unless
-// options.skipGroups, a field type the Type enum has no name for, reported as "Unknown type: " and
-// its number, a field without name, number or type, an enum value without name or number, a
-// message or enum without name, an extension without extendee, ...),
+// Files of every syntax are read: proto2, proto3 and Editions (2023, 2024), whose features give
+// each field its presence and message encoding (FieldManifest::implicitPresence, delimited).
+//
+// Throws SchemaManifestDSCError for descriptors it cannot take (a proto2 group field unless
+// options.groups says otherwise, a field type the Type enum has no name for, reported as "Unknown
+// type: " and its number, a field without name, number or type, an enum value without name or
+// number, a message or enum without name, an extension without extendee, ...),
 // SchemaManifestDSCError::invalidValueType naming the message and field or value for what would
 // break the schema's invariants (a field number outside 1 to 2^29-1 or in 19000 to 19999, two
 // fields of one number or name, a oneof index naming no oneof, two oneofs or two enum values of one name),
@@ -131,9 +142,11 @@ SchemaManifest schemaManifestFromDescriptorSet(const SchematizedDataDescribing& 
 // Writes `manifest` as a serialized google.protobuf.FileDescriptorSet through the library's own
 // wire writer: one file without package (none at all for an empty manifest) holding one top-level
 // message per manifest message and one enum per manifest enum, each named by its full manifest
-// key. Message elements carry their fields (label optional or repeated; type_name with a leading
-// "."; oneof index; options), their oneofs in list order and their options, but no nested types.
-// Enum values are written in ascending number, then name; value options come from valueOptions.
+// key. The file is an Editions 2023 file with implicit field presence by default. Message elements
+// carry their fields (label optional or repeated; type_name with a leading "."; TYPE_GROUP for a
+// delimited field; oneof index; options), their oneofs in list order and their options, but no
+// nested types. Enum values are written in ascending number, then name; value options come from
+// valueOptions.
 //
 // Importing the result gives back `manifest` (extension fields have become ordinary fields
 // already), except for type names with empty components ("a..b" reads back as "a.b") and
@@ -175,14 +188,14 @@ SchemaManifest schemaManifestFromProtoText(std::string_view text,
 // options are standard padded base64; an empty buffer is "" and stays distinct from an omitted
 // member, which means absent. valueOptions is keyed by the value number in canonical decimal.
 // "messages", "enums", "fields", "oneofs", "values" and "valueOptions" may be omitted when empty
-// and "isRepeated" when false; a field's "type" and "fieldNumber" and a oneof's "name" are
-// required.
+// and "isRepeated" and "delimited" when false; a field's "type" and "fieldNumber" and a oneof's
+// "name" are required.
 
 // Reads the JSON form. Strict: malformed JSON text, a member of the wrong JSON type, an unknown or
 // repeated member, an unknown type name, base64 that base64 encoding would not have written, an
-// integer that does not fit its field, a valueOptions key that is not a canonical decimal integer
-// an oneofIndex outside the message's oneofs and a type of the built-in descriptor manifest
-// defined differently all fail. Throws
+// integer that does not fit its field, a valueOptions key that is not a canonical decimal integer,
+// an oneofIndex outside the message's oneofs, a delimited field that is not a message and a type
+// of the built-in descriptor manifest defined differently all fail. Throws
 // SchemaManifestJSONError::invalidValueType whose text is the JSON path of the fault and what was
 // expected there, for example `messages["shop.Order"].fields["id"].fieldNumber: expected an
 // integer`; the document itself is `$`.

@@ -18,7 +18,7 @@ namespace ostrel {
 // a descriptor set (known fields and unknown extensions are written back in number order).
 //
 // Throws SchemaManifestJSONError::invalidValueType: "Group is deprecated" for a group field (unless
-// options.skipGroups leaves it out), "Invalid extendee" for an extension whose normalised extendee
+// options.groups says otherwise), "Invalid extendee" for an extension whose normalised extendee
 // is empty, and, as the serialized import does, "Enum value is missing" for a field without name,
 // number or type or an enum value without name or number, "Enum descriptor is incomplete" for an
 // enum without name, "Fields descriptor is incomplete" for a message without name, and the

@@ -84,9 +84,9 @@ struct JsonOptions {
   // Enum values as their numbers, never their names.
   bool enumsAsNumbers = false;
   // Fields the bytes do not hold are written too, with their defaults, when they have no presence
-  // of their own: singular fields of scalar, string, bytes and enum type outside a oneof, and
-  // repeated and map fields (as [] and {}). Meant for proto3 schemas, where this is libprotobuf's
-  // always_print_fields_with_no_presence.
+  // of their own: singular fields of scalar, string, bytes and enum type outside a oneof whose
+  // schema gives them no explicit presence (proto3's, or Editions' IMPLICIT), and repeated and map
+  // fields (as [] and {}). This is libprotobuf's always_print_fields_with_no_presence.
   bool printDefaults = false;
   // A fault in the data is thrown rather than rendered as the field's error text (see above).
   // A streaming rendering may have handed part of the text to its sink by then.

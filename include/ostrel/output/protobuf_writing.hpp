@@ -54,6 +54,9 @@ class ProtobufWriting {
   virtual void writeString(std::string_view value, int64_t fieldNumber) = 0;
   // Length-delimited.
   virtual void writeData(ByteView value, int64_t fieldNumber) = 0;
+  // A delimited message: a start-group tag, the encoded fields `value` as they are, an end-group
+  // tag.
+  virtual void writeGroup(ByteView value, int64_t fieldNumber) = 0;
 };
 
 // The library's writer: libprotobuf's wire encoder over a growing in-memory buffer. Movable, not
@@ -84,6 +87,7 @@ class WireDataWriter final : public ProtobufWriting {
   void writeBOOL(bool value, int64_t fieldNumber) override;
   void writeString(std::string_view value, int64_t fieldNumber) override;
   void writeData(ByteView value, int64_t fieldNumber) override;
+  void writeGroup(ByteView value, int64_t fieldNumber) override;
 
  private:
   // Holds the libprotobuf streams, which must not move once created and stay out of this header.
@@ -96,7 +100,8 @@ class WireDataWriter final : public ProtobufWriting {
 // enum, sint32 and sfixed32 fields; uint32 suits uint32 and fixed32; int64 suits int64, sint64 and
 // sfixed64; uint64 suits uint64 and fixed64); any other pairing throws
 // SerializationError::invalidIntType and writes nothing. Floats, doubles, booleans, strings, bytes
-// and nested messages are written by their own case whatever the field type. An enum value is
+// and nested messages are written by their own case whatever the field type; a message in a
+// delimited field (FieldSchemaDescribing::isDelimited) as a group. An enum value is
 // written as a uint64 varint of its number; a name unknown to its enum throws the enum's lookup
 // error, and a negative number stops the process (it cannot be written as uint64).
 //

@@ -99,6 +99,10 @@ class FieldSchema {
     return impl_->extensionName();
   }
   std::string jsonName() const { return impl_->jsonName(); }
+  bool isDelimited() const noexcept { return impl_->isDelimited(); }
+  // Whether a singular field has no presence of its own (proto3's scalars outside a oneof,
+  // Editions' IMPLICIT): an absent field then reads as absent, but means its default.
+  bool hasImplicitPresence() const noexcept { return impl_->hasImplicitPresence(); }
   // Resolves the type on first use; throws "Store is destroyed" when that needs a store that is
   // gone.
   TypeSchema type() const { return TypeSchema(impl_->type()); }

@@ -251,7 +251,16 @@ class Reader {
   // Steps over everything up to and including the end-group tag matching the start-group tag of
   // `fieldNumber` already read. Iterative: groups may nest to any depth without using the stack.
   // Throws malformedProtobuf for a mismatched or missing end-group tag.
-  void skipGroup(int64_t fieldNumber);
+  void skipGroup(int64_t fieldNumber) { groupEnd(fieldNumber); }
+
+  // The fields of the group whose start-group tag of `fieldNumber` was just read (the payload of a
+  // delimited message): the bytes up to the matching end-group tag, which is consumed too.
+  // Borrowed like readLengthDelimited()'s result. Faults as skipGroup's.
+  ByteView readGroup(int64_t fieldNumber) {
+    const int64_t start = position_;
+    const int64_t end = groupEnd(fieldNumber);
+    return ByteView(data_ + start, static_cast<size_t>(end - start));
+  }
 
  private:
   static constexpr uint64_t kMaxLength = 0x7FFFFFFF;
@@ -263,6 +272,8 @@ class Reader {
   }
 
   uint8_t byteAt(int64_t index) const noexcept { return static_cast<uint8_t>(data_[index]); }
+  // skipGroup, returning where the end-group tag that closes the group starts.
+  int64_t groupEnd(int64_t fieldNumber);
   // How a varint is used, which decides its fast paths: tags and lengths, the structure of a
   // message, are mostly one or two bytes, in patterns that repeat; values are anything.
   enum class VarintUse : uint8_t { structure, value };

@@ -1,0 +1,195 @@
+// Editions schemas compiled by buf (Edition 2024 with each feature set at file and field level,
+// and protobuf's conformance messages in Edition 2023, whose file makes message fields DELIMITED):
+// their features decide each field's presence and encoding, and the library reads, projects,
+// iterates, renders and encodes buf's messages as buf's own JSON conversion has them.
+
+#include <google/protobuf/descriptor.pb.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "ostrel/manifest/typed_import.hpp"
+#include "ostrel/ostrel.hpp"
+#include "support/test_support.hpp"
+
+namespace ostrel {
+namespace {
+
+using nlohmann::json;
+
+#ifdef OSTREL_EDITIONS_GENERATED
+const std::string kGenerated = OSTREL_EDITIONS_GENERATED;
+#else
+const std::string kGenerated;
+#endif
+
+#define SKIP_WITHOUT_BUF() \
+  if (kGenerated.empty()) GTEST_SKIP() << "buf was not found: no Editions descriptor sets"
+
+// A file buf made, under tests/generated/editions.
+Bytes generated(const std::string& name) {
+  return testing_support::readGenerated("editions/" + name);
+}
+
+struct Sample {
+  std::string set;
+  std::string type;
+  std::string message;
+};
+
+const Sample kSamples[] = {
+    {"features", "ostrel.editions.Record", "record"},
+    {"conformance", "protobuf_test_messages.editions.TestAllTypesEdition2023", "all_types_2023"},
+};
+
+// Reads every value of buf's JSON by its path (collected, with its JSON, for the projection), and
+// iterates every repeated field, comparing each with the JSON. Map fields are rendered whole.
+void compareReads(const MessageSchema& schema, const SchematizedData& data, const json& expected,
+                  const std::string& prefix, std::vector<std::string>& paths,
+                  std::vector<json>& answers) {
+  for (const auto& [key, value] : expected.items()) {
+    if (key.starts_with("[")) continue;  // an extension: rendered, not read by name
+    std::optional<FieldSchema> field;
+    for (const std::string& name : schema.allFieldNames()) {
+      if (schema.fieldNamed(name).jsonName() == key) field = schema.fieldNamed(name);
+    }
+    ASSERT_TRUE(field) << prefix << key;
+    const std::string path = prefix + field->name();
+    const std::optional<MessageSchema> nested = field->type().messageSchema();
+    if (field->isRepeated() && value.is_object()) {
+      EXPECT_EQ(json::parse(toJSON(data, JsonOptions{.jsonNames = true}))[key], value) << path;
+      continue;
+    }
+    if (!field->isRepeated()) {
+      const std::optional<AnyValue> read = data.value(field->name());
+      ASSERT_TRUE(read) << path;
+      if (nested) {
+        compareReads(*nested, read->messageValue(), value, path + ".", paths, answers);
+      } else {
+        EXPECT_EQ(json::parse(toJSON(*read)), value) << path;
+        paths.push_back(path);
+        answers.push_back(value);
+      }
+      continue;
+    }
+    Schematizer::RepeatableFieldIterator iterator(data.bytes(), field->fieldNumber(),
+                                                  field->type());
+    size_t index = 0;
+    for (const AnyValue& element : iterator) {
+      ASSERT_LT(index, value.size()) << path;
+      const std::string at = path + "[" + std::to_string(index) + "]";
+      if (nested) {
+        compareReads(*nested, element.messageValue(), value[index], at + ".", paths, answers);
+      } else {
+        EXPECT_EQ(json::parse(toJSON(element)), value[index]) << at;
+        paths.push_back(at);
+        answers.push_back(value[index]);
+      }
+      ++index;
+    }
+    EXPECT_EQ(index, value.size()) << path;
+  }
+}
+
+TEST(Editions, ReadsRendersAndEncodesAsBufConvertsTheMessage) {
+  SKIP_WITHOUT_BUF();
+  for (const Sample& sample : kSamples) {
+    SCOPED_TRACE(sample.message);
+    const SchemaStore store(schemaManifestFromDescriptorSet(generated(sample.set + ".binpb")));
+    const MessageSchema schema = store.messageSchema(sample.type);
+    const SchematizedData data = schema.schematizedData(generated(sample.message + ".binpb"));
+    const std::string bufText(asText(generated(sample.message + ".json")));
+    const json expected = json::parse(bufText);
+    EXPECT_EQ(json::parse(toJSON(data, JsonOptions{.jsonNames = true})), expected);
+
+    std::vector<std::string> paths;
+    std::vector<json> answers;
+    compareReads(schema, data, expected, "", paths, answers);
+    EXPECT_GT(paths.size(), 20u);
+    const Projection projection(schema, paths);
+    ProjectionRow row = projection.makeRow();
+    projection.read(data.bytes(), row);
+    for (size_t i = 0; i < paths.size(); ++i) {
+      EXPECT_EQ(json::parse(toJSON(*row.value(i))), answers[i]) << paths[i];
+    }
+
+    // buf's JSON encodes to a message that renders the same; delimited fields go out as groups.
+    const SchematizedData encoded = encodeJSON(schema, bufText);
+    EXPECT_EQ(json::parse(toJSON(encoded, JsonOptions{.jsonNames = true})), expected);
+    int delimited = 0;
+    Reader reader(encoded.bytes());
+    while (reader.hasMoreFields()) {
+      const FieldTag tag = reader.readTag();
+      const FieldSchema field = schema.fieldWithNumber(tag.fieldNumber());
+      if (field.type().kind() == TypeSchema::Case::message) {
+        delimited += field.isDelimited();
+        EXPECT_EQ(tag.wireType(),
+                  field.isDelimited() ? ProtoWireType::startGroup : ProtoWireType::lengthDelimited)
+            << field.name();
+      }
+      reader.skipField(tag);
+    }
+    EXPECT_GT(delimited, 1);
+  }
+}
+
+// What each field's features resolve to, from both importers.
+TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
+  SKIP_WITHOUT_BUF();
+  struct Row {
+    std::string set;
+    std::string message;
+    std::string field;
+    bool delimited;
+    bool implicitPresence;
+  };
+  const std::string all = "protobuf_test_messages.editions.TestAllTypesEdition2023";
+  const Row rows[] = {
+      // File: IMPLICIT presence, DELIMITED messages; the fields override either.
+      {"features", "ostrel.editions.Record", "implicit", false, true},
+      {"features", "ostrel.editions.Record", "explicit", false, false},
+      {"features", "ostrel.editions.Record", "needed", false, false},  // LEGACY_REQUIRED
+      {"features", "ostrel.editions.Record", "delimited", true, false},
+      {"features", "ostrel.editions.Record", "prefixed", false, false},
+      {"features", "ostrel.editions.Record", "leaves", true, false},
+      {"features", "ostrel.editions.Record", "prefixed_leaves", false, false},
+      {"features", "ostrel.editions.Record", "chosen", true, false},    // in a oneof
+      {"features", "ostrel.editions.Record", "by_name", false, false},  // a map
+      {"features", "ostrel.editions.Record.ByNameEntry", "value", false, false},
+      {"features", "ostrel.editions.Record", "kind", false, false},
+      {"features", "ostrel.editions.Record", "text", false, true},
+      // Edition 2023's default: EXPLICIT presence; the file: DELIMITED.
+      {"conformance", all, "optional_int32", false, false},
+      {"conformance", all, "repeated_int32", false, false},
+      {"conformance", all, "optional_nested_message", false, false},
+      {"conformance", all, "map_recursive", false, false},
+      {"conformance", all + ".MapRecursiveEntry", "value", false, false},
+      {"conformance", all, "groupliketype", true, false},
+      {"conformance", all, "delimited_ext", true, false},  // an extension
+  };
+  for (const std::string& set : {std::string("features"), std::string("conformance")}) {
+    const Bytes bytes = generated(set + ".binpb");
+    google::protobuf::FileDescriptorSet parsed;
+    ASSERT_TRUE(parsed.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())));
+    const SchemaStore stores[] = {SchemaStore(schemaManifestFromDescriptorSet(bytes)),
+                                  SchemaStore(schemaManifestFromDescriptorSet(parsed))};
+    for (const Row& row : rows) {
+      if (row.set != set) continue;
+      SCOPED_TRACE(row.message + "." + row.field);
+      for (const SchemaStore& store : stores) {
+        const FieldSchema field = store.messageSchema(row.message).fieldNamed(row.field);
+        EXPECT_EQ(field.isDelimited(), row.delimited);
+        EXPECT_EQ(field.hasImplicitPresence(), row.implicitPresence);
+      }
+    }
+  }
+  // Defaults are printed for the fields without presence only.
+  const SchemaStore store(schemaManifestFromDescriptorSet(generated("features.binpb")));
+  EXPECT_EQ(toJSON(store.messageSchema("ostrel.editions.Record").schematizedData(std::string()),
+                   JsonOptions{.printDefaults = true}),
+            R"({"implicit":0,"leaves":[],"prefixed_leaves":[],"by_name":{},"expanded":[],)"
+            R"("packed":[],"open":"OPEN_ZERO","text":""})");
+}
+
+}  // namespace
+}  // namespace ostrel
