@@ -108,7 +108,6 @@ class DescriptorSetReader {
     // types of the file get it wherever it stands.
     NamePath path;
     bool packageSeen = false;
-    proto3_ = isProto3(file);
     walk(file, [&](const std::string& property, detail::AnyValueImpl&& value) {
       if (property != "package" || packageSeen) return;
       packageSeen = true;
@@ -130,17 +129,6 @@ class DescriptorSetReader {
         readExtension(path, value);
       }
     });
-  }
-
-  // Whether the file declares syntax "proto3". The syntax (field 12 of FileDescriptorProto) is read
-  // from the bytes: the built-in descriptor schema, which the rest of the import reads through,
-  // leaves it out.
-  static bool isProto3(const detail::AnyValueImpl& file) {
-    Reader reader(file.messageValue().bytes());
-    constexpr int64_t kSyntaxField = 12;
-    const uint32_t tag = reader.findField(kSyntaxField);
-    if (tag == 0 || FieldTag(tag).wireType() != ProtoWireType::lengthDelimited) return false;
-    return asText(reader.readLengthDelimited()) == "proto3";
   }
 
   void readMessage(const NamePath& path, const detail::AnyValueImpl& value, int depth) {

@@ -47,7 +47,6 @@ class TypedDescriptorReader {
 
  private:
   void readFile(const pb::FileDescriptorProto& file) {
-    proto3_ = file.syntax() == "proto3";
     const NamePath path = detail::splitName(file.package());
     syntax_ = file.syntax();
     RawOptions options;

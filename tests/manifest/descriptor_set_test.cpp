@@ -592,12 +592,12 @@ TEST(DescriptorSetExport, WritesDescriptorsAsProtocDoes) {
       value { name: "ALSO_PAID" number: 1 } value { name: "PAID" number: 1 } } })",
                                               &expected));
   pb::FileDescriptorSet set = parseSet(descriptorSetFromManifest(manifest));
-  // An Editions 2023 file whose fields have implicit presence by default (the edition and the
-  // features are fields libprotobuf 3.21 does not know).
+  // A delimited field makes it an Editions 2023 file of explicit presence (the edition and the
+  // features are fields libprotobuf 3.21 does not know); without one it is a plain proto2 file.
   pb::FileDescriptorProto& file = *set.mutable_file(0);
   EXPECT_EQ(file.syntax(), "editions");
   EXPECT_EQ(file.options().unknown_fields().field(0).number(), 50);
-  EXPECT_EQ(file.options().unknown_fields().field(0).length_delimited(), "\x08\x02");
+  EXPECT_EQ(file.options().unknown_fields().field(0).length_delimited(), "\x08\x01");
   EXPECT_EQ(file.unknown_fields().field(0).varint(), 1000u);
   file.clear_syntax();
   file.clear_options();

@@ -367,11 +367,17 @@ TEST(OstrelTool, ManifestExportsReadBack) {
   const std::string set =
       scratchFile("set.desc", runTool("$S manifest --format descriptor-set").out);
   const std::string asJSON = runTool("$S json -m google.protobuf.FileDescriptorSet -i " + set).out;
+  // A descriptor set without delimited fields goes out as a proto2 file, which every protobuf
+  // runtime reads: its fields have presence, so proto3's implicit presence does not come back.
+  std::string withPresence = json.out;
+  for (size_t at; (at = withPresence.find("\"implicitPresence\":true,")) != std::string::npos;) {
+    withPresence.erase(at, std::string_view("\"implicitPresence\":true,").size());
+  }
   expectCases({
       {"-s " + scratchFile("shop.json", json.out) + " list", 0, kShopNames},
       {"-s - list", 0, kShopNames, "", runTool("$S manifest --pretty --format json").out},
       {"-s " + set + " describe message shop.Order", 0, kOrderFields},
-      {"-s " + set + " manifest", 0, json.out},
+      {"-s " + set + " manifest", 0, withPresence},
       {"$S json -m google.protobuf.FileDescriptorSet --input hex", 0, asJSON, "",
        runTool("$S manifest --format=descriptor-set --output hex").out},
       // The closure: the messages named and what their fields reach, enums and map entries too.
