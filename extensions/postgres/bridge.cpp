@@ -158,14 +158,7 @@ char* copyOut(OstrelAlloc alloc, std::string_view text) {
 
 // Records are rendered whole or not at all: a field that cannot be rendered fails the call, so that
 // no error text ever lands in a jsonb.
-const JsonOptions& strictJson() {
-  static const JsonOptions options = [] {
-    JsonOptions strict;
-    strict.strict = true;
-    return strict;
-  }();
-  return options;
-}
+const JsonOptions kStrictJson{.strict = true};
 
 ByteView view(const char* data, size_t size) {
   return ByteView(reinterpret_cast<const std::byte*>(data), data ? size : 0);
@@ -415,7 +408,7 @@ void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, Ostre
     case Case::message: {
       out->kind = OSTREL_MESSAGE;
       if (flags & OSTREL_MESSAGE_JSON) {
-        const std::string json = renderJSON(in.messageValue(), strictJson());
+        const std::string json = renderJSON(in.messageValue(), kStrictJson);
         out->data = copyOut(alloc, json);
         out->size = json.size();
       } else {
@@ -651,7 +644,7 @@ bool ostrel_render(const OstrelSite* site, const char* record, size_t size, Ostr
                    char** json, size_t* jsonSize, OstrelError* error) {
   return guarded(error, [&] {
     const std::string text = renderJSON(
-        UnsafeSchematizedData(site->compiled->schema.impl(), view(record, size)), strictJson());
+        UnsafeSchematizedData(site->compiled->schema.impl(), view(record, size)), kStrictJson);
     *json = copyOut(alloc, text);
     *jsonSize = text.size();
   });

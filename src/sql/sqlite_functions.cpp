@@ -31,14 +31,7 @@ namespace ostrel::detail::OSTREL_SQLITE_NAMESPACE {
 namespace {
 
 // A record that cannot be rendered whole is an error, never a text with errors in it.
-const JsonOptions& strictJson() {
-  static const JsonOptions options = [] {
-    JsonOptions strict;
-    strict.strict = true;
-    return strict;
-  }();
-  return options;
-}
+const JsonOptions kStrictJson{.strict = true};
 
 void resultText(sqlite3_context* context, std::string_view text) {
   sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
@@ -89,7 +82,7 @@ void resultValue(sqlite3_context* context, const detail::AnyValueImpl& value) {
     case Case::bytes:
       return resultBlob(context, value.bytesValue().view());
     case Case::message:
-      return resultText(context, renderJSON(value.messageValue(), strictJson()));
+      return resultText(context, renderJSON(value.messageValue(), kStrictJson));
   }
 }
 
@@ -521,7 +514,7 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
       return count == 2 ? schemas.messageSchema(textArgument(arguments[1]))
                         : schemas.defaultSchema();
     });
-    resultText(context, renderJSON(UnsafeSchematizedData(schema.impl(), record), strictJson()));
+    resultText(context, renderJSON(UnsafeSchematizedData(schema.impl(), record), kStrictJson));
   });
 }
 
