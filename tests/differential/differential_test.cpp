@@ -895,6 +895,10 @@ TEST(NonCanonicalDifferentialTest, RendersAndReadsExactlyAsLibprotobufParsesTheB
       const PathRead& read = exact[n];
       EXPECT_EQ(comparable(data.value(read.path, ReadMode::exact), read.prototype), read.expected)
           << read.path;
+      EXPECT_EQ(comparable(data.value(resolvePropertyPath(schema, read.path), ReadMode::exact),
+                           read.prototype),
+                read.expected)
+          << read.path;
       EXPECT_EQ(comparable(row.value(n), read.prototype), read.expected) << read.path;
     }
     exactCount += exact.size();

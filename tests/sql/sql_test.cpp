@@ -338,6 +338,15 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
           {"SELECT group_concat(e.value || '@' || ostrel_default_type(t.type)) FROM t, "
            "P_EACH(t.r, 'vs') AS e",
            "text:2@c.A,1@c.B,2@c.B"},
+          // A built-in type already read gains an option extension: reads see the new field.
+          // The import registers descriptor.proto's 27 messages too.
+          {"SELECT P_HAS(x'', 'google.protobuf.FieldOptions', 'flag')",
+           error(SchematizerError::fieldNotFound(
+               "Schema \"google.protobuf.FieldOptions\" property with name \"flag\""))},
+          {proto("package x; import \"google/protobuf/descriptor.proto\"; extend "
+                 "google.protobuf.FieldOptions { int32 flag = 50000; }"),
+           count(rich + 3 + 27)},
+          {"SELECT P_GET(x'80b51807', 'google.protobuf.FieldOptions', 'flag')", "int:7"},
       });
   db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
   EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
