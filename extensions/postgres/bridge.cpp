@@ -528,8 +528,7 @@ void ostrel_bridge_init(OstrelInterruptPending pending) {
 }
 
 bool ostrel_store_add(const char* const* definitions, const size_t* sizes, size_t count,
-                      OstrelAlloc alloc, char*** wanted, size_t* wantedCount,
-                      OstrelError* error) {
+                      OstrelAlloc alloc, char*** wanted, size_t* wantedCount, OstrelError* error) {
   *wanted = nullptr;
   *wantedCount = 0;
   return guarded(error, [&] {
@@ -556,7 +555,6 @@ void ostrel_store_clear(void) {
   state.sites.clear();
   state.store.reset();
 }
-
 
 OstrelSite* ostrel_site_compile(OstrelSiteKind kind, const char* type, size_t typeSize,
                                 const char* path, size_t pathSize, OstrelError* error) {
@@ -719,10 +717,9 @@ bool ostrel_referenced_names(const char* const* definitions, const size_t* sizes
   });
 }
 
-bool ostrel_check_definitions(const char* const* added, const size_t* addedSizes,
-                              size_t addedCount, const char* const* context,
-                              const size_t* contextSizes, size_t contextCount,
-                              OstrelError* error) {
+bool ostrel_check_definitions(const char* const* added, const size_t* addedSizes, size_t addedCount,
+                              const char* const* context, const size_t* contextSizes,
+                              size_t contextCount, OstrelError* error) {
   return guarded(error, [&] {
     const SchemaManifest manifest = manifestOf(added, addedSizes, addedCount);
     SchemaManifest all = manifestOf(context, contextSizes, contextCount);

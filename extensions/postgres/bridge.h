@@ -152,9 +152,9 @@ bool ostrel_referenced_names(const char *const *definitions, const size_t *sizes
 
 /* Checks that every type of `added` can be created in a store of `added` and `context` (the
  * registered definitions they refer to), with every type one of its fields refers to. */
-bool ostrel_check_definitions(const char *const *added, const size_t *addedSizes,
-                              size_t addedCount, const char *const *context,
-                              const size_t *contextSizes, size_t contextCount, OstrelError *error);
+bool ostrel_check_definitions(const char *const *added, const size_t *addedSizes, size_t addedCount,
+                              const char *const *context, const size_t *contextSizes,
+                              size_t contextCount, OstrelError *error);
 
 /* Whether the backend has an interrupt to process (a cancel request, a timeout, a shutdown). Only
  * reads the server's flags: it must never raise an error. */

@@ -69,7 +69,7 @@ class DescriptorSetWriter {
     Bytes bytes = build("FileDescriptorProto", file).data();
     if (hasDelimitedField(manifest)) {
       static constexpr uint8_t kEditionsHeader[] = {
-          0x42, 0x05, 0x92, 0x03, 0x02, 0x08, 0x01,                 // options.features.field_presence
+          0x42, 0x05, 0x92, 0x03, 0x02, 0x08, 0x01,  // options.features.field_presence
           0x62, 0x08, 'e',  'd',  'i',  't',  'i',  'o', 'n', 's',  // syntax "editions"
           0x70, 0xE8, 0x07};                                        // edition EDITION_2023
       for (uint8_t byte : kEditionsHeader) bytes.push_back(static_cast<std::byte>(byte));

@@ -9,10 +9,10 @@
 #include "core/json_document.hpp"
 #include "core/json_text.hpp"
 #include "core/utf8.hpp"
-#include "ostrel/core/interrupts.hpp"
 #include "manifest/manifest_check.hpp"
-#include "ostrel/core/values.hpp"
 #include "ostrel/core/errors.hpp"
+#include "ostrel/core/interrupts.hpp"
+#include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 
 namespace ostrel {

@@ -1,10 +1,10 @@
 #include "core/fatal.hpp"
-#include "output/field_type_table.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
+#include "output/field_type_table.hpp"
 
 namespace ostrel {
 

@@ -63,8 +63,10 @@ size_t SqlSchemas::add(const SchemaManifest& incoming) {
     merged.merge(fresh, MergePolicy::requireEqual);
     store_ = SchemaStore(merged);
   }
-  for (auto& [name, message] : fresh.messages) registered_.messages.emplace(name, std::move(message));
-  for (auto& [name, enumeration] : fresh.enums) registered_.enums.emplace(name, std::move(enumeration));
+  for (auto& [name, message] : fresh.messages)
+    registered_.messages.emplace(name, std::move(message));
+  for (auto& [name, enumeration] : fresh.enums)
+    registered_.enums.emplace(name, std::move(enumeration));
   generation_ = nextGeneration();
   return registered_.messages.size();
 }

@@ -12,8 +12,8 @@
 
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "wire/field_path.hpp"
 #include "ostrel/wire/schematizer.hpp"
+#include "wire/field_path.hpp"
 
 namespace ostrel::detail {
 

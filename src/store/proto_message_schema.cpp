@@ -236,16 +236,17 @@ MessageManifest ProtoMessageSchema::manifest() const {
       continue;
     }
     const auto& field = static_cast<const ProtoFieldSchema&>(*slot.schema());
-    manifest.fields.emplace(fieldName, FieldManifest{.type = field.manifestType(),
-                                                     .typeName = field.typeName(),
-                                                     .fieldNumber = field.fieldNumber(),
-                                                     .isRepeated = field.isRepeated(),
-                                                     .oneofIndex = field.oneofIndex(),
-                                                     .options = detail::rawOptions(field.options()),
-                                                     .extensionName = field.extensionName(),
-                                                     .jsonName = field.declaredJsonName(),
-                                                     .implicitPresence = field.hasImplicitPresence(),
-                                                     .delimited = field.isDelimited()});
+    manifest.fields.emplace(fieldName,
+                            FieldManifest{.type = field.manifestType(),
+                                          .typeName = field.typeName(),
+                                          .fieldNumber = field.fieldNumber(),
+                                          .isRepeated = field.isRepeated(),
+                                          .oneofIndex = field.oneofIndex(),
+                                          .options = detail::rawOptions(field.options()),
+                                          .extensionName = field.extensionName(),
+                                          .jsonName = field.declaredJsonName(),
+                                          .implicitPresence = field.hasImplicitPresence(),
+                                          .delimited = field.isDelimited()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

@@ -29,11 +29,10 @@ void throwTypeMismatch(const TypeSchemaDescription& type, ProtoWireType wireType
 std::optional<detail::AnyValueImpl> readValue(Reader& reader,
                                               std::span<const FieldPathComponent> path,
                                               const TypeSchemaDescription& type) {
-  return detail::readValueAs(reader, path, type, detail::MakeOptionalValueImpl{},
-                             [&type](Reader& current, FieldTag tag) {
-                               return std::optional<detail::AnyValueImpl>(
-                                   decodeValue(current, type, tag));
-                             });
+  return detail::readValueAs(
+      reader, path, type, detail::MakeOptionalValueImpl{}, [&type](Reader& current, FieldTag tag) {
+        return std::optional<detail::AnyValueImpl>(decodeValue(current, type, tag));
+      });
 }
 
 void forEachValue(Reader& reader, const FieldSchemaDescribing& field, const ValueVisitor& visit) {

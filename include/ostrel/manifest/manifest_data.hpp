@@ -122,8 +122,8 @@ struct DescriptorImportOptions {
 // number, a message or enum without name, an extension without extendee, ...),
 // SchemaManifestDSCError::invalidValueType naming the message and field or value for what would
 // break the schema's invariants (a field number outside 1 to 2^29-1 or in 19000 to 19999, two
-// fields of one number or name, a oneof index naming no oneof, two oneofs or two enum values of one name),
-// SchemaManifestDSCError::cannotLoadDescriptor for messages nested more than 100 deep,
+// fields of one number or name, a oneof index naming no oneof, two oneofs or two enum values of one
+// name), SchemaManifestDSCError::cannotLoadDescriptor for messages nested more than 100 deep,
 // MergeConflict for two differing definitions of one message, and SerializationError (or the
 // store's SchematizerError) for bytes that are not a valid descriptor set. Nothing partial is
 // returned.
