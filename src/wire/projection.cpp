@@ -1,11 +1,10 @@
 // Projections: many paths read from a record in one pass; typed scalar reads; delimited streams.
 
-#include "ostrel/wire/schematizer.hpp"
-
 #include <algorithm>
 #include <limits>
 
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/wire/schematizer.hpp"
 #include "wire/exact_read.hpp"
 #include "wire/navigation.hpp"
 #include "wire/scalar_decoding.hpp"

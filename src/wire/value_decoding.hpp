@@ -1,17 +1,17 @@
 #pragma once
 
-// Decoding of single field values from the wire into detail::AnyValueImpl, by the field's declared type.
-// This is the last step of every read, so scalars are decoded without touching the heap; bytes
-// and nested messages borrow from the reader's buffer and only strings are copied (the string type
-// owns its storage).
+// Decoding of single field values from the wire into detail::AnyValueImpl, by the field's declared
+// type. This is the last step of every read, so scalars are decoded without touching the heap;
+// bytes and nested messages borrow from the reader's buffer and only strings are copied (the string
+// type owns its storage).
 
 #include <cstdint>
 #include <string>
 
-#include "ostrel/core/values.hpp"
-#include "ostrel/core/field_types.hpp"
-#include "ostrel/wire/reader.hpp"
 #include "core/utf8.hpp"
+#include "ostrel/core/field_types.hpp"
+#include "ostrel/core/values.hpp"
+#include "ostrel/wire/reader.hpp"
 
 namespace ostrel {
 
@@ -29,7 +29,8 @@ namespace ostrel {
 // Throws SerializationError::malformedProtobuf for a faulty varint or a negative length,
 // truncated for a payload or fixed-width value cut short by the end of the buffer. A failed decode
 // leaves the reader somewhere inside the value.
-detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type, ProtoWireType wireType);
+detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type,
+                                 ProtoWireType wireType);
 
 // decodeValue after `tag`, where a message value may also be a group of the tag's field number
 // (the delimited encoding): its payload is then the group's fields.
@@ -51,6 +52,5 @@ detail::AnyValueImpl decodePackedElement(Reader& reader, const TypeSchemaDescrip
 // runs off the buffer or over the run's end. Throws malformedProtobuf for message, string and
 // bytes.
 bool skipPackedElements(Reader& reader, const TypeSchemaDescription& type, int64_t count);
-
 
 }  // namespace ostrel

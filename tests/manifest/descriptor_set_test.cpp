@@ -314,10 +314,9 @@ TEST(DescriptorSetImport, RejectedDescriptorsFailInBothImporters) {
       {{{"oneof_decl {", R"(field { name: "a" number: 7 type: TYPE_BYTES } oneof_decl {)"}},
        refused(a + "the name occurs twice")},
       // A built-in descriptor type may gain fields, not change them.
-      {{{"",
-         R"(file { package: "google.protobuf" message_type { name: "FileDescriptorSet" )"
-         R"(field { name: "file" number: 2 label: LABEL_REPEATED type: TYPE_MESSAGE )"
-         R"(type_name: ".google.protobuf.FileDescriptorProto" } } })"}},
+      {{{"", R"(file { package: "google.protobuf" message_type { name: "FileDescriptorSet" )"
+             R"(field { name: "file" number: 2 label: LABEL_REPEATED type: TYPE_MESSAGE )"
+             R"(type_name: ".google.protobuf.FileDescriptorProto" } } })"}},
        conflict("Conflict merging FieldManifest")},
   };
   for (const auto& [change, refusal] : rows) {

@@ -194,7 +194,8 @@ TEST(DelimitedRecordsTest, SplitsRecordsAndStopsAtABadPrefix) {
       {bytesOf({2, 'a', 'b', 0, 1, 'c'}), {"ab", "", "c"}, ""},
       {bytesOf({1, 'a', 3, 'b', 'c'}), {"a"}, thrown(SerializationError::truncated())},
       {bytesOf({1, 'a', 0x80}), {"a"}, thrown(SerializationError::malformedProtobuf())},
-      {bytesOf({1, 'a', 0x81, 0x80, 0x80, 0x80, 0x10, 'b'}), {"a"},
+      {bytesOf({1, 'a', 0x81, 0x80, 0x80, 0x80, 0x10, 'b'}),
+       {"a"},
        thrown(SerializationError::malformedProtobuf())},
   };
   for (const auto& [stream, expected, expectedEnd] : cases) {

@@ -240,7 +240,8 @@ TEST(OstrelTool, DataCommands) {
        "FROM orders\n"},
       {"$S sql $O --table orders --column record --type-per-call --dialect postgres id", 0,
        "SELECT\n  p_get_numeric(record, 'shop.Order', 'id') AS id\nFROM orders\n"},
-      {"$S sql $O --table t --column r --dialect postgres customer.name state items[0] coupons[0]", 0,
+      {"$S sql $O --table t --column r --dialect postgres customer.name state items[0] coupons[0]",
+       0,
        "SELECT\n  p_get_text(r, 'shop.Order', 'customer.name') AS \"customer.name\",\n"
        "  p_get_text(r, 'shop.Order', 'state') AS state,\n"
        "  p_get(r, 'shop.Order', 'items[0]') AS \"items[0]\",\n"
@@ -307,7 +308,8 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
        kShopProto + ": not inside any -I folder (" + kTestData + "); add its folder with -I"},
       // Names the user probably meant: without the package, in another case, a typo.
       {"$S get -m Order -i $1 id", 1, "", "schemaNotFound: Order (did you mean shop.Order?)"},
-      {"$S get -m shop.ordr -i $1 id", 1, "", "schemaNotFound: shop.ordr (did you mean shop.Order?)"},
+      {"$S get -m shop.ordr -i $1 id", 1, "",
+       "schemaNotFound: shop.ordr (did you mean shop.Order?)"},
       {"$S describe enum State", 1, "", "enumNotFound: State (did you mean shop.State?)"},
       {"$S describe message Nothing", 1, "", "schemaNotFound: Nothing"},
       {"$S manifest --closure Card", 1, "", "schemaNotFound: Card (did you mean shop.Card?)"},
@@ -339,9 +341,9 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
 }
 
 TEST(OstrelTool, HelpOnEveryCommand) {
-  for (const char* line : {"--help", "-h", "-s does-not-matter.desc --help", "describe message -h",
-                           "get -m x -h p", "manifest --format bogus --help", "sql --help", "help",
-                           "help get"}) {
+  for (const char* line :
+       {"--help", "-h", "-s does-not-matter.desc --help", "describe message -h", "get -m x -h p",
+        "manifest --format bogus --help", "sql --help", "help", "help get"}) {
     SCOPED_TRACE(line);
     const ToolRun run = runTool(line);
     EXPECT_EQ(run.status, 0);
@@ -552,8 +554,8 @@ TEST(OstrelTool, CsvAndTsvFieldsKeepTheirRowsAndShowNoControlCharacters) {
   // that cannot be read: reported, and the others still print.
   const std::string get = "get $R -i " + scratchFile("rich.bin", rich) + " -i " +
                           scratchFile("empty.bin", "") + " -i " +
-                          scratchFile("empty-note.bin", std::string("\x0a\x02\x1a\x00", 4)) + " -i " + missing +
-                          " --format ";
+                          scratchFile("empty-note.bin", std::string("\x0a\x02\x1a\x00", 4)) +
+                          " -i " + missing + " --format ";
   std::string header = paths + "\n";
   std::replace(header.begin(), header.end(), ' ', '\t');
   const std::string control = "\\x1b[31m\\x07\\xc2\\x9b\\x7fé";
@@ -563,12 +565,13 @@ TEST(OstrelTool, CsvAndTsvFieldsKeepTheirRowsAndShowNoControlCharacters) {
                          "\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\n"
                          "\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\t\\N\n");
   EXPECT_EQ(tsv.status, 1);
-  EXPECT_EQ(tsv.err, "ostrel: " + missing + ": cannot read " + missing +
-                         ": No such file or directory\n");
+  EXPECT_EQ(tsv.err,
+            "ostrel: " + missing + ": cannot read " + missing + ": No such file or directory\n");
   std::replace(header.begin(), header.end(), '\t', ',');
-  EXPECT_EQ(runTool(get + "csv " + paths).out,
-            header + "\"a\tb\nc\\d\re,\"\"" + control +
-                "\",/w==,BLUE,18446744073709551615,-9,NaN,\"{\"\"id\"\":1}\",77\n,,,,,,,\n\"\",,,,,,,\n");
+  EXPECT_EQ(
+      runTool(get + "csv " + paths).out,
+      header + "\"a\tb\nc\\d\re,\"\"" + control +
+          "\",/w==,BLUE,18446744073709551615,-9,NaN,\"{\"\"id\"\":1}\",77\n,,,,,,,\n\"\",,,,,,,\n");
 }
 
 // A database file made by `sql`.

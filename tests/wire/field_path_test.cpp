@@ -108,7 +108,9 @@ TEST(FieldPathTest, ReadsTheValueAtAPathOrItsExactFault) {
       {bytesOf({0x12, 0xff, 0xff, 0xff, 0xff, 0x0f}), {at(2), at(1)}, Case::int32, malformed},
       // Lengths of 2^32 and 2^32 + 2, which cut to 32 bits would read 7 and 9.
       {bytesOf({0x0a, 0x80, 0x80, 0x80, 0x80, 0x10, 0x10, 7}), {at(2)}, Case::int32, malformed},
-      {bytesOf({0x12, 0x82, 0x80, 0x80, 0x80, 0x10, 0x18, 9}), {at(2), at(3)}, Case::int32,
+      {bytesOf({0x12, 0x82, 0x80, 0x80, 0x80, 0x10, 0x18, 9}),
+       {at(2), at(3)},
+       Case::int32,
        malformed},
       {overRun, {at(4, 1)}, Case::int32, malformed},
       {overRun, {at(4, 2)}, Case::int32, malformed},

@@ -84,8 +84,7 @@ EnumSchema LoadedSchemas::enumSchema(const std::string& name) const {
   }
 }
 
-void resolvePaths(const MessageSchema& schema, const std::vector<std::string>& paths,
-                  bool inSql) {
+void resolvePaths(const MessageSchema& schema, const std::vector<std::string>& paths, bool inSql) {
   for (const std::string& path : paths) {
     const std::vector<PropertyPathElement> elements = PropertyPathUtil::parse(path);
     try {
@@ -110,8 +109,7 @@ void resolvePaths(const MessageSchema& schema, const std::vector<std::string>& p
           if (inner.code() != SchematizerError::Code::repeatedValueAccessNoIndex) break;
           std::string indexed = path;
           indexed.insert(prefix.size(), "[0]");
-          text += " (" + prefix + " is repeated: name one element by its index, as in " +
-                  indexed;
+          text += " (" + prefix + " is repeated: name one element by its index, as in " + indexed;
           text += inSql ? ", or all of them with P_EACH)"
                         : ", or list them all with: ostrel iterate -m " + schema.name() + " " +
                               prefix + ")";

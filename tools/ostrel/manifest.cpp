@@ -99,8 +99,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   } else {
     std::set<std::string> messages;
     std::set<std::string> enums;
-    for (const std::string& name : closure)
-      reach(schemas.messageSchema(name), messages, enums);
+    for (const std::string& name : closure) reach(schemas.messageSchema(name), messages, enums);
     manifest = only(manifestEngagementsOnly(schemas.store), messages, enums);
   }
 

@@ -47,7 +47,8 @@ SchemaManifest importDescriptors(
     std::string text = std::string(error.what()) + ": group field";
     if (fields.size() > 1) text += "s";
     for (size_t i = 0; i < fields.size(); ++i) text += (i == 0 ? " " : ", ") + fields[i];
-    throw ToolError(text + " (--groups read reads them as messages, --groups skip leaves them out)");
+    throw ToolError(text +
+                    " (--groups read reads them as messages, --groups skip leaves them out)");
   }
 }
 
@@ -81,14 +82,13 @@ void checkProtoFile(const std::string& file, const std::vector<std::string>& inc
   for (const std::string& dir : includePaths) {
     if (fs::path(file).is_relative() && fs::exists(fs::path(dir) / file)) return;
     const fs::path folder = fs::weakly_canonical(dir, ignored);
-    const auto [end, unused] = std::mismatch(folder.begin(), folder.end(), given.begin(),
-                                             given.end());
+    const auto [end, unused] =
+        std::mismatch(folder.begin(), folder.end(), given.begin(), given.end());
     if (end == folder.end() && fs::exists(given)) return;
     folders += (folders.empty() ? "" : ", ") + dir;
   }
   if (fs::exists(file)) {
-    throw ToolError(file + ": not inside any -I folder (" + folders +
-                    "); add its folder with -I");
+    throw ToolError(file + ": not inside any -I folder (" + folders + "); add its folder with -I");
   }
   throw ToolError("cannot read " + file + ": No such file or directory (looked in " + folders +
                   ")");
