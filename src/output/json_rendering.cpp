@@ -518,6 +518,12 @@ class Renderer {
         return;
       }
       resolve(f);
+      if (!f.repeated && !options_.printDefaults && f.field->hasImplicitPresence() &&
+          lastHoldsZero(f, bytes, runs_[end - 1])) {
+        // Parsed, such a field holds its default, which ProtoJSON leaves out.
+        rollback(memberStart);
+        return;
+      }
       bool present = true;
       if (!f.repeated) {
         singular(f, bytes, begin, end, depth, level);
@@ -536,6 +542,25 @@ class Renderer {
       fieldError(f.field->name(), error.what());
     }
     any = true;
+  }
+
+  // Whether the last occurrence of the run is of the field's wire type and holds zero bits: the
+  // default of a field without presence. A float of -0 holds other bits and stays present.
+  static bool lastHoldsZero(const FieldPlan& f, ByteView bytes, const Run& last) {
+    if (last.lastWireType != f.required) return false;
+    Reader reader = readerAt(bytes, last.lastPosition);
+    switch (f.required) {
+      case ProtoWireType::varInt:
+        return reader.readVarint() == 0;
+      case ProtoWireType::fixed32:
+        return reader.readFixed32() == 0;
+      case ProtoWireType::fixed64:
+        return reader.readFixed64() == 0;
+      case ProtoWireType::lengthDelimited:
+        return reader.readLength() == 0;
+      default:
+        return false;
+    }
   }
 
   // Emits the value of the singular field whose runs are runs_[begin, end) as protobuf's parse

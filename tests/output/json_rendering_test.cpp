@@ -185,6 +185,37 @@ TEST(JsonRenderingTest, RendersHandMadeBytes) {
 
 // What an interrupt check throws ends the long operations with that exception, even the renderer,
 // which writes ostrel::Error faults into the text instead; without a check they run to the end.
+// A field without presence that holds its default is not a field protobuf's parse keeps: the
+// rendering leaves it out, whichever occurrence set it, and keeps what differs from zero bits.
+TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
+  SchemaStore store(testing_support::generatedManifest("rich.desc"));
+  const MessageSchema schema = store.messageSchema("ostrel.test.Scalars");
+  const struct {
+    std::string bytes;
+    std::string expected;
+  } rows[] = {
+      {var(5, 0) + var(8, 0) + var(14, 0) + len(9, "") + len(12, "") + f32(7, 0) + f64(6, 0),
+       "{}"},
+      {var(5, 3) + var(5, 0) + len(9, "x") + len(9, ""), "{}"},
+      {var(5, 0) + var(5, 3), R"({"f_int32":3})"},
+      {f32(2, bits(-0.0f)) + f64(1, bits(-0.0)), R"({"f_double":-0.0,"f_float":-0.0})"},
+      {len(19, ""), R"({"f_message":{}})"},
+      {f32(5, 0), R"({"f_int32":"#"})"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.expected);
+    LogCapture log;
+    std::string expected = row.expected;
+    if (const size_t hash = expected.find('#'); hash != std::string::npos) {
+      expected.replace(hash, 1, error("f_int32", "typeMismatch(int32, fixed32)"));
+    }
+    EXPECT_EQ(render(schema, row.bytes), expected);
+  }
+  const std::string zeros = var(5, 0) + var(14, 0);
+  EXPECT_EQ(toJSON(schema.schematizedData(zeros), JsonOptions{.printDefaults = true}),
+            toJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
+}
+
 TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
   struct Stop {};
   SchemaStore store(sampleManifest());

@@ -39,8 +39,10 @@ namespace ostrel {
 //   record other than canonically (records merged by concatenation): of a non-repeated field that
 //   occurs more than once, the last occurrence of a scalar, string or bytes value, and the
 //   occurrences of a message merged into one (recursively: scalars last, repeated fields
-//   concatenated); of the members of a oneof, only the last one present. Canonical records, where
-//   each field occurs once, pay nothing for this.
+//   concatenated); of the members of a oneof, only the last one present; a field without presence
+//   of its own (see JsonOptions::printDefaults) whose value is its default (zero bits: a float or
+//   double -0 stays) is left out, as protobuf holds no such field. Canonical records, where each
+//   field occurs once, pay nothing for this.
 // - The well-known types take their JSON forms: google.protobuf.Timestamp an RFC 3339 text in UTC
 //   ("1972-01-01T10:00:20.021Z", 0, 3, 6 or 9 fractional digits, years 1 to 9999), Duration
 //   seconds with a suffix "s" ("-1.5s", within 315,576,000,000 s), the wrappers (DoubleValue ...
