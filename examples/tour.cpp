@@ -31,12 +31,15 @@ int main(int argc, char** argv) {
     std::cout << "state: " << data.value("state")->enumValue().name() << "\n";
     std::cout << "voucher present: " << data.value("voucher").has_value() << "\n";
 
-    // Iterate a repeated field, packed or not, in one pass.
-    const ostrel::FieldSchema items = order.fieldNamed("items");
-    ostrel::Schematizer::RepeatableFieldIterator iterator(data.bytes(), items.fieldNumber(),
-                                                          items.type());
-    for (const ostrel::AnyValue& item : iterator) {
-      std::cout << "item: " << ostrel::toJSON(item.messageValue()) << "\n";
+    // Iterate a repeated field named by a path (packed or not, nested, or a map's entries as
+    // key and value), in one pass over the record, in place.
+    const ostrel::RepeatedField items(order, "items");
+    for (const ostrel::RepeatedField::Element& item : items.elements(data.bytes())) {
+      std::cout << "item: " << ostrel::toJSON(item.value.messageValue()) << "\n";
+    }
+    const ostrel::RepeatedField attributes(order, "attributes");  // map<string, string>
+    for (const auto& [key, value] : attributes.elements(data.bytes())) {
+      std::cout << "attribute: " << key->stringValue() << " = " << value.stringValue() << "\n";
     }
 
     // Build a new message field by field; fields are asked for in name order.

@@ -5,11 +5,6 @@
 
 #include "bridge.h"
 
-#include <google/protobuf/compiler/importer.h>
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/descriptor.pb.h>
-#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -24,15 +19,9 @@
 #include <vector>
 
 #include "ostrel/ostrel.hpp"
-#include "output/map_entry.hpp"
 #include "store/proto_schema_store.hpp"
 #include "wire/exact_read.hpp"
 #include "wire/field_path.hpp"
-#include "wire/value_decoding.hpp"
-
-#ifndef OSTREL_PROTOBUF_INCLUDE_DIR
-#define OSTREL_PROTOBUF_INCLUDE_DIR "/usr/include"
-#endif
 
 using namespace ostrel;
 
@@ -60,61 +49,30 @@ void checkInterrupt() {
   }
 }
 
-// The length of the valid UTF-8 sequence at text[0..size), or 0 when it is not one.
-size_t utf8SequenceLength(const unsigned char* text, size_t size) noexcept {
-  const unsigned char lead = text[0];
-  size_t length;
-  uint32_t minimum;
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    minimum = 0x80;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    minimum = 0x800;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    minimum = 0x10000;
-  } else {
-    return 0;
-  }
-  if (length > size) return 0;
-  uint32_t point = lead & (0x7F >> length);
-  for (size_t i = 1; i < length; ++i) {
-    if ((text[i] & 0xC0) != 0x80) return 0;
-    point = (point << 6) | (text[i] & 0x3F);
-  }
-  if (point < minimum || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return 0;
-  return length;
-}
-
 // Copies `text` into the error as valid UTF-8 (an error message the server cannot convert for
-// its client would fail while being reported): invalid bytes become '?', and a text too long is
-// cut at a character boundary and ends with "...".
+// its client would fail while being reported): invalid sequences become U+FFFD, and a text too
+// long is cut at a character boundary and ends with "...".
 void report(OstrelError* error, OstrelFailure failure, const char* text) noexcept {
   error->failure = failure;
-  const auto* in = reinterpret_cast<const unsigned char*>(text);
-  const size_t size = std::strlen(text);
-  constexpr size_t kRoom = OSTREL_ERROR_TEXT_SIZE - 4;
-  size_t read = 0;
-  size_t written = 0;
-  while (read < size) {
-    const size_t length = utf8SequenceLength(in + read, size - read);
-    const size_t needed = length == 0 ? 1 : length;
-    if (written + needed > kRoom) {
-      std::memcpy(error->text + written, "...", 3);
-      written += 3;
-      break;
-    }
-    if (length == 0) {
-      error->text[written] = '?';
-    } else {
-      std::memcpy(error->text + written, in + read, length);
-    }
-    written += needed;
-    read += length == 0 ? 1 : length;
+  std::string valid;
+  try {
+    valid = decodeUtf8Lossy(asBytes(text));
+  } catch (...) {
+    valid = "out of memory";
   }
-  error->text[written] = '\0';
+  constexpr size_t kRoom = OSTREL_ERROR_TEXT_SIZE - 4;
+  size_t size = valid.size();
+  if (size > kRoom) {
+    size = kRoom;
+    // Back to the start of the character the cut falls in.
+    while (size > 0 && (static_cast<unsigned char>(valid[size]) & 0xC0) == 0x80) --size;
+  }
+  std::memcpy(error->text, valid.data(), size);
+  if (size < valid.size()) {
+    std::memcpy(error->text + size, "...", 3);
+    size += 3;
+  }
+  error->text[size] = '\0';
 }
 
 // Runs `work`, reporting whatever it throws. The work's locals are destroyed by the time a handler
@@ -169,12 +127,10 @@ ByteView view(const char* data, size_t size) {
 struct Compiled {
   SchemaStore store;
   MessageSchema schema;
-  // OSTREL_SITE_VALUE: the whole path. OSTREL_SITE_EACH: the path to the message that holds the
-  // repeated field, empty for the record itself.
+  // OSTREL_SITE_VALUE: the path.
   FieldPathAndType path;
-  // OSTREL_SITE_EACH: the repeated field and, for a map, its entry's key and value fields.
-  std::shared_ptr<FieldSchemaDescribing> repeated;
-  std::optional<detail::MapEntryFields> map;
+  // OSTREL_SITE_EACH: the repeated field or map the path names.
+  std::optional<RepeatedField> repeated;
 };
 
 struct Backend {
@@ -256,102 +212,26 @@ std::shared_ptr<const Compiled> compile(OstrelSiteKind kind, std::string_view ty
   key.append(path);
   if (auto found = state.sites.find(key); found != state.sites.end()) return found->second;
 
-  // The path stays empty for a message site, and for an each site over the record's own field.
+  // The path stays empty for a message site and an each site.
   FieldPathAndType noPath{{}, TypeSchemaDescription::scalar(TypeSchemaDescription::Case::bytes)};
   const SchemaStore store(state.store);
   auto compiled = std::make_shared<Compiled>(
-      Compiled{store, lookUpType(store, type), std::move(noPath), nullptr, {}});
-  const MessageSchemaDescribing& schema = *compiled->schema.impl();
+      Compiled{store, lookUpType(store, type), std::move(noPath), std::nullopt});
   if (kind == OSTREL_SITE_VALUE) {
-    PropertyPathUtil::parse(path);
-    compiled->path = resolvePropertyPath(schema, path);
+    compiled->path = resolvePropertyPath(compiled->schema, path);
   } else if (kind == OSTREL_SITE_EACH) {
-    PropertyPathUtil::parse(path);
-    // The last component names the repeated field itself (without an index); what comes before
-    // it leads to the message that holds it. Indices are digits only, so the last dot separates.
-    const size_t dot = path.rfind('.');
-    const std::string_view fieldName = dot == std::string_view::npos ? path : path.substr(dot + 1);
-    const MessageSchemaDescribing* holder = &schema;
-    if (dot != std::string_view::npos) {
-      compiled->path = resolvePropertyPath(schema, path.substr(0, dot));
-      if (compiled->path.type.kind() != TypeSchemaDescription::Case::message) {
-        throw SchematizerError::nonMessageTypeInKeypath();
-      }
-      holder = compiled->path.type.messageSchema().get();
-    }
-    if (fieldName.find('[') != std::string_view::npos) {
-      throw SchematizerError::scalarValueAccessWithIndex();
-    }
-    compiled->repeated = holder->fieldNamed(fieldName);
-    if (!compiled->repeated->isRepeated()) {
-      throw BridgeError(OSTREL_BAD_REQUEST,
-                        "p_each: \"" + std::string(path) + "\" is not a repeated field or map");
-    }
-    const TypeSchemaDescription& elementType = compiled->repeated->type();
-    if (elementType.kind() == TypeSchemaDescription::Case::message) {
-      compiled->map = detail::mapEntryFields(*elementType.messageSchema());
-    }
+    compiled->repeated.emplace(compiled->schema, path);
   }
   if (state.sites.size() >= kMaxCachedSites) state.sites.clear();
   state.sites.emplace(std::move(key), compiled);
   return compiled;
 }
 
-// The value a map entry without the key or value field stands for.
-OstrelValue defaultValue(const TypeSchemaDescription& type, OstrelAlloc alloc) {
-  using Case = TypeSchemaDescription::Case;
-  OstrelValue value{};
-  switch (type.kind()) {
-    case Case::int32:
-    case Case::sint32:
-    case Case::sfixed32:
-    case Case::int64:
-    case Case::sint64:
-    case Case::sfixed64:
-      value.kind = OSTREL_INT;
-      break;
-    case Case::uint32:
-    case Case::fixed32:
-    case Case::uint64:
-    case Case::fixed64:
-      value.kind = OSTREL_UINT;
-      break;
-    case Case::float_:
-      value.kind = OSTREL_FLOAT;
-      break;
-    case Case::double_:
-      value.kind = OSTREL_DOUBLE;
-      break;
-    case Case::bool_:
-      value.kind = OSTREL_BOOL;
-      break;
-    case Case::string:
-      value.kind = OSTREL_STRING;
-      value.data = copyOut(alloc, "");
-      break;
-    case Case::bytes:
-      value.kind = OSTREL_BYTES;
-      value.data = copyOut(alloc, "");
-      break;
-    case Case::enum_:
-      value.kind = OSTREL_ENUM;
-      if (const std::string* name = type.enumSchema()->findValueNameFor(0)) {
-        value.data = copyOut(alloc, *name);
-        value.size = name->size();
-      }
-      break;
-    case Case::message:
-      value.kind = OSTREL_MESSAGE;
-      value.data = copyOut(alloc, "{}");
-      value.size = 2;
-      break;
-  }
-  return value;
-}
-
 void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, OstrelValue* out) {
   using Case = detail::AnyValueImpl::Case;
   *out = OstrelValue{};
+  // The names are literals: NUL-terminated.
+  out->case_name = caseName(in.kind()).data();
   switch (in.kind()) {
     case Case::int32:
       out->kind = OSTREL_INT;
@@ -421,87 +301,13 @@ void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, Ostre
   }
 }
 
-// The text of a map key as JSON object member names write it.
-OstrelValue keyText(const OstrelValue& key, OstrelAlloc alloc) {
-  std::string text;
-  switch (key.kind) {
-    case OSTREL_INT:
-      text = std::to_string(key.i);
-      break;
-    case OSTREL_UINT:
-      text = std::to_string(key.u);
-      break;
-    case OSTREL_BOOL:
-      text = key.b ? "true" : "false";
-      break;
-    case OSTREL_STRING:
-      return key;
-    default:
-      throw BridgeError(OSTREL_INTERNAL, "map key of an unexpected kind");
-  }
-  OstrelValue out{};
-  out.kind = OSTREL_STRING;
-  out.data = copyOut(alloc, text);
-  out.size = text.size();
-  return out;
-}
-
-OstrelValue entryMember(const UnsafeSchematizedData& entry, const FieldSchemaDescribing& field,
-                        OstrelAlloc alloc) {
-  Reader reader(entry.bytes());
-  const FieldPathComponent component = FieldPathComponent::fieldNumber(field.fieldNumber());
-  const std::optional<detail::AnyValueImpl> value =
-      readValue(reader, std::span(&component, 1), field.type());
-  if (!value) return defaultValue(field.type(), alloc);
+// An element value as the caller's own copy: the element lives only during the call.
+OstrelValue elementValue(const AnyValue& value, OstrelAlloc alloc) {
   OstrelValue out;
-  convert(*value, OSTREL_MESSAGE_JSON, alloc, &out);
+  convert(value.impl(), OSTREL_MESSAGE_JSON, alloc, &out);
+  if (out.kind == OSTREL_BYTES) out.data = copyOut(alloc, std::string_view(out.data, out.size));
   return out;
 }
-
-bool packable(TypeSchemaDescription::Case kind) noexcept {
-  using Case = TypeSchemaDescription::Case;
-  return kind != Case::string && kind != Case::bytes && kind != Case::message;
-}
-
-// Every element of a repeated field in a message, one at a time, in the order of the bytes,
-// whatever mix of packed runs and single elements holds them. Elements borrow from the message.
-class ElementWalk {
- public:
-  ElementWalk(ByteView message, const FieldSchemaDescribing& field)
-      : type_(field.type()), number_(field.fieldNumber()), fields_(message) {}
-
-  std::optional<detail::AnyValueImpl> next() {
-    for (;;) {
-      if (run_) {
-        if (run_->hasMoreFields()) return decodePackedElement(*run_, type_);
-        run_.reset();
-      }
-      if (!fields_.hasMoreFields()) return std::nullopt;
-      // A record of many other fields can take long to step over.
-      if (++steps_ % kStepsPerCheck == 0) checkInterrupt();
-      const FieldTag tag = fields_.readTag();
-      if (tag.fieldNumber() != number_) {
-        fields_.skipField(tag);
-        // Skips do not check that the bytes they step over exist.
-        if (fields_.position() > fields_.size()) throw SerializationError::truncated();
-      } else if (tag.wireType() == ProtoWireType::lengthDelimited && packable(type_.kind())) {
-        // The run's own reader ends with the run: an element cut short fails instead of reading
-        // the bytes that follow.
-        run_.emplace(fields_.readLengthDelimited());
-      } else {
-        return decodeValue(fields_, type_, tag);
-      }
-    }
-  }
-
- private:
-  static constexpr uint64_t kStepsPerCheck = 4096;
-  const TypeSchemaDescription& type_;
-  int64_t number_;
-  Reader fields_;
-  std::optional<Reader> run_;
-  uint64_t steps_ = 0;
-};
 
 }  // namespace
 
@@ -511,8 +317,7 @@ struct OstrelSite {
 
 struct OstrelEach {
   std::shared_ptr<const Compiled> compiled;
-  // Empty when the record does not hold the message with the field.
-  std::optional<ElementWalk> walk;
+  RepeatedField::Elements elements;
 };
 
 extern "C" {
@@ -599,20 +404,8 @@ OstrelEach* ostrel_each_start(const OstrelSite* site, const char* record, size_t
                               OstrelError* error) {
   OstrelEach* each = nullptr;
   guarded(error, [&] {
-    auto walk = std::make_unique<OstrelEach>(OstrelEach{site->compiled, std::nullopt});
-    const Compiled& compiled = *walk->compiled;
-    ByteView holder = view(record, size);
-    if (!compiled.path.fieldPath.empty()) {
-      Reader reader(holder);
-      const std::optional<detail::AnyValueImpl> message = readValue(reader, compiled.path);
-      if (!message) {
-        each = walk.release();
-        return;
-      }
-      holder = message->messageValue().bytes();
-    }
-    walk->walk.emplace(holder, *compiled.repeated);
-    each = walk.release();
+    const Compiled& compiled = *site->compiled;
+    each = new OstrelEach{site->compiled, compiled.repeated->elements(view(record, size))};
   });
   return each;
 }
@@ -622,17 +415,16 @@ bool ostrel_each_next(OstrelEach* each, OstrelAlloc alloc, OstrelElement* elemen
   *element = OstrelElement{};
   *done = true;
   return guarded(error, [&] {
-    if (!each->walk) return;
-    std::optional<detail::AnyValueImpl> found = each->walk->next();
+    const std::optional<RepeatedField::Element> found = each->elements.next();
     if (!found) return;
     *done = false;
-    if (const auto& map = each->compiled->map) {
-      const UnsafeSchematizedData& entry = found->messageValue();
-      element->key = keyText(entryMember(entry, *map->key, alloc), alloc);
-      element->value = entryMember(entry, *map->value, alloc);
-    } else {
-      convert(*found, OSTREL_MESSAGE_JSON, alloc, &element->value);
+    if (found->key) {
+      const std::string key = found->keyText();
+      element->key.kind = OSTREL_STRING;
+      element->key.data = copyOut(alloc, key);
+      element->key.size = key.size();
     }
+    element->value = elementValue(found->value, alloc);
   });
 }
 

@@ -82,6 +82,9 @@ typedef enum OstrelKind {
 
 typedef struct OstrelValue {
   OstrelKind kind;
+  /* The library's name of the value's kind ("int32", "uint64", "string", ...), for error texts;
+   * NULL when absent. */
+  const char *case_name;
   int64_t i;
   uint64_t u;
   double d;

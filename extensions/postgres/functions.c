@@ -448,45 +448,20 @@ call_site(FunctionCallInfo fcinfo, OstrelSiteKind kind, text *type, text *path)
 	return cached->site;
 }
 
-static const char *
-kind_name(OstrelKind kind)
-{
-	switch (kind)
-	{
-		case OSTREL_INT:
-			return "a signed integer";
-		case OSTREL_UINT:
-			return "an unsigned integer";
-		case OSTREL_FLOAT:
-			return "a float";
-		case OSTREL_DOUBLE:
-			return "a double";
-		case OSTREL_BOOL:
-			return "a bool";
-		case OSTREL_ENUM:
-			return "an enum";
-		case OSTREL_STRING:
-			return "a string";
-		case OSTREL_BYTES:
-			return "bytes";
-		case OSTREL_MESSAGE:
-			return "a message";
-		default:
-			return "absent";
-	}
-}
+static void wrong_type(FunctionCallInfo fcinfo, const OstrelValue *value, const char *wanted,
+					   const char *hint) pg_attribute_noreturn();
 
-static void wrong_type(FunctionCallInfo fcinfo, const OstrelValue *value,
-					   const char *expected) pg_attribute_noreturn();
-
+/* A value of another kind than the function returns: the library's error for a typed read of the
+ * wrong kind, `wanted` naming the kind the function reads. */
 static void
-wrong_type(FunctionCallInfo fcinfo, const OstrelValue *value, const char *expected)
+wrong_type(FunctionCallInfo fcinfo, const OstrelValue *value, const char *wanted, const char *hint)
 {
 	ereport(ERROR,
 			(errcode(ERRCODE_DATATYPE_MISMATCH),
-			 errmsg("%s: the value at \"%s\" is %s, which %s",
-					get_func_name(fcinfo->flinfo->fn_oid),
-					text_to_cstring(PG_GETARG_TEXT_PP(2)), kind_name(value->kind), expected)));
+			 errmsg("unexpectedType: expected %s value, found %s", wanted, value->case_name),
+			 errdetail("%s reads \"%s\".", get_func_name(fcinfo->flinfo->fn_oid),
+					   text_to_cstring(PG_GETARG_TEXT_PP(2))),
+			 hint ? errhint("%s", hint) : 0));
 }
 
 /* Reads the value at the path argument; false when the record does not hold it. */
@@ -651,7 +626,7 @@ ostrel_p_get_bigint(PG_FUNCTION_ARGS)
 									   text_to_cstring(PG_GETARG_TEXT_PP(2)))));
 			PG_RETURN_INT64((int64) value.u);
 		default:
-			wrong_type(fcinfo, &value, "is not an integer (try p_get_double or p_get_text)");
+			wrong_type(fcinfo, &value, "int64", "Try p_get_double or p_get_text.");
 	}
 }
 
@@ -675,7 +650,7 @@ ostrel_p_get_numeric(PG_FUNCTION_ARGS)
 		case OSTREL_DOUBLE:
 			return DirectFunctionCall1(float8_numeric, Float8GetDatum(value.d));
 		default:
-			wrong_type(fcinfo, &value, "is not a number");
+			wrong_type(fcinfo, &value, "uint64", "Try p_get_text.");
 	}
 }
 
@@ -697,7 +672,7 @@ ostrel_p_get_double(PG_FUNCTION_ARGS)
 		case OSTREL_DOUBLE:
 			PG_RETURN_FLOAT8(value.d);
 		default:
-			wrong_type(fcinfo, &value, "is not a number");
+			wrong_type(fcinfo, &value, "double", "Try p_get_text.");
 	}
 }
 
@@ -710,7 +685,7 @@ ostrel_p_get_bool(PG_FUNCTION_ARGS)
 	if (!read_value(fcinfo, 0, &value))
 		PG_RETURN_NULL();
 	if (value.kind != OSTREL_BOOL)
-		wrong_type(fcinfo, &value, "is not a bool");
+		wrong_type(fcinfo, &value, "bool", NULL);
 	PG_RETURN_BOOL(value.b);
 }
 
@@ -768,7 +743,7 @@ ostrel_p_get_bytea(PG_FUNCTION_ARGS)
 	if (!read_value(fcinfo, 0, &value))
 		PG_RETURN_NULL();
 	if (value.kind != OSTREL_BYTES && value.kind != OSTREL_STRING && value.kind != OSTREL_MESSAGE)
-		wrong_type(fcinfo, &value, "is not bytes, a string or a message");
+		wrong_type(fcinfo, &value, "bytes", NULL);
 	result = palloc(value.size + VARHDRSZ);
 	SET_VARSIZE(result, value.size + VARHDRSZ);
 	memcpy(VARDATA(result), value.data, value.size);

@@ -10,7 +10,8 @@
 // - Read several paths from each of many records: Projection, in one pass per record; one scalar
 //   without an AnyValue: readInt64(bytes, path) and its siblings; a stream of length-prefixed
 //   records: DelimitedRecords (wire/schematizer.hpp).
-// - Iterate a repeated field: Schematizer::RepeatableFieldIterator.
+// - Iterate a repeated field or map by property path: RepeatedField(schema, "items").elements(
+//   bytes), a range over the record in place (paths/repeated_field.hpp).
 // - Build a message: MessageSchema::buildData.
 // - JSON: toJSON(data) and encodeJSON(schema, text) (output/json.hpp).
 // - SQL: buildProjection writes the query text; registerSqliteFunctions installs P_GET and the
@@ -24,6 +25,7 @@
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/logging.hpp"
+#include "ostrel/core/utf8.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
@@ -31,6 +33,7 @@
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/output/text_format.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/paths/repeated_field.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/reader.hpp"

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "ostrel/core/utf8.hpp"
 #include "ostrel/core/values.hpp"
 
 namespace ostrel::detail {
@@ -63,11 +64,3 @@ inline bool isUtf8(std::string_view text) noexcept {
 size_t decodeUtf8At(std::string_view text, size_t pos, char32_t& codePoint) noexcept;
 
 }  // namespace ostrel::detail
-
-namespace ostrel {
-
-// `bytes` as UTF-8 text, never rejected: each maximal subpart of an invalid sequence becomes one
-// U+FFFD, as browsers decode. Valid input is copied unchanged.
-std::string decodeUtf8Lossy(ByteView bytes);
-
-}  // namespace ostrel

@@ -19,7 +19,7 @@
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/json_input.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "output/wire_buffer.hpp"
 #include "wire/scalar_decoding.hpp"

@@ -21,7 +21,7 @@
 #include "ostrel/output/json.hpp"
 #include "ostrel/wire/reader.hpp"
 #include "output/field_type_table.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "wire/scalar_decoding.hpp"
 #include "wire/value_decoding.hpp"

@@ -4,7 +4,6 @@
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "output/map_entry.hpp"
 #include "store/proto_schema_store.hpp"
 
 namespace ostrel::detail {
@@ -98,53 +97,8 @@ std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,
                                                   std::optional<std::string_view> type,
                                                   std::string_view path) {
   const MessageSchema schema = schemaFor(schemas, type);
-  const std::vector<PropertyPathElement> elements = PropertyPathUtil::parse(path);
-  const PropertyPathElement& last = elements.back();
-  std::optional<FieldPathAndType> container;
-  std::shared_ptr<MessageSchemaDescribing> holder = schema.impl();
-  if (elements.size() > 1) {
-    // After a successful parse the last "." separates the holder's path from the field's name:
-    // names and indices hold no dots.
-    const std::string_view holderPath = path.substr(0, path.rfind('.'));
-    container = resolvePropertyPath(schema, holderPath);
-    if (container->type.kind() != TypeSchemaDescription::Case::message) {
-      throw SchematizerError::nonMessageTypeInKeypath();
-    }
-    holder = container->type.messageSchema();
-  }
-  std::shared_ptr<FieldSchemaDescribing> field = holder->fieldNamed(last.propertyName);
-  if (last.index || !field->isRepeated()) {
-    std::string text = "\"";
-    text += path;
-    text += "\" is not a repeated field: name one without an index";
-    throw SchematizerError::unexpectedType(text);
-  }
-  const FieldSchemaDescribing* mapKey = nullptr;
-  const FieldSchemaDescribing* mapValue = nullptr;
-  const TypeSchemaDescription& elementType = field->type();
-  if (elementType.kind() == TypeSchemaDescription::Case::message) {
-    if (const auto entry = mapEntryFields(*elementType.messageSchema())) {
-      mapKey = entry->key;
-      mapValue = entry->value;
-    }
-  }
-  return std::make_unique<ResolvedRepeated>(
-      ResolvedRepeated{schemas.store(), schema.name(), std::string(path), schemas.generation(),
-                       std::move(container), std::move(field), mapKey, mapValue});
-}
-
-std::optional<Schematizer::RepeatableFieldIterator> iterateElements(
-    ByteView record, const ResolvedRepeated& repeated) {
-  ByteView holder = record;
-  std::optional<detail::AnyValueImpl> found;
-  if (repeated.container) {
-    Reader reader(record);
-    found = readValue(reader, *repeated.container);
-    if (!found) return std::nullopt;
-    holder = found->messageValue().bytes();
-  }
-  return Schematizer::RepeatableFieldIterator(holder, repeated.field->fieldNumber(),
-                                              TypeSchema(repeated.field->type()));
+  return std::make_unique<ResolvedRepeated>(ResolvedRepeated{
+      schemas.store(), schema.name(), schemas.generation(), RepeatedField(schema, path)});
 }
 
 }  // namespace ostrel::detail

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "ostrel/manifest/manifest.hpp"
+#include "ostrel/paths/repeated_field.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "wire/field_path.hpp"
@@ -74,30 +75,19 @@ std::unique_ptr<ResolvedPath> resolvePath(const SqlSchemas& schemas,
                                           std::optional<std::string_view> type,
                                           std::string_view path);
 
-// A repeated field reached through a property path: the path to the message holding it (empty for
-// the record itself) and the field, with the key and value fields of its entries when it is a map.
+// A repeated field named by a property path, resolved against one message type, kept for the
+// rows of a statement with the store it was resolved against.
 struct ResolvedRepeated {
   SchemaStore store;
   std::string type;
-  std::string pathText;
   uint64_t generation = 0;
-  std::optional<FieldPathAndType> container;
-  std::shared_ptr<FieldSchemaDescribing> field;
-  const FieldSchemaDescribing* mapKey = nullptr;
-  const FieldSchemaDescribing* mapValue = nullptr;
+  RepeatedField field;
 };
 
 // Resolves a path whose last component names a repeated field, written without an index ("items",
-// "customer.tags"). Throws PropertyPathUtil::Error, SchematizerError for a path the schema does
-// not have, and SchematizerError::unexpectedType when the last field is not repeated.
+// "customer.tags"), as RepeatedField does, against `type` (the default type when absent).
 std::unique_ptr<ResolvedRepeated> resolveRepeated(const SqlSchemas& schemas,
                                                   std::optional<std::string_view> type,
                                                   std::string_view path);
-
-// The library's iterator over the elements of `repeated` in `record`, over a copy of the bytes of
-// the message holding the field; no value when the record does not hold that message. Throws the
-// errors of reading the way to it.
-std::optional<Schematizer::RepeatableFieldIterator> iterateElements(
-    ByteView record, const ResolvedRepeated& repeated);
 
 }  // namespace ostrel::detail

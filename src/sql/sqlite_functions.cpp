@@ -582,9 +582,11 @@ struct EachTable {
 
 struct EachCursor {
   sqlite3_vtab_cursor base{};
-  // The elements of the current call, one at a time; the iterator holds its own copy of the bytes.
-  std::optional<Schematizer::RepeatableFieldIterator> elements;
-  std::optional<AnyValue> current;
+  // The elements of the current call, one at a time, over a copy of the record (SQLite's
+  // arguments need not outlive the call that passed them).
+  Bytes record;
+  std::optional<RepeatedField::Elements> elements;
+  std::optional<RepeatedField::Element> current;
   int64_t row = 0;
   // The last resolution, reused while the type and path stay the same.
   std::unique_ptr<ResolvedRepeated> resolved;
@@ -674,13 +676,14 @@ int eachFilter(sqlite3_vtab_cursor* base, int count, const char*, int, sqlite3_v
         typed ? std::optional(textArgument(arguments[1])) : std::nullopt;
     const std::string_view path = textArgument(arguments[count - 1]);
     const ResolvedRepeated* cached = cursor->resolved.get();
-    if (!cached || cached->pathText != path ||
+    if (!cached || cached->field.path() != path ||
         (typed ? cached->type != *type : cached->generation != connection.schemas().generation())) {
       cursor->resolved = connection.withSchemas(
           [&](const SqlSchemas& schemas) { return resolveRepeated(schemas, type, path); });
     }
-    cursor->elements = iterateElements(recordArgument(arguments[0]), *cursor->resolved);
-    if (cursor->elements) cursor->current = cursor->elements->next();
+    cursor->record = toBytes(recordArgument(arguments[0]));
+    cursor->elements.emplace(cursor->resolved->field.elements(cursor->record));
+    cursor->current = cursor->elements->next();
     return SQLITE_OK;
   } catch (const std::bad_alloc&) {
     cursor->elements.reset();
@@ -709,33 +712,18 @@ int eachNext(sqlite3_vtab_cursor* base) {
 
 int eachEof(sqlite3_vtab_cursor* base) { return !reinterpret_cast<EachCursor*>(base)->current; }
 
-// The key or value field of a map entry; NULL when the entry leaves it out.
-void resultEntryField(sqlite3_context* context, const AnyValue& entry,
-                      const FieldSchemaDescribing& field) {
-  Reader reader(entry.messageValue().bytes());
-  const FieldPathComponent path[] = {FieldPathComponent::fieldNumber(field.fieldNumber())};
-  const std::optional<detail::AnyValueImpl> value = readValue(reader, path, field.type());
-  if (value) {
-    resultValue(context, *value);
-  } else {
-    sqlite3_result_null(context);
-  }
-}
-
 int eachColumn(sqlite3_vtab_cursor* base, sqlite3_context* context, int column) {
   const auto* cursor = reinterpret_cast<EachCursor*>(base);
   guarded(context, [&] {
-    const AnyValue& element = *cursor->current;
-    const ResolvedRepeated& resolved = *cursor->resolved;
+    const RepeatedField::Element& element = *cursor->current;
     switch (column) {
       case kIndex:
         return sqlite3_result_int64(context, static_cast<sqlite3_int64>(cursor->row));
       case kKey:
-        if (!resolved.mapKey) return sqlite3_result_null(context);
-        return resultEntryField(context, element, *resolved.mapKey);
+        if (!element.key) return sqlite3_result_null(context);
+        return resultValue(context, element.key->impl());
       case kValue:
-        if (resolved.mapValue) return resultEntryField(context, element, *resolved.mapValue);
-        return resultValue(context, element.impl());
+        return resultValue(context, element.value.impl());
       default:
         return sqlite3_result_null(context);
     }

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "wire/field_path.hpp"
+#include "wire/repeated_steps.hpp"
 #include "wire/scalar_decoding.hpp"
 #include "wire/value_decoding.hpp"
 
@@ -27,80 +28,51 @@ std::optional<AnyValue> Schematizer::value(ByteView data, std::span<const int64_
 
 Schematizer::RepeatableFieldIterator::RepeatableFieldIterator(OwnedData data, int64_t fieldNumber,
                                                               TypeSchema elementType, ReadMode mode)
-    : state_(IterationState{mode == ReadMode::exact
-                                ? std::optional<Bookmark>(Bookmark{ArrayType::regular, 0, 0})
-                                : std::nullopt,
-                            std::move(data), fieldNumber, std::move(elementType), mode}) {}
+    : state_(IterationState{detail::firstRepeatedBookmark(mode), std::move(data), fieldNumber,
+                            std::move(elementType), mode}) {}
 
 std::optional<AnyValue> Schematizer::RepeatableFieldIterator::next() {
   auto* iterating = std::get_if<IterationState>(&state_);
   if (!iterating) return std::nullopt;
-  // The elements of a packed run after its first, most of the work of iterating packed fields,
-  // are decoded here in place, without the general step's bookkeeping: the bookmark moves past an
-  // element only once it has decoded, so a failure leaves the state as it was.
-  if (iterating->bookmark && iterating->bookmark->arrayType == ArrayType::compacted) {
-    Bookmark& bookmark = *iterating->bookmark;
-    if (bookmark.compactedEndPosition <= bookmark.startPosition) {
-      if (iterating->mode == ReadMode::first) {
-        state_ = Done{};
-        return std::nullopt;
-      }
-      // Exact: the search goes on after the run.
-      bookmark = Bookmark{ArrayType::regular, 0, bookmark.compactedEndPosition};
-      return next();
-    }
-    Reader reader(iterating->data.view());
-    reader.setPosition(bookmark.startPosition);
-    reader.setEndPosition(bookmark.compactedEndPosition);
-    // The value is built straight into the result, once the element has been read.
-    return detail::decodeFixedEncodingAs(reader, iterating->type.description(), [&](auto value) {
-      // An element running over the run's end would hand out bytes of what follows the run.
-      if (reader.position() > bookmark.compactedEndPosition) {
-        throw SerializationError::malformedProtobuf();
-      }
-      bookmark.startPosition = reader.position();
-      return detail::optionalValue(std::move(value));
-    });
-  }
-  // The step works on the bookmark alone, so a failure leaves the state as it was.
-  const std::optional<Bookmark> before = iterating->bookmark;
-  std::optional<AnyValue> value;
-  try {
-    value = step(*iterating);
-  } catch (...) {
-    iterating->bookmark = before;
-    throw;
-  }
+  std::optional<AnyValue> value = detail::nextRepeatedElement(
+      iterating->data.view(), iterating->bookmark, iterating->fieldNumber,
+      iterating->type.description(), iterating->mode);
   if (!value) state_ = Done{};
   return value;
 }
 
-std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationState& state) const {
-  const TypeSchemaDescription& type = state.type.description();
-  Reader reader(state.data.view());
+namespace detail {
+namespace {
 
-  if (!state.bookmark) {
-    const FieldPathComponent path[] = {
-        FieldPathComponent::repeatableFieldNumber(state.fieldNumber, 0)};
+using ArrayType = Schematizer::RepeatableFieldIterator::ArrayType;
+
+std::optional<AnyValue> step(ByteView data, std::optional<RepeatedBookmark>& bookmarkSlot,
+                             int64_t fieldNumber, const TypeSchemaDescription& type,
+                             ReadMode mode) {
+  Reader reader(data);
+
+  if (!bookmarkSlot) {
+    const FieldPathComponent path[] = {FieldPathComponent::repeatableFieldNumber(fieldNumber, 0)};
     std::optional<detail::AnyValueImpl> first = readValue(reader, path, type);
-    Bookmark bookmark{ArrayType::regular, 0, reader.position()};
+    RepeatedBookmark bookmark{ArrayType::regular, 0, reader.position()};
     if (const auto end = reader.lastComponentCompactedArrayEndPosition()) {
       bookmark.arrayType = ArrayType::compacted;
       bookmark.compactedEndPosition = *end;
     }
-    state.bookmark = bookmark;
+    bookmarkSlot = bookmark;
     if (!first) return std::nullopt;
     return AnyValue::from(std::move(*first));
   }
 
-  // Past the first element, a packed run is read by next() itself; only tagged elements remain.
-  Bookmark& bookmark = *state.bookmark;
+  // Past the first element, a packed run is read by nextRepeatedElement itself; only tagged
+  // elements remain.
+  RepeatedBookmark& bookmark = *bookmarkSlot;
   reader.setPosition(bookmark.startPosition);
   if (!reader.hasMoreFields()) return std::nullopt;
   FieldTag tag = reader.readTag();
   for (;;) {
-    if (tag.fieldNumber() == state.fieldNumber) {
-      if (state.mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
+    if (tag.fieldNumber() == fieldNumber) {
+      if (mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
           !detail::hasFixedEncoding(type.kind())) {
         break;
       }
@@ -113,7 +85,7 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
         Reader run = reader.narrowed(start, end);
         detail::AnyValueImpl element = detail::decodeFixedEncoding(run, type);
         if (run.position() > end) throw SerializationError::malformedProtobuf();
-        bookmark = Bookmark{ArrayType::compacted, end, run.position()};
+        bookmark = RepeatedBookmark{ArrayType::compacted, end, run.position()};
         return AnyValue::from(std::move(element));
       }
     } else {
@@ -129,6 +101,48 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
   bookmark.startPosition = reader.position();
   return AnyValue::from(std::move(element));
 }
+
+}  // namespace
+
+std::optional<AnyValue> nextRepeatedElement(ByteView data,
+                                            std::optional<RepeatedBookmark>& bookmarkSlot,
+                                            int64_t fieldNumber, const TypeSchemaDescription& type,
+                                            ReadMode mode) {
+  // The elements of a packed run after its first, most of the work of iterating packed fields,
+  // are decoded here in place, without the general step's bookkeeping: the bookmark moves past an
+  // element only once it has decoded, so a failure leaves the state as it was.
+  if (bookmarkSlot && bookmarkSlot->arrayType == ArrayType::compacted) {
+    RepeatedBookmark& bookmark = *bookmarkSlot;
+    if (bookmark.compactedEndPosition <= bookmark.startPosition) {
+      if (mode == ReadMode::first) return std::nullopt;
+      // Exact: the search goes on after the run.
+      bookmark = RepeatedBookmark{ArrayType::regular, 0, bookmark.compactedEndPosition};
+      return nextRepeatedElement(data, bookmarkSlot, fieldNumber, type, mode);
+    }
+    Reader reader(data);
+    reader.setPosition(bookmark.startPosition);
+    reader.setEndPosition(bookmark.compactedEndPosition);
+    // The value is built straight into the result, once the element has been read.
+    return detail::decodeFixedEncodingAs(reader, type, [&](auto value) {
+      // An element running over the run's end would hand out bytes of what follows the run.
+      if (reader.position() > bookmark.compactedEndPosition) {
+        throw SerializationError::malformedProtobuf();
+      }
+      bookmark.startPosition = reader.position();
+      return detail::optionalValue(std::move(value));
+    });
+  }
+  // The step works on the bookmark alone, so a failure leaves the state as it was.
+  const std::optional<RepeatedBookmark> before = bookmarkSlot;
+  try {
+    return step(data, bookmarkSlot, fieldNumber, type, mode);
+  } catch (...) {
+    bookmarkSlot = before;
+    throw;
+  }
+}
+
+}  // namespace detail
 
 std::optional<int64_t> ProtoFirstOfHelper::firstOf(const std::set<int64_t>& fieldNumbers,
                                                    std::span<const int64_t> path, ByteView data) {

@@ -270,6 +270,8 @@ struct Reads {
   std::vector<std::string> expected;
   int present = 0;
   int iterated = 0;
+  // The outermost record, which iteration by path reads from.
+  const SchematizedData* root = nullptr;
 
   void add(std::string path, std::string answer) {
     present += answer != "absent";
@@ -313,6 +315,12 @@ void collectReads(const pb::Message& message, const SchematizedData& data,
       continue;
     }
     EXPECT_EQ(iterated, reachable) << path;
+    std::vector<std::string> byPath;
+    for (const auto& element :
+         RepeatedField(reads.root->messageSchema(), path).elements(reads.root->bytes())) {
+      byPath.push_back(canonical(element.value));
+    }
+    EXPECT_EQ(byPath, reachable) << path;
     for (size_t n = 0; n < reachable.size() + 2; ++n) {
       const std::string index = "[" + std::to_string(n) + "]";
       const std::string element = path + index;
@@ -453,6 +461,7 @@ class DifferentialTest : public ::testing::TestWithParam<Subject> {
   void compareReads(const MessageSchema& schema, const pb::Message& message,
                     const std::string& bytes, std::mt19937& damage, Reads& reads) {
     const SchematizedData data = schema.schematizedData(bytes);
+    reads.root = &data;
     collectReads(message, data, "", reads);
     const Projection projection(schema, reads.paths);
     ProjectionRow row = projection.makeRow();
@@ -777,7 +786,7 @@ struct PathRead {
 // not, and every element of its repeated fields but maps; the iteration of each repeated field is
 // compared on the spot. `data` is the message at `prefix`, as the exact read gives it.
 void exactReads(const pb::Message& parsed, const SchematizedData& data, const std::string& prefix,
-                std::vector<PathRead>& reads) {
+                std::vector<PathRead>& reads, const SchematizedData& root) {
   const auto* r = parsed.GetReflection();
   for (const Field* field : testing_support::fieldsAndExtensions(parsed.GetDescriptor())) {
     if (field->is_map()) continue;
@@ -801,7 +810,7 @@ void exactReads(const pb::Message& parsed, const SchematizedData& data, const st
       const bool has = r->HasField(parsed, field);
       reads.push_back({path, has ? expected(-1) : "absent", prototype});
       if (isMessage && has)
-        exactReads(r->GetMessage(parsed, field), nested(path), path + ".", reads);
+        exactReads(r->GetMessage(parsed, field), nested(path), path + ".", reads, root);
       continue;
     }
     const int size = r->FieldSize(parsed, field);
@@ -812,11 +821,18 @@ void exactReads(const pb::Message& parsed, const SchematizedData& data, const st
     for (const AnyValue& element : iterator) iterated.push_back(comparable(element, prototype));
     for (int i = 0; i < size; ++i) elements.push_back(expected(i));
     EXPECT_EQ(iterated, elements) << path;
+    std::vector<std::string> byPath;
+    for (const auto& element :
+         RepeatedField(root.messageSchema(), path).elements(root.bytes(), ReadMode::exact)) {
+      byPath.push_back(comparable(element.value, prototype));
+    }
+    EXPECT_EQ(byPath, elements) << path;
     for (int i = 0; i <= size; ++i) {
       const std::string element = path + "[" + std::to_string(i) + "]";
       reads.push_back({element, i < size ? elements[static_cast<size_t>(i)] : "absent", prototype});
       if (isMessage && i < size) {
-        exactReads(r->GetRepeatedMessage(parsed, field, i), nested(element), element + ".", reads);
+        exactReads(r->GetRepeatedMessage(parsed, field, i), nested(element), element + ".", reads,
+                   root);
       }
     }
   }
@@ -885,7 +901,7 @@ TEST(NonCanonicalDifferentialTest, RendersAndReadsExactlyAsLibprotobufParsesTheB
     ASSERT_TRUE(sameJson(json::parse(ours), json::parse(theirs))) << ours << "\n" << theirs;
 
     std::vector<PathRead> exact;
-    exactReads(*parsed, data, "", exact);
+    exactReads(*parsed, data, "", exact, data);
     std::vector<std::string> paths;
     for (const PathRead& read : exact) paths.push_back(read.path);
     const Projection projection(schema, paths, ReadMode::exact);

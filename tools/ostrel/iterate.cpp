@@ -1,6 +1,5 @@
 #include "ostrel/core/errors.hpp"
-#include "ostrel/paths/property_path.hpp"
-#include "ostrel/wire/schematizer.hpp"
+#include "ostrel/paths/repeated_field.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -15,7 +14,8 @@ elements are printed as they are read: a large field streams.
 
 PATH is a property path whose last component names a repeated field and has no index:
 items, or orders[2].items to go through element 2 of a repeated message field first. A field
-the message does not hold prints nothing.
+the message does not hold prints nothing. A map prints one {"key":K,"value":V} a line, an entry
+that leaves out its key or value holding the default there.
 
   -m, --message MSG       the message type of the data, fully qualified (e.g. shop.Order)
   -i, --input-file FILE   read the data from FILE rather than standard input; several -i
@@ -53,45 +53,26 @@ int run(Arguments& args, GlobalOptions& globals) {
 
   const LoadedSchemas schemas = loadSchemas(globals);
   const MessageSchema schema = input.schema(schemas);
-  const std::vector<PropertyPathElement> elements = PropertyPathUtil::parse(*path);
-  if (elements.back().index) {
-    throw ToolError(*path + ": the repeated field to iterate is named without an index");
-  }
-  // The parser accepted the path, so its last dot separates the containing message's path from
-  // the name of the repeated field.
-  const size_t lastDot = path->rfind('.');
-  const std::string prefix = lastDot == std::string::npos ? "" : path->substr(0, lastDot);
-
-  MessageSchema container = schema;
-  std::optional<FieldSchema> found;
-  try {
-    if (!prefix.empty()) {
-      const FieldPathAndType resolved = resolvePropertyPath(schema, prefix);
-      if (resolved.type.kind() != TypeSchemaDescription::Case::message) {
-        throw SchematizerError::nonMessageTypeInKeypath();
-      }
-      container = MessageSchema(resolved.type.messageSchema());
+  // The path is checked before any data is read.
+  const RepeatedField field = [&] {
+    try {
+      return RepeatedField(schema, *path);
+    } catch (const SchematizerError& error) {
+      throw ToolError(*path + ": " + error.what());
     }
-    found = container.fieldNamed(elements.back().propertyName);
-  } catch (const SchematizerError& error) {
-    throw ToolError(*path + ": " + error.what());
-  }
-  const FieldSchema& field = *found;
-  if (!field.isRepeated()) {
-    throw ToolError(*path + ": " + field.name() + " is not a repeated field of " +
-                    container.name());
-  }
+  }();
 
-  // The elements of one record, each handed to `emit` as JSON.
+  // The elements of one record, each handed to `emit` as JSON; a map's entries as
+  // {"key": ..., "value": ...}.
   const auto elementsOf = [&](ByteView record, const auto& emit) {
-    std::optional<AnyValue> containing;
-    if (!prefix.empty()) {
-      containing = UnsafeSchematizedData(schema.impl(), record).value(prefix, mode);
-      if (!containing) return;
-      record = containing->messageValue().bytes();
+    for (const RepeatedField::Element& element : field.elements(record, mode)) {
+      if (element.key) {
+        emit("{\"key\":" + valueJSON(*element.key) + ",\"value\":" + valueJSON(element.value) +
+             "}");
+      } else {
+        emit(valueJSON(element.value));
+      }
     }
-    Schematizer::RepeatableFieldIterator elements(record, field.fieldNumber(), field.type(), mode);
-    for (const AnyValue& element : elements) emit(valueJSON(element));
   };
 
   if (records.streams(input)) {

@@ -59,6 +59,10 @@ class Schematizer {
   static std::optional<AnyValue> value(ByteView data, std::span<const int64_t> fieldNumbers,
                                        const TypeSchema& type);
 
+  // The elements of the repeated field with a number at the top of one message, over a buffer of
+  // its own. (A repeated field named by a property path, nested or a map, read in place from the
+  // record: RepeatedField in ostrel/paths/repeated_field.hpp.)
+  //
   // Hands out the elements of one repeated field, one at a time, resuming where the previous
   // element ended: n elements cost one pass over the message. The encoding met at the field's
   // first occurrence fixes the iteration: a packed run is iterated to its end and later
@@ -134,8 +138,6 @@ class Schematizer {
     Iterator end() { return Iterator(); }
 
    private:
-    std::optional<AnyValue> step(IterationState& state) const;
-
     State state_;
   };
 };
