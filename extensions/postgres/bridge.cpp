@@ -19,9 +19,6 @@
 #include <vector>
 
 #include "ostrel/ostrel.hpp"
-#include "store/proto_schema_store.hpp"
-#include "wire/exact_read.hpp"
-#include "wire/field_path.hpp"
 
 using namespace ostrel;
 
@@ -136,7 +133,7 @@ struct Compiled {
 struct Backend {
   // Holds the types calls have named, with the types they refer to, loaded as they were first
   // named; the catalog only grows, so what the store holds stays right.
-  std::shared_ptr<ProtoSchemaStore> store;
+  std::optional<SchemaStore> store;
   // Compiled sites by kind, type and path; a bounded cache, emptied when it fills up.
   std::unordered_map<std::string, std::shared_ptr<const Compiled>> sites;
 };
@@ -214,7 +211,7 @@ std::shared_ptr<const Compiled> compile(OstrelSiteKind kind, std::string_view ty
 
   // The path stays empty for a message site and an each site.
   FieldPathAndType noPath{{}, TypeSchemaDescription::scalar(TypeSchemaDescription::Case::bytes)};
-  const SchemaStore store(state.store);
+  const SchemaStore store = *state.store;
   auto compiled = std::make_shared<Compiled>(
       Compiled{store, lookUpType(store, type), std::move(noPath), std::nullopt});
   if (kind == OSTREL_SITE_VALUE) {
@@ -227,8 +224,9 @@ std::shared_ptr<const Compiled> compile(OstrelSiteKind kind, std::string_view ty
   return compiled;
 }
 
-void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, OstrelValue* out) {
-  using Case = detail::AnyValueImpl::Case;
+// The value in the caller's memory.
+void convert(const AnyValue& in, int flags, OstrelAlloc alloc, OstrelValue* out) {
+  using Case = AnyValue::Case;
   *out = OstrelValue{};
   // The names are literals: NUL-terminated.
   out->case_name = caseName(in.kind()).data();
@@ -262,10 +260,10 @@ void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, Ostre
       out->b = in.boolValue();
       return;
     case Case::enum_: {
-      const detail::EnumValueImpl& value = in.enumValue();
+      const EnumValue& value = in.enumValue();
       out->kind = OSTREL_ENUM;
       out->i = value.number();
-      if (const std::string* name = value.type->findValueNameFor(out->i)) {
+      if (const std::optional<std::string> name = value.findName()) {
         out->data = copyOut(alloc, *name);
         out->size = name->size();
       }
@@ -279,34 +277,22 @@ void convert(const detail::AnyValueImpl& in, int flags, OstrelAlloc alloc, Ostre
       return;
     }
     case Case::bytes: {
-      const ByteView bytes = in.bytesValue().view();
+      const Bytes& bytes = in.bytesValue();
       out->kind = OSTREL_BYTES;
-      out->data = reinterpret_cast<const char*>(bytes.data());
+      out->data = copyOut(alloc, asText(bytes));
       out->size = bytes.size();
       return;
     }
     case Case::message: {
       out->kind = OSTREL_MESSAGE;
-      if (flags & OSTREL_MESSAGE_JSON) {
-        const std::string json = renderJSON(in.messageValue(), kStrictJson);
-        out->data = copyOut(alloc, json);
-        out->size = json.size();
-      } else {
-        const ByteView bytes = in.messageValue().bytes();
-        out->data = reinterpret_cast<const char*>(bytes.data());
-        out->size = bytes.size();
-      }
+      const std::string json = flags & OSTREL_MESSAGE_JSON
+                                   ? renderJSON(in.messageValue().unsafe(), kStrictJson)
+                                   : std::string(asText(in.messageValue().bytes()));
+      out->data = copyOut(alloc, json);
+      out->size = json.size();
       return;
     }
   }
-}
-
-// An element value as the caller's own copy: the element lives only during the call.
-OstrelValue elementValue(const AnyValue& value, OstrelAlloc alloc) {
-  OstrelValue out;
-  convert(value.impl(), OSTREL_MESSAGE_JSON, alloc, &out);
-  if (out.kind == OSTREL_BYTES) out.data = copyOut(alloc, std::string_view(out.data, out.size));
-  return out;
 }
 
 }  // namespace
@@ -341,13 +327,13 @@ bool ostrel_store_add(const char* const* definitions, const size_t* sizes, size_
     Backend& state = backend();
     std::vector<std::string> missing;
     if (!state.store) {
-      state.store = ProtoSchemaStore::make(manifest);
+      state.store.emplace(manifest);
       for (const std::string_view name : kOptionsMessages) missing.emplace_back(name);
     } else {
       state.store->add(manifest);
     }
     for (const std::string& name : referencedNames(manifest)) {
-      if (!state.store->hasMessageSchemaNamed(name) && !state.store->enumSchemas().contains(name)) {
+      if (!state.store->hasMessageSchemaNamed(name) && !state.store->hasEnumSchemaNamed(name)) {
         missing.push_back(name);
       }
     }
@@ -378,22 +364,11 @@ bool ostrel_read(const OstrelSite* site, const char* record, size_t size, int fl
                  OstrelAlloc alloc, OstrelValue* value, OstrelError* error) {
   return guarded(error, [&] {
     const Compiled& compiled = *site->compiled;
-    const ByteView bytes = view(record, size);
-    // A message merged from several occurrences lives here, not in the record: it is copied out.
-    Bytes merged;
-    std::optional<detail::AnyValueImpl> found;
-    if (flags & OSTREL_EXACT) {
-      found = detail::readValueExact(*compiled.schema.impl(), bytes, compiled.path.fieldPath,
-                                     compiled.path.type, merged);
-    } else {
-      Reader reader(bytes);
-      found = readValue(reader, compiled.path);
-    }
+    const std::optional<AnyValue> found =
+        UnsafeSchematizedData(compiled.schema.impl(), view(record, size))
+            .value(compiled.path, flags & OSTREL_EXACT ? ReadMode::exact : ReadMode::first);
     if (found) {
       convert(*found, flags, alloc, value);
-      if (!merged.empty() && value->kind == OSTREL_MESSAGE && !(flags & OSTREL_MESSAGE_JSON)) {
-        value->data = copyOut(alloc, std::string_view(value->data, value->size));
-      }
     } else {
       *value = OstrelValue{};
     }
@@ -424,7 +399,7 @@ bool ostrel_each_next(OstrelEach* each, OstrelAlloc alloc, OstrelElement* elemen
       element->key.data = copyOut(alloc, key);
       element->key.size = key.size();
     }
-    element->value = elementValue(found->value, alloc);
+    convert(found->value, OSTREL_MESSAGE_JSON, alloc, &element->value);
   });
 }
 

@@ -89,7 +89,7 @@ typedef struct OstrelValue {
   uint64_t u;
   double d;
   bool b;
-  /* Borrowed from the record for bytes and encoded messages, else allocated. */
+  /* In the caller's memory. */
   const char *data;
   size_t size;
 } OstrelValue;

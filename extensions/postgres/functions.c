@@ -476,7 +476,6 @@ read_value(FunctionCallInfo fcinfo, int flags, OstrelValue *value)
 
 	if (PG_NARGS() > 3 && PG_GETARG_BOOL(3))
 		flags |= OSTREL_EXACT;
-	/* Bytes and encoded messages in *value borrow from the detoasted record, which lives on. */
 	if (!ostrel_read(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record), flags,
 					 alloc_in_current_context, value, &error))
 		raise_failure(&error);

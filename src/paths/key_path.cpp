@@ -100,6 +100,13 @@ std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path, Rea
   return value(path);
 }
 
+std::optional<AnyValue> UnsafeSchematizedData::value(const FieldPathAndType& path,
+                                                     ReadMode mode) const {
+  if (mode == ReadMode::exact) return readExact(*schema_, bytes_, path);
+  Reader reader(bytes_);
+  return toOwned(readValue(reader, path));
+}
+
 std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath,
                                                      ReadMode mode) const {
   if (mode == ReadMode::exact) {

@@ -36,7 +36,7 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   // left alone once materialised, so that no schema handed out ever changes: the result is then
   // false, and a caller that needs the new fields makes a new store. Unlike every other member,
   // not while another thread uses the store: a host adds between the reads of one connection.
-  bool add(const SchemaManifest& manifest);
+  bool add(const SchemaManifest& manifest) override;
 
   // Schemas refer to each other strongly (a field to its type, a schema to its options' schema),
   // so recursive types form reference cycles. When the store goes, the references that close a
@@ -47,6 +47,7 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   std::set<std::string> messageSchemaNames() const override;
   std::set<std::string> enumSchemaNames() const override;
   bool hasMessageSchemaNamed(std::string_view name) const override;
+  bool hasEnumSchemaNamed(std::string_view name) const override;
   // Throws SchematizerError::schemaNotFound, or the error of creating the schema (the entry then
   // stays in manifest form and the next lookup tries again).
   std::shared_ptr<MessageSchemaDescribing> messageSchema(std::string_view name) const override;

@@ -103,6 +103,10 @@ SchematizedData MessageSchema::buildData(const ValueForField& valueForField) con
   });
 }
 
+bool SchemaStoreDescribing::add(const SchemaManifest&) {
+  throw SchematizerError::internalError("Unsupported add");
+}
+
 SchemaStore::SchemaStore(const SchemaManifest& manifest)
     : impl_(ProtoSchemaStore::make(manifest)) {}
 

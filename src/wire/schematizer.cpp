@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "ostrel/core/interrupts.hpp"
 #include "wire/field_path.hpp"
 #include "wire/repeated_steps.hpp"
 #include "wire/scalar_decoding.hpp"
@@ -70,6 +71,7 @@ std::optional<AnyValue> step(ByteView data, std::optional<RepeatedBookmark>& boo
   reader.setPosition(bookmark.startPosition);
   if (!reader.hasMoreFields()) return std::nullopt;
   FieldTag tag = reader.readTag();
+  uint32_t skipped = 0;
   for (;;) {
     if (tag.fieldNumber() == fieldNumber) {
       if (mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
@@ -90,6 +92,8 @@ std::optional<AnyValue> step(ByteView data, std::optional<RepeatedBookmark>& boo
       }
     } else {
       reader.skipField(tag);
+      // A record of many other fields can take long to step over.
+      if ((++skipped & 4095) == 0) detail::pollInterrupt();
     }
     if (!reader.hasMoreFields()) {
       bookmark.startPosition = reader.position();

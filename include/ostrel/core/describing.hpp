@@ -133,6 +133,14 @@ class SchemaStoreDescribing {
   virtual bool hasMessageSchemaNamed(std::string_view name) const {
     return messageSchemaNames().contains(std::string(name));
   }
+  // Whether enumSchemaNames() holds `name`; stores override this with a direct lookup.
+  virtual bool hasEnumSchemaNamed(std::string_view name) const {
+    return enumSchemaNames().contains(std::string(name));
+  }
+
+  // Adds the messages and enums of `manifest` (see SchemaStore::add). A store that cannot grow
+  // throws SchematizerError::internalError("Unsupported add").
+  virtual bool add(const SchemaManifest& manifest);
 
   // The options messages of descriptor.proto, as far as this store knows them.
   bool hasMessageOptionsSchema() const;

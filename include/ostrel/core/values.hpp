@@ -123,6 +123,9 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
   // Reads the value at a property path such as "a.b[2].c", as SchematizedData::value does.
   std::optional<AnyValue> value(std::string_view propertyPath,
                                 ReadMode mode = ReadMode::first) const;
+  // Reads the value at a field path resolved beforehand, as SchematizedData::value does.
+  std::optional<AnyValue> value(const FieldPathAndType& path,
+                                ReadMode mode = ReadMode::first) const;
 
  private:
   std::shared_ptr<MessageSchemaDescribing> schema_;

@@ -203,6 +203,19 @@ class SchemaStore {
   }
   // Throws SchematizerError::enumNotFound, or the error of creating the schema.
   EnumSchema enumSchema(std::string_view name) const { return EnumSchema(impl_->enumSchema(name)); }
+  // Whether the store holds a message (an enum) of that name, without creating its schema.
+  bool hasMessageSchemaNamed(std::string_view name) const {
+    return impl_->hasMessageSchemaNamed(name);
+  }
+  bool hasEnumSchemaNamed(std::string_view name) const { return impl_->hasEnumSchemaNamed(name); }
+
+  // Adds the messages and enums of `manifest`, costing what it adds however much the store holds:
+  // for hosts that register or load definitions as they go (a database's catalog). A name the
+  // store holds gains what `manifest` adds to it until its schema is first looked up; after that
+  // the schema handed out never changes, and the result is false (a host that needs the new fields
+  // makes a new store). Not while another thread uses the store. Throws
+  // SchematizerError::internalError("Unsupported add") for a store that cannot grow.
+  bool add(const SchemaManifest& manifest) { return impl_->add(manifest); }
 
  private:
   std::shared_ptr<SchemaStoreDescribing> impl_;
