@@ -1,7 +1,7 @@
 // Exported streams read by an independent consumer: DuckDB's C API imports each ArrowArrayStream as
-// a view and answers SQL over it. Every Arrow type the columns produce is taken by DuckDB, the cells
-// it returns are the single reads of their paths, a stream outlives its projection, schema and
-// store, and a failing record fails the query with its number and byte offset.
+// a view and answers SQL over it. Every Arrow type the columns produce is taken by DuckDB, the
+// cells it returns are the single reads of their paths, a stream outlives its projection, schema
+// and store, and a failing record fails the query with its number and byte offset.
 
 #include <duckdb.h>
 #include <gtest/gtest.h>
@@ -27,9 +27,10 @@ class DuckDB {
     duckdb_close(&database_);
   }
 
-  // Reads `stream` whole into the table `name`, or returns the error; the stream stays ours. The view that
-  // duckdb_arrow_scan makes pushes a query's projection down to a stream made by a factory that
-  // does not apply it (DuckDB 1.4), reading the wrong children: only SELECT * reads it right.
+  // Reads `stream` whole into the table `name`, or returns the error; the stream stays ours. The
+  // view that duckdb_arrow_scan makes pushes a query's projection down to a stream made by a
+  // factory that does not apply it (DuckDB 1.4), reading the wrong children: only SELECT * reads it
+  // right.
   std::string scan(const std::string& name, ArrowArrayStream& stream) {
     EXPECT_EQ(duckdb_arrow_scan(connection_, (name + "_stream").c_str(),
                                 reinterpret_cast<duckdb_arrow_stream>(&stream)),
@@ -40,7 +41,8 @@ class DuckDB {
   }
 
   // The cells of a query as text ("NULL" for null), row by row; the error text if it fails.
-  std::vector<std::vector<std::string>> query(const std::string& sql, std::string* error = nullptr) {
+  std::vector<std::vector<std::string>> query(const std::string& sql,
+                                              std::string* error = nullptr) {
     duckdb_result result;
     std::vector<std::vector<std::string>> rows;
     if (duckdb_query(connection_, sql.c_str(), &result) != DuckDBSuccess) {
@@ -109,10 +111,21 @@ TEST(ColumnsDuckDBTest, DuckDBReadsEveryColumnTypeAsTheSingleReadsGiveIt) {
     bools += message.repeats().r_bool_size();
   }
   // Every field of the schema, as leaves, lists, dictionaries, maps and structs.
-  const std::vector<std::string> paths = {
-      "scalars", "repeats",   "mid",    "mids",   "name",      "number", "chosen",
-      "counts",  "leaves_by_id", "maybe", "color", "tail.note", "mids[*].note",
-      "scalars.f_int64", "scalars.f_uint32"};
+  const std::vector<std::string> paths = {"scalars",
+                                          "repeats",
+                                          "mid",
+                                          "mids",
+                                          "name",
+                                          "number",
+                                          "chosen",
+                                          "counts",
+                                          "leaves_by_id",
+                                          "maybe",
+                                          "color",
+                                          "tail.note",
+                                          "mids[*].note",
+                                          "scalars.f_int64",
+                                          "scalars.f_uint32"};
   ColumnOptions options;
   options.batchRows = 64;
   const ColumnProjection projection(schema, paths, options);
@@ -123,7 +136,8 @@ TEST(ColumnsDuckDBTest, DuckDBReadsEveryColumnTypeAsTheSingleReadsGiveIt) {
   ASSERT_EQ(duck.scan("rich", stream), "");
   const auto rows = duck.query(
       "SELECT \"scalars.f_int64\", \"scalars.f_uint32\", color, \"tail.note\", len(mids), "
-      "coalesce(array_to_string(\"mids[*].note\", '|'), ''), cardinality(counts), scalars.f_int64, maybe, "
+      "coalesce(array_to_string(\"mids[*].note\", '|'), ''), cardinality(counts), scalars.f_int64, "
+      "maybe, "
       "len(repeats.r_bool) FROM rich");
   ASSERT_EQ(rows.size(), records.size());
   int64_t bits = 0;
@@ -187,9 +201,10 @@ TEST(ColumnsDuckDBTest, AStreamOutlivesItsProjectionSchemaAndStore) {
   ASSERT_FALSE(expected.empty());
   DuckDB duck;
   ASSERT_EQ(duck.scan("orders", stream), "");
-  EXPECT_EQ(duck.query("SELECT id, \"customer.name\", state, "
-                       "coalesce(array_to_string(list_transform(items, i -> i.sku), '|'), ''), len(items) "
-                       "FROM orders"),
+  EXPECT_EQ(duck.query(
+                "SELECT id, \"customer.name\", state, "
+                "coalesce(array_to_string(list_transform(items, i -> i.sku), '|'), ''), len(items) "
+                "FROM orders"),
             expected);
   stream.release(&stream);
 }
