@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     // key and value), in one pass over the record, in place.
     const ostrel::RepeatedField items(order, "items");
     for (const ostrel::RepeatedField::Element& item : items.elements(data.bytes())) {
-      std::cout << "item: " << ostrel::toJSON(item.value.messageValue()) << "\n";
+      std::cout << "item: " << ostrel::renderJSON(item.value.messageValue()) << "\n";
     }
     const ostrel::RepeatedField attributes(order, "attributes");  // map<string, string>
     for (const auto& [key, value] : attributes.elements(data.bytes())) {
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
           if (field.name() == "name") return {std::string("Edsger Dijkstra")};
           return {};
         });
-    std::cout << "built: " << ostrel::toJSON(built) << "\n";
+    std::cout << "built: " << ostrel::renderJSON(built) << "\n";
   } catch (const ostrel::Error& error) {
     std::cerr << "tour: " << error.what() << "\n";
     return 1;
