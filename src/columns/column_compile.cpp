@@ -6,7 +6,7 @@
 
 #include "columns/column_plan.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 
 namespace ostrel::detail {

@@ -4,7 +4,6 @@
 
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "store/proto_schema_store.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -56,8 +55,7 @@ size_t SqlSchemas::add(const SchemaManifest& incoming) {
   if (fresh.messages.empty() && fresh.enums.empty()) return registered_.messages.size();
   // New names go into the store as they are, keeping every schema materialised so far; only a
   // materialised name the store holds already (a built-in type gaining fields) needs a new store.
-  auto* proto = dynamic_cast<ProtoSchemaStore*>(store_.impl().get());
-  if (!proto || !proto->add(fresh)) {
+  if (!store_.add(fresh)) {
     SchemaManifest merged = registered_;
     merged.merge(fresh, MergePolicy::requireEqual);
     store_ = SchemaStore(merged);

@@ -30,6 +30,7 @@
 #include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cctype>
 #include <cstring>
@@ -279,6 +280,25 @@ struct Reads {
   }
 };
 
+std::string deterministic(const pb::Message& message) {
+  std::string bytes;
+  pb::io::StringOutputStream stream(&bytes);
+  pb::io::CodedOutputStream coded(&stream);
+  coded.SetSerializationDeterministic(true);
+  message.SerializePartialToCodedStream(&coded);
+  return bytes;
+}
+
+// A message value as comparable text: parsed by libprotobuf and written deterministically, so that
+// a merged message (the payloads of its occurrences one after the other) compares with the message
+// libprotobuf merged.
+std::string comparable(const std::optional<AnyValue>& value, const pb::Message* prototype) {
+  if (!value || value->kind() != AnyValue::Case::message) return canonical(value);
+  const std::unique_ptr<pb::Message> parsed(prototype->New());
+  EXPECT_TRUE(parsed->ParsePartialFromString(std::string(asText(value->messageValue().bytes()))));
+  return "message:" + deterministic(*parsed);
+}
+
 // Walks `message` and the library's view of its bytes together: collects each field's paths and
 // answers, and compares each repeated field's iteration on the spot.
 void collectReads(const pb::Message& message, const SchematizedData& data,
@@ -309,16 +329,44 @@ void collectReads(const pb::Message& message, const SchematizedData& data,
     std::vector<std::string> iterated;
     for (const AnyValue& element : iterator) iterated.push_back(canonical(element));
     reads.iterated += static_cast<int>(iterated.size());
-    if (field->is_map()) {  // entries in the order of their keys' hashes: compared as sets
-      EXPECT_EQ(sortedEntries(field, iterated), sortedEntries(field, reachable)) << path;
-      continue;
-    }
-    EXPECT_EQ(iterated, reachable) << path;
+    // A map's message values compare as libprotobuf writes them deterministically: their own
+    // maps are in no set order.
+    const Field* mapValue = field->is_map() ? field->message_type()->map_value() : nullptr;
+    const pb::Message* valuePrototype =
+        mapValue && mapValue->cpp_type() == Field::CPPTYPE_MESSAGE
+            ? pb::MessageFactory::generated_factory()->GetPrototype(mapValue->message_type())
+            : nullptr;
     std::vector<std::string> byPath;
     for (const auto& element :
          RepeatedField(reads.root->messageSchema(), path).elements(reads.root->bytes())) {
-      byPath.push_back(canonical(element.value));
+      byPath.push_back(element.key
+                           ? element.keyText() + "=" + comparable(element.value, valuePrototype)
+                           : canonical(element.value));
     }
+    if (field->is_map()) {  // entries in the order of their keys' hashes: compared as sets
+      EXPECT_EQ(sortedEntries(field, iterated), sortedEntries(field, reachable)) << path;
+      const MessageSchema entry = *schema.type().messageSchema();
+      std::vector<std::string> entries;
+      for (int i = 0; i < r->FieldSize(message, field); ++i) {
+        const pb::Message& pair = r->GetRepeatedMessage(message, field, i);
+        const RepeatedField::Element expected{
+            testing_support::reflectedValue(pair, field->message_type()->map_key(), -1,
+                                            entry.fieldWithNumber(1).type()),
+            valuePrototype ? AnyValue("")
+                           : testing_support::reflectedValue(pair, mapValue, -1,
+                                                             entry.fieldWithNumber(2).type())};
+        entries.push_back(
+            expected.keyText() + "=" +
+            (valuePrototype
+                 ? "message:" + deterministic(pair.GetReflection()->GetMessage(pair, mapValue))
+                 : canonical(expected.value)));
+      }
+      std::sort(byPath.begin(), byPath.end());
+      std::sort(entries.begin(), entries.end());
+      EXPECT_EQ(byPath, entries) << path;
+      continue;
+    }
+    EXPECT_EQ(iterated, reachable) << path;
     EXPECT_EQ(byPath, reachable) << path;
     for (size_t n = 0; n < reachable.size() + 2; ++n) {
       const std::string index = "[" + std::to_string(n) + "]";
@@ -756,25 +804,6 @@ class Scrambler {
 
   std::mt19937 rng_;
 };
-
-std::string deterministic(const pb::Message& message) {
-  std::string bytes;
-  pb::io::StringOutputStream stream(&bytes);
-  pb::io::CodedOutputStream coded(&stream);
-  coded.SetSerializationDeterministic(true);
-  message.SerializePartialToCodedStream(&coded);
-  return bytes;
-}
-
-// A message value as comparable text: parsed by libprotobuf and written deterministically, so that
-// a merged message (the payloads of its occurrences one after the other) compares with the message
-// libprotobuf merged.
-std::string comparable(const std::optional<AnyValue>& value, const pb::Message* prototype) {
-  if (!value || value->kind() != AnyValue::Case::message) return canonical(value);
-  const std::unique_ptr<pb::Message> parsed(prototype->New());
-  EXPECT_TRUE(parsed->ParsePartialFromString(std::string(asText(value->messageValue().bytes()))));
-  return "message:" + deterministic(*parsed);
-}
 
 struct PathRead {
   std::string path;
