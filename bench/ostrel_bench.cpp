@@ -40,6 +40,7 @@
 #include "ostrel/manifest/typed_import.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "report.hpp"
@@ -687,10 +688,10 @@ uint64_t tenByHand(const Workload& w) {
 
 // The library's stream API: every record of the stream split off and projected.
 uint64_t ordersByProjection(Many& many) {
-  DelimitedRecords records(asBytes(many.stream));
+  RecordStream records(asBytes(many.stream), Framing::varint);
   uint64_t sum = 0;
-  while (const std::optional<ByteView> record = records.next()) {
-    many.orders.read(*record, many.orderRow);
+  while (const std::optional<Record> record = records.next()) {
+    many.orders.read(*record->bytes, many.orderRow);
     const ProjectionRow& row = many.orderRow;
     sum += row.uint64Value(0).value_or(0) + row.payload(1).value_or(ByteView()).size() +
            static_cast<uint64_t>(row.int64Value(2).value_or(0));

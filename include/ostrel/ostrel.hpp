@@ -8,8 +8,9 @@
 // - Read values: schema.schematizedData(bytes).value("a.b[2].c"); for many records, resolve the
 //   path once with resolvePropertyPath and read with data.value(path) (wire/schematizer.hpp).
 // - Read several paths from each of many records: Projection, in one pass per record; one scalar
-//   without an AnyValue: readInt64(bytes, path) and its siblings; a stream of length-prefixed
-//   records: DelimitedRecords (wire/schematizer.hpp).
+//   without an AnyValue: readInt64(bytes, path) and its siblings; a stream of records
+//   (length-prefixed, kcat's, one per input) and Confluent's envelope: RecordStream and
+//   decodeConfluent (records/records.hpp).
 // - Iterate a repeated field: Schematizer::RepeatableFieldIterator.
 // - Build a message: MessageSchema::buildData.
 // - JSON: toJSON(data) and encodeJSON(schema, text) (output/json.hpp).
@@ -31,6 +32,7 @@
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/output/text_format.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/reader.hpp"

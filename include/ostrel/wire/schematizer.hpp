@@ -154,9 +154,9 @@ class ProtoFirstOfHelper {
 };
 
 // Reading many values from many records: a projection reads a set of property paths from a record
-// in one pass over its bytes; typed reads return one scalar without building an AnyValue; and
-// DelimitedRecords splits a stream of length-prefixed records. All three borrow the record's bytes
-// and allocate nothing for scalar values.
+// in one pass over its bytes, and typed reads return one scalar without building an AnyValue. Both
+// borrow the record's bytes and allocate nothing for scalar values. Splitting a stream into
+// records is ostrel/records/records.hpp's job.
 
 namespace detail {
 struct ProjectionPlan;
@@ -283,27 +283,5 @@ std::optional<float> readFloat(ByteView data, const FieldPathAndType& path);
 std::optional<double> readDouble(ByteView data, const FieldPathAndType& path);
 std::optional<bool> readBool(ByteView data, const FieldPathAndType& path);
 std::optional<int64_t> readEnumNumber(ByteView data, const FieldPathAndType& path);
-
-// Records one after another, each preceded by its length as a varint (as writeDelimitedTo writes
-// them). The records borrow from the stream: valid while its buffer is alive and unchanged.
-class DelimitedRecords {
- public:
-  explicit DelimitedRecords(ByteView stream) noexcept : stream_(stream) {}
-
-  // The next record, or no value at the end of the stream. A length prefix that is malformed or
-  // claims more bytes than are left throws SerializationError::malformedProtobuf or truncated;
-  // the stream cannot be followed past it, and every later call throws the same.
-  std::optional<ByteView> next();
-
-  // Where the next record's length prefix starts (the end of the stream once it is used up).
-  int64_t position() const noexcept { return position_; }
-  // How many records next() has returned.
-  int64_t count() const noexcept { return count_; }
-
- private:
-  ByteView stream_;
-  int64_t position_ = 0;
-  int64_t count_ = 0;
-};
 
 }  // namespace ostrel

@@ -1,0 +1,139 @@
+#pragma once
+
+// Record streams: how encoded messages follow one another in a file, a pipe or a Kafka topic, and
+// the envelope Confluent's serializers put around a message.
+//
+//     RecordStream stream(bytes, Framing::u32be);
+//     while (std::optional<Record> record = stream.next()) {
+//       if (!record->bytes) continue;  // a null record
+//       const ConfluentEnvelope envelope = decodeConfluent(*record->bytes);
+//       read(envelope.schemaId, envelope.indexes, envelope.payload);
+//     }
+//
+// Everything returned borrows from the stream's buffer: valid while it is alive and unchanged.
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/core/errors.hpp"
+#include "ostrel/core/values.hpp"
+
+namespace ostrel {
+
+enum class FramingErrorCode : uint8_t {
+  // The stream ends inside a length prefix or a record: more bytes could complete it.
+  truncated,
+  // A length prefix no writer makes: a varint over ten bytes or beyond 2^31-1, a u32be length
+  // below -1.
+  malformedLength,
+  // A Confluent envelope that does not start with magic byte 0 or 1; the text is the byte.
+  wrongMagic,
+  // A Confluent message-index path that is malformed: a count or index that is negative, runs
+  // off the record or is not a varint.
+  malformedIndexes,
+};
+
+// A fault in the framing of a record stream or in a Confluent envelope.
+class FramingError final : public detail::CaseError<FramingErrorCode> {
+ public:
+  static FramingError truncated() { return FramingError(Code::truncated, ""); }
+  static FramingError malformedLength() { return FramingError(Code::malformedLength, ""); }
+  static FramingError wrongMagic(std::string byte) {
+    return FramingError(Code::wrongMagic, std::move(byte));
+  }
+  static FramingError malformedIndexes() { return FramingError(Code::malformedIndexes, ""); }
+
+ private:
+  FramingError(Code code, std::string text);
+};
+
+std::string_view caseName(FramingErrorCode code) noexcept;
+
+// How records follow one another in a stream.
+enum class Framing : uint8_t {
+  // Each record preceded by its length as a varint (protobuf's writeDelimitedTo).
+  varint,
+  // Each record preceded by its length as a big-endian signed 32-bit integer, -1 for a null
+  // record (kcat -f '%R%s').
+  u32be,
+  // The whole stream is one record.
+  single,
+};
+
+// Parses "varint", "u32be" or "single".
+std::optional<Framing> findFraming(std::string_view name) noexcept;
+
+// One record of a stream.
+struct Record {
+  // Where the record starts in the stream: at its length prefix, if it has one.
+  int64_t offset = 0;
+  // The record's bytes; no value for a null record (a Kafka tombstone, written as length -1).
+  std::optional<ByteView> bytes;
+};
+
+// Splits a stream into records, front to back.
+class RecordStream {
+ public:
+  RecordStream(ByteView stream, Framing framing) noexcept : stream_(stream), framing_(framing) {}
+
+  // The next record, or no value at the end of the stream. A single stream is one record, even
+  // when empty. A length prefix that is malformed, or a prefix or record cut off by the end of the
+  // stream, throws FramingError (malformedLength or truncated) and leaves position() at the
+  // prefix: the stream cannot be followed past it, and every later call throws the same.
+  std::optional<Record> next();
+
+  // Where the next record starts (the end of the stream once it is used up).
+  int64_t position() const noexcept { return position_; }
+  // How many records next() has returned.
+  int64_t count() const noexcept { return count_; }
+
+ private:
+  ByteView stream_;
+  Framing framing_;
+  int64_t position_ = 0;
+  int64_t count_ = 0;
+};
+
+// How a Confluent envelope writes its message-index path: as zigzag varints (Confluent's Java,
+// Go and .NET serializers, and Python's from 2.0), or as unsigned varints (the deprecated form
+// older Python serializers write).
+enum class ConfluentIndexForm : uint8_t { zigzag, unsignedVarint };
+
+// Which schema of a registry a record was written with: a registry id (magic byte 0) or a schema
+// GUID (magic byte 1), and which message of the schema's file: the index of a top-level message,
+// then of a nested message inside it, and so on.
+struct ConfluentSchemaId {
+  std::optional<int32_t> id;
+  std::optional<std::array<std::byte, 16>> guid;
+  // Never empty: an envelope without a path means the first top-level message, {0}.
+  std::vector<int32_t> indexes;
+
+  // The id in decimal, or the GUID as 8-4-4-4-12 lowercase hex.
+  std::string idText() const;
+};
+
+// A value as a Confluent serializer writes it: the schema's id and message path, then the encoded
+// message.
+struct ConfluentEnvelope {
+  ConfluentSchemaId schema;
+  ByteView payload;
+};
+
+// Splits `value` into its envelope and payload: magic byte 0 and a 4-byte big-endian id, or magic
+// byte 1 and a 16-byte GUID; then the message-index path (a count, then the indexes; a count of 0
+// is the path {0}); the rest is the payload. Throws FramingError: truncated when the value ends
+// before its path does, wrongMagic for another first byte, malformedIndexes for a bad path.
+ConfluentEnvelope decodeConfluent(ByteView value,
+                                  ConfluentIndexForm form = ConfluentIndexForm::zigzag);
+
+// The schema id of a record whose value is a bare message, from its __value_schema_id header
+// (Confluent 8): the same id, GUID and path as an envelope, and nothing after them. Throws as
+// decodeConfluent, and FramingError::malformedIndexes for bytes after the path.
+ConfluentSchemaId decodeConfluentHeader(ByteView header,
+                                        ConfluentIndexForm form = ConfluentIndexForm::zigzag);
+
+}  // namespace ostrel
