@@ -6,6 +6,7 @@
 #include <csignal>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "tool.hpp"
 
@@ -73,7 +74,13 @@ Consumer makeConsumer(const KafkaOptions& options) {
   // librdkafka's consumer wants a group even for partitions it is assigned; without --group the
   // offsets read are never committed, so the name is never used.
   set("group.id", options.group.value_or("ostrel"));
-  if (!options.group) set("enable.auto.commit", "false");
+  if (!options.group) {
+    set("enable.auto.commit", "false");
+    set("enable.auto.offset.store", "false");
+  }
+  // Fetching pauses while this many records wait in the consumer's queue, which all partitions
+  // share: librdkafka's 100,000 stalls a reader of many partitions that keeps up.
+  set("queued.min.messages", "1000000");
   for (const auto& [name, value] : options.properties) set(name, value);
   rd_kafka_t* consumer = rd_kafka_new(RD_KAFKA_CONSUMER, conf, error, sizeof error);
   if (!consumer) {
@@ -142,6 +149,51 @@ Partitions startingPoints(rd_kafka_t* consumer, const KafkaOptions& options) {
   return list;
 }
 
+// Handles one message of the consumer's queue: a record goes to `handle`, the end of a partition
+// is noted in `ended`. Returns false to stop: `handle` said so, or every partition has ended.
+bool one(const rd_kafka_message_t& message, const KafkaOptions& options, std::set<int32_t>& ended,
+         size_t assigned,
+         const std::function<bool(const KafkaProvenance&, std::optional<ByteView>)>& handle) {
+  if (message.err == RD_KAFKA_RESP_ERR__PARTITION_EOF) {
+    ended.insert(message.partition);
+    return options.follow || ended.size() < assigned;
+  }
+  if (message.err != RD_KAFKA_RESP_ERR_NO_ERROR) {
+    // A broker going away is retried by librdkafka; a fault of the topic or of the consumer ends
+    // the run.
+    if (message.err == RD_KAFKA_RESP_ERR__TRANSPORT ||
+        message.err == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) {
+      return true;
+    }
+    throw ToolError("topic " + options.topic + ": " + rd_kafka_message_errstr(&message));
+  }
+  ended.erase(message.partition);
+  KafkaProvenance provenance;
+  provenance.partition = message.partition;
+  provenance.offset = message.offset;
+  rd_kafka_timestamp_type_t kind = RD_KAFKA_TIMESTAMP_NOT_AVAILABLE;
+  const int64_t timestamp = rd_kafka_message_timestamp(&message, &kind);
+  if (kind != RD_KAFKA_TIMESTAMP_NOT_AVAILABLE) provenance.timestamp = timestamp;
+  if (message.key) {
+    provenance.key = ByteView(static_cast<const std::byte*>(message.key), message.key_len);
+  }
+  rd_kafka_headers_t* headers = nullptr;
+  if (rd_kafka_message_headers(&message, &headers) == RD_KAFKA_RESP_ERR_NO_ERROR) {
+    const void* value = nullptr;
+    size_t size = 0;
+    if (rd_kafka_header_get_last(headers, "__value_schema_id", &value, &size) ==
+            RD_KAFKA_RESP_ERR_NO_ERROR &&
+        value) {
+      provenance.schemaIdHeader = ByteView(static_cast<const std::byte*>(value), size);
+    }
+  }
+  std::optional<ByteView> value;
+  if (message.payload) {
+    value = ByteView(static_cast<const std::byte*>(message.payload), message.len);
+  }
+  return handle(provenance, value);
+}
+
 }  // namespace
 
 void consumeKafka(
@@ -157,51 +209,28 @@ void consumeKafka(
   std::set<int32_t> ended;
   int64_t delivered = 0;
   if (options.max && *options.max <= 0) return;
-  while (interrupted == 0) {
-    const std::unique_ptr<rd_kafka_message_t, MessageDeleter> message(
-        rd_kafka_consumer_poll(consumer.get(), kPollMs));
-    if (!message) continue;
-    if (message->err == RD_KAFKA_RESP_ERR__PARTITION_EOF) {
-      ended.insert(message->partition);
-      if (!options.follow && ended.size() >= assigned) break;
-      continue;
+  const std::unique_ptr<rd_kafka_queue_t, void (*)(rd_kafka_queue_t*)> queue(
+      rd_kafka_queue_get_consumer(consumer.get()), rd_kafka_queue_destroy);
+  // Messages are taken in batches, each destroyed once handled (or when the run stops early).
+  std::vector<rd_kafka_message_t*> batch(1024);
+  std::vector<std::unique_ptr<rd_kafka_message_t, MessageDeleter>> held;
+  bool done = false;
+  while (!done && interrupted == 0) {
+    const ssize_t got =
+        rd_kafka_consume_batch_queue(queue.get(), kPollMs, batch.data(), batch.size());
+    if (got < 0) {
+      throw ToolError("topic " + options.topic + ": " + rd_kafka_err2str(rd_kafka_last_error()));
     }
-    if (message->err != RD_KAFKA_RESP_ERR_NO_ERROR) {
-      const std::string text = rd_kafka_message_errstr(message.get());
-      // A broker going away is retried by librdkafka; a fault of the topic or of the consumer
-      // ends the run.
-      if (message->err == RD_KAFKA_RESP_ERR__TRANSPORT ||
-          message->err == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) {
-        continue;
-      }
-      throw ToolError("topic " + options.topic + ": " + text);
-    }
-    ended.erase(message->partition);
-    KafkaProvenance provenance;
-    provenance.partition = message->partition;
-    provenance.offset = message->offset;
-    rd_kafka_timestamp_type_t kind = RD_KAFKA_TIMESTAMP_NOT_AVAILABLE;
-    const int64_t timestamp = rd_kafka_message_timestamp(message.get(), &kind);
-    if (kind != RD_KAFKA_TIMESTAMP_NOT_AVAILABLE) provenance.timestamp = timestamp;
-    if (message->key) {
-      provenance.key = ByteView(static_cast<const std::byte*>(message->key), message->key_len);
-    }
-    rd_kafka_headers_t* headers = nullptr;
-    if (rd_kafka_message_headers(message.get(), &headers) == RD_KAFKA_RESP_ERR_NO_ERROR) {
-      const void* value = nullptr;
-      size_t size = 0;
-      if (rd_kafka_header_get_last(headers, "__value_schema_id", &value, &size) ==
-              RD_KAFKA_RESP_ERR_NO_ERROR &&
-          value) {
-        provenance.schemaIdHeader = ByteView(static_cast<const std::byte*>(value), size);
+    held.clear();
+    for (ssize_t i = 0; i < got; ++i) held.emplace_back(batch[static_cast<size_t>(i)]);
+    for (const auto& message : held) {
+      if (done) break;
+      done = !one(*message, options, ended, assigned, handle);
+      if (!done && message->err == RD_KAFKA_RESP_ERR_NO_ERROR && options.max &&
+          ++delivered >= *options.max) {
+        done = true;
       }
     }
-    std::optional<ByteView> value;
-    if (message->payload) {
-      value = ByteView(static_cast<const std::byte*>(message->payload), message->len);
-    }
-    if (!handle(provenance, value)) break;
-    if (options.max && ++delivered >= *options.max) break;
   }
 }
 
