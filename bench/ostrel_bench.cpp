@@ -688,10 +688,10 @@ uint64_t tenByHand(const Workload& w) {
 
 // The library's stream API: every record of the stream split off and projected.
 uint64_t ordersByProjection(Many& many) {
-  RecordStream records(asBytes(many.stream), Framing::varint);
+  RecordSource records = RecordSource::delimited(asBytes(many.stream));
   uint64_t sum = 0;
-  while (const std::optional<Record> record = records.next()) {
-    many.orders.read(*record->bytes, many.orderRow);
+  while (const std::optional<ByteView> record = records.next()) {
+    many.orders.read(*record, many.orderRow);
     const ProjectionRow& row = many.orderRow;
     sum += row.uint64Value(0).value_or(0) + row.payload(1).value_or(ByteView()).size() +
            static_cast<uint64_t>(row.int64Value(2).value_or(0));

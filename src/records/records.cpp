@@ -106,18 +106,49 @@ std::optional<Framing> findFraming(std::string_view name) noexcept {
   return std::nullopt;
 }
 
-std::optional<Record> RecordStream::next() {
+RecordSource::RecordSource(Next next) : next_(std::move(next)) {}
+
+RecordSource::RecordSource(ByteView stream, Framing framing) noexcept
+    : stream_(stream), framing_(framing) {}
+
+RecordSource RecordSource::owned(Bytes stream, Framing framing) {
+  auto held = std::make_shared<const Bytes>(std::move(stream));
+  RecordSource source(ByteView(*held), framing);
+  source.owned_ = std::move(held);
+  return source;
+}
+
+RecordSource RecordSource::buffers(std::vector<Bytes> records) {
+  auto owned = std::make_shared<const std::vector<Bytes>>(std::move(records));
+  auto index = std::make_shared<size_t>(0);
+  return RecordSource([owned, index]() -> std::optional<ByteView> {
+    if (*index >= owned->size()) return std::nullopt;
+    return ByteView((*owned)[(*index)++]);
+  });
+}
+
+std::optional<ByteView> RecordSource::next() {
+  if (next_) {
+    std::optional<ByteView> record = next_();
+    if (record) {
+      offset_ = position_;
+      position_ += static_cast<int64_t>(record->size());
+      ++count_;
+    }
+    return record;
+  }
   const auto size = static_cast<size_t>(stream_.size());
   auto at = static_cast<size_t>(position_);
   if (framing_ == Framing::single) {
     if (count_ > 0) return std::nullopt;
     ++count_;
     position_ = static_cast<int64_t>(size);
-    return Record{0, stream_};
+    return stream_;
   }
   if (at >= size) return std::nullopt;
   const size_t start = at;
   std::optional<uint64_t> length;
+  bool null = false;
   if (framing_ == Framing::varint) {
     length = varintAt(stream_, at, [] { return FramingError::malformedLength(); });
     if (!length) throw FramingError::truncated();
@@ -125,19 +156,17 @@ std::optional<Record> RecordStream::next() {
     if (size - at < 4) throw FramingError::truncated();
     const auto prefix = static_cast<int32_t>(bigEndian32(stream_, at));
     at += 4;
-    if (prefix == -1) {
-      position_ = static_cast<int64_t>(at);
-      ++count_;
-      return Record{static_cast<int64_t>(start), std::nullopt};
-    }
-    if (prefix < 0) throw FramingError::malformedLength();
-    length = static_cast<uint64_t>(prefix);
+    if (prefix < -1) throw FramingError::malformedLength();
+    null = prefix == -1;
+    length = null ? 0 : static_cast<uint64_t>(prefix);
   }
   if (*length > kMaxLength) throw FramingError::malformedLength();
   if (*length > size - at) throw FramingError::truncated();
   position_ = static_cast<int64_t>(at + *length);
+  offset_ = static_cast<int64_t>(start);
+  null_ = null;
   ++count_;
-  return Record{static_cast<int64_t>(start), stream_.subspan(at, static_cast<size_t>(*length))};
+  return stream_.subspan(at, static_cast<size_t>(*length));
 }
 
 std::string ConfluentSchemaId::idText() const {

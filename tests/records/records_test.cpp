@@ -28,7 +28,7 @@ struct StreamRow {
   std::optional<FramingError> fault;
 };
 
-TEST(RecordStream, SplitsEachFramingIntoRecordsWithTheirOffsets) {
+TEST(RecordSource, SplitsEachFramingIntoRecordsWithTheirOffsets) {
   const std::string big(200, 'x');
   const std::vector<StreamRow> rows = {
       {"varint",
@@ -103,14 +103,14 @@ TEST(RecordStream, SplitsEachFramingIntoRecordsWithTheirOffsets) {
   };
   for (const StreamRow& row : rows) {
     SCOPED_TRACE(row.name);
-    RecordStream stream(asBytes(row.stream), row.framing);
+    RecordSource stream(asBytes(row.stream), row.framing);
     std::vector<Split> found;
     std::optional<FramingError> fault;
     try {
-      while (std::optional<Record> record = stream.next()) {
-        found.push_back({record->offset, record->bytes
-                                             ? std::optional(std::string(asText(*record->bytes)))
-                                             : std::nullopt});
+      while (std::optional<ByteView> record = stream.next()) {
+        found.push_back({stream.offset(), stream.null()
+                                              ? std::nullopt
+                                              : std::optional(std::string(asText(*record)))});
       }
     } catch (const FramingError& error) {
       fault = error;
@@ -121,6 +121,18 @@ TEST(RecordStream, SplitsEachFramingIntoRecordsWithTheirOffsets) {
     EXPECT_EQ(fault, row.fault);
     EXPECT_EQ(stream.count(), static_cast<int64_t>(row.records.size()));
   }
+}
+
+TEST(RecordSource, CallbacksAndBuffersCountOffsetsBySize) {
+  RecordSource buffers = RecordSource::buffers({toBytes(asBytes("ab")), toBytes(asBytes("c"))});
+  std::vector<Split> found;
+  while (std::optional<ByteView> record = buffers.next()) {
+    found.push_back({buffers.offset(), std::string(asText(*record))});
+  }
+  EXPECT_EQ(found, (std::vector<Split>{{0, "ab"}, {2, "c"}}));
+  RecordSource owned = RecordSource::owned(toBytes(asBytes("\0\0\0\x01z"s)), Framing::u32be);
+  EXPECT_EQ(asText(*owned.next()), "z");
+  EXPECT_FALSE(owned.next());
 }
 
 struct EnvelopeRow {

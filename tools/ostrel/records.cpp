@@ -345,10 +345,10 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options, Recor
     }
 
     if (mapping) {
-      RecordStream stream(mapping->bytes(), options.framing);
+      RecordSource stream(mapping->bytes(), options.framing);
       int64_t nextRelease = kReleaseEvery;
       for (;;) {
-        std::optional<Record> record;
+        std::optional<ByteView> record;
         try {
           record = stream.next();
         } catch (const Error& error) {
@@ -358,7 +358,9 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options, Recor
           break;
         }
         if (!record) break;
-        if (!one(name, stream.count(), record->offset, record->bytes)) return kExitFailure;
+        if (!one(name, stream.count(), stream.offset(), stream.null() ? std::nullopt : record)) {
+          return kExitFailure;
+        }
         progress.update(records, bytesDone + stream.position());
         if (stream.position() >= nextRelease) {
           mapping->release(stream.position());
@@ -395,9 +397,9 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options, Recor
       }
       buffer.resize(used + static_cast<size_t>(got));
       ended = got == 0;
-      RecordStream stream(ByteView(buffer).subspan(start), options.framing);
+      RecordSource stream(ByteView(buffer).subspan(start), options.framing);
       for (;;) {
-        std::optional<Record> record;
+        std::optional<ByteView> record;
         try {
           record = stream.next();
         } catch (const FramingError& error) {
@@ -411,7 +413,10 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options, Recor
         }
         if (!record) break;
         ++ordinal;
-        if (!one(name, ordinal, consumed + record->offset, record->bytes)) return kExitFailure;
+        if (!one(name, ordinal, consumed + stream.offset(),
+                 stream.null() ? std::nullopt : record)) {
+          return kExitFailure;
+        }
         progress.update(records, bytesDone + consumed + stream.position());
       }
       start += static_cast<size_t>(stream.position());

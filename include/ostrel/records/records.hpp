@@ -3,17 +3,19 @@
 // Record streams: how encoded messages follow one another in a file, a pipe or a Kafka topic, and
 // the envelope Confluent's serializers put around a message.
 //
-//     RecordStream stream(bytes, Framing::u32be);
-//     while (std::optional<Record> record = stream.next()) {
-//       if (!record->bytes) continue;  // a null record
-//       const ConfluentEnvelope envelope = decodeConfluent(*record->bytes);
-//       read(envelope.schemaId, envelope.indexes, envelope.payload);
+//     RecordSource source(bytes, Framing::u32be);
+//     while (std::optional<ByteView> record = source.next()) {
+//       if (source.null()) continue;  // a Kafka tombstone
+//       const ConfluentEnvelope envelope = decodeConfluent(*record);
+//       read(envelope.schema.idText(), envelope.schema.indexes, envelope.payload, source.offset());
 //     }
 //
-// Everything returned borrows from the stream's buffer: valid while it is alive and unchanged.
+// What is returned borrows from the stream's buffer: valid while it is alive and unchanged.
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -67,35 +69,56 @@ enum class Framing : uint8_t {
 // Parses "varint", "u32be" or "single".
 std::optional<Framing> findFraming(std::string_view name) noexcept;
 
-// One record of a stream.
-struct Record {
-  // Where the record starts in the stream: at its length prefix, if it has one.
-  int64_t offset = 0;
-  // The record's bytes; no value for a null record (a Kafka tombstone, written as length -1).
-  std::optional<ByteView> bytes;
-};
-
-// Splits a stream into records, front to back.
-class RecordStream {
+// Where records come from, one after another: a stream split by its framing, one buffer per
+// record, or a callback (a Kafka consumer, a database cursor). The record stream of the tool, the
+// columnar projection and the scans over them.
+class RecordSource {
  public:
-  RecordStream(ByteView stream, Framing framing) noexcept : stream_(stream), framing_(framing) {}
+  using Next = std::function<std::optional<ByteView>()>;
 
-  // The next record, or no value at the end of the stream. A single stream is one record, even
-  // when empty. A length prefix that is malformed, or a prefix or record cut off by the end of the
-  // stream, throws FramingError (malformedLength or truncated) and leaves position() at the
-  // prefix: the stream cannot be followed past it, and every later call throws the same.
-  std::optional<Record> next();
+  // Records from a callback; it holds whatever its records need. Byte offsets count the sizes of
+  // the records before.
+  explicit RecordSource(Next next);
+  // The records of `stream` in `framing`, borrowed from it: valid while its buffer is alive and
+  // unchanged. Byte offsets are those of the length prefixes.
+  RecordSource(ByteView stream, Framing framing) noexcept;
+  // The same over a buffer the source owns.
+  static RecordSource owned(Bytes stream, Framing framing);
+  // Varint-delimited records, borrowed and owned.
+  static RecordSource delimited(ByteView stream) { return {stream, Framing::varint}; }
+  static RecordSource ownedDelimited(Bytes stream) {
+    return owned(std::move(stream), Framing::varint);
+  }
+  // One record per buffer, owned by the source.
+  static RecordSource buffers(std::vector<Bytes> records);
 
-  // Where the next record starts (the end of the stream once it is used up).
-  int64_t position() const noexcept { return position_; }
+  // The next record, or no value at the end; it stays valid until the next call (and as long as a
+  // borrowed stream). A single stream is one record, even when empty. A length prefix that is
+  // malformed, or a prefix or record cut off by the end of the stream, throws FramingError
+  // (malformedLength or truncated) and leaves position() at the prefix: the stream cannot be
+  // followed past it, and every later call throws the same.
+  std::optional<ByteView> next();
+  // The byte offset of the record next() returned last.
+  int64_t offset() const noexcept { return offset_; }
+  // Whether the record next() returned last is a null record (a Kafka tombstone, a u32be length
+  // of -1); its bytes are empty.
+  bool null() const noexcept { return null_; }
   // How many records next() has returned.
   int64_t count() const noexcept { return count_; }
+  // Of a framed stream: where the next record starts (the end once it is used up).
+  int64_t position() const noexcept { return position_; }
 
  private:
+  RecordSource() = default;
+
+  Next next_;
+  std::shared_ptr<const Bytes> owned_;
   ByteView stream_;
-  Framing framing_;
+  Framing framing_ = Framing::single;
   int64_t position_ = 0;
+  int64_t offset_ = 0;
   int64_t count_ = 0;
+  bool null_ = false;
 };
 
 // How a Confluent envelope writes its message-index path: as zigzag varints (Confluent's Java,
