@@ -7,6 +7,7 @@
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -226,6 +227,19 @@ TEST(KafkaTopic, UnsignedIndexFormAndOneType) {
                            kSchema + " id --format csv");
   EXPECT_EQ(read.status, 0) << read.err;
   EXPECT_EQ(read.out, "id\nr-9\nl-9\n");
+  // A folder of registry exports named by id: the .proto source gives the same types.
+  const std::filesystem::path exports =
+      std::filesystem::temp_directory_path() / ("ostrel_kafka_exports_" + std::to_string(getpid()));
+  std::filesystem::create_directories(exports);
+  std::filesystem::copy_file(OSTREL_TEST_DATA "/kafka_orders.proto", exports / "5.proto",
+                             std::filesystem::copy_options::overwrite_existing);
+  const ToolRun fromProto = run(tool +
+                                "--framing confluent --confluent-indexes unsigned "
+                                "--schema-dir " +
+                                exports.string() + " id --format csv");
+  std::filesystem::remove_all(exports);
+  EXPECT_EQ(fromProto.status, 0) << fromProto.err;
+  EXPECT_EQ(fromProto.out, read.out);
   // With -m and no schema ids the envelope is stripped and every record read as that type.
   const ToolRun typed = run(tool + "--framing confluent --confluent-indexes unsigned -s " +
                             kSchema + " -m ostrel.kafka.Refund reason --format csv");

@@ -43,7 +43,7 @@ int run(Arguments& args, GlobalOptions& globals) {
       writeOut("\n");
     });
   }
-  writeOut(toText(input.schema(schemas).schematizedData(input.read())));
+  writeOut(renderText(input.schema(schemas).schematizedData(input.read())));
   return kExitSuccess;
 }
 
