@@ -109,8 +109,6 @@ class RecordSource {
   int64_t position() const noexcept { return position_; }
 
  private:
-  RecordSource() = default;
-
   Next next_;
   std::shared_ptr<const Bytes> owned_;
   ByteView stream_;
@@ -121,9 +119,8 @@ class RecordSource {
   bool null_ = false;
 };
 
-// How a Confluent envelope writes its message-index path: as zigzag varints (Confluent's Java,
-// Go and .NET serializers, and Python's from 2.0), or as unsigned varints (the deprecated form
-// older Python serializers write).
+// How a Confluent envelope writes its message-index path: as zigzag varints (what Confluent's
+// serializers write), or as unsigned varints (the deprecated form older Python serializers write).
 enum class ConfluentIndexForm : uint8_t { zigzag, unsignedVarint };
 
 // Which schema of a registry a record was written with: a registry id (magic byte 0) or a schema
