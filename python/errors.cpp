@@ -12,7 +12,7 @@ namespace {
 // The classes, created once per interpreter by defineErrors and kept for the translator.
 struct ErrorClasses {
   py::object base, schematizer, serialization, mergeConflict, manifestJSON, manifestDSC,
-      propertyPath;
+      propertyPath, column;
 };
 
 ErrorClasses& classes() {
@@ -30,6 +30,18 @@ std::string_view codeName(SchemaManifestDSCError::Code code) {
       return "invalidDescriptor";
     case SchemaManifestDSCError::Code::cannotLoadDescriptor:
       return "cannotLoadDescriptor";
+  }
+  return "";
+}
+
+std::string_view codeName(ColumnError::Code code) {
+  switch (code) {
+    case ColumnError::Code::recordFailed:
+      return "recordFailed";
+    case ColumnError::Code::unsupportedPath:
+      return "unsupportedPath";
+    case ColumnError::Code::batchFull:
+      return "batchFull";
   }
   return "";
 }
@@ -93,6 +105,10 @@ void defineErrors(py::module_& module) {
   c.propertyPath = defineClass(module, "PropertyPathError", c.base,
                                "A property path that breaks the grammar (name.name[index]...); "
                                "the text points at the offending character.");
+  c.column = defineClass(module, "ColumnError", c.base,
+                         "A record that could not become a row of a projection (recordFailed, "
+                         "naming the record's number and byte offset), or a path that cannot "
+                         "become a column (unsupportedPath).");
 
   py::register_exception_translator([](std::exception_ptr thrown) {
     const ErrorClasses& c = classes();
@@ -110,6 +126,8 @@ void defineErrors(py::module_& module) {
       raise(c.manifestDSC, error, codeName(error.code()));
     } catch (const PropertyPathUtil::Error& error) {
       raise(c.propertyPath, error, codeName(error.code()));
+    } catch (const ColumnError& error) {
+      raise(c.column, error, codeName(error.code()));
     } catch (const Error& error) {
       raise(c.base, error, "");
     }

@@ -16,6 +16,7 @@
 
 #include "errors.hpp"
 #include "ostrel/ostrel.hpp"
+#include "table.hpp"
 #include "values.hpp"
 
 namespace py = pybind11;
@@ -95,7 +96,7 @@ py::object get(const Schema& self, const py::object& record, std::string_view pa
     std::optional<AnyValue> holder;
     const std::optional<ByteView> container =
         containerBytes(self.schema, buffer.bytes(), *target, mode, holder);
-    if (!container) return repeatedToPython({}, target->field, mode);
+    if (!container) return py::none();
     return repeatedToPython(*container, target->field, mode);
   }
   const std::optional<AnyValue> value =
@@ -207,6 +208,7 @@ PYBIND11_MODULE(ostrel, m) {
   m.attr("__version__") = OSTREL_PYTHON_VERSION;
 
   defineErrors(m);
+  defineTable(m);
 
   py::class_<SchemaStore>(m, "SchemaStore",
                           "A set of message and enum schemas. Stores are immutable; a "
@@ -275,7 +277,8 @@ PYBIND11_MODULE(ostrel, m) {
            "The value at `path`, or None when the record does not hold it. int, float, bool, "
            "str, bytes; an enum value's name (its number when the enum has no name for it); a "
            "dict of the fields present for a message; a list for a repeated field named without "
-           "an index, a dict for a map field.")
+           "an index, a dict for a map field (empty when the message holding it has none; None "
+           "when that message is absent).")
       .def("has", &has, py::arg("record"), py::arg("path"), py::kw_only(), py::arg("exact") = false,
            "Whether the record holds a value at `path` (for a repeated field named without an "
            "index: at least one element).")
@@ -297,6 +300,28 @@ PYBIND11_MODULE(ostrel, m) {
           },
           py::arg("record"), py::kw_only(), py::arg("exact") = false,
           "Every field the record holds, by name, as get() gives each.")
+      .def(
+          "project",
+          [](const Schema& self, const py::object& records, const std::vector<std::string>& paths,
+             const std::string& framing, bool exact, const std::string& enums, bool defaults,
+             bool nullRowOnError, const std::string& explode) {
+            return project(self.schema, records, paths, framing, exact, enums, defaults,
+                           nullRowOnError, explode);
+          },
+          py::arg("records"), py::arg("paths"), py::kw_only(), py::arg("framing") = "delimited",
+          py::arg("exact") = false, py::arg("enums") = "dictionary", py::arg("defaults") = false,
+          py::arg("null_row_on_error") = false, py::arg("explode") = "",
+          "A Table of `paths` read from many records, one column per path, one row per record. "
+          "records: an iterable of bytes-like records; a bytes-like buffer, or a file path (str "
+          "or os.PathLike, memory-mapped), holding records framed as `framing` says: "
+          "'delimited' (each preceded by its length as a varint) or 'single' (one record). "
+          "A path may end at a repeated field (a list column), a map (a map column) or a "
+          "message (a struct column); 'items[*].sku' reads a leaf of every element. enums: "
+          "'dictionary' (names, as a dictionary), 'strings' or 'numbers'; defaults: absent "
+          "scalars read as their zero value instead of null; null_row_on_error: a record that "
+          "cannot be read becomes a row of nulls instead of raising ColumnError; explode: a "
+          "repeated field among the paths whose elements become the rows. The GIL is released "
+          "while the records are read, so a bytearray must not change meanwhile.")
       .def("to_json", &recordJson, py::arg("record"), py::kw_only(), py::arg("indent") = false,
            py::arg("json_names") = false, py::arg("enums_as_numbers") = false,
            py::arg("print_defaults") = false, py::arg("strict") = false,

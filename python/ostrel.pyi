@@ -10,7 +10,10 @@ rendered or parsed, so a bytearray must not be changed by another thread meanwhi
 """
 
 import os
-from typing import Any, Iterator, Literal, Sequence, Union
+from typing import Any, Iterable, Iterator, Literal, Sequence, Union
+
+import numpy
+import pandas
 
 __version__: str
 
@@ -41,6 +44,11 @@ class SchemaManifestDSCError(Error):
 
 class PropertyPathError(Error):
     """A property path that breaks the grammar; the text points at the offending character."""
+
+class ColumnError(Error):
+    """A record that could not become a row of a projection (code 'recordFailed', the text naming
+    the record's number and byte offset), or a path that cannot become a column
+    ('unsupportedPath')."""
 
 class SchemaStore:
     """A set of message and enum schemas. A MessageSchema keeps its store alive."""
@@ -93,7 +101,8 @@ class MessageSchema:
         """The value at `path`, or None when the record does not hold it: int, float, bool, str,
         bytes, an enum value's name (its number when the enum has no name for it), a dict of the
         fields present for a message, a list for a repeated field named without an index, a dict
-        for a map field."""
+        for a map field (empty when the message holding it has none; None when that message is
+        absent)."""
     def has(self, record: Record, path: str, *, exact: bool = False) -> bool:
         """Whether the record holds a value at `path` (a repeated field: at least one element)."""
     def iterate(self, record: Record, path: str, *, exact: bool = False) -> ElementIterator:
@@ -101,6 +110,30 @@ class MessageSchema:
         map fields yield {'key': ..., 'value': ...} entries."""
     def to_dict(self, record: Record, *, exact: bool = False) -> dict[str, Any]:
         """Every field the record holds, by name, as get() gives each."""
+    def project(
+        self,
+        records: Union[Record, str, os.PathLike[str], Iterable[Record]],
+        paths: Sequence[str],
+        *,
+        framing: Literal["delimited", "single"] = "delimited",
+        exact: bool = False,
+        enums: Literal["dictionary", "strings", "numbers"] = "dictionary",
+        defaults: bool = False,
+        null_row_on_error: bool = False,
+        explode: str = "",
+    ) -> Table:
+        """A Table of `paths` read from many records: one column per path, one row per record.
+
+        records: an iterable of bytes-like records; or a bytes-like buffer, or a file path
+        (memory-mapped), holding records framed as `framing` says: 'delimited' (each preceded by
+        its length as a varint, as writeDelimitedTo writes them) or 'single' (one record).
+        A path may end at a repeated field (a list column), a map (a map column) or a message
+        (a struct column); 'items[*].sku' reads a leaf of every element. enums: names as a
+        dictionary, plain strings, or numbers. defaults: absent scalars read as their zero value
+        instead of null. null_row_on_error: a record that cannot be read becomes a row of nulls
+        (counted by failed_records) instead of raising ColumnError. explode: a repeated field
+        among the paths whose elements become the rows. The GIL is released while the records
+        are read; a bytearray must not change meanwhile."""
     def to_json(
         self,
         record: Record,
@@ -118,3 +151,31 @@ class MessageSchema:
         """The record in protobuf's text format, as `protoc --decode` prints it."""
     def from_text(self, text: str) -> bytes:
         """The encoded record that text-format `text` describes, as `protoc --encode` writes it."""
+
+class Table:
+    """Columns read from many records by MessageSchema.project, held as Arrow record batches.
+    Immutable and shareable between threads; arrays and streams handed out keep the batches
+    alive after the table, its schema and its store are gone."""
+
+    @property
+    def num_rows(self) -> int: ...
+    @property
+    def column_names(self) -> list[str]:
+        """The paths, as given."""
+    @property
+    def failed_records(self) -> int:
+        """Records that became rows of nulls (null_row_on_error=True)."""
+    def __len__(self) -> int: ...
+    def to_pydict(self) -> dict[str, Union[numpy.ndarray, numpy.ma.MaskedArray, list[Any]]]:
+        """{path: column}. Integer, float, timestamp and duration columns are read-only numpy
+        arrays viewing the batch without a copy, bool columns numpy bool arrays; a column
+        holding nulls is a numpy.ma.MaskedArray whose mask is True at the nulls. Other columns
+        are lists: str, bytes, enum names, lists, dicts, None for null."""
+    def to_pandas(self) -> pandas.DataFrame:
+        """A DataFrame: numeric columns over the same buffers (pandas' nullable arrays where
+        nulls occur), enums as Categorical, other columns as objects."""
+    def __arrow_c_stream__(self, requested_schema: object = None) -> object:
+        """Arrow's PyCapsule interface: an ArrowArrayStream over the batches, without a copy
+        (pyarrow.table(t), polars.from_arrow(t), duckdb). requested_schema is not honoured."""
+    def __arrow_c_schema__(self) -> object:
+        """The batches' ArrowSchema, as a PyCapsule."""

@@ -19,14 +19,16 @@ PATHS = [
 
 
 def expected_at(message, descriptor, path):
-    """The value at `path` of as_python(message): None where absent, [] or {} for an absent
-    repeated or map field named without an index."""
+    """The value at `path` of as_python(message): None where absent, [] or {} for a repeated or
+    map field named without an index that its message, present, does not hold."""
     value = message
     parts = path.split(".")
     for i, part in enumerate(parts):
         name, _, index = part.partition("[")
         field = descriptor.fields_by_name[name]
-        value = value.get(name) if value is not None else None
+        if value is None:
+            return None
+        value = value.get(name)
         if index:
             position = int(index[:-1])
             value = value[position] if value is not None and position < len(value) else None
@@ -55,7 +57,7 @@ def test_iterate_gives_the_elements_get_gives(rich):
     for message in generate(cls, seed=2, count=40):
         record = bytearray(message.SerializeToString())
         for path in ["mids", "repeats.r_double", "repeats.r_string", "mid.leaves", "repeats.r_bytes"]:
-            assert list(schema.iterate(record, path)) == schema.get(record, path)
+            assert list(schema.iterate(record, path)) == (schema.get(record, path) or [])
         entries = list(schema.iterate(record, "counts"))
         assert {e.get("key", ""): e.get("value", 0) for e in entries} == schema.get(record, "counts")
 
