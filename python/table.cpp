@@ -101,6 +101,23 @@ T at(const ArrowArray& array, int buffer, int64_t i) {
 
 std::string_view formatOf(const ArrowSchema& schema) { return schema.format; }
 
+// A new reference to the str (utf8) or bytes (binary) at physical index `i`, or to None.
+PyObject* textAt(std::string_view format, const ArrowArray& array, int64_t i) {
+  if (isNull(array, i)) {
+    Py_INCREF(Py_None);
+    return Py_None;
+  }
+  const bool large = format == "U" || format == "Z";
+  const int64_t start = large ? at<int64_t>(array, 1, i) : at<int32_t>(array, 1, i);
+  const int64_t end = large ? at<int64_t>(array, 1, i + 1) : at<int32_t>(array, 1, i + 1);
+  const char* bytes = static_cast<const char*>(array.buffers[2]) + start;
+  const auto size = static_cast<Py_ssize_t>(end - start);
+  PyObject* value = format == "u" || format == "U" ? PyUnicode_DecodeUTF8(bytes, size, nullptr)
+                                                   : PyBytes_FromStringAndSize(bytes, size);
+  if (value == nullptr) throw py::error_already_set();
+  return value;
+}
+
 // The value at logical index `index` of any array this projection makes, as to_pydict gives
 // values inside lists, maps and structs.
 py::object valueAt(const ArrowSchema& schema, const ArrowArray& array, int64_t index) {
@@ -118,12 +135,7 @@ py::object valueAt(const ArrowSchema& schema, const ArrowArray& array, int64_t i
   if (format == "f") return py::float_(at<float>(array, 1, i));
   if (format == "g") return py::float_(at<double>(array, 1, i));
   if (format == "u" || format == "z" || format == "U" || format == "Z") {
-    const bool large = format == "U" || format == "Z";
-    const int64_t start = large ? at<int64_t>(array, 1, i) : at<int32_t>(array, 1, i);
-    const int64_t end = large ? at<int64_t>(array, 1, i + 1) : at<int32_t>(array, 1, i + 1);
-    const char* data = static_cast<const char*>(array.buffers[2]) + start;
-    if (format == "u" || format == "U") return py::str(data, static_cast<size_t>(end - start));
-    return py::bytes(data, static_cast<size_t>(end - start));
+    return py::reinterpret_steal<py::object>(textAt(format, array, i));
   }
   if (format.starts_with("ts") || format.starts_with("tD")) {
     // numpy's datetime64 or timedelta64 in the column's unit.
@@ -235,10 +247,19 @@ Column columnOf(const Shared& data, int64_t c) {
                                           : py::object(numpy.attr("concatenate")(masks));
     return {values, mask};
   }
-  py::list values;
+  py::list values(static_cast<size_t>(data->rows));
+  size_t row = 0;
+  const std::string_view format = formatOf(schema);
+  const bool text = format == "u" || format == "U" || format == "z" || format == "Z";
   for (const ArrowArray& batch : data->batches) {
     const ArrowArray& child = *batch.children[c];
-    for (int64_t i = 0; i < child.length; ++i) values.append(valueAt(schema, child, i));
+    for (int64_t i = 0; i < child.length; ++i) {
+      // Strings and bytes straight from the buffers: the common case, made without the general
+      // dispatch.
+      PyObject* value = text ? textAt(format, child, i + child.offset)
+                             : valueAt(schema, child, i).release().ptr();
+      PyList_SET_ITEM(values.ptr(), static_cast<Py_ssize_t>(row++), value);
+    }
   }
   return {values, py::none()};
 }
@@ -278,6 +299,19 @@ py::object toPandas(const Shared& data) {
       continue;
     }
     Column column = columnOf(data, c);
+    if (py::isinstance<py::list>(column.values)) {
+      // An object array, which pandas takes as it is (a list it would scan for a type).
+      const auto size = static_cast<py::ssize_t>(py::len(column.values));
+      py::array objects(py::dtype("O"), std::vector<py::ssize_t>{size});
+      auto** slots = static_cast<PyObject**>(objects.mutable_data());
+      for (py::ssize_t i = 0; i < size; ++i) {
+        PyObject* item = PyList_GET_ITEM(column.values.ptr(), i);
+        Py_INCREF(item);
+        Py_XSETREF(slots[i], item);
+      }
+      columns[name] = objects;
+      continue;
+    }
     if (column.mask.is_none()) {
       columns[name] = column.values;
       continue;
