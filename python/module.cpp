@@ -169,7 +169,7 @@ py::bytes jsonRecord(const Schema& self, std::string_view text, bool ignoreUnkno
   std::optional<SchematizedData> data;
   {
     const py::gil_scoped_release released;
-    data = encodeJSON(self.schema, text, options);
+    data = parseJSON(self.schema, text, options);
   }
   return toPyBytes(data->bytes());
 }
@@ -184,7 +184,7 @@ py::bytes textRecord(const Schema& self, std::string_view text) {
   std::optional<SchematizedData> data;
   {
     const py::gil_scoped_release released;
-    data = encodeText(self.schema, text);
+    data = parseText(self.schema, text);
   }
   return toPyBytes(data->bytes());
 }
