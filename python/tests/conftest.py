@@ -60,19 +60,23 @@ def _float32(x):
 
 _STRINGS = ["", "a", "Ada Lovelace", "é日本🙂", "line\nbreak \"quoted\" \\", "x" * 300]
 
+def _choice(*values):
+    """One of `values`, or any number between the least and the greatest."""
+    low, high = min(values), max(values)
+    pick = (lambda r: r.uniform(low, high)) if isinstance(low, float) else (
+        lambda r: r.randrange(low, high))
+    return lambda r: r.choice(values + (pick(r),))
+
+
+_INT64, _UINT64 = _choice(0, -1, 2**63 - 1, -(2**63)), _choice(0, 1, 2**64 - 1)
+_INT32, _UINT32 = _choice(0, -1, 2**31 - 1, -(2**31)), _choice(0, 1, 2**32 - 1)
 _SCALARS = {
-    F.TYPE_DOUBLE: lambda r: r.choice([0.0, -0.0, 1.5, -2.25e300, 5e-324, r.uniform(-1e9, 1e9)]),
+    F.TYPE_DOUBLE: _choice(0.0, -0.0, 1.5, -2.25e300, 5e-324, 1e9),
     F.TYPE_FLOAT: lambda r: _float32(r.choice([0.0, 0.1, -3.5, 3.0e38, r.uniform(-1e6, 1e6)])),
-    F.TYPE_INT64: lambda r: r.choice([0, -1, 2**63 - 1, -(2**63), r.randrange(-(2**40), 2**40)]),
-    F.TYPE_SFIXED64: lambda r: r.choice([0, -1, 2**63 - 1, -(2**63), r.randrange(-(2**40), 2**40)]),
-    F.TYPE_SINT64: lambda r: r.choice([0, -1, 2**63 - 1, -(2**63), r.randrange(-(2**40), 2**40)]),
-    F.TYPE_UINT64: lambda r: r.choice([0, 1, 2**64 - 1, r.randrange(2**50)]),
-    F.TYPE_FIXED64: lambda r: r.choice([0, 1, 2**64 - 1, r.randrange(2**50)]),
-    F.TYPE_INT32: lambda r: r.choice([0, -1, 2**31 - 1, -(2**31), r.randrange(-1000, 1000)]),
-    F.TYPE_SFIXED32: lambda r: r.choice([0, -1, 2**31 - 1, -(2**31), r.randrange(-1000, 1000)]),
-    F.TYPE_SINT32: lambda r: r.choice([0, -1, 2**31 - 1, -(2**31), r.randrange(-1000, 1000)]),
-    F.TYPE_UINT32: lambda r: r.choice([0, 1, 2**32 - 1, r.randrange(1000)]),
-    F.TYPE_FIXED32: lambda r: r.choice([0, 1, 2**32 - 1, r.randrange(1000)]),
+    F.TYPE_INT64: _INT64, F.TYPE_SFIXED64: _INT64, F.TYPE_SINT64: _INT64,
+    F.TYPE_UINT64: _UINT64, F.TYPE_FIXED64: _UINT64,
+    F.TYPE_INT32: _INT32, F.TYPE_SFIXED32: _INT32, F.TYPE_SINT32: _INT32,
+    F.TYPE_UINT32: _UINT32, F.TYPE_FIXED32: _UINT32,
     F.TYPE_BOOL: lambda r: r.random() < 0.5,
     F.TYPE_STRING: lambda r: r.choice(_STRINGS),
     F.TYPE_BYTES: lambda r: bytes(r.randrange(256) for _ in range(r.randrange(6))),
