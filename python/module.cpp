@@ -4,13 +4,17 @@
 //
 // Threads: a SchemaStore and its MessageSchemas are immutable once made and may be shared between
 // threads. Every method takes its records as borrowed buffers for the duration of the call only;
-// the GIL is released while whole records are rendered or parsed, so a bytearray must not be
-// changed by another thread while a call reads it (it cannot be resized meanwhile).
+// the GIL is released while whole records are rendered or parsed and while project reads its
+// records, so a bytearray must not be changed by another thread while a call reads it (it cannot
+// be resized meanwhile). Tables are immutable too.
 
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,8 +71,9 @@ SchemaStore fromProto(const py::object& source, const std::optional<py::object>&
   if (py::isinstance(source, os.attr("PathLike"))) {
     files.push_back(os.attr("fspath")(source).cast<std::string>());
   } else {
-    for (const py::handle& file : source)
+    for (const py::handle& file : source) {
       files.push_back(os.attr("fspath")(file).cast<std::string>());
+    }
   }
   if (files.empty()) throw py::value_error("no .proto files given");
   std::vector<std::string> includePaths;

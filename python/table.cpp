@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -337,20 +338,26 @@ py::object toPandas(const Shared& data) {
 // Exported arrays: shallow copies of the table's own, each child and dictionary wrapped too so a
 // consumer may move any of them out and release it on its own; each holds the table's data.
 struct SharedArray {
+  SharedArray() = default;
+  SharedArray(const SharedArray&) = delete;
+  SharedArray& operator=(const SharedArray&) = delete;
+  // Releases what the consumer has not moved out (also after a failed export).
+  ~SharedArray() {
+    for (ArrowArray& child : children) {
+      if (child.release) child.release(&child);
+    }
+    if (dictionary.release) dictionary.release(&dictionary);
+  }
+
   Shared owner;
   std::vector<ArrowArray> children;
   std::vector<ArrowArray*> childPointers;
   ArrowArray dictionary{};
 };
 
-void releaseShared(ArrowArray* array) {
+void releaseShared(ArrowArray* array) noexcept {
   if (array == nullptr || array->release == nullptr) return;
-  auto* shared = static_cast<SharedArray*>(array->private_data);
-  for (ArrowArray& child : shared->children) {
-    if (child.release) child.release(&child);
-  }
-  if (shared->dictionary.release) shared->dictionary.release(&shared->dictionary);
-  delete shared;
+  delete static_cast<SharedArray*>(array->private_data);
   array->release = nullptr;
 }
 
@@ -377,24 +384,35 @@ struct StreamState {
   size_t next = 0;
 };
 
-int streamSchema(ArrowArrayStream* stream, ArrowSchema* out) {
-  static_cast<StreamState*>(stream->private_data)->data->projection.exportSchema(out);
-  return 0;
+// The callbacks are called from C: nothing may be thrown through them. Making the exported
+// structures can fail only for want of memory.
+int streamSchema(ArrowArrayStream* stream, ArrowSchema* out) noexcept {
+  try {
+    static_cast<StreamState*>(stream->private_data)->data->projection.exportSchema(out);
+    return 0;
+  } catch (...) {
+    return ENOMEM;
+  }
 }
 
-int streamNext(ArrowArrayStream* stream, ArrowArray* out) {
+int streamNext(ArrowArrayStream* stream, ArrowArray* out) noexcept {
   auto* state = static_cast<StreamState*>(stream->private_data);
   if (state->next == state->data->batches.size()) {
     std::memset(out, 0, sizeof *out);  // the end: a released array
     return 0;
   }
-  exportShared(state->data, state->data->batches[state->next++], out);
+  try {
+    exportShared(state->data, state->data->batches[state->next], out);
+  } catch (...) {
+    return ENOMEM;
+  }
+  ++state->next;
   return 0;
 }
 
-const char* streamError(ArrowArrayStream*) { return nullptr; }
+const char* streamError(ArrowArrayStream*) noexcept { return nullptr; }
 
-void releaseStream(ArrowArrayStream* stream) {
+void releaseStream(ArrowArrayStream* stream) noexcept {
   if (stream == nullptr || stream->release == nullptr) return;
   delete static_cast<StreamState*>(stream->private_data);
   stream->release = nullptr;
