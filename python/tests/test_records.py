@@ -90,3 +90,11 @@ def test_text_format_both_ways_agrees_with_protobufs(rich):
         record = message.SerializeToString()
         assert text_format.Parse(schema.to_text(record), cls()) == message
         assert cls.FromString(schema.from_text(text_format.MessageToString(message))) == message
+
+
+def test_map_entries_lacking_key_or_value_read_as_protobuf_reads_them(rich):
+    schema, cls = rich
+    # counts (8): string -> int32; leaves_by_id (9): int32 -> Leaf. Entries written by hand.
+    for record in [b"\x42\x03\x0a\x01a", b"\x42\x02\x10\x07", b"\x42\x00", b"\x4a\x02\x08\x05",
+                   b"\x4a\x04\x12\x02\x08\x03", b"\x42\x05\x0a\x01a\x10\x01\x42\x05\x0a\x01a\x10\x02"]:
+        assert schema.to_dict(record) == as_python(cls.FromString(record)), record
