@@ -12,7 +12,7 @@ namespace {
 // The classes, created once per interpreter by defineErrors and kept for the translator.
 struct ErrorClasses {
   py::object base, schematizer, serialization, mergeConflict, manifestJSON, manifestDSC,
-      propertyPath, column;
+      propertyPath, column, framing;
 };
 
 ErrorClasses& classes() {
@@ -105,6 +105,9 @@ void defineErrors(py::module_& module) {
   c.propertyPath = defineClass(module, "PropertyPathError", c.base,
                                "A property path that breaks the grammar (name.name[index]...); "
                                "the text points at the offending character.");
+  c.framing = defineClass(module, "FramingError", c.base,
+                          "A stream of records whose framing breaks: a length prefix that is "
+                          "malformed or runs past the end of the stream.");
   c.column = defineClass(module, "ColumnError", c.base,
                          "A record that could not become a row of a projection (recordFailed, "
                          "naming the record's number and byte offset), or a path that cannot "
@@ -126,6 +129,8 @@ void defineErrors(py::module_& module) {
       raise(c.manifestDSC, error, codeName(error.code()));
     } catch (const PropertyPathUtil::Error& error) {
       raise(c.propertyPath, error, codeName(error.code()));
+    } catch (const FramingError& error) {
+      raise(c.framing, error, caseName(error.code()));
     } catch (const ColumnError& error) {
       raise(c.column, error, codeName(error.code()));
     } catch (const Error& error) {

@@ -313,13 +313,14 @@ PYBIND11_MODULE(ostrel, m) {
             return project(self.schema, records, paths, framing, exact, enums, defaults,
                            nullRowOnError, explode);
           },
-          py::arg("records"), py::arg("paths"), py::kw_only(), py::arg("framing") = "delimited",
+          py::arg("records"), py::arg("paths"), py::kw_only(), py::arg("framing") = "varint",
           py::arg("exact") = false, py::arg("enums") = "dictionary", py::arg("defaults") = false,
           py::arg("null_row_on_error") = false, py::arg("explode") = "",
           "A Table of `paths` read from many records, one column per path, one row per record. "
           "records: an iterable of bytes-like records; a bytes-like buffer, or a file path (str "
           "or os.PathLike, memory-mapped), holding records framed as `framing` says: "
-          "'delimited' (each preceded by its length as a varint) or 'single' (one record). "
+          "'varint' (each preceded by its length as a varint), 'u32be' (by its length as a "
+          "big-endian 32-bit integer, -1 for a null record) or 'single' (one record). "
           "A path may end at a repeated field (a list column), a map (a map column) or a "
           "message (a struct column); 'items[*].sku' reads a leaf of every element. enums: "
           "'dictionary' (names, as a dictionary), 'strings' or 'numbers'; defaults: absent "

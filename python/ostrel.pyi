@@ -45,6 +45,10 @@ class SchemaManifestDSCError(Error):
 class PropertyPathError(Error):
     """A property path that breaks the grammar; the text points at the offending character."""
 
+class FramingError(Error):
+    """A stream of records whose framing breaks: a length prefix that is malformed
+    ('malformedLength') or cut off, or a record cut off, by the end of the stream ('truncated')."""
+
 class ColumnError(Error):
     """A record that could not become a row of a projection (code 'recordFailed', the text naming
     the record's number and byte offset), or a path that cannot become a column
@@ -115,7 +119,7 @@ class MessageSchema:
         records: Union[Record, str, os.PathLike[str], Iterable[Record]],
         paths: Sequence[str],
         *,
-        framing: Literal["delimited", "single"] = "delimited",
+        framing: Literal["varint", "u32be", "single"] = "varint",
         exact: bool = False,
         enums: Literal["dictionary", "strings", "numbers"] = "dictionary",
         defaults: bool = False,
@@ -125,8 +129,10 @@ class MessageSchema:
         """A Table of `paths` read from many records: one column per path, one row per record.
 
         records: an iterable of bytes-like records; or a bytes-like buffer, or a file path
-        (memory-mapped), holding records framed as `framing` says: 'delimited' (each preceded by
-        its length as a varint, as writeDelimitedTo writes them) or 'single' (one record).
+        (memory-mapped), holding records framed as `framing` says: 'varint' (each preceded by
+        its length as a varint, as writeDelimitedTo writes them), 'u32be' (by its length as a
+        big-endian 32-bit integer, -1 for a null record, as kcat -f '%R%s' writes them) or
+        'single' (one record).
         A path may end at a repeated field (a list column), a map (a map column) or a message
         (a struct column); 'items[*].sku' reads a leaf of every element. enums: names as a
         dictionary, plain strings, or numbers. defaults: absent scalars read as their zero value

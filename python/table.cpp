@@ -486,8 +486,9 @@ py::object project(const MessageSchema& schema, const py::object& records,
                    const std::vector<std::string>& paths, const std::string& framing, bool exact,
                    const std::string& enums, bool defaults, bool nullRowOnError,
                    const std::string& explode) {
-  if (framing != "delimited" && framing != "single") {
-    throw py::value_error("framing must be 'delimited' or 'single', not '" + framing + "'");
+  const std::optional<Framing> framed = findFraming(framing);
+  if (!framed) {
+    throw py::value_error("framing must be 'varint', 'u32be' or 'single', not '" + framing + "'");
   }
   ColumnOptions options;
   // One batch, so that to_pydict views every numeric column in place; the projection still cuts
@@ -533,17 +534,11 @@ py::object project(const MessageSchema& schema, const py::object& records,
   {
     const py::gil_scoped_release released;
     size_t next = 0;
-    bool given = false;
-    RecordSource source = fromItems                ? RecordSource([&]() -> std::optional<ByteView> {
+    const auto nextItem = [&]() -> std::optional<ByteView> {
       if (next == views.size()) return std::nullopt;
       return views[next++];
-    })
-                          : framing == "delimited" ? RecordSource::delimited(whole)
-                                                   : RecordSource([&]() -> std::optional<ByteView> {
-                                                       if (given) return std::nullopt;
-                                                       given = true;
-                                                       return whole;
-                                                     });
+    };
+    RecordSource source = fromItems ? RecordSource(nextItem) : RecordSource(whole, *framed);
     while (data->projection.fill(source)) {
       ArrowArray batch{};
       data->projection.takeBatch(&batch);

@@ -6,6 +6,7 @@ import ctypes
 import gc
 import os
 import pathlib
+import struct
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
@@ -102,6 +103,8 @@ def test_every_form_of_input_gives_the_same_table(rich, records, tmp_path):
     for form in [stream, bytearray(stream), memoryview(stream), str(tmp_path / "records.bin"),
                  tmp_path / "records.bin", (r for r in records), [bytearray(r) for r in records]]:
         pd.testing.assert_frame_equal(schema.project(form, paths).to_pandas(), want)
+    u32be = b"".join(struct.pack(">i", len(r)) + r for r in records)
+    pd.testing.assert_frame_equal(schema.project(u32be, paths, framing="u32be").to_pandas(), want)
     single = schema.project(pathlib.Path(tmp_path / "one.bin"), paths, framing="single")
     pd.testing.assert_frame_equal(single.to_pandas(), want.iloc[3:4].reset_index(drop=True))
 
@@ -201,8 +204,9 @@ def test_faulty_records_and_paths(rich, records):
     assert caught.value.code == "unsupportedPath"
     with pytest.raises(ostrel.PropertyPathError):
         schema.project(records, ["mids["])
-    with pytest.raises(ostrel.SerializationError):
-        schema.project(b"\x05\x08", ["maybe"])  # a length prefix past the end
+    with pytest.raises(ostrel.FramingError) as caught:
+        schema.project(b"\x05\x08", ["maybe"])  # a record running past the end
+    assert caught.value.code == "truncated"
     with pytest.raises(FileNotFoundError):
         schema.project("/nonexistent/records.bin", ["maybe"])
     with pytest.raises(ValueError):
