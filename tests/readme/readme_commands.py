@@ -13,6 +13,10 @@ The built files stand where the README says they are: build-example/tools/ostrel
 on PATH, as ostrel) and build-example/extensions/sqlite/libostrel_sqlite.so link to this build's.
 After the sessions, the example files they rewrote must be those of the clone.
 
+With OSTREL_PYTHON_MODULE naming this build's Python module, it stands in build-example/python/
+(on PYTHONPATH, as the README sets it), and python3 is the interpreter running this script, which
+the module was built for.
+
 usage: readme_commands.py SOURCE_DIR OSTREL_TOOL SQLITE_EXTENSION_SO README...
 """
 
@@ -119,6 +123,14 @@ def main():
         env = dict(os.environ, LC_ALL="C.UTF-8")
         env["PATH"] = os.path.join(root, "build-example/tools/ostrel") + os.pathsep + env["PATH"]
         env.pop("SQLITE_HISTORY", None)
+        module = os.environ.get("OSTREL_PYTHON_MODULE")
+        if module:
+            place = os.path.join(root, "build-example/python", os.path.basename(module))
+            os.makedirs(os.path.dirname(place), exist_ok=True)
+            os.symlink(os.path.abspath(module), place)
+            env["PYTHONPATH"] = os.path.dirname(place)
+            env["PATH"] = (os.path.join(root, "build-example/tools/ostrel") + os.pathsep +
+                           os.path.dirname(sys.executable) + os.pathsep + os.environ["PATH"])
 
         # First, while examples/ is the clone's: a build that fails must leave it so.
         failures = failed_builds_keep_the_database(root, env)
