@@ -3,6 +3,7 @@
 // reported and skipped, and a progress line on a terminal.
 
 #include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,6 +103,15 @@ class Progress {
 };
 
 }  // namespace
+
+std::string delimitedRecord(ByteView record) {
+  uint8_t prefix[10];  // the longest varint
+  const uint8_t* end =
+      google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(record.size(), prefix);
+  std::string out(reinterpret_cast<const char*>(prefix), static_cast<size_t>(end - prefix));
+  out.append(reinterpret_cast<const char*>(record.data()), record.size());
+  return out;
+}
 
 bool RecordOptions::parse(Arguments& args) {
   if (args.flag({"--delimited"})) {

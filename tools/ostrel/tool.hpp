@@ -183,6 +183,15 @@ struct RecordOptions {
 int forEachRecord(const MessageInput& input, const RecordOptions& options,
                   const std::function<void(ByteView record)>& handle);
 
+// The record preceded by its length as a varint, as --delimited streams hold records.
+std::string delimitedRecord(ByteView record);
+
+// Writes each record of the input changed by `change`: one record as `output` says, or with
+// several inputs or --delimited a binary delimited stream (records that fail are reported and
+// left out, as forEachRecord does). Returns the exit code.
+int rewriteRecords(const MessageInput& input, const RecordOptions& records,
+                   std::optional<DataFormat> output, const std::function<Bytes(ByteView)>& change);
+
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.
 void require(const std::optional<std::string>& option, std::string_view what);
@@ -205,5 +214,9 @@ extern const Command kEncodeCommand;
 extern const Command kTextCommand;
 extern const Command kManifestCommand;
 extern const Command kSqlCommand;
+extern const Command kSetCommand;
+extern const Command kClearCommand;
+extern const Command kMergeCommand;
+extern const Command kNormalizeCommand;
 
 }  // namespace ostrel::tool
