@@ -128,7 +128,7 @@ bool isIntegerText(std::string_view text) {
 
 // The value's JSON for a field of `target`'s type.
 std::string jsonOf(const EditValue& value, const FieldSchemaDescribing& target) {
-  if (const auto* typed = std::get_if<AnyValue>(&value.form())) return toJSON(*typed);
+  if (const auto* typed = std::get_if<AnyValue>(&value.form())) return renderJSON(*typed);
   if (const auto* json = std::get_if<EditValue::Json>(&value.form())) return json->text;
   const std::string& text = std::get<EditValue::Text>(value.form()).text;
   switch (target.type().kind()) {
@@ -141,8 +141,15 @@ std::string jsonOf(const EditValue& value, const FieldSchemaDescribing& target) 
     }
     case Kind::enum_:
       return isIntegerText(text) ? text : detail::jsonString(text);
-    default:
+    case Kind::bool_:
+      if (text == "1" || text == "true") return "true";
+      if (text == "0" || text == "false") return "false";
+      return detail::jsonString(text);
+    case Kind::message:
       return text;
+    default:
+      // Numbers as decimal strings, which the JSON reader takes and checks as it does numbers.
+      return detail::jsonString(text);
   }
 }
 
@@ -156,6 +163,17 @@ std::optional<AnyValue> typedOf(const EditValue& value, const FieldSchemaDescrib
     if (kind == Kind::bytes) return AnyValue(toBytes(asBytes(text->text)));
   }
   return std::nullopt;
+}
+
+// A message field's occurrence holding `payload`, in the field's own encoding.
+Bytes messageOccurrence(const FieldSchemaDescribing& field, ByteView payload) {
+  detail::WireBuffer out(payload.size() + 12);
+  if (field.isDelimited()) {
+    out.writeGroup(payload, field.fieldNumber());
+  } else {
+    out.writeData(payload, field.fieldNumber());
+  }
+  return out.data();
 }
 
 enum class Shape : uint8_t { whole, element, entry };
@@ -174,10 +192,17 @@ bool holdsDefault(ByteView bytes) {
 
 // The occurrences of `field` that hold `value`: one value, or for Shape::whole all of a repeated
 // field, or for Shape::entry one map entry of `key`.
-Bytes encodeValue(const MessageSchemaDescribing& parent, const FieldSchemaDescribing& field,
-                  const EditValue& value, Shape shape, const std::string* key) {
+Bytes encodeValue(const std::shared_ptr<MessageSchemaDescribing>& parent,
+                  const FieldSchemaDescribing& field, const EditValue& value, Shape shape,
+                  const std::string* key) {
   if (shape != Shape::entry && (shape == Shape::element || !field.isRepeated())) {
     if (auto typed = typedOf(value, field)) {
+      if (typed->kind() == AnyValue::Case::bytes && field.type().kind() == Kind::message) {
+        // An encoded message, checked to parse as one.
+        const ByteView message = typed->bytesValue();
+        detail::normalized(*field.type().messageSchema(), message);
+        return messageOccurrence(field, message);
+      }
       detail::WireBuffer out;
       const detail::AnyValueImpl impl = typed->impl();
       writeFieldValue(impl, field, out);
@@ -193,11 +218,15 @@ Bytes encodeValue(const MessageSchemaDescribing& parent, const FieldSchemaDescri
     json += "[" + jsonOf(value, field) + "]";
   } else if (shape == Shape::entry) {
     json += "{" + detail::jsonString(*key) + ":" + jsonOf(value, *mapOf(field)->value) + "}";
+  } else if (const auto* text = std::get_if<EditValue::Text>(&value.form());
+             text && field.isRepeated()) {
+    // All of a repeated field or map: a JSON array or object.
+    json += text->text;
   } else {
     json += jsonOf(value, field);
   }
   json += "}";
-  Bytes encoded = encodeJSON(parent, json).data();
+  Bytes encoded = parseJSON(MessageSchema(parent), json).data();
   // The value's text could close its member and open another: what it encodes must be this
   // field's, and one value where one is asked for.
   size_t count = 0;
@@ -233,23 +262,13 @@ Bytes spliced(ByteView message, std::vector<Splice>& splices, ByteView tail) {
   return out.data();
 }
 
-// A message field's occurrence holding `payload`, in the field's own encoding.
-Bytes messageOccurrence(const FieldSchemaDescribing& field, ByteView payload) {
-  detail::WireBuffer out(payload.size() + 12);
-  if (field.isDelimited()) {
-    out.writeGroup(payload, field.fieldNumber());
-  } else {
-    out.writeData(payload, field.fieldNumber());
-  }
-  return out.data();
-}
-
 // The map key `text` stands for, as the entries of `field` hold keys.
 detail::MapKey keyOf(const FieldSchemaDescribing& field, const detail::MapEntryFields& entry,
                      const std::string& text) {
   const std::string keyJson =
       entry.key->type().kind() == Kind::bool_ ? text : detail::jsonString(text);
-  const Bytes bytes = encodeJSON(*messageOf(field), "{\"key\":" + keyJson + "}").data();
+  const Bytes bytes =
+      parseJSON(MessageSchema(field.type().messageSchema()), "{\"key\":" + keyJson + "}").data();
   return detail::entryKey(bytes, *entry.key);
 }
 
@@ -257,7 +276,8 @@ class Editor {
  public:
   explicit Editor(const Rewrite::Edit& edit) : edit_(edit) {}
 
-  Bytes apply(ByteView message, const MessageSchemaDescribing& schema, size_t depth) const {
+  Bytes apply(ByteView message, const std::shared_ptr<MessageSchemaDescribing>& schema,
+              size_t depth) const {
     if (depth + 1 > static_cast<size_t>(detail::kMaxEditDepth)) throw detail::tooDeep();
     const Step& step = edit_.steps[depth];
     const FieldSchemaDescribing& field = *step.field;
@@ -280,7 +300,7 @@ class Editor {
     std::vector<Splice> splices;
     Bytes tail;
     if (!last) {
-      const MessageSchemaDescribing& nested = *messageOf(field);
+      const std::shared_ptr<MessageSchemaDescribing>& nested = field.type().messageSchema();
       if (field.isRepeated()) {
         const Occurrence& element = elementAt(own, *step.index);
         splices.push_back(
@@ -431,7 +451,7 @@ class Editor {
 
   // Replaces element `index` of a repeated field: a whole occurrence, or one element inside a
   // packed run, whose other elements keep their bytes.
-  Splice elementSplice(ByteView message, const MessageSchemaDescribing& schema,
+  Splice elementSplice(ByteView message, const std::shared_ptr<MessageSchemaDescribing>& schema,
                        const FieldSchemaDescribing& field, const std::vector<Occurrence>& own,
                        int64_t index) const {
     const Bytes encoded = encodeValue(schema, field, *edit_.value, Shape::element, nullptr);
@@ -527,7 +547,7 @@ Bytes Rewrite::apply(ByteView record) const {
   }
   Bytes current;
   for (size_t i = 0; i < edits_.size(); ++i) {
-    current = Editor(edits_[i]).apply(i == 0 ? record : ByteView(current), *schema_.impl(), 0);
+    current = Editor(edits_[i]).apply(i == 0 ? record : ByteView(current), schema_.impl(), 0);
   }
   return current;
 }

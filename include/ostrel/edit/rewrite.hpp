@@ -28,14 +28,16 @@ namespace ostrel {
 class EditValue {
  public:
   // A typed value, written as writeFieldValue writes it: integers must match the field's type.
+  // Bytes for a message field are the encoded message, which must parse.
   EditValue(AnyValue value) : value_(std::move(value)) {}  // NOLINT: a value is an edit value
 
   // The value's ProtoJSON, as encodeJSON reads a field holding it: 12, "SHIPPED", "aGk=",
   // {"id": 1}; for a whole repeated field an array, for a whole map an object.
   static EditValue json(std::string text) { return EditValue(Json{std::move(text)}); }
   // Text as a person types it: the text itself for a string field, its UTF-8 bytes for a bytes
-  // field, a value name or number for an enum field, and the value's JSON (as json()) for every
-  // other field.
+  // field, a value name or number for an enum field, true, false, 1 or 0 for a bool field, a
+  // number (as ProtoJSON writes one, "NaN" and "Infinity" too) for a numeric field, and JSON
+  // for a message field, a whole repeated field or a map.
   static EditValue text(std::string text) { return EditValue(Text{std::move(text)}); }
 
   struct Json {
