@@ -473,6 +473,8 @@ class Editor {
       while (run.hasMoreFields()) {
         const int64_t start = run.position();
         const uint64_t element = detail::readScalar(kind, wire, run);
+        // A run must end on an element boundary.
+        if (run.position() > occurrence.payloadEnd) throw SerializationError::truncated();
         if (field.hasClosedEnum() && !detail::declaresValue(field, element)) continue;
         if (seen++ != index) continue;
         // The new element's value: its encoding without the tag.

@@ -444,6 +444,9 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
            error(SchematizerError::unexpectedType("$.maybe: expected an integer of type int32"))},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'mid', x'0a05')", truncated},
           {"SELECT P_SET(x'2a05', 'ostrel.test.Rich', 'color', 1)", truncated},
+          // A packed run of fixed32 that does not end on an element boundary, a field after it.
+          {"SELECT P_SET(x'1a073a030102034001', 'ostrel.test.Rich', 'repeats.r_fixed32[0]', 1)",
+           truncated},
           {"SELECT P_MERGE(x'5801', 'ostrel.test.Rich', 'x')",
            "error:the record is text, not a blob of encoded protobuf"},
           // From here on the two-argument forms read Rich records.
