@@ -142,11 +142,17 @@ int main(int argc, char** argv) {
   check();
   Reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
+  // The median of repetitions when there are some, else the one run.
+  const auto time = [&](const std::string& name) {
+    const auto median = reporter.times.find(name + "_median");
+    if (median != reporter.times.end()) return median->second;
+    const auto one = reporter.times.find(name);
+    return one != reporter.times.end() ? one->second : 0.0;
+  };
   const auto ratio = [&](const char* name, const std::string& ours, const std::string& theirs,
                          const char* target) {
-    if (!reporter.times.contains(ours) || !reporter.times.contains(theirs)) return;
-    std::printf("%-44s %7.1fx  (target %s)\n", name, reporter.times[theirs] / reporter.times[ours],
-                target);
+    if (time(ours) <= 0 || time(theirs) <= 0) return;
+    std::printf("%-44s %7.1fx  (target %s)\n", name, time(theirs) / time(ours), target);
   };
   std::printf("\nRatios (libprotobuf's time / the library's):\n");
   ratio("set one scalar near the front, 1 MB", "BM_SetOurs1MB", "BM_SetDynamicMessage1MB",
