@@ -7,18 +7,22 @@
 namespace ostrel::tool {
 
 int rewriteRecords(const MessageInput& input, const RecordOptions& records,
-                   std::optional<DataFormat> output, const std::function<Bytes(ByteView)>& change) {
+                   const LoadedSchemas& schemas, std::optional<DataFormat> output,
+                   const std::function<Bytes(ByteView, const MessageSchema&)>& change) {
   if (!records.streams(input)) {
     const Bytes record = input.read();
-    writeOut(encodeData(change(record), output.value_or(DataFormat::binary)));
+    writeOut(
+        encodeData(change(record, input.schema(schemas)), output.value_or(DataFormat::binary)));
     return kExitSuccess;
   }
   if (output.value_or(DataFormat::binary) != DataFormat::binary) {
     throw UsageError("records are written as a binary stream; --output must be binary");
   }
-  return forEachRecord(input, records, [&](ByteView record) {
+  RecordSchemas types(records, input, schemas);
+  return forEachRecord(input, records, types, [&](const StreamRecord& record) {
+    if (!record.bytes) return;
     // Made whole before any of it is written: a bad record leaves nothing in the stream.
-    writeOut(delimitedRecord(change(record)));
+    writeOut(delimitedRecord(change(*record.bytes, *record.schema)));
   });
 }
 
@@ -95,6 +99,7 @@ int runEdits(Arguments& args, GlobalOptions& globals, bool clearing) {
     parsed.push_back(clearing ? EditArgument{edit, {}, false} : parseEdit(edit));
   }
 
+  if (records.typedByIds()) throw UsageError("edits name fields of one type: give -m, not ids");
   const LoadedSchemas schemas = loadSchemas(globals);
   Rewrite rewrite(input.schema(schemas));
   for (const EditArgument& edit : parsed) {
@@ -110,8 +115,9 @@ int runEdits(Arguments& args, GlobalOptions& globals, bool clearing) {
       throw ToolError(edit.path + ": " + error.what());
     }
   }
-  return rewriteRecords(input, records, output,
-                        [&](ByteView record) { return rewrite.apply(record); });
+  return rewriteRecords(
+      input, records, schemas, output,
+      [&](ByteView record, const MessageSchema&) { return rewrite.apply(record); });
 }
 
 int runSet(Arguments& args, GlobalOptions& globals) { return runEdits(args, globals, false); }

@@ -52,10 +52,11 @@ int runMerge(Arguments& args, GlobalOptions& globals) {
   const MessageSchema schema = input.schema(schemas);
   if (with) {
     const Bytes patch = input.readFile(with);
-    return rewriteRecords(input, records, output,
-                          [&](ByteView record) { return mergeRecord(schema, record, patch); });
+    return rewriteRecords(
+        input, records, schemas, output,
+        [&](ByteView record, const MessageSchema&) { return mergeRecord(schema, record, patch); });
   }
-  if (records.delimited) throw UsageError("--delimited merges a stream --with one record");
+  if (records.framed || records.kafka) throw UsageError("a stream is merged --with one record");
   if (input.files.size() < 2) throw UsageError("merge takes two -i records or more, or --with");
   Bytes merged = normalizeRecord(schema, input.readFile(input.files.front()));
   for (size_t i = 1; i < input.files.size(); ++i) {
@@ -78,11 +79,11 @@ int runNormalize(Arguments& args, GlobalOptions& globals) {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(input.message, "-m MSG");
+  if (!records.typedByIds()) require(input.message, "-m MSG");
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = input.schema(schemas);
-  return rewriteRecords(input, records, output,
-                        [&](ByteView record) { return normalizeRecord(schema, record); });
+  return rewriteRecords(
+      input, records, schemas, output,
+      [](ByteView record, const MessageSchema& schema) { return normalizeRecord(schema, record); });
 }
 
 }  // namespace

@@ -272,11 +272,12 @@ void consumeKafka(
 // The record preceded by its length as a varint, as --delimited streams hold records.
 std::string delimitedRecord(ByteView record);
 
-// Writes each record of the input changed by `change`: one record as `output` says, or with
-// several inputs or --delimited a binary delimited stream (records that fail are reported and
-// left out, as forEachRecord does). Returns the exit code.
+// Writes each record of the input changed by `change` (given the record and its message type):
+// one record as `output` says, or for a stream a binary delimited stream (records that fail are
+// reported and left out, as forEachRecord does; tombstones too). Returns the exit code.
 int rewriteRecords(const MessageInput& input, const RecordOptions& records,
-                   std::optional<DataFormat> output, const std::function<Bytes(ByteView)>& change);
+                   const LoadedSchemas& schemas, std::optional<DataFormat> output,
+                   const std::function<Bytes(ByteView, const MessageSchema&)>& change);
 
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.
