@@ -7,7 +7,8 @@
 // values than there are bytes (so none can spin), an iterator that failed fails again the same
 // way, the first-of helper answers with a member of the set it was given, a property path read as
 // text reads what its resolved form reads, the rendering is JSON, and a rendering without errors
-// in it encodes back to a message that renders the same.
+// in it encodes back to a message that renders the same. Normalizing is idempotent, and edits
+// either fail or leave a record that parses.
 
 #include <cstddef>
 #include <cstdint>
@@ -273,5 +274,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   firstOf({2, 3}, mids, bytes);
 
   render(f, message);
+
+  // The canonical encoding is canonical: normalizing it again changes nothing. An edit either
+  // fails or leaves a record that parses.
+  tolerate([&] {
+    const Bytes once = normalizeRecord(f.rich, bytes);
+    if (normalizeRecord(f.rich, once) != once) finding("normalizing twice changes the record");
+  });
+  tolerate([&] {
+    Rewrite rewrite(f.rich);
+    rewrite.set("mid.leaf.id", AnyValue(int64_t{7}))
+        .set("mids[1].leaves[0].label", EditValue::text("x"))
+        .set("repeats.r_int32[2]", EditValue::text("-5"))
+        .set("counts[a]", EditValue::text("3"))
+        .set("number", EditValue::text("9"))
+        .append("mid.leaves", EditValue::json("{}"))
+        .clear("leaves_by_id[4]");
+    normalizeRecord(f.rich, rewrite.apply(bytes));
+  });
   return 0;
 }

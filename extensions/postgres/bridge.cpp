@@ -427,6 +427,57 @@ bool ostrel_encode(const OstrelSite* site, const char* json, size_t jsonSize, Os
   });
 }
 
+namespace {
+// Hands `bytes` out in memory of `alloc`.
+void resultOut(OstrelAlloc alloc, const Bytes& bytes, char** result, size_t* size) {
+  *result = allocate(alloc, bytes.size());
+  if (!bytes.empty()) std::memcpy(*result, bytes.data(), bytes.size());
+  *size = bytes.size();
+}
+}  // namespace
+
+bool ostrel_set(const OstrelSite* site, const char* record, size_t size, const char* path,
+                size_t pathSize, OstrelValueForm form, const char* value, size_t valueSize,
+                OstrelAlloc alloc, char** result, size_t* resultSize, OstrelError* error) {
+  return guarded(error, [&] {
+    std::string text(value, valueSize);
+    EditValue edit = form == OSTREL_VALUE_JSON   ? EditValue::json(std::move(text))
+                     : form == OSTREL_VALUE_TEXT ? EditValue::text(std::move(text))
+                                                 : EditValue(AnyValue(toBytes(view(value, valueSize))));
+    Rewrite rewrite(site->compiled->schema);
+    rewrite.set(std::string_view(path, pathSize), std::move(edit));
+    resultOut(alloc, rewrite.apply(view(record, size)), result, resultSize);
+  });
+}
+
+bool ostrel_clear(const OstrelSite* site, const char* record, size_t size, const char* path,
+                  size_t pathSize, OstrelAlloc alloc, char** result, size_t* resultSize,
+                  OstrelError* error) {
+  return guarded(error, [&] {
+    Rewrite rewrite(site->compiled->schema);
+    rewrite.clear(std::string_view(path, pathSize));
+    resultOut(alloc, rewrite.apply(view(record, size)), result, resultSize);
+  });
+}
+
+bool ostrel_merge(const OstrelSite* site, const char* record, size_t size, const char* other,
+                  size_t otherSize, OstrelAlloc alloc, char** result, size_t* resultSize,
+                  OstrelError* error) {
+  return guarded(error, [&] {
+    resultOut(alloc,
+              mergeRecord(site->compiled->schema, view(record, size), view(other, otherSize)),
+              result, resultSize);
+  });
+}
+
+bool ostrel_normalize(const OstrelSite* site, const char* record, size_t size, OstrelAlloc alloc,
+                      char** result, size_t* resultSize, OstrelError* error) {
+  return guarded(error, [&] {
+    resultOut(alloc, normalizeRecord(site->compiled->schema, view(record, size)), result,
+              resultSize);
+  });
+}
+
 bool ostrel_definitions(OstrelSchemaFormat format, const char* input, size_t size,
                         OstrelAlloc alloc, OstrelDefinition** definitions, size_t* count,
                         OstrelError* error) {

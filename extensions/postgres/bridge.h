@@ -129,6 +129,29 @@ bool ostrel_render(const OstrelSite *site, const char *record, size_t size, Ostr
 bool ostrel_encode(const OstrelSite *site, const char *json, size_t jsonSize, OstrelAlloc alloc,
                    char **record, size_t *size, OstrelError *error);
 
+/* How p_set's value argument is read (the library's EditValue forms). */
+typedef enum OstrelValueForm {
+  OSTREL_VALUE_TEXT,  /* text as a person types it: a string, an enum name, a number, JSON */
+  OSTREL_VALUE_JSON,  /* ProtoJSON of the value */
+  OSTREL_VALUE_BYTES  /* the bytes of a bytes field, or an encoded message */
+} OstrelValueForm;
+
+/* Record rewrites at an OSTREL_SITE_MESSAGE site: the new record in *result (allocated). ostrel_set
+ * sets the field, element or map key `path` names; ostrel_clear removes a field or map key;
+ * ostrel_merge is protobuf's MergeFrom of `other` into the record; ostrel_normalize the canonical
+ * encoding. */
+bool ostrel_set(const OstrelSite *site, const char *record, size_t size, const char *path,
+                size_t pathSize, OstrelValueForm form, const char *value, size_t valueSize,
+                OstrelAlloc alloc, char **result, size_t *resultSize, OstrelError *error);
+bool ostrel_clear(const OstrelSite *site, const char *record, size_t size, const char *path,
+                  size_t pathSize, OstrelAlloc alloc, char **result, size_t *resultSize,
+                  OstrelError *error);
+bool ostrel_merge(const OstrelSite *site, const char *record, size_t size, const char *other,
+                  size_t otherSize, OstrelAlloc alloc, char **result, size_t *resultSize,
+                  OstrelError *error);
+bool ostrel_normalize(const OstrelSite *site, const char *record, size_t size, OstrelAlloc alloc,
+                      char **result, size_t *resultSize, OstrelError *error);
+
 typedef enum OstrelSchemaFormat {
   OSTREL_DESCRIPTOR_SET,
   OSTREL_MANIFEST,

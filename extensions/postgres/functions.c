@@ -33,6 +33,7 @@
 #include "utils/typcache.h"
 #include "utils/uuid.h"
 #include "utils/builtins.h"
+#include "utils/float.h"
 #include "utils/fmgrprotos.h"
 #include "utils/inval.h"
 #include "utils/jsonb.h"
@@ -881,6 +882,148 @@ ostrel_p_encode(PG_FUNCTION_ARGS)
 	SET_VARSIZE(result, size + VARHDRSZ);
 	memcpy(VARDATA(result), bytes, size);
 	PG_RETURN_BYTEA_P(result);
+}
+
+/* The rewritten record as bytea. */
+static bytea *
+record_result(const char *bytes, size_t size)
+{
+	bytea	   *result = palloc(size + VARHDRSZ);
+
+	SET_VARSIZE(result, size + VARHDRSZ);
+	memcpy(VARDATA(result), bytes, size);
+	return result;
+}
+
+/*
+ * p_set(data, type, path, value): the value's SQL type says how it is read: text as a person
+ * types it, bigint, double precision and boolean as their text, jsonb as ProtoJSON, bytea as
+ * bytes (an encoded message for a message field).
+ */
+static Datum
+p_set(FunctionCallInfo fcinfo, OstrelValueForm form, const char *value, size_t value_size)
+{
+	bytea	   *record = PG_GETARG_BYTEA_PP(0);
+	OstrelSite *site = call_site(fcinfo, OSTREL_SITE_MESSAGE, PG_GETARG_TEXT_PP(1), NULL);
+	size_t		path_size;
+	const char *path = text_to_utf8(PG_GETARG_TEXT_PP(2), &path_size);
+	char	   *bytes;
+	size_t		size;
+	OstrelError error;
+
+	if (!ostrel_set(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record), path, path_size, form,
+					value, value_size, alloc_in_current_context, &bytes, &size, &error))
+		raise_failure(&error);
+	PG_RETURN_BYTEA_P(record_result(bytes, size));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_text);
+Datum
+ostrel_p_set_text(PG_FUNCTION_ARGS)
+{
+	size_t		size;
+	const char *value = text_to_utf8(PG_GETARG_TEXT_PP(3), &size);
+
+	return p_set(fcinfo, OSTREL_VALUE_TEXT, value, size);
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_bigint);
+Datum
+ostrel_p_set_bigint(PG_FUNCTION_ARGS)
+{
+	char		value[32];
+
+	snprintf(value, sizeof value, INT64_FORMAT, PG_GETARG_INT64(3));
+	return p_set(fcinfo, OSTREL_VALUE_TEXT, value, strlen(value));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_double);
+Datum
+ostrel_p_set_double(PG_FUNCTION_ARGS)
+{
+	char	   *value = float8out_internal(PG_GETARG_FLOAT8(3));
+
+	return p_set(fcinfo, OSTREL_VALUE_TEXT, value, strlen(value));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_bool);
+Datum
+ostrel_p_set_bool(PG_FUNCTION_ARGS)
+{
+	const char *value = PG_GETARG_BOOL(3) ? "true" : "false";
+
+	return p_set(fcinfo, OSTREL_VALUE_TEXT, value, strlen(value));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_jsonb);
+Datum
+ostrel_p_set_jsonb(PG_FUNCTION_ARGS)
+{
+	Jsonb	   *json = PG_GETARG_JSONB_P(3);
+	char	   *server_text = JsonbToCString(NULL, &json->root, VARSIZE(json));
+	char	   *utf8 = pg_server_to_any(server_text, strlen(server_text), PG_UTF8);
+
+	return p_set(fcinfo, OSTREL_VALUE_JSON, utf8, strlen(utf8));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_set_bytea);
+Datum
+ostrel_p_set_bytea(PG_FUNCTION_ARGS)
+{
+	bytea	   *value = PG_GETARG_BYTEA_PP(3);
+
+	return p_set(fcinfo, OSTREL_VALUE_BYTES, VARDATA_ANY(value), VARSIZE_ANY_EXHDR(value));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_clear);
+Datum
+ostrel_p_clear(PG_FUNCTION_ARGS)
+{
+	bytea	   *record = PG_GETARG_BYTEA_PP(0);
+	OstrelSite *site = call_site(fcinfo, OSTREL_SITE_MESSAGE, PG_GETARG_TEXT_PP(1), NULL);
+	size_t		path_size;
+	const char *path = text_to_utf8(PG_GETARG_TEXT_PP(2), &path_size);
+	char	   *bytes;
+	size_t		size;
+	OstrelError error;
+
+	if (!ostrel_clear(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record), path, path_size,
+					  alloc_in_current_context, &bytes, &size, &error))
+		raise_failure(&error);
+	PG_RETURN_BYTEA_P(record_result(bytes, size));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_merge);
+Datum
+ostrel_p_merge(PG_FUNCTION_ARGS)
+{
+	bytea	   *record = PG_GETARG_BYTEA_PP(0);
+	OstrelSite *site = call_site(fcinfo, OSTREL_SITE_MESSAGE, PG_GETARG_TEXT_PP(1), NULL);
+	bytea	   *other = PG_GETARG_BYTEA_PP(2);
+	char	   *bytes;
+	size_t		size;
+	OstrelError error;
+
+	if (!ostrel_merge(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record), VARDATA_ANY(other),
+					  VARSIZE_ANY_EXHDR(other), alloc_in_current_context, &bytes, &size, &error))
+		raise_failure(&error);
+	PG_RETURN_BYTEA_P(record_result(bytes, size));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_normalize);
+Datum
+ostrel_p_normalize(PG_FUNCTION_ARGS)
+{
+	bytea	   *record = PG_GETARG_BYTEA_PP(0);
+	OstrelSite *site = call_site(fcinfo, OSTREL_SITE_MESSAGE, PG_GETARG_TEXT_PP(1), NULL);
+	char	   *bytes;
+	size_t		size;
+	OstrelError error;
+
+	if (!ostrel_normalize(site, VARDATA_ANY(record), VARSIZE_ANY_EXHDR(record),
+						  alloc_in_current_context, &bytes, &size, &error))
+		raise_failure(&error);
+	PG_RETURN_BYTEA_P(record_result(bytes, size));
 }
 
 /*

@@ -177,6 +177,35 @@ CREATE FUNCTION @extschema@.p_json(data bytea, type @extschema@.ostrel_text) RET
 AS 'MODULE_PATHNAME', 'ostrel_p_json' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 CREATE FUNCTION @extschema@.p_encode(type @extschema@.ostrel_text, json jsonb) RETURNS bytea
 AS 'MODULE_PATHNAME', 'ostrel_p_encode' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+-- Records that change: p_set(record, type, path, value) with the value typed as the field is
+-- (text for strings, enum names and JSON, bigint, double precision, boolean, jsonb for messages
+-- and whole repeated fields, bytea for bytes and encoded messages); p_clear, p_merge (protobuf's
+-- MergeFrom) and p_normalize (the canonical encoding).
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value text) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_text' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value bigint) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_bigint' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value double precision) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_double' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value boolean) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_bool' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value jsonb) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_jsonb' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_set(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text,
+    value bytea) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_set_bytea' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_clear(data bytea, type @extschema@.ostrel_text, path @extschema@.ostrel_text)
+RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_clear' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_merge(data bytea, type @extschema@.ostrel_text, other bytea) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_merge' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_normalize(data bytea, type @extschema@.ostrel_text) RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_normalize' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 -- The parts of a Kafka value in Confluent's envelope (magic byte, schema id or GUID, message-index
 -- path, message), so that p_get reads a table of raw Kafka values; form 'unsigned' reads the
 -- index path as older Python serializers write it.

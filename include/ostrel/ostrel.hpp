@@ -33,6 +33,7 @@
 #include "ostrel/core/logging.hpp"
 #include "ostrel/core/utf8.hpp"
 #include "ostrel/core/values.hpp"
+#include "ostrel/edit/rewrite.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"

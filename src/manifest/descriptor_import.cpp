@@ -151,6 +151,12 @@ constexpr int64_t kFieldPresenceNumber = 1;
 constexpr int64_t kMessageEncodingNumber = 5;
 constexpr uint64_t kImplicitPresence = 2;
 constexpr uint64_t kDelimitedEncoding = 2;
+constexpr int64_t kEnumTypeNumber = 2;
+constexpr uint64_t kClosedEnum = 2;
+constexpr int64_t kRepeatedFieldEncodingNumber = 3;
+constexpr uint64_t kPackedEncoding = 1;
+// FieldOptions.packed.
+constexpr int64_t kPackedOptionNumber = 2;
 // MessageOptions.map_entry.
 constexpr int64_t kMapEntryNumber = 7;
 
@@ -177,7 +183,10 @@ void readVarintField(const FieldTag& tag, Reader& reader, int64_t number,
 }  // namespace
 
 Features syntaxFeatures(std::string_view syntax) noexcept {
-  return {.explicitPresence = syntax != "proto3", .delimited = false};
+  return {.explicitPresence = syntax != "proto3",
+          .delimited = false,
+          .packed = syntax == "proto3" || syntax == "editions",
+          .closedEnums = syntax != "proto3" && syntax != "editions"};
 }
 
 Features withFeatures(Features inherited, const RawOptions& options, int64_t featuresNumber) {
@@ -192,6 +201,12 @@ Features withFeatures(Features inherited, const RawOptions& options, int64_t fea
       if (feature.fieldNumber() == kFieldPresenceNumber) {
         readVarintField(feature, in, kFieldPresenceNumber, value);
         if (value) inherited.explicitPresence = *value != kImplicitPresence;
+      } else if (feature.fieldNumber() == kEnumTypeNumber) {
+        readVarintField(feature, in, kEnumTypeNumber, value);
+        if (value) inherited.closedEnums = *value == kClosedEnum;
+      } else if (feature.fieldNumber() == kRepeatedFieldEncodingNumber) {
+        readVarintField(feature, in, kRepeatedFieldEncodingNumber, value);
+        if (value) inherited.packed = *value == kPackedEncoding;
       } else {
         readVarintField(feature, in, kMessageEncodingNumber, value);
         if (value) inherited.delimited = *value == kDelimitedEncoding;
@@ -205,6 +220,17 @@ void applyFeatures(FieldManifest& field, const Features& features, bool group) {
   field.implicitPresence = !features.explicitPresence && !field.isRepeated && !field.oneofIndex &&
                            field.type != TypeManifest::message;
   field.delimited = field.type == TypeManifest::message && (group || features.delimited);
+  std::optional<uint64_t> packedOption;
+  if (field.options) {
+    forEachField(*field.options, [&](const FieldTag& tag, Reader& reader) {
+      readVarintField(tag, reader, kPackedOptionNumber, packedOption);
+    });
+  }
+  const bool packable = field.type != TypeManifest::string && field.type != TypeManifest::bytes &&
+                        field.type != TypeManifest::message;
+  field.packed =
+      field.isRepeated && packable && (packedOption ? *packedOption != 0 : features.packed);
+  field.closedEnum = field.type == TypeManifest::enum_ && features.closedEnums;
 }
 
 void keepMapsLengthPrefixed(SchemaManifest& manifest) {

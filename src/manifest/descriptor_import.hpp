@@ -94,6 +94,11 @@ class ExtensionFields {
 struct Features {
   bool explicitPresence = true;
   bool delimited = false;
+  // Repeated scalars packed (repeated_field_encoding PACKED); a field's own [packed] option
+  // overrides it.
+  bool packed = false;
+  // Enums closed (enum_type CLOSED).
+  bool closedEnums = false;
 };
 
 // The field number of `features` in google.protobuf.FileOptions and FieldOptions.
@@ -101,14 +106,16 @@ inline constexpr int64_t kFileFeaturesNumber = 50;
 inline constexpr int64_t kFieldFeaturesNumber = 21;
 
 // The defaults of a file's syntax: "proto3" has implicit presence, "proto2" (or none) and
-// "editions" (2023 and 2024 alike) explicit presence; all of them length-prefixed messages.
+// "editions" (2023 and 2024 alike) explicit presence; all of them length-prefixed messages;
+// "proto3" and "editions" pack repeated scalars and have open enums, "proto2" does not.
 Features syntaxFeatures(std::string_view syntax) noexcept;
 
 // `inherited` overridden by what the `features` field (number `featuresNumber`) of the raw options
 // message sets. Throws SerializationError for options that are not a valid message.
 Features withFeatures(Features inherited, const RawOptions& options, int64_t featuresNumber);
 
-// Sets the field's resolved presence and encoding. `group` says that its descriptor type is
+// Sets the field's resolved presence, encoding and packing (its options' packed wins over the
+// features). `group` says that its descriptor type is
 // TYPE_GROUP, which is always delimited.
 void applyFeatures(FieldManifest& field, const Features& features, bool group);
 

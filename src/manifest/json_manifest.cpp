@@ -214,6 +214,10 @@ FieldManifest readField(const Json& value, const Path& path) {
       field.implicitPresence = readBool(member, at);
     } else if (name == "delimited") {
       field.delimited = readBool(member, at);
+    } else if (name == "packed") {
+      field.packed = readBool(member, at);
+    } else if (name == "closedEnum") {
+      field.closedEnum = readBool(member, at);
     } else if (name == "oneofIndex") {
       // Checked against the message's oneofs once the whole message has been read.
       if (!member.is_number_integer()) fail(at, "expected an integer");
@@ -352,6 +356,8 @@ Json writeField(const FieldManifest& field, const Path& path) {
   if (field.isRepeated) out["isRepeated"] = true;
   if (field.implicitPresence) out["implicitPresence"] = true;
   if (field.delimited) out["delimited"] = true;
+  if (field.packed) out["packed"] = true;
+  if (field.closedEnum) out["closedEnum"] = true;
   if (field.oneofIndex) out["oneofIndex"] = *field.oneofIndex;
   if (field.options) out["options"] = base64(*field.options);
   return out;

@@ -36,8 +36,12 @@ FieldManifest& FieldManifest::merge(const FieldManifest& other, MergePolicy poli
   std::optional<std::string> extension = extensionName ? extensionName : other.extensionName;
   std::optional<std::string> json = jsonName ? jsonName : other.jsonName;
   const bool implicit = implicitPresence || other.implicitPresence;
+  const bool packedRun = packed || other.packed;
+  const bool closed = closedEnum || other.closedEnum;
   mergeWholeRecord(*this, other, policy, "Conflict merging FieldManifest");
   implicitPresence = implicit;
+  packed = packedRun;
+  closedEnum = closed;
   if (!extensionName) extensionName = std::move(extension);
   if (!jsonName) jsonName = std::move(json);
   return *this;

@@ -69,7 +69,9 @@ FieldManifest fieldManifestOf(const FieldSchemaDescribing& field) {
                          .options = rawOptions(field.options()),
                          .extensionName = field.extensionName(),
                          .implicitPresence = field.hasImplicitPresence(),
-                         .delimited = field.isDelimited()};
+                         .delimited = field.isDelimited(),
+                         .packed = field.isPacked(),
+                         .closedEnum = field.hasClosedEnum()};
   if (type.kind() == TypeSchemaDescription::Case::message) {
     manifest.typeName = type.messageSchema()->name();
   } else if (type.kind() == TypeSchemaDescription::Case::enum_) {

@@ -10,6 +10,7 @@ SQLITE_EXTENSION_INIT3
 #endif
 
 #include <cctype>
+#include <charconv>
 #include <limits>
 #include <memory>
 #include <new>
@@ -18,6 +19,7 @@ SQLITE_EXTENSION_INIT3
 #include <string_view>
 #include <vector>
 
+#include "ostrel/edit/rewrite.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
@@ -806,6 +808,84 @@ void createFunction(sqlite3* db, const char* name, int arguments, int flags, Fun
   }
 }
 
+// The message schema of a rewrite: the type argument at `typeIndex` when the call has
+// `typedCount` arguments, else the connection's default type.
+MessageSchema rewriteSchema(sqlite3_context* context, int count, int typedCount,
+                            sqlite3_value** arguments) {
+  return connectionOf(context).withSchemas([&](const SqlSchemas& schemas) {
+    return count == typedCount ? schemas.messageSchema(textArgument(arguments[1]))
+                               : schemas.defaultSchema();
+  });
+}
+
+// A value as SQL gives it, for the field a rewrite sets: numbers and text as the tool's text form
+// takes them (text itself for string fields, JSON for messages), a blob as bytes (the encoded
+// message for a message field).
+EditValue editValue(sqlite3_value* value) {
+  switch (sqlite3_value_type(value)) {
+    case SQLITE_INTEGER:
+      return EditValue::text(std::to_string(sqlite3_value_int64(value)));
+    case SQLITE_FLOAT: {
+      char text[32];
+      const auto end = std::to_chars(text, text + sizeof text, sqlite3_value_double(value)).ptr;
+      return EditValue::text(std::string(text, end));
+    }
+    case SQLITE_BLOB: {
+      const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
+      return AnyValue(bytes ? Bytes(bytes, bytes + sqlite3_value_bytes(value)) : Bytes());
+    }
+    default:
+      return EditValue::text(std::string(textArgument(value)));
+  }
+}
+
+// P_SET(record, path, value), P_SET(record, type, path, value). A NULL value clears the field.
+void pSet(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count - 1, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    Rewrite rewrite(rewriteSchema(context, count, 4, arguments));
+    const std::string_view path = textArgument(arguments[count - 2]);
+    sqlite3_value* value = arguments[count - 1];
+    if (sqlite3_value_type(value) == SQLITE_NULL) {
+      rewrite.clear(path);
+    } else {
+      rewrite.set(path, editValue(value));
+    }
+    resultBlob(context, rewrite.apply(record));
+  });
+}
+
+// P_CLEAR(record, path), P_CLEAR(record, type, path).
+void pClear(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    Rewrite rewrite(rewriteSchema(context, count, 3, arguments));
+    rewrite.clear(textArgument(arguments[count - 1]));
+    resultBlob(context, rewrite.apply(record));
+  });
+}
+
+// P_MERGE(record, other), P_MERGE(record, type, other).
+void pMerge(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    const ByteView other = recordArgument(arguments[count - 1]);
+    resultBlob(context, mergeRecord(rewriteSchema(context, count, 3, arguments), record, other));
+  });
+}
+
+// P_NORMALIZE(record), P_NORMALIZE(record, type).
+void pNormalize(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    const ByteView record = recordArgument(arguments[0]);
+    resultBlob(context, normalizeRecord(rewriteSchema(context, count, 2, arguments), record));
+  });
+}
+
 }  // namespace
 
 void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
@@ -827,6 +907,14 @@ void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
   createFunction(db, "P_JSON", 1, kRead, pJson, schemas);
   createFunction(db, "P_JSON", 2, kRead, pJson, schemas);
   createFunction(db, "P_ENCODE", 2, kRead, pEncode, schemas);
+  createFunction(db, "P_SET", 3, kRead, pSet, schemas);
+  createFunction(db, "P_SET", 4, kRead, pSet, schemas);
+  createFunction(db, "P_CLEAR", 2, kRead, pClear, schemas);
+  createFunction(db, "P_CLEAR", 3, kRead, pClear, schemas);
+  createFunction(db, "P_MERGE", 2, kRead, pMerge, schemas);
+  createFunction(db, "P_MERGE", 3, kRead, pMerge, schemas);
+  createFunction(db, "P_NORMALIZE", 1, kRead, pNormalize, schemas);
+  createFunction(db, "P_NORMALIZE", 2, kRead, pNormalize, schemas);
   for (const int arguments : {1, 2}) {
     createFunction(db, "P_CONFLUENT_ID", arguments, kRead, pConfluent<ConfluentPart::id>, schemas);
     createFunction(db, "P_CONFLUENT_PATH", arguments, kRead, pConfluent<ConfluentPart::path>,

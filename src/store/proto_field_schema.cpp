@@ -24,7 +24,9 @@ ProtoFieldSchema::ProtoFieldSchema(std::string name, const FieldManifest& manife
       jsonName_(manifest.jsonName),
       store_(store),
       implicitPresence_(manifest.implicitPresence),
-      delimited_(manifest.delimited) {}
+      delimited_(manifest.delimited),
+      packed_(manifest.packed),
+      closedEnum_(manifest.closedEnum) {}
 
 ProtoFieldSchema::~ProtoFieldSchema() { delete resolved_.load(std::memory_order_relaxed); }
 

@@ -246,7 +246,9 @@ MessageManifest ProtoMessageSchema::manifest() const {
                                           .extensionName = field.extensionName(),
                                           .jsonName = field.declaredJsonName(),
                                           .implicitPresence = field.hasImplicitPresence(),
-                                          .delimited = field.isDelimited()});
+                                          .delimited = field.isDelimited(),
+                                          .packed = field.isPacked(),
+                                          .closedEnum = field.hasClosedEnum()});
   }
   manifest.oneofs.resize(oneofs_.size());
   for (const auto& [oneofName, slot] : oneofs_) {

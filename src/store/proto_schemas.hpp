@@ -73,6 +73,8 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   }
   std::string jsonName() const override;
   bool isDelimited() const noexcept override { return delimited_; }
+  bool isPacked() const noexcept override { return packed_; }
+  bool hasClosedEnum() const noexcept override { return closedEnum_; }
   // The json_name the schema declares, when it is not the computed one.
   const std::optional<std::string>& declaredJsonName() const noexcept { return jsonName_; }
   bool hasImplicitPresence() const noexcept override { return implicitPresence_; }
@@ -122,6 +124,8 @@ class ProtoFieldSchema final : public ProtoBaseSchema, public FieldSchemaDescrib
   std::weak_ptr<SchemaStoreDescribing> store_;
   bool implicitPresence_;
   bool delimited_;
+  bool packed_;
+  bool closedEnum_;
 };
 
 class ProtoEnumSchema final : public ProtoBaseSchema, public EnumSchemaDescribing {

@@ -1,5 +1,3 @@
-#include <google/protobuf/io/coded_stream.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -38,16 +36,6 @@ reported with its number and skipped, and the exit status is then 1.
   --fail-fast             with --delimited, stop at the first line that does not encode
   --ignore-unknown-fields pass over members that name no field instead of failing
 )usage";
-
-// The record preceded by its length, as a varint.
-std::string delimitedRecord(ByteView record) {
-  uint8_t prefix[10];  // the longest varint
-  const uint8_t* end =
-      google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(record.size(), prefix);
-  std::string out(reinterpret_cast<const char*>(prefix), static_cast<size_t>(end - prefix));
-  out.append(reinterpret_cast<const char*>(record.data()), record.size());
-  return out;
-}
 
 // Encodes each line of `in` (named `name` in reports) and writes it as a delimited record.
 int encodeLines(std::istream& in, const std::string& name, const MessageSchema& schema,

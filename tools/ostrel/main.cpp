@@ -19,9 +19,10 @@ namespace {
 
 using namespace ostrel::tool;
 
-constexpr std::array<const Command*, 9> kCommands = {
-    &kListCommand, &kDescribeCommand, &kGetCommand,      &kIterateCommand, &kJsonCommand,
-    &kTextCommand, &kEncodeCommand,   &kManifestCommand, &kSqlCommand,
+constexpr std::array<const Command*, 13> kCommands = {
+    &kListCommand,      &kDescribeCommand, &kGetCommand, &kIterateCommand, &kJsonCommand,
+    &kTextCommand,      &kEncodeCommand,   &kSetCommand, &kClearCommand,   &kMergeCommand,
+    &kNormalizeCommand, &kManifestCommand, &kSqlCommand,
 };
 
 constexpr std::string_view kUsageHead =

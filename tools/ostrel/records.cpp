@@ -6,6 +6,7 @@
 #include "ostrel/records/records.hpp"
 
 #include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,6 +121,15 @@ int64_t parseInteger(const std::string& text, std::string_view option) {
 }
 
 }  // namespace
+
+std::string delimitedRecord(ByteView record) {
+  uint8_t prefix[10];  // the longest varint
+  const uint8_t* end =
+      google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(record.size(), prefix);
+  std::string out(reinterpret_cast<const char*>(prefix), static_cast<size_t>(end - prefix));
+  out.append(reinterpret_cast<const char*>(record.data()), record.size());
+  return out;
+}
 
 bool RecordOptions::parse(Arguments& args) {
   std::string value;

@@ -269,6 +269,16 @@ void consumeKafka(
     const KafkaOptions& options,
     const std::function<bool(const KafkaProvenance&, std::optional<ByteView>)>& handle);
 
+// The record preceded by its length as a varint, as --delimited streams hold records.
+std::string delimitedRecord(ByteView record);
+
+// Writes each record of the input changed by `change` (given the record and its message type):
+// one record as `output` says, or for a stream a binary delimited stream (records that fail are
+// reported and left out, as forEachRecord does; tombstones too). Returns the exit code.
+int rewriteRecords(const MessageInput& input, const RecordOptions& records,
+                   const LoadedSchemas& schemas, std::optional<DataFormat> output,
+                   const std::function<Bytes(ByteView, const MessageSchema&)>& change);
+
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.
 void require(const std::optional<std::string>& option, std::string_view what);
@@ -291,5 +301,9 @@ extern const Command kEncodeCommand;
 extern const Command kTextCommand;
 extern const Command kManifestCommand;
 extern const Command kSqlCommand;
+extern const Command kSetCommand;
+extern const Command kClearCommand;
+extern const Command kMergeCommand;
+extern const Command kNormalizeCommand;
 
 }  // namespace ostrel::tool

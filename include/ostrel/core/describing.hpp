@@ -91,6 +91,10 @@ class FieldSchemaDescribing : public virtual SchemaDescribing {
   // Whether a message field is written delimited (start and end group tags) rather than
   // length-prefixed; readers take either. False unless the schema says so.
   virtual bool isDelimited() const noexcept { return false; }
+  // Whether a repeated numeric, bool or enum field is written packed (FieldManifest::packed).
+  virtual bool isPacked() const noexcept { return false; }
+  // Whether an enum field is closed (FieldManifest::closedEnum).
+  virtual bool hasClosedEnum() const noexcept { return false; }
 };
 
 class EnumSchemaDescribing : public virtual SchemaDescribing {

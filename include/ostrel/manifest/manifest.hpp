@@ -56,6 +56,15 @@ struct FieldManifest {
   // tag, as proto2 groups and Editions' DELIMITED message encoding are. Readers take either
   // encoding of any message field; the writers write this one.
   bool delimited = false;
+  // Whether a repeated field of a numeric, bool or enum type is written packed: all elements in one
+  // length-delimited run (proto3's and Editions' default, proto2's [packed = true]). Readers take
+  // either form; normalization writes this one. Set by the descriptor-set and .proto imports, kept
+  // by the JSON form ("packed": true). An annotation like implicitPresence.
+  bool packed = false;
+  // Whether an enum field is closed (proto2's, Editions' enum_type CLOSED): protobuf's parse keeps
+  // a number the enum does not declare among the unknown fields, not in the field. Set by the
+  // imports, kept by the JSON form ("closedEnum": true). An annotation like implicitPresence.
+  bool closedEnum = false;
 
   // Whole-record merge: the policy decides between the two records.
   // Throws MergeConflict "Conflict merging FieldManifest".

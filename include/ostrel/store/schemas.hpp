@@ -100,6 +100,8 @@ class FieldSchema {
   }
   std::string jsonName() const { return impl_->jsonName(); }
   bool isDelimited() const noexcept { return impl_->isDelimited(); }
+  bool isPacked() const noexcept { return impl_->isPacked(); }
+  bool hasClosedEnum() const noexcept { return impl_->hasClosedEnum(); }
   // Whether a singular field has no presence of its own (proto3's scalars outside a oneof,
   // Editions' IMPLICIT): an absent field then reads as absent, but means its default.
   bool hasImplicitPresence() const noexcept { return impl_->hasImplicitPresence(); }
