@@ -79,6 +79,10 @@ bool ProtoSchemaStore::hasMessageSchemaNamed(std::string_view name) const {
   return messageSchemas_.find(name) != messageSchemas_.end();
 }
 
+bool ProtoSchemaStore::hasEnumSchemaNamed(std::string_view name) const {
+  return enumSchemas_.find(name) != enumSchemas_.end();
+}
+
 std::shared_ptr<MessageSchemaDescribing> ProtoSchemaStore::messageSchema(
     std::string_view name) const {
   const auto it = messageSchemas_.find(name);

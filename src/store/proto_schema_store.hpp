@@ -47,6 +47,7 @@ class ProtoSchemaStore final : public SchemaStoreDescribing,
   std::set<std::string> messageSchemaNames() const override;
   std::set<std::string> enumSchemaNames() const override;
   bool hasMessageSchemaNamed(std::string_view name) const override;
+  bool hasEnumSchemaNamed(std::string_view name) const override;
   // Throws SchematizerError::schemaNotFound, or the error of creating the schema (the entry then
   // stays in manifest form and the next lookup tries again).
   std::shared_ptr<MessageSchemaDescribing> messageSchema(std::string_view name) const override;

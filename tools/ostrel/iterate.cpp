@@ -86,7 +86,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   const auto elementsOf = [&](ByteView record, const auto& emit) {
     std::optional<AnyValue> containing;
     if (!prefix.empty()) {
-      containing = UnsafeSchematizedData(schema.impl(), record).value(prefix, mode);
+      containing = schema.view(record).value(prefix, mode);
       if (!containing) return;
       record = containing->messageValue().bytes();
     }

@@ -67,7 +67,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     std::string line;
     return forEachRecord(input, records, [&](ByteView record) {
       // Rendered whole before any of it is printed: a bad record prints nothing.
-      line = renderJSON(UnsafeSchematizedData(schema.impl(), record), options);
+      line = renderJSON(schema.view(record), options);
       line += '\n';
       writeOut(line);
     });

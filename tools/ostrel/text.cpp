@@ -37,7 +37,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   const MessageSchema schema = input.schema(schemas);
   if (records.streams(input)) {
     return forEachRecord(input, records, [&](ByteView record) {
-      writeOut(renderText(UnsafeSchematizedData(schema.impl(), record)));
+      writeOut(renderText(schema.view(record)));
       writeOut("\n");
     });
   }

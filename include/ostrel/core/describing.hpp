@@ -35,13 +35,10 @@ class SchemaDescribing {
   virtual std::string typeDescription() const = 0;
 };
 
-// The values of one field that buildData writes: none, one, or (for a repeated field) several,
-// written one after another.
-using FieldValues = std::vector<detail::AnyValueImpl>;
-
-// Asked once per field by buildData; returns the values to write for it (empty: nothing).
+// Asked once per field by buildData; returns the values to write for it: none, one, or (for a
+// repeated field) several, written one after another.
 using ValueForField =
-    std::function<FieldValues(const std::shared_ptr<FieldSchemaDescribing>& field)>;
+    std::function<std::vector<AnyValue>(const std::shared_ptr<FieldSchemaDescribing>& field)>;
 
 class MessageSchemaDescribing : public virtual SchemaDescribing {
  public:
@@ -132,6 +129,10 @@ class SchemaStoreDescribing {
   // Whether messageSchemaNames() holds `name`; stores override this with a direct lookup.
   virtual bool hasMessageSchemaNamed(std::string_view name) const {
     return messageSchemaNames().contains(std::string(name));
+  }
+  // Whether enumSchemaNames() holds `name`; the same.
+  virtual bool hasEnumSchemaNamed(std::string_view name) const {
+    return enumSchemaNames().contains(std::string(name));
   }
 
   // The options messages of descriptor.proto, as far as this store knows them.
