@@ -31,7 +31,8 @@
 //   (sql/sql.hpp); extensions/ has the loadable ones.
 // - Stop long operations when the host asks (a cancel request): setInterruptCheck
 //   (core/interrupts.hpp).
-// Failures are thrown as ostrel::Error subclasses (core/errors.hpp).
+// Failures are thrown as ostrel::Error subclasses (core/errors.hpp; the SQL helpers' SqlError in
+// sql/sql.hpp).
 
 #include "ostrel/columns/columns.hpp"
 #include "ostrel/core/describing.hpp"
