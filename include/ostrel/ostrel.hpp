@@ -16,10 +16,11 @@
 //   without a message schema (wire/schematizer.hpp).
 // - Read several paths from each of many records: Projection, one pass per record; one scalar
 //   without an AnyValue: readInt64(bytes, path) and its siblings (wire/projection.hpp).
+// - A stream of records (length-prefixed, kcat's, one per input, or from a callback) and
+//   Confluent's envelope: RecordSource and decodeConfluent (records/records.hpp).
 // - Columns for analytics: ColumnProjection reads paths from many records into Arrow record
 //   batches, handed out through Arrow's C Data and C Stream Interfaces (columns/columns.hpp).
 // - Iterate a repeated field: Schematizer::RepeatableFieldIterator (wire/schematizer.hpp).
-// - Split a stream of length-prefixed records: DelimitedRecords (wire/schematizer.hpp).
 // - Build a message: schema.buildData(valueForField).
 // - JSON: renderJSON(data, options) for the text, renderJSON(data, sink, options) to stream it;
 //   parseJSON(schema, text) for the protobuf encoding of JSON text (output/json.hpp).
@@ -47,6 +48,7 @@
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/output/text_format.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/projection.hpp"
