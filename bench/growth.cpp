@@ -96,7 +96,7 @@ void check(bool ok, const std::string& what) {
 
 void EncodeMap(benchmark::State& state) {
   const std::string json = mapJson(state.range(0));
-  const SchemaStore store = schemaStoreFromManifest(mapManifest());
+  const SchemaStore store(mapManifest());
   const MessageSchema schema = store.messageSchema("g.T");
   size_t size = 0;
   for (auto _ : state) {

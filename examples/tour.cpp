@@ -1,6 +1,6 @@
-// A tour of the library on the bundled example: load a schema, read values by property path,
-// iterate a repeated field, render JSON and build a new message. Built and run by the tests, and
-// quoted in the README.
+// A tour of the library on the bundled example: load a schema, look types up, read values by
+// property path from borrowed bytes, iterate a repeated field, build a new message and convert to
+// and from JSON. Built and run by the tests, and quoted in the README.
 //
 //   tour EXAMPLES_DIR
 
@@ -22,10 +22,15 @@ int main(int argc, char** argv) {
     // Schemas arrive as a descriptor set (or a JSON manifest, or .proto files).
     const ostrel::SchemaStore store(
         ostrel::schemaManifestFromDescriptorSet(ostrel::asBytes(readFile(dir + "/shop.desc"))));
-    const ostrel::MessageSchema order = store.messageSchema("shop.Order");
 
-    // Pair encoded bytes with their schema and read single values, without decoding the rest.
-    const ostrel::SchematizedData data = order.schematizedData(readFile(dir + "/order1.bin"));
+    // Look types up: messageSchema throws for a name the store lacks, findMessageSchema says so.
+    const ostrel::MessageSchema order = store.messageSchema("shop.Order");
+    std::cout << "has shop.Refund: " << store.findMessageSchema("shop.Refund").has_value() << "\n";
+
+    // Read single values where the bytes lie: view borrows them (schematizedData would keep a copy)
+    // and a read decodes only what its path needs.
+    const std::string bytes = readFile(dir + "/order1.bin");
+    const ostrel::UnsafeSchematizedData data = order.view(bytes);
     std::cout << "customer: " << data.value("customer.name")->stringValue() << "\n";
     std::cout << "second sku: " << data.value("items[1].sku")->stringValue() << "\n";
     std::cout << "state: " << data.value("state")->enumValue().name() << "\n";
@@ -51,6 +56,11 @@ int main(int argc, char** argv) {
           return {};
         });
     std::cout << "built: " << ostrel::renderJSON(built) << "\n";
+
+    // JSON text to protobuf, and back to JSON with options.
+    const ostrel::SchematizedData parsed =
+        ostrel::parseJSON(customer, R"({"id": "7", "name": "Ada"})");
+    std::cout << "parsed: " << ostrel::renderJSON(parsed, {.jsonNames = true}) << "\n";
   } catch (const ostrel::Error& error) {
     std::cerr << "tour: " << error.what() << "\n";
     return 1;

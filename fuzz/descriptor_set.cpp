@@ -131,9 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   tolerate([&] { (void)renderJSON(fullSet.schematizedData(toBytes(bytes))); });
   if (setMayRepeatAnEnumName(bytes)) return 0;
   std::optional<SchemaManifest> viaFullSchema;
-  tolerate([&] {
-    viaFullSchema = schemaManifestFromDescriptorSet(fullSet.impl()->unsafeSchematizedData(bytes));
-  });
+  tolerate([&] { viaFullSchema = schemaManifestFromDescriptorSet(fullSet.view(bytes)); });
 
   SchemaManifest manifest;
   if (!tolerate([&] { manifest = schemaManifestFromDescriptorSet(bytes); })) return 0;
@@ -146,7 +144,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // The same bytes through the public entry point for caller-supplied schema data.
   tolerate([&] {
-    (void)schemaStoreFromData({.type = SchemaManifestType::dscProto, .data = toBytes(bytes)});
+    (void)SchemaStore(
+        schemaManifestFromData({.type = SchemaManifestType::dscProto, .data = toBytes(bytes)}));
   });
 
   fuzz::exerciseStore(manifest);

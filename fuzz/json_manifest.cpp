@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The store stops the process on two oneofs of one name in a message (see fuzz_support.hpp).
   if (fuzz::hasDuplicateOneofNames(manifest)) return 0;
   tolerate([&] {
-    (void)schemaStoreFromData({.type = SchemaManifestType::jsonProto, .data = toBytes(text)});
+    (void)SchemaStore(
+        schemaManifestFromData({.type = SchemaManifestType::jsonProto, .data = toBytes(text)}));
   });
   fuzz::exerciseStore(manifest);
   return 0;

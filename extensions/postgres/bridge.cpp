@@ -408,8 +408,8 @@ void ostrel_each_release(OstrelEach* each) { delete each; }
 bool ostrel_render(const OstrelSite* site, const char* record, size_t size, OstrelAlloc alloc,
                    char** json, size_t* jsonSize, OstrelError* error) {
   return guarded(error, [&] {
-    const std::string text = renderJSON(
-        UnsafeSchematizedData(site->compiled->schema.impl(), view(record, size)), kStrictJson);
+    const std::string text =
+        renderJSON(site->compiled->schema.view(view(record, size)), kStrictJson);
     *json = copyOut(alloc, text);
     *jsonSize = text.size();
   });

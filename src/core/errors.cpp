@@ -55,11 +55,10 @@ SerializationError::SerializationError(Code code, std::string what, Payload payl
       code_(code),
       payload_(std::make_shared<const Payload>(std::move(payload))) {}
 
-SerializationError SerializationError::invalidIntType(const detail::AnyValueImpl& value,
-                                                      TypeSchemaDescription type) {
+SerializationError SerializationError::invalidIntType(AnyValue value, TypeSchemaDescription type) {
   std::string what = "invalidIntType(" + value.describe() + ", " + type.describe() + ")";
   return SerializationError(Code::invalidIntType, std::move(what),
-                            Payload{value, std::move(type), std::nullopt});
+                            Payload{std::move(value), std::move(type), std::nullopt});
 }
 
 SerializationError SerializationError::typeMismatch(TypeSchemaDescription type,

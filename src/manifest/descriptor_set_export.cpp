@@ -16,7 +16,7 @@ namespace ostrel {
 namespace {
 
 // The values of one descriptor message, by descriptor field name.
-using Values = std::map<std::string, FieldValues, std::less<>>;
+using Values = std::map<std::string, std::vector<detail::AnyValueImpl>, std::less<>>;
 
 // A number as an int32 value when it fits; otherwise as an int64 value, which the writer refuses
 // for the int32 descriptor fields with SerializationError::invalidIntType.
@@ -162,8 +162,12 @@ class DescriptorSetWriter {
     const std::shared_ptr<MessageSchemaDescribing> schema =
         store_->messageSchema("google.protobuf." + std::string(descriptor));
     return schema->buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
-      const auto it = values.find(field->name());
-      return it == values.end() ? FieldValues{} : it->second;
+      std::vector<AnyValue> owned;
+      if (const auto it = values.find(field->name()); it != values.end()) {
+        owned.reserve(it->second.size());
+        for (const detail::AnyValueImpl& value : it->second) owned.push_back(AnyValue::from(value));
+      }
+      return owned;
     });
   }
 

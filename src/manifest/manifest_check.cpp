@@ -58,6 +58,17 @@ std::optional<MessageFault> repeatedNumberFault(const MessageManifest& message) 
   return std::nullopt;
 }
 
+std::optional<MessageFault> repeatedOneofNameFault(const MessageManifest& message) {
+  std::unordered_set<std::string_view> oneofNames;
+  for (size_t i = 0; i < message.oneofs.size(); ++i) {
+    if (!oneofNames.insert(message.oneofs[i].name).second) {
+      return MessageFault{
+          {}, i, "name", "oneof name " + quoted(message.oneofs[i].name) + " occurs twice"};
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<MessageFault> messageFault(const MessageManifest& message) {
@@ -72,14 +83,7 @@ std::optional<MessageFault> messageFault(const MessageManifest& message) {
     }
   }
   if (auto fault = repeatedNumberFault(message)) return fault;
-  std::unordered_set<std::string_view> oneofNames;
-  for (size_t i = 0; i < message.oneofs.size(); ++i) {
-    if (!oneofNames.insert(message.oneofs[i].name).second) {
-      return MessageFault{
-          {}, i, "name", "oneof name " + quoted(message.oneofs[i].name) + " occurs twice"};
-    }
-  }
-  return std::nullopt;
+  return repeatedOneofNameFault(message);
 }
 
 std::optional<std::pair<std::string, MessageFault>> fieldNumberFault(
@@ -88,6 +92,14 @@ std::optional<std::pair<std::string, MessageFault>> fieldNumberFault(
     std::optional<MessageFault> fault = numberRangeFault(message);
     if (!fault) fault = repeatedNumberFault(message);
     if (fault) return std::pair{name, std::move(*fault)};
+  }
+  return std::nullopt;
+}
+
+std::optional<std::pair<std::string, MessageFault>> storeFault(const SchemaManifest& manifest) {
+  if (auto fault = fieldNumberFault(manifest)) return fault;
+  for (const auto& [name, message] : manifest.messages) {
+    if (auto fault = repeatedOneofNameFault(message)) return std::pair{name, std::move(*fault)};
   }
   return std::nullopt;
 }

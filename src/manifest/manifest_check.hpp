@@ -43,6 +43,13 @@ std::optional<MessageFault> messageFault(const MessageManifest& message);
 std::optional<std::pair<std::string, MessageFault>> fieldNumberFault(
     const SchemaManifest& manifest);
 
+// The first fault of a manifest handed to a store as it is (SchemaStore(manifest)): the field
+// numbers as fieldNumberFault checks them, then two oneofs of one name in a message, which the
+// store cannot hold apart. A oneof index naming no oneof is left alone: the store passes such a
+// field over as a member of no oneof, and a descriptor import whose extension made a message's
+// entry first can give one.
+std::optional<std::pair<std::string, MessageFault>> storeFault(const SchemaManifest& manifest);
+
 // The fault of a second field named `name` in one message: protobuf refuses a message declaring
 // a name twice, and a manifest, keyed by name, would silently keep only one of them.
 MessageFault repeatedFieldName(const std::string& name);

@@ -114,14 +114,6 @@ SchemaManifest schemaManifestFromData(const SchemaManifestData& data) {
   throw SchematizerError::internalError("Unsupported schema manifest type");
 }
 
-SchemaStore schemaStoreFromData(const SchemaManifestData& data) {
-  return schemaStoreFromManifest(schemaManifestFromData(data));
-}
-
-SchemaStore schemaStoreFromManifest(const SchemaManifest& manifest) {
-  return SchemaStore(ProtoSchemaStore::make(manifest));
-}
-
 SchemaManifest fullManifest(const SchemaStore& store) {
   const SchemaStoreDescribing& impl = *store.impl();
   SchemaManifest manifest;

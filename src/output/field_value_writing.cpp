@@ -1,9 +1,10 @@
+#include "output/field_value_writing.hpp"
+
 #include "core/fatal.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
-#include "ostrel/output/protobuf_writing.hpp"
 #include "output/field_type_table.hpp"
 
 namespace ostrel {
@@ -50,7 +51,7 @@ void writeFieldValue(const detail::AnyValueImpl& value, const FieldSchemaDescrib
       if (field.isDelimited()) return writer.writeGroup(value.messageValue().bytes(), number);
       return writer.writeData(value.messageValue().bytes(), number);
   }
-  throw SerializationError::invalidIntType(value, type);
+  throw SerializationError::invalidIntType(AnyValue::from(value), type);
 }
 
 }  // namespace ostrel

@@ -18,6 +18,7 @@
 #include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
+#include "output/field_value_writing.hpp"
 #include "output/json_input.hpp"
 #include "store/map_entry.hpp"
 #include "output/well_known.hpp"

@@ -81,24 +81,24 @@ std::optional<AnyValue> readExact(const MessageSchemaDescribing& schema, ByteVie
   return toOwned(detail::readValueExact(schema, bytes, path.fieldPath, path.type, merged));
 }
 
-}  // namespace
-
-std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath, ReadMode mode) const {
+// The reads behind both UnsafeSchematizedData::value and SchematizedData::value, over the schema
+// and bytes themselves: a read through owned data takes no reference to its schema.
+std::optional<AnyValue> readPropertyPath(const MessageSchemaDescribing& schema, ByteView bytes,
+                                         std::string_view propertyPath, ReadMode mode) {
   if (mode == ReadMode::exact) {
-    return readExact(*schema_, bytes(), resolvePropertyPath(*schema_, propertyPath));
+    return readExact(schema, bytes, resolvePropertyPath(schema, propertyPath));
   }
-  return toOwned(detail::readAtKeyPath(*schema_, bytes(), propertyPath));
+  return toOwned(detail::readAtKeyPath(schema, bytes, propertyPath));
 }
 
-std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path) const {
-  Reader reader(bytes());
+std::optional<AnyValue> readFieldPath(const MessageSchemaDescribing& schema, ByteView bytes,
+                                      const FieldPathAndType& path, ReadMode mode) {
+  if (mode == ReadMode::exact) return readExact(schema, bytes, path);
+  Reader reader(bytes);
   return toOwned(readValue(reader, path));
 }
 
-std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path, ReadMode mode) const {
-  if (mode == ReadMode::exact) return readExact(*schema_, bytes(), path);
-  return value(path);
-}
+}  // namespace
 
 std::optional<AnyValue> UnsafeSchematizedData::value(const FieldPathAndType& path,
                                                      ReadMode mode) const {
@@ -109,10 +109,20 @@ std::optional<AnyValue> UnsafeSchematizedData::value(const FieldPathAndType& pat
 
 std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath,
                                                      ReadMode mode) const {
-  if (mode == ReadMode::exact) {
-    return readExact(*schema_, bytes_, resolvePropertyPath(*schema_, propertyPath));
-  }
-  return toOwned(detail::readAtKeyPath(*schema_, bytes_, propertyPath));
+  return readPropertyPath(*schema_, bytes_, propertyPath, mode);
+}
+
+std::optional<AnyValue> UnsafeSchematizedData::value(const FieldPathAndType& path,
+                                                     ReadMode mode) const {
+  return readFieldPath(*schema_, bytes_, path, mode);
+}
+
+std::optional<AnyValue> SchematizedData::value(std::string_view propertyPath, ReadMode mode) const {
+  return readPropertyPath(*schema_, bytes(), propertyPath, mode);
+}
+
+std::optional<AnyValue> SchematizedData::value(const FieldPathAndType& path, ReadMode mode) const {
+  return readFieldPath(*schema_, bytes(), path, mode);
 }
 
 }  // namespace ostrel

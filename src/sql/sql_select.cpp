@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <stdexcept>
 
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/sql/sql.hpp"
@@ -146,9 +145,9 @@ std::string quoted(std::string_view text, char quote) {
 }
 
 void checkIdentifier(std::string_view name, const char* what) {
-  if (name.empty()) throw std::invalid_argument(std::string("empty SQL ") + what);
+  if (name.empty()) throw SqlError::invalidArgument(std::string("empty SQL ") + what);
   if (name.find('\0') != std::string_view::npos) {
-    throw std::invalid_argument(std::string("NUL character in SQL ") + what);
+    throw SqlError::invalidArgument(std::string("NUL character in SQL ") + what);
   }
 }
 
@@ -196,7 +195,7 @@ std::string sqlStringLiteral(std::string_view text) { return quoted(text, '\'');
 
 std::string sqlSelect(const MessageSchema& schema, std::string_view table, std::string_view column,
                       const std::vector<SqlColumn>& paths, const SqlSelectOptions& options) {
-  if (paths.empty()) throw std::invalid_argument("no property paths to project");
+  if (paths.empty()) throw SqlError::invalidArgument("no property paths to project");
   checkIdentifier(table, "table name");
   checkIdentifier(column, "column name");
   std::vector<TypeSchemaDescription> types;

@@ -18,7 +18,7 @@ namespace sqlite_linked {
 // Registers ostrel_register_descriptor_set, ostrel_register_manifest, ostrel_register_proto,
 // ostrel_default_type, P_GET, P_HAS, P_JSON, P_ENCODE and the table-valued P_EACH on `db`, all
 // sharing the connection's schemas: `manifest` and the types stored in the database's
-// ostrel_schemas table. Throws std::runtime_error with SQLite's message when SQLite refuses one,
+// ostrel_schemas table. Throws SqlError::sqliteError with SQLite's message when SQLite refuses one,
 // and the errors of finding `defaultType`.
 void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
                          std::optional<std::string> defaultType);

@@ -122,8 +122,8 @@ const char* typeName(int type) {
 ByteView recordArgument(sqlite3_value* value) {
   const int type = sqlite3_value_type(value);
   if (type != SQLITE_BLOB) {
-    throw std::invalid_argument(std::string("the record is ") + typeName(type) +
-                                ", not a blob of encoded protobuf");
+    throw SqlError::invalidArgument(std::string("the record is ") + typeName(type) +
+                                    ", not a blob of encoded protobuf");
   }
   const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
   const auto size = static_cast<size_t>(sqlite3_value_bytes(value));
@@ -143,7 +143,7 @@ bool anyNull(int count, sqlite3_value** arguments) {
   return false;
 }
 
-// One prepared statement on the connection, finalized when it goes. Throws std::runtime_error
+// One prepared statement on the connection, finalized when it goes. Throws SqlError::sqliteError
 // with SQLite's message when SQLite refuses it.
 class Statement {
  public:
@@ -183,7 +183,7 @@ class Statement {
   void check(int status) {
     if (status != SQLITE_OK) fail();
   }
-  [[noreturn]] void fail() { throw std::runtime_error(sqlite3_errmsg(db_)); }
+  [[noreturn]] void fail() { throw SqlError::sqliteError(sqlite3_errmsg(db_)); }
 
   sqlite3* db_;
   sqlite3_stmt* statement_ = nullptr;
@@ -194,7 +194,7 @@ void execute(sqlite3* db, const char* sql) {
   if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
     std::string text = error ? error : sqlite3_errmsg(db);
     sqlite3_free(error);
-    throw std::runtime_error(text);
+    throw SqlError::sqliteError(std::move(text));
   }
 }
 
@@ -405,7 +405,7 @@ bool calledByApplication(sqlite3* db) {
 
 void refuseUnlessApplication(sqlite3_context* context, const char* function) {
   if (!calledByApplication(sqlite3_context_db_handle(context))) {
-    throw std::runtime_error(
+    throw SqlError::notPermitted(
         std::string(function) +
         " runs only from the application's own read-only statements that call it, with no "
         "other kind of statement in progress; never from a CHECK constraint, trigger, view, "
@@ -473,8 +473,8 @@ ReadMode modeArgument(int count, sqlite3_value** arguments) {
   if (count < 4) return ReadMode::first;
   const int type = sqlite3_value_type(arguments[3]);
   if (type != SQLITE_INTEGER) {
-    throw std::invalid_argument(std::string("the exact argument is ") + typeName(type) +
-                                ", not an integer (0 or 1)");
+    throw SqlError::invalidArgument(std::string("the exact argument is ") + typeName(type) +
+                                    ", not an integer (0 or 1)");
   }
   return sqlite3_value_int64(arguments[3]) != 0 ? ReadMode::exact : ReadMode::first;
 }
@@ -517,7 +517,7 @@ void pJson(sqlite3_context* context, int count, sqlite3_value** arguments) {
       return count == 2 ? schemas.messageSchema(textArgument(arguments[1]))
                         : schemas.defaultSchema();
     });
-    resultText(context, renderJSON(UnsafeSchematizedData(schema.impl(), record), kStrictJson));
+    resultText(context, renderJSON(schema.view(record), kStrictJson));
   });
 }
 
@@ -804,7 +804,7 @@ void createFunction(sqlite3* db, const char* name, int arguments, int flags, Fun
   // On failure SQLite has already called the destructor of the user data.
   if (sqlite3_create_function_v2(db, name, arguments, SQLITE_UTF8 | flags, shared, function,
                                  nullptr, nullptr, deleteSchemas) != SQLITE_OK) {
-    throw std::runtime_error(std::string("cannot register ") + name + ": " + sqlite3_errmsg(db));
+    throw SqlError::sqliteError(std::string("cannot register ") + name + ": " + sqlite3_errmsg(db));
   }
 }
 
@@ -930,7 +930,7 @@ void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
   if (sqlite3_create_module_v2(db, "P_EACH", &eachModule(),
                                new std::shared_ptr<ConnectionSchemas>(schemas),
                                deleteSchemas) != SQLITE_OK) {
-    throw std::runtime_error(std::string("cannot register P_EACH: ") + sqlite3_errmsg(db));
+    throw SqlError::sqliteError(std::string("cannot register P_EACH: ") + sqlite3_errmsg(db));
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include "core/fatal.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
+#include "output/field_value_writing.hpp"
 #include "store/options.hpp"
 #include "store/proto_schemas.hpp"
 
@@ -221,8 +222,8 @@ SchematizedData ProtoMessageSchema::buildData(const ValueForField& valueForField
   std::sort(names.begin(), names.end());
   for (const std::string& fieldName : names) {
     const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
-    for (const detail::AnyValueImpl& value : valueForField(field))
-      writeFieldValue(value, *field, *writer);
+    for (const AnyValue& value : valueForField(field))
+      writeFieldValue(value.impl(), *field, *writer);
   }
   return schematizedData(writer->data());
 }

@@ -1,5 +1,6 @@
 #include "ostrel/store/schemas.hpp"
 
+#include "manifest/manifest_check.hpp"
 #include "store/proto_schema_store.hpp"
 
 namespace ostrel {
@@ -91,15 +92,8 @@ std::optional<FieldSchema> MessageSchema::findFieldNamed(std::string_view name) 
 }
 
 SchematizedData MessageSchema::buildData(const ValueForField& valueForField) const {
-  // The internal values borrow from the public ones, so the values of the field being written are
-  // kept here until the next field is asked for.
-  std::vector<AnyValue> current;
   return impl_->buildData([&](const std::shared_ptr<FieldSchemaDescribing>& field) {
-    current = valueForField(FieldSchema(field));
-    FieldValues values;
-    values.reserve(current.size());
-    for (const AnyValue& value : current) values.push_back(value.impl());
-    return values;
+    return valueForField(FieldSchema(field));
   });
 }
 
@@ -107,8 +101,32 @@ bool SchemaStoreDescribing::add(const SchemaManifest&) {
   throw SchematizerError::internalError("Unsupported add");
 }
 
+namespace {
+
+// Refuses what the imports refuse before a manifest reaches the store, whose invariants would
+// otherwise stop the process at the first lookup. A built-in descriptor type defined differently
+// is no fault here: the store keeps the built-in definition.
+const SchemaManifest& checked(const SchemaManifest& manifest) {
+  if (const auto fault = detail::storeFault(manifest)) {
+    throw SchemaManifestJSONError::invalidValueType(detail::faultText(fault->first, fault->second));
+  }
+  return manifest;
+}
+
+}  // namespace
+
 SchemaStore::SchemaStore(const SchemaManifest& manifest)
-    : impl_(ProtoSchemaStore::make(manifest)) {}
+    : impl_(ProtoSchemaStore::make(checked(manifest))) {}
+
+std::optional<MessageSchema> SchemaStore::findMessageSchema(std::string_view name) const {
+  if (!impl_->hasMessageSchemaNamed(name)) return std::nullopt;
+  return messageSchema(name);
+}
+
+std::optional<EnumSchema> SchemaStore::findEnumSchema(std::string_view name) const {
+  if (!impl_->hasEnumSchemaNamed(name)) return std::nullopt;
+  return enumSchema(name);
+}
 
 MessageSchema SchematizedData::messageSchema() const { return MessageSchema(schema_); }
 

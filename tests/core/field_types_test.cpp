@@ -68,14 +68,14 @@ TEST(ErrorsTest, EqualityIsByCaseAndTextAndWhatNamesBoth) {
   EXPECT_FALSE(mismatch ==
                SerializationError::typeMismatch(D::scalar(C::fixed32), ProtoWireType::fixed64));
   const auto invalid =
-      SerializationError::invalidIntType(detail::AnyValueImpl::uint32(5), D::scalar(C::int32));
+      SerializationError::invalidIntType(AnyValue(uint32_t{5}), D::scalar(C::int32));
   EXPECT_STREQ(invalid.what(), "invalidIntType(uint32(5), int32)");
   EXPECT_EQ(invalid.value()->uint32Value(), 5u);
   // It carries this value and this type, not merely an integer mismatch.
-  EXPECT_FALSE(invalid == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(6),
-                                                             D::scalar(C::int32)));
-  EXPECT_FALSE(invalid == SerializationError::invalidIntType(detail::AnyValueImpl::uint32(5),
-                                                             D::scalar(C::int64)));
+  EXPECT_FALSE(invalid ==
+               SerializationError::invalidIntType(AnyValue(uint32_t{6}), D::scalar(C::int32)));
+  EXPECT_FALSE(invalid ==
+               SerializationError::invalidIntType(AnyValue(uint32_t{5}), D::scalar(C::int64)));
   EXPECT_FALSE(SerializationError::truncated() == SerializationError::malformedProtobuf());
   EXPECT_STREQ(SerializationError::truncated().what(), "truncated");
   EXPECT_FALSE(SchemaManifestDSCError::invalidValueType("x") ==

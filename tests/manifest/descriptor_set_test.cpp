@@ -468,15 +468,15 @@ TEST(SchemaManifestFromData, DecodesEachFormatOrFailsWithItsReadersError) {
        {SchemaManifestData{SchemaManifestType::dscProto, readGenerated("rich.desc")},
         SchemaManifestData{SchemaManifestType::jsonProto, toBytes(schemaManifestToJSON(rich))}}) {
     EXPECT_EQ(schemaManifestFromData(data), rich);
-    EXPECT_EQ(fullManifest(schemaStoreFromData(data)), withBuiltin(rich));
+    EXPECT_EQ(fullManifest(SchemaStore(schemaManifestFromData(data))), withBuiltin(rich));
   }
   EXPECT_EQ(catchError([] {
-              schemaStoreFromData({SchemaManifestType::jsonProto, toBytes("{\"messages\": 3}")});
+              schemaManifestFromData({SchemaManifestType::jsonProto, toBytes("{\"messages\": 3}")});
             }),
             SchemaManifestJSONError::invalidValueType("messages: expected an object"));
   EXPECT_EQ(
       catchError([] {
-        schemaStoreFromData({SchemaManifestType::dscProto, readGenerated("import/group.desc")});
+        schemaManifestFromData({SchemaManifestType::dscProto, readGenerated("import/group.desc")});
       }),
       SchemaManifestDSCError::invalidValueType("Group is deprecated"));
 }
@@ -485,12 +485,12 @@ TEST(FullManifest, GivesBackWhatTheStoreWasMadeOf) {
   for (const char* name : kDescriptorSets) {
     SCOPED_TRACE(name);
     const SchemaManifest manifest = importBytes(readGenerated(name));
-    const SchemaStore store = schemaStoreFromManifest(manifest);
+    const SchemaStore store(manifest);
     EXPECT_EQ(fullManifest(store), withBuiltin(manifest));
     // Everything is materialised now, so the used schemas are all of them.
     EXPECT_EQ(manifestEngagementsOnly(store), withBuiltin(manifest));
   }
-  EXPECT_EQ(fullManifest(schemaStoreFromManifest({})), builtinDescriptorManifest());
+  EXPECT_EQ(fullManifest(SchemaStore(SchemaManifest{})), builtinDescriptorManifest());
 }
 
 // A store of another implementation, forwarding to a library store.
@@ -542,7 +542,7 @@ TEST(ManifestEngagementsOnly, HoldsWhatHasBeenMaterialised) {
       {[](const SchemaStore& s) { EXPECT_ANY_THROW(s.messageSchema("ostrel.imp.Nothing")); }, {}},
   };
   for (const auto& [use, names] : rows) {
-    const SchemaStore store = schemaStoreFromManifest(manifest);
+    const SchemaStore store(manifest);
     use(store);
     SchemaManifest expected;
     for (const std::string& name : names) {
@@ -633,8 +633,7 @@ TEST(DescriptorSetExport, NumbersBeyondThirtyTwoBitsAreRefused) {
     SchemaManifest wideField, wideValue;
     wideField.messages["M"].fields["f"] = {.fieldNumber = number};
     wideValue.enums["E"].values = {{"BIG", number}};
-    const auto refusal =
-        SerializationError::invalidIntType(detail::AnyValueImpl::int64(number), int32Type);
+    const auto refusal = SerializationError::invalidIntType(AnyValue(int64_t{number}), int32Type);
     EXPECT_EQ(catchError([&] { descriptorSetFromManifest(wideField); }), refusal);
     EXPECT_EQ(catchError([&] { descriptorSetFromManifest(wideValue); }), refusal);
   }

@@ -165,14 +165,14 @@ TEST(JsonRenderingTest, RendersHandMadeBytes) {
     }
     EXPECT_EQ(render(schema, row.bytes), row.expected);
     EXPECT_EQ(log.lines, logged);
-    EXPECT_EQ(renderJSON(UnsafeSchematizedData(schema.impl(), asBytes(row.bytes))), row.expected);
+    EXPECT_EQ(renderJSON(schema.view(row.bytes)), row.expected);
     // Strict rendering throws the error that lenient rendering writes, and logs nothing.
     log.lines.clear();
     JsonOptions strict;
     strict.strict = true;
     std::string strictOutcome;
     try {
-      strictOutcome = renderJSON(UnsafeSchematizedData(schema.impl(), asBytes(row.bytes)), strict);
+      strictOutcome = renderJSON(schema.view(row.bytes), strict);
     } catch (const Error& e) {
       strictOutcome = e.what();
     }

@@ -12,6 +12,7 @@
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
+#include "output/field_value_writing.hpp"
 #include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 
@@ -135,7 +136,7 @@ TEST_F(WriteFieldValueTest, IntegerOfTheWrongTypeThrowsAndWritesNothing) {
     const FieldSchemaDescribing& f = field(type);
     WireDataWriter writer;
     EXPECT_EQ(catchError([&] { writeFieldValue(value, f, writer); }),
-              SerializationError::invalidIntType(value, f.type()));
+              SerializationError::invalidIntType(AnyValue::from(value), f.type()));
     EXPECT_TRUE(writer.data().empty());
   }
 }

@@ -106,7 +106,7 @@ TEST(KeyPathTest, ReadsByPropertyPathFromBorrowedAndBrokenData) {
   // node { name "n1" next { name "n2" } }, nodes [{name "a"}]
   const Bytes bytes =
       bytesOf({0x12, 10, 0x0a, 2, 'n', '1', 0x12, 4, 0x0a, 2, 'n', '2', 0x1a, 3, 0x0a, 1, 'a'});
-  const UnsafeSchematizedData borrowed = root.impl()->unsafeSchematizedData(bytes);
+  const UnsafeSchematizedData borrowed = root.view(bytes);
   EXPECT_EQ(borrowed.value("node.next.name"), AnyValue("n2"));
   EXPECT_EQ(borrowed.value("node.next.next.name"), std::nullopt);
   EXPECT_EQ(root.schematizedData(bytes).value(resolvePropertyPath(root, "nodes[0].name")),

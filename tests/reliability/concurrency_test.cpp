@@ -52,11 +52,10 @@ std::string work(const Bytes& richSet, const Bytes& descriptorSet, const std::st
         18, TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::sint64)));
     EXPECT_EQ(sints.next(), AnyValue(int64_t{-3}));
 
-    const SchemaStore full =
-        schemaStoreFromData({.type = SchemaManifestType::dscProto, .data = descriptorSet});
+    const SchemaStore full = SchemaStore(
+        schemaManifestFromData({.type = SchemaManifestType::dscProto, .data = descriptorSet}));
     const MessageSchema set = full.messageSchema("google.protobuf.FileDescriptorSet");
-    const size_t imported =
-        schemaManifestFromDescriptorSet(set.schematizedData(richSet).unsafe()).messages.size();
+    const size_t imported = schemaManifestFromDescriptorSet(set.view(richSet)).messages.size();
     EXPECT_GT(imported, 3u);
     // A field that does not decode is logged, through the shared log handler, kLogs times.
     std::string bad;

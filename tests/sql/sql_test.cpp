@@ -139,7 +139,7 @@ void expectRows(Db& db, const std::vector<std::pair<std::string, std::string>>& 
 
 std::string error(const Error& e) { return "error:" + std::string(e.what()); }
 
-TEST(ProjectionTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
+TEST(SqlSelectTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
   const SqlDialect lite = SqlDialect::sqlite;
   const SqlDialect pg = SqlDialect::postgres;
   const std::vector<std::tuple<SqlDialect, std::string, std::string>> rows = {
@@ -156,7 +156,7 @@ TEST(ProjectionTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
   EXPECT_EQ(sqlStringLiteral(""), "''");
 }
 
-TEST(ProjectionTest, SelectText) {
+TEST(SqlSelectTest, SelectText) {
   const SchemaStore store(richManifest());
   const MessageSchema rich = store.messageSchema(kRich);
   EXPECT_EQ(
@@ -173,7 +173,7 @@ TEST(ProjectionTest, SelectText) {
             "FROM \"Orders\"");
 }
 
-TEST(ProjectionTest, PostgresReadsTheTypeOfEachPath) {
+TEST(SqlSelectTest, PostgresReadsTheTypeOfEachPath) {
   const SchemaStore store(richManifest());
   const MessageSchema rich = store.messageSchema(kRich);
   const std::vector<std::pair<std::string, std::string>> rows = {
@@ -194,7 +194,7 @@ TEST(ProjectionTest, PostgresReadsTheTypeOfEachPath) {
   }
 }
 
-TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {
+TEST(SqlSelectTest, RefusedBeforeAnyTextIsMade) {
   const SchemaStore store(richManifest());
   const std::optional<std::string> bare;
   const std::vector<std::tuple<std::string, std::string, std::vector<SqlColumn>, std::string>>
@@ -214,7 +214,7 @@ TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {
     try {
       sqlSelect(store.messageSchema(kRich), table, column, paths);
       ADD_FAILURE() << "accepted; expected: " << what;
-    } catch (const std::exception& error) {
+    } catch (const Error& error) {
       EXPECT_EQ(std::string(error.what()), what);
     }
   }

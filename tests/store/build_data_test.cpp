@@ -48,7 +48,7 @@ TEST(BuildDataTest, MismatchedIntegerStopsTheBuild) {
     });
   });
   EXPECT_EQ(caught, SerializationError::invalidIntType(
-                        detail::AnyValueImpl::uint32(5),
+                        AnyValue(uint32_t{5}),
                         TypeSchemaDescription::scalar(TypeSchemaDescription::Case::int32)));
   EXPECT_EQ(asked, 1);  // "codes" failed; "id" and "label" were never asked for
 }

@@ -93,7 +93,7 @@ int run(Arguments& args, GlobalOptions& globals) {
       // Rendered whole before any of it is printed: a bad record prints nothing.
       rendered =
           record.bytes
-              ? renderJSON(UnsafeSchematizedData(record.schema->impl(), *record.bytes), options)
+              ? renderJSON(record.schema->view(*record.bytes), options)
               : "null";
       line.clear();
       if (records.provenance) {

@@ -167,7 +167,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   std::string sql;
   try {
     sql = sqlSelect(schema, *table, *column, paths, options);
-  } catch (const std::invalid_argument& error) {
+  } catch (const SqlError& error) {
     throw UsageError(error.what());
   }
   if (db) {

@@ -39,7 +39,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     return forEachRecord(input, records, types, [&](const StreamRecord& record) {
       // A null record is an empty message's text: nothing, then the separating empty line.
       if (record.bytes)
-        writeOut(renderText(UnsafeSchematizedData(record.schema->impl(), *record.bytes)));
+        writeOut(renderText(record.schema->view(*record.bytes)));
       writeOut("\n");
     });
   }

@@ -35,13 +35,10 @@ class SchemaDescribing {
   virtual std::string typeDescription() const = 0;
 };
 
-// The values of one field that buildData writes: none, one, or (for a repeated field) several,
-// written one after another.
-using FieldValues = std::vector<detail::AnyValueImpl>;
-
-// Asked once per field by buildData; returns the values to write for it (empty: nothing).
+// Asked once per field by buildData; returns the values to write for it: none, one, or (for a
+// repeated field) several, written one after another.
 using ValueForField =
-    std::function<FieldValues(const std::shared_ptr<FieldSchemaDescribing>& field)>;
+    std::function<std::vector<AnyValue>(const std::shared_ptr<FieldSchemaDescribing>& field)>;
 
 class MessageSchemaDescribing : public virtual SchemaDescribing {
  public:

@@ -137,9 +137,8 @@ class SerializationError final : public Error {
     logicError,
   };
 
-  // `value` must be a scalar value (it is kept, and must not borrow from a buffer).
-  static SerializationError invalidIntType(const detail::AnyValueImpl& value,
-                                           TypeSchemaDescription type);
+  // `value` is the integer the writer was handed, for a field of `type` it does not suit.
+  static SerializationError invalidIntType(AnyValue value, TypeSchemaDescription type);
   static SerializationError typeMismatch(TypeSchemaDescription type, ProtoWireType wireType);
   static SerializationError notInitialized() { return SerializationError(Code::notInitialized); }
   static SerializationError malformedProtobuf() {
@@ -150,7 +149,7 @@ class SerializationError final : public Error {
 
   Code code() const noexcept { return code_; }
   // The payload of invalidIntType; no value for the other cases.
-  const std::optional<detail::AnyValueImpl>& value() const noexcept { return payload_->value; }
+  const std::optional<AnyValue>& value() const noexcept { return payload_->value; }
   // The field type of invalidIntType and typeMismatch; no value for the other cases.
   const std::optional<TypeSchemaDescription>& type() const noexcept { return payload_->type; }
   // The wire type found, for typeMismatch; no value for the other cases.
@@ -162,7 +161,7 @@ class SerializationError final : public Error {
 
  private:
   struct Payload {
-    std::optional<detail::AnyValueImpl> value;
+    std::optional<AnyValue> value;
     std::optional<TypeSchemaDescription> type;
     std::optional<ProtoWireType> wireType;
   };

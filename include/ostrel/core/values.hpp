@@ -108,8 +108,10 @@ class SchematizedDataDescribing {
   virtual Bytes data() const { return toBytes(bytes()); }
 };
 
-// Bytes paired with their schema without a copy: typically a nested message inside its parent's
-// buffer. Valid only while the borrowed buffer is alive and unchanged; it never frees it.
+// A borrowing view: encoded bytes in someone else's buffer paired with their message schema, made
+// by MessageSchema::view (or met as a nested message inside its parent's buffer). Nothing is
+// copied; valid only while the borrowed buffer is alive and unchanged, and it never frees it.
+// SchematizedData is the owning form.
 class UnsafeSchematizedData final : public SchematizedDataDescribing {
  public:
   UnsafeSchematizedData(std::shared_ptr<MessageSchemaDescribing> schema, ByteView bytes) noexcept
@@ -120,10 +122,14 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
     return schema_;
   }
 
-  // Reads the value at a property path such as "a.b[2].c", as SchematizedData::value does.
+  // Reads the value at a property path such as "a.b[2].c"; no value when the bytes do not hold
+  // it, an index past the last element included (for packed runs too). Throws
+  // PropertyPathUtil::Error for a malformed path, SchematizerError for a path the schema does not
+  // have, SerializationError for malformed bytes.
   std::optional<AnyValue> value(std::string_view propertyPath,
                                 ReadMode mode = ReadMode::first) const;
-  // Reads the value at a field path resolved beforehand, as SchematizedData::value does.
+  // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
+  // resolution: the fast way to read one path from many records.
   std::optional<AnyValue> value(const FieldPathAndType& path,
                                 ReadMode mode = ReadMode::first) const;
 
@@ -132,7 +138,8 @@ class UnsafeSchematizedData final : public SchematizedDataDescribing {
   ByteView bytes_;
 };
 
-// Encoded bytes paired with their message schema; owns its bytes. Copies share the buffer.
+// An owning record: encoded bytes paired with their message schema, the bytes held in a buffer of
+// its own (MessageSchema::schematizedData copies them in). Copies share the buffer.
 class SchematizedData {
  public:
   SchematizedData(std::shared_ptr<MessageSchemaDescribing> schema, Bytes data)
@@ -152,16 +159,11 @@ class SchematizedData {
   // A borrowing view of this data, valid while this object (or a copy of it) is alive.
   UnsafeSchematizedData unsafe() const noexcept { return {schema_, data_.view()}; }
 
-  // Reads the value at a property path such as "a.b[2].c"; no value when the bytes do not hold
-  // it, an index past the last element included (for packed runs too). Throws
-  // PropertyPathUtil::Error for a malformed path, SchematizerError for a path the schema does not
-  // have, SerializationError for malformed bytes.
+  // The reads of UnsafeSchematizedData::value, over this data's own buffer.
   std::optional<AnyValue> value(std::string_view propertyPath,
                                 ReadMode mode = ReadMode::first) const;
-  // Reads the value at a field path resolved beforehand (see resolvePropertyPath), skipping the
-  // resolution: the fast way to read one path from many records.
-  std::optional<AnyValue> value(const FieldPathAndType& path) const;
-  std::optional<AnyValue> value(const FieldPathAndType& path, ReadMode mode) const;
+  std::optional<AnyValue> value(const FieldPathAndType& path,
+                                ReadMode mode = ReadMode::first) const;
 
   // Same schema name and the same bytes.
   friend bool operator==(const SchematizedData& a, const SchematizedData& b);
@@ -265,12 +267,6 @@ class AnyValueImpl {
   std::variant<int32_t, uint32_t, int64_t, uint64_t, float, double, bool, EnumValueImpl,
                std::string, BorrowedData, UnsafeSchematizedData>
       value_;
-};
-
-// A value paired with the schema of the field it belongs to.
-struct FieldValueImpl {
-  std::shared_ptr<FieldSchemaDescribing> fieldSchema;
-  AnyValueImpl value;
 };
 
 }  // namespace detail

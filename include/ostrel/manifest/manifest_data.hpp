@@ -34,14 +34,6 @@ struct SchemaManifestData {
 // dscProto buffer gives an empty manifest.
 SchemaManifest schemaManifestFromData(const SchemaManifestData& data);
 
-// A new store of the decoded manifest (merged into the built-in descriptor manifest), every entry
-// still in manifest form. Throws as schemaManifestFromData does.
-SchemaStore schemaStoreFromData(const SchemaManifestData& data);
-
-// A new store of `manifest` merged into the built-in descriptor manifest, every entry still in
-// manifest form.
-SchemaStore schemaStoreFromManifest(const SchemaManifest& manifest);
-
 // Every message and enum of any store, rebuilt through the abstract schema interfaces: field types
 // come from the resolved types, so every message and enum of the store, and every type its fields
 // refer to, gets materialised. A field whose type name the store cannot resolve makes it fail with

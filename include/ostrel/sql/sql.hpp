@@ -9,12 +9,46 @@
 #include <string_view>
 #include <vector>
 
+#include "ostrel/core/errors.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/store/schemas.hpp"
 
 struct sqlite3;
 
 namespace ostrel {
+
+// A fault of the SQL helpers that is not the schemas' or the data's: an argument SQL cannot take,
+// a function called from where it may not run, or SQLite refusing what it was asked. what() is the
+// text alone, as SQLite's error messages read ("empty SQL table name").
+class SqlError final : public Error {
+ public:
+  enum class Code : uint8_t {
+    // sqlSelect's arguments (no paths, an empty identifier or one holding NUL) and the SQL
+    // functions' (a record that is not a BLOB, ...).
+    invalidArgument,
+    // A registration function called from anything but the application's own statements.
+    notPermitted,
+    // SQLite refused a statement or a registration; the text is its message.
+    sqliteError,
+  };
+
+  static SqlError invalidArgument(std::string text) {
+    return {Code::invalidArgument, std::move(text)};
+  }
+  static SqlError notPermitted(std::string text) { return {Code::notPermitted, std::move(text)}; }
+  static SqlError sqliteError(std::string text) { return {Code::sqliteError, std::move(text)}; }
+
+  Code code() const noexcept { return code_; }
+
+  friend bool operator==(const SqlError& a, const SqlError& b) {
+    return a.code_ == b.code_ && std::string_view(a.what()) == std::string_view(b.what());
+  }
+
+ private:
+  SqlError(Code code, std::string text) : Error(std::move(text)), code_(code) {}
+
+  Code code_;
+};
 
 // One column of a SELECT: a property path and the name of its result column (the path itself when
 // no alias is given).
@@ -53,7 +87,7 @@ struct SqlSelectOptions {
 // `schema` (SchematizerError); on any failure no text is returned. Identifiers are written bare
 // when they are plain ([A-Za-z_][A-Za-z0-9_]*, not a keyword), else double-quoted with inner quotes
 // doubled; paths are string literals with single quotes doubled. Whatever the input, the text is
-// exactly one SELECT. Throws std::invalid_argument for no paths, or an empty identifier or one
+// exactly one SELECT. Throws SqlError::invalidArgument for no paths, or an empty identifier or one
 // holding a NUL character (which SQL text cannot carry).
 std::string sqlSelect(const MessageSchema& schema, std::string_view table, std::string_view column,
                       const std::vector<SqlColumn>& columns, const SqlSelectOptions& options = {});
@@ -99,7 +133,7 @@ std::string sqlStringLiteral(std::string_view text);
 // A NULL argument gives NULL (no rows for P_EACH). A record that is not a BLOB, malformed bytes,
 // an unknown type and a bad path raise an SQLite error whose message is the library's error text.
 // Paths are parsed and resolved once per statement. The reads are deterministic and innocuous, so
-// that expression indexes can be built on them. Throws std::runtime_error when SQLite refuses a
+// that expression indexes can be built on them. Throws SqlError::sqliteError when SQLite refuses a
 // registration, and the errors of building a store from `manifest` or of finding `defaultType`.
 void registerSqliteFunctions(sqlite3* db, const SchemaManifest& manifest = {},
                              const std::optional<std::string>& defaultType = std::nullopt);

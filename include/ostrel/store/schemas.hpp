@@ -133,12 +133,6 @@ class OneofSchema {
   std::shared_ptr<OneofSchemaDescribing> impl_;
 };
 
-// A value paired with the schema of its field.
-struct FieldValue {
-  FieldSchema fieldSchema;
-  AnyValue value;
-};
-
 class MessageSchema {
  public:
   // The values to write for one field: none, one, or several for a repeated field.
@@ -170,13 +164,20 @@ class MessageSchema {
     return OneofSchema(impl_->oneofNamed(name));
   }
 
-  // Pairs this schema with an owned copy of `data`.
+  // Pairs this schema with an owned copy of `data`: the record outlives the caller's buffer.
   SchematizedData schematizedData(Bytes data) const {
     return impl_->schematizedData(std::move(data));
   }
   SchematizedData schematizedData(std::string_view data) const {
     return impl_->schematizedData(toBytes(data));
   }
+  // Pairs this schema with borrowed bytes, copying nothing: the way to read or render records that
+  // live in someone else's buffer (a file, a database row, a stream). Valid while that buffer is
+  // alive and unchanged.
+  //
+  //     std::optional<AnyValue> id = schema.view(record).value("id");
+  UnsafeSchematizedData view(ByteView bytes) const { return impl_->unsafeSchematizedData(bytes); }
+  UnsafeSchematizedData view(std::string_view bytes) const { return view(asBytes(bytes)); }
 
   // Writes a new message: `valueForField` is asked for the values of each field, in ascending
   // order of field name, and each value is written as the field's type requires.
@@ -193,7 +194,11 @@ class MessageSchema {
 class SchemaStore {
  public:
   explicit SchemaStore(std::shared_ptr<SchemaStoreDescribing> impl) : impl_(std::move(impl)) {}
-  // A store of `manifest` merged into the built-in descriptor manifest. Throws MergeConflict.
+  // A store of `manifest` merged into the built-in descriptor manifest (where both define a type,
+  // the built-in definition is kept), every entry still in manifest form. A manifest built by hand
+  // is checked as the imports check theirs: a field number outside 1 to 2^29-1 or in 19000 to
+  // 19999, two fields of one number and two oneofs of one name throw
+  // SchemaManifestJSONError::invalidValueType (`Message "a.M" field "x": ...`).
   explicit SchemaStore(const SchemaManifest& manifest);
 
   const std::shared_ptr<SchemaStoreDescribing>& impl() const noexcept { return impl_; }
@@ -218,6 +223,10 @@ class SchemaStore {
   // makes a new store). Not while another thread uses the store. Throws
   // SchematizerError::internalError("Unsupported add") for a store that cannot grow.
   bool add(const SchemaManifest& manifest) { return impl_->add(manifest); }
+  // The schema, or no value when the store has no type of that name; the error of creating the
+  // schema is still thrown.
+  std::optional<MessageSchema> findMessageSchema(std::string_view name) const;
+  std::optional<EnumSchema> findEnumSchema(std::string_view name) const;
 
  private:
   std::shared_ptr<SchemaStoreDescribing> impl_;

@@ -43,6 +43,9 @@ struct FieldPathAndType {
   TypeSchemaDescription type;
 };
 
+// The low-level reads under SchematizedData::value: one value by field number, or by a chain of
+// field numbers through nested messages, given only the declared type of the last field (no
+// message schema, no property path), and the elements of a repeated field one by one.
 class Schematizer {
  public:
   // The first occurrence of field `fieldNumber` in `data`, decoded as `type`; no value when the
