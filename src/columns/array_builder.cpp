@@ -3,6 +3,7 @@
 #include "columns/array_builder.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 
 namespace ostrel::detail {
@@ -82,7 +83,21 @@ void releaseSchema(ArrowSchema* schema) {
 
 }  // namespace
 
+void EnumDictionary::index() {
+  constexpr int64_t kDenseLimit = 1024;
+  dense.clear();
+  if (numbers.empty() || numbers.back() - numbers.front() >= kDenseLimit) return;
+  dense.assign(static_cast<size_t>(numbers.back() - numbers.front() + 1), -1);
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    dense[static_cast<size_t>(numbers[i] - numbers.front())] = static_cast<int32_t>(i);
+  }
+}
+
 int32_t EnumDictionary::find(int64_t number) const noexcept {
+  if (!dense.empty()) {
+    const uint64_t at = static_cast<uint64_t>(number) - static_cast<uint64_t>(numbers.front());
+    return at < dense.size() ? dense[static_cast<size_t>(at)] : -1;
+  }
   const auto it = std::lower_bound(numbers.begin(), numbers.end(), number);
   if (it == numbers.end() || *it != number) return -1;
   return static_cast<int32_t>(it - numbers.begin());
@@ -93,12 +108,15 @@ ArrayBuilder::ArrayBuilder(Layout layout, uint8_t width, bool large)
   reset();
 }
 
-void ArrayBuilder::reset() {
+void ArrayBuilder::reset(const std::array<size_t, 3>& sizes) {
   length = 0;
   nulls = 0;
   validity = Buffer();
   values = Buffer();
   data = Buffer();
+  validity.reserveFor(sizes[0]);
+  values.reserveFor(sizes[1]);
+  data.reserveFor(sizes[2]);
   unnamed.clear();
   if (layout == Layout::binary || layout == Layout::list) pushOffset(0);
 }
@@ -181,6 +199,8 @@ void ArrayBuilder::truncate(int64_t rows) {
 }
 
 void ArrayBuilder::exportTo(ArrowArray* out) {
+  // The next batch is likely the size of this one: its buffers start at these sizes.
+  const std::array<size_t, 3> sizes = {validity.size(), values.size(), data.size()};
   auto owned = std::make_unique<ExportedArray>();
   const int64_t childCount = static_cast<int64_t>(children.size());
   if (childCount > 0) {
@@ -208,7 +228,7 @@ void ArrayBuilder::exportTo(ArrowArray* out) {
   // The children go first: once they are exported nothing here can fail.
   for (size_t i = 0; i < children.size(); ++i) children[i].exportTo(&owned->children[i]);
   publish(out, std::move(owned), rows, nullCount, childCount);
-  reset();
+  reset(sizes);
 }
 
 void ArrowField::exportTo(ArrowSchema* out) const {

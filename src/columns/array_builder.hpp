@@ -4,6 +4,7 @@
 // rows, can be cut back to an earlier row count (a record that failed halfway leaves nothing
 // behind), and moves its buffers into an exported array that owns them from then on.
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +95,11 @@ class Buffer {
 struct EnumDictionary {
   std::vector<int64_t> numbers;  // ascending
   std::vector<std::string> names;
+  // For enums whose numbers span a small range: the position of each number from the lowest, or
+  // -1. Built by index().
+  std::vector<int32_t> dense;
+
+  void index();
 
   // The dictionary position of `number`, or -1.
   int32_t find(int64_t number) const noexcept;
@@ -194,7 +200,8 @@ struct ArrayBuilder {
     return large ? static_cast<size_t>(values.at<int64_t>(static_cast<size_t>(row)))
                  : static_cast<size_t>(values.at<int32_t>(static_cast<size_t>(row)));
   }
-  void reset();
+  // Empties the array, its buffers reserved at `sizes` (validity, values, data).
+  void reset(const std::array<size_t, 3>& sizes = {});
 };
 
 // The Arrow type of a column or child, for the exported schema.

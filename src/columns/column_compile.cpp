@@ -69,6 +69,7 @@ std::shared_ptr<const EnumDictionary> dictionaryOf(const EnumSchemaDescribing& s
     dictionary->numbers.push_back(number);
     dictionary->names.push_back(schema.valueNameFor(number));
   }
+  dictionary->index();
   return dictionary;
 }
 

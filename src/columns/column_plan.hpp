@@ -114,6 +114,8 @@ struct ColumnBuilder {
   int64_t records = 0;
   int64_t failed = 0;
   int64_t bytes = 0;
+  // The sizes of the records in the batch in progress.
+  int64_t batchBytes = 0;
   // A record read from a source that did not fit the batch it was read for.
   std::optional<ByteView> held;
   int64_t heldOffset = 0;

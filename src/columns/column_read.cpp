@@ -11,9 +11,24 @@
 #include "wire/scalar_decoding.hpp"
 
 namespace ostrel::detail {
+// The cells of a projection row read without the accessors' kind checks: each column's kind was
+// fixed when it was compiled.
+struct ProjectionCells {
+  static bool present(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].state == ProjectionRow::State::present;
+  }
+  static const auto& scalar(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].scalar;
+  }
+  static ByteView payload(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].payload;
+  }
+};
+
 namespace {
 
 using TypeCase = TypeSchemaDescription::Case;
+using Cells = ProjectionCells;
 
 }  // namespace
 
@@ -295,41 +310,36 @@ class BatchReader {
     }
   }
 
+  // A failed row was thrown before its columns are read: a cell is present or absent.
   void leaf(const ColumnReader& reader, const ProjectionRow& row, ArrayBuilder& builder) {
     const size_t slot = reader.slot;
+    if (!Cells::present(row, slot)) return appendAbsent(reader, builder);
+    const auto& scalar = Cells::scalar(row, slot);
     switch (reader.leaf) {
       case LeafKind::int32:
-        if (const auto v = row.int32Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.i32);
       case LeafKind::uint32:
-        if (const auto v = row.uint32Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.u32);
       case LeafKind::int64:
-        if (const auto v = row.int64Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.i64);
       case LeafKind::uint64:
-        if (const auto v = row.uint64Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.u64);
       case LeafKind::float32:
-        if (const auto v = row.floatValue(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.f32);
       case LeafKind::float64:
-        if (const auto v = row.doubleValue(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.f64);
       case LeafKind::boolean:
-        if (const auto v = row.boolValue(slot)) return builder.appendBool(*v);
-        break;
+        return builder.appendBool(scalar.b);
       case LeafKind::utf8:
-        if (const auto v = row.payload(slot)) return appendUtf8(builder, *v);
-        break;
-      case LeafKind::binary:
-        if (const auto v = row.payload(slot)) return builder.appendBytes(v->data(), v->size());
-        break;
+        return appendUtf8(builder, Cells::payload(row, slot));
+      case LeafKind::binary: {
+        const ByteView bytes = Cells::payload(row, slot);
+        return builder.appendBytes(bytes.data(), bytes.size());
+      }
       case LeafKind::enumDictionary:
       case LeafKind::enumNumber:
       case LeafKind::enumString:
-        if (const auto v = row.enumNumber(slot)) return appendEnum(reader, builder, *v);
-        break;
+        return appendEnum(reader, builder, scalar.i64);
       case LeafKind::timestamp:
       case LeafKind::duration:
       case LeafKind::json:
@@ -433,10 +443,15 @@ void appendRecord(const ColumnPlan& plan, ColumnBuilder& builder, ByteView recor
     for (ArrayBuilder& column : builder.columns) column.truncate(before);
     throw;
   }
-  if (!plan.options.largeOffsets) {
+  // A record's values take at most a few times its size (a string's invalid bytes become 3-byte
+  // replacement characters, JSON text escapes): the arrays are measured only once the batch's
+  // records together could take one of them near 2 GiB.
+  builder.batchBytes += static_cast<int64_t>(record.size());
+  if (!plan.options.largeOffsets && builder.batchBytes > (int64_t{1} << 27)) {
     for (ArrayBuilder& column : builder.columns) {
       if (column.largestOffsetData() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
         for (ArrayBuilder& each : builder.columns) each.truncate(before);
+        builder.batchBytes -= static_cast<int64_t>(record.size());
         throw ColumnError::batchFull();
       }
     }
@@ -452,6 +467,7 @@ void takeBatch(const ColumnPlan& plan, ColumnBuilder& builder, ArrowArray* out) 
   batch.exportTo(out);
   builder.columns = std::move(batch.children);
   builder.rows = 0;
+  builder.batchBytes = 0;
   (void)plan;
 }
 

@@ -42,19 +42,15 @@ ColumnError ColumnError::batchFull() {
 RecordSource::RecordSource(Next next) : next_(std::move(next)) {}
 
 RecordSource RecordSource::delimited(ByteView stream) {
-  auto records = std::make_shared<DelimitedRecords>(stream);
   RecordSource source;
-  source.position_ = [records] { return records->position(); };
-  source.next_ = [records] { return records->next(); };
+  source.delimited_ = std::make_shared<DelimitedRecords>(stream);
   return source;
 }
 
 RecordSource RecordSource::ownedDelimited(Bytes stream) {
-  auto owned = std::make_shared<const Bytes>(std::move(stream));
-  auto records = std::make_shared<DelimitedRecords>(ByteView(*owned));
   RecordSource source;
-  source.position_ = [records] { return records->position(); };
-  source.next_ = [owned, records] { return records->next(); };
+  source.owned_ = std::make_shared<const Bytes>(std::move(stream));
+  source.delimited_ = std::make_shared<DelimitedRecords>(ByteView(*source.owned_));
   return source;
 }
 
@@ -68,9 +64,9 @@ RecordSource RecordSource::buffers(std::vector<Bytes> records) {
 }
 
 std::optional<ByteView> RecordSource::next() {
-  if (position_) {
-    const int64_t start = position_();
-    std::optional<ByteView> record = next_();
+  if (delimited_) {
+    const int64_t start = delimited_->position();
+    std::optional<ByteView> record = delimited_->next();
     if (record) offset_ = start;
     return record;
   }

@@ -64,6 +64,7 @@
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/store/schemas.hpp"
+#include "ostrel/wire/schematizer.hpp"
 
 namespace ostrel {
 
@@ -168,8 +169,9 @@ class RecordSource {
   // Plain callbacks: offsets count record sizes.
   int64_t offset_ = 0;
   int64_t nextOffset_ = 0;
-  // Delimited streams report their own positions.
-  std::function<int64_t()> position_;
+  // Delimited streams: their records and positions, and the buffer when the source owns it.
+  std::shared_ptr<DelimitedRecords> delimited_;
+  std::shared_ptr<const Bytes> owned_;
 };
 
 namespace detail {
