@@ -89,8 +89,18 @@ struct ColumnPlan {
   ColumnNode root;
   // The Arrow type of the batches: a struct of one child per path.
   ArrowField schema;
-  // With `explode`: the column whose elements become rows.
+  // Where each path's column is read: a column of `root` (always, without `explode`), and with
+  // `explode`, the exploded field's elements and a column of `elementNode`.
+  struct ColumnSource {
+    enum class Kind : uint8_t { record, exploded, element };
+    Kind kind;
+    size_t index;
+  };
+  std::vector<ColumnSource> sources;
+  // With `explode`: the root column listing the elements that become rows, and the node reading
+  // the paths below it from each element.
   std::optional<size_t> exploded;
+  std::unique_ptr<ColumnNode> elementNode;
 
   ColumnPlan(const MessageSchema& schema, std::vector<std::string> paths, ColumnOptions options);
 };
@@ -108,8 +118,10 @@ struct NodeState {
 };
 
 struct ColumnBuilder {
+  // One per path, in the order given.
   std::vector<ArrayBuilder> columns;
   NodeState root;
+  NodeState element;
   int64_t rows = 0;
   int64_t records = 0;
   int64_t failed = 0;
