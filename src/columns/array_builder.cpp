@@ -121,6 +121,25 @@ void ArrayBuilder::reset(const std::array<size_t, 3>& sizes) {
   if (layout == Layout::binary || layout == Layout::list) pushOffset(0);
 }
 
+void ArrayBuilder::setValiditySlow(bool valid) {
+  if (nulls == 0) {
+    // The first null: the rows before it are all valid.
+    validity.truncate(0);
+    validity.reserveFor(static_cast<size_t>(length / 8 + 1));
+    for (int64_t byte = 0; byte < (length + 7) / 8; ++byte) validity.push<uint8_t>(0xFF);
+  }
+  const size_t byte = static_cast<size_t>(length >> 3);
+  if (byte >= validity.size()) validity.push<uint8_t>(0);
+  const auto bit = static_cast<uint8_t>(1u << (length & 7));
+  if (valid) {
+    validity.data()[byte] |= bit;
+  } else {
+    validity.data()[byte] &= static_cast<uint8_t>(~bit);
+    ++nulls;
+  }
+  ++length;
+}
+
 void ArrayBuilder::appendDictionaryIndex(int64_t number) {
   int32_t index = dictionary->find(number);
   if (index < 0) {
@@ -171,7 +190,7 @@ size_t ArrayBuilder::largestOffsetData() const noexcept {
 
 void ArrayBuilder::truncate(int64_t rows) {
   if (rows >= length) return;
-  for (int64_t row = rows; row < length; ++row) {
+  for (int64_t row = rows; row < length && nulls > 0; ++row) {
     if ((validity.data()[row >> 3] & (1u << (row & 7))) == 0) --nulls;
   }
   switch (layout) {

@@ -132,17 +132,14 @@ struct ArrayBuilder {
   ArrayBuilder() = default;
   ArrayBuilder(Layout layout, uint8_t width, bool large = false);
 
+  // The validity bitmap is written only once a null has been appended: until then every row is
+  // valid and the bitmap is left out of the export.
   void setValidity(bool valid) {
-    const size_t byte = static_cast<size_t>(length >> 3);
-    if (byte >= validity.size()) validity.push<uint8_t>(0);
-    const auto bit = static_cast<uint8_t>(1u << (length & 7));
-    if (valid) {
-      validity.data()[byte] |= bit;
-    } else {
-      validity.data()[byte] &= static_cast<uint8_t>(~bit);
-      ++nulls;
+    if (valid && nulls == 0) {
+      ++length;
+      return;
     }
-    ++length;
+    setValiditySlow(valid);
   }
 
   template <typename T>
@@ -164,6 +161,7 @@ struct ArrayBuilder {
     pushOffset(static_cast<size_t>(children[0].length));
     setValidity(true);
   }
+  void setValiditySlow(bool valid);
   void appendDictionaryIndex(int64_t number);
   void appendNull();
 
