@@ -39,45 +39,6 @@ ColumnError ColumnError::batchFull() {
           {}};
 }
 
-RecordSource::RecordSource(Next next) : next_(std::move(next)) {}
-
-RecordSource RecordSource::delimited(ByteView stream) {
-  RecordSource source;
-  source.delimited_ = std::make_shared<DelimitedRecords>(stream);
-  return source;
-}
-
-RecordSource RecordSource::ownedDelimited(Bytes stream) {
-  RecordSource source;
-  source.owned_ = std::make_shared<const Bytes>(std::move(stream));
-  source.delimited_ = std::make_shared<DelimitedRecords>(ByteView(*source.owned_));
-  return source;
-}
-
-RecordSource RecordSource::buffers(std::vector<Bytes> records) {
-  auto owned = std::make_shared<const std::vector<Bytes>>(std::move(records));
-  auto index = std::make_shared<size_t>(0);
-  return RecordSource([owned, index]() -> std::optional<ByteView> {
-    if (*index >= owned->size()) return std::nullopt;
-    return ByteView((*owned)[(*index)++]);
-  });
-}
-
-std::optional<ByteView> RecordSource::next() {
-  if (delimited_) {
-    const int64_t start = delimited_->position();
-    std::optional<ByteView> record = delimited_->next();
-    if (record) offset_ = start;
-    return record;
-  }
-  std::optional<ByteView> record = next_();
-  if (record) {
-    offset_ = nextOffset_;
-    nextOffset_ += static_cast<int64_t>(record->size());
-  }
-  return record;
-}
-
 namespace {
 
 std::vector<std::string> copyPaths(std::initializer_list<std::string_view> paths) {
