@@ -100,9 +100,9 @@ Tally byColumns(const ColumnProjection& columns, const std::string& stream) {
   return tally;
 }
 
-// The row Projection over the same records and paths, each value taken from the row.
+// The row Projection over the same records and paths, its answers looked at.
 Tally byRows(const Projection& projection, ProjectionRow& row, const std::string& stream) {
-  DelimitedRecords records(asBytes(stream));
+  RecordSource records = RecordSource::delimited(asBytes(stream));
   Tally tally;
   uint64_t fold = 0;
   while (const std::optional<ByteView> record = records.next()) {
@@ -140,7 +140,7 @@ template <typename Row>
 Tally byDynamicMessage(Setup& s, size_t columns, const Row& appendRow) {
   Vectors vectors(columns);
   Tally tally;
-  DelimitedRecords records(asBytes(s.stream));
+  RecordSource records = RecordSource::delimited(asBytes(s.stream));
   int64_t inBatch = 0;
   while (const std::optional<ByteView> record = records.next()) {
     if (!s.order->ParseFromArray(record->data(), static_cast<int>(record->size()))) {
