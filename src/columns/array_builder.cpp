@@ -3,6 +3,7 @@
 #include "columns/array_builder.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 
 namespace ostrel::detail {
@@ -82,7 +83,21 @@ void releaseSchema(ArrowSchema* schema) {
 
 }  // namespace
 
+void EnumDictionary::index() {
+  constexpr int64_t kDenseLimit = 1024;
+  dense.clear();
+  if (numbers.empty() || numbers.back() - numbers.front() >= kDenseLimit) return;
+  dense.assign(static_cast<size_t>(numbers.back() - numbers.front() + 1), -1);
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    dense[static_cast<size_t>(numbers[i] - numbers.front())] = static_cast<int32_t>(i);
+  }
+}
+
 int32_t EnumDictionary::find(int64_t number) const noexcept {
+  if (!dense.empty()) {
+    const uint64_t at = static_cast<uint64_t>(number) - static_cast<uint64_t>(numbers.front());
+    return at < dense.size() ? dense[static_cast<size_t>(at)] : -1;
+  }
   const auto it = std::lower_bound(numbers.begin(), numbers.end(), number);
   if (it == numbers.end() || *it != number) return -1;
   return static_cast<int32_t>(it - numbers.begin());
@@ -93,14 +108,36 @@ ArrayBuilder::ArrayBuilder(Layout layout, uint8_t width, bool large)
   reset();
 }
 
-void ArrayBuilder::reset() {
+void ArrayBuilder::reset(const std::array<size_t, 3>& sizes) {
   length = 0;
   nulls = 0;
   validity = Buffer();
   values = Buffer();
   data = Buffer();
+  validity.reserveFor(sizes[0]);
+  values.reserveFor(sizes[1]);
+  data.reserveFor(sizes[2]);
   unnamed.clear();
   if (layout == Layout::binary || layout == Layout::list) pushOffset(0);
+}
+
+void ArrayBuilder::setValiditySlow(bool valid) {
+  if (nulls == 0) {
+    // The first null: the rows before it are all valid.
+    validity.truncate(0);
+    validity.reserveFor(static_cast<size_t>(length / 8 + 1));
+    for (int64_t byte = 0; byte < (length + 7) / 8; ++byte) validity.push<uint8_t>(0xFF);
+  }
+  const size_t byte = static_cast<size_t>(length >> 3);
+  if (byte >= validity.size()) validity.push<uint8_t>(0);
+  const auto bit = static_cast<uint8_t>(1u << (length & 7));
+  if (valid) {
+    validity.data()[byte] |= bit;
+  } else {
+    validity.data()[byte] &= static_cast<uint8_t>(~bit);
+    ++nulls;
+  }
+  ++length;
 }
 
 void ArrayBuilder::appendDictionaryIndex(int64_t number) {
@@ -153,7 +190,7 @@ size_t ArrayBuilder::largestOffsetData() const noexcept {
 
 void ArrayBuilder::truncate(int64_t rows) {
   if (rows >= length) return;
-  for (int64_t row = rows; row < length; ++row) {
+  for (int64_t row = rows; row < length && nulls > 0; ++row) {
     if ((validity.data()[row >> 3] & (1u << (row & 7))) == 0) --nulls;
   }
   switch (layout) {
@@ -181,6 +218,8 @@ void ArrayBuilder::truncate(int64_t rows) {
 }
 
 void ArrayBuilder::exportTo(ArrowArray* out) {
+  // The next batch is likely the size of this one: its buffers start at these sizes.
+  const std::array<size_t, 3> sizes = {validity.size(), values.size(), data.size()};
   auto owned = std::make_unique<ExportedArray>();
   const int64_t childCount = static_cast<int64_t>(children.size());
   if (childCount > 0) {
@@ -208,7 +247,7 @@ void ArrayBuilder::exportTo(ArrowArray* out) {
   // The children go first: once they are exported nothing here can fail.
   for (size_t i = 0; i < children.size(); ++i) children[i].exportTo(&owned->children[i]);
   publish(out, std::move(owned), rows, nullCount, childCount);
-  reset();
+  reset(sizes);
 }
 
 void ArrowField::exportTo(ArrowSchema* out) const {

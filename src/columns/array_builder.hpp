@@ -4,6 +4,7 @@
 // rows, can be cut back to an earlier row count (a record that failed halfway leaves nothing
 // behind), and moves its buffers into an exported array that owns them from then on.
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +95,11 @@ class Buffer {
 struct EnumDictionary {
   std::vector<int64_t> numbers;  // ascending
   std::vector<std::string> names;
+  // For enums whose numbers span a small range: the position of each number from the lowest, or
+  // -1. Built by index().
+  std::vector<int32_t> dense;
+
+  void index();
 
   // The dictionary position of `number`, or -1.
   int32_t find(int64_t number) const noexcept;
@@ -126,17 +132,14 @@ struct ArrayBuilder {
   ArrayBuilder() = default;
   ArrayBuilder(Layout layout, uint8_t width, bool large = false);
 
+  // The validity bitmap is written only once a null has been appended: until then every row is
+  // valid and the bitmap is left out of the export.
   void setValidity(bool valid) {
-    const size_t byte = static_cast<size_t>(length >> 3);
-    if (byte >= validity.size()) validity.push<uint8_t>(0);
-    const auto bit = static_cast<uint8_t>(1u << (length & 7));
-    if (valid) {
-      validity.data()[byte] |= bit;
-    } else {
-      validity.data()[byte] &= static_cast<uint8_t>(~bit);
-      ++nulls;
+    if (valid && nulls == 0) {
+      ++length;
+      return;
     }
-    ++length;
+    setValiditySlow(valid);
   }
 
   template <typename T>
@@ -158,6 +161,7 @@ struct ArrayBuilder {
     pushOffset(static_cast<size_t>(children[0].length));
     setValidity(true);
   }
+  void setValiditySlow(bool valid);
   void appendDictionaryIndex(int64_t number);
   void appendNull();
 
@@ -194,7 +198,8 @@ struct ArrayBuilder {
     return large ? static_cast<size_t>(values.at<int64_t>(static_cast<size_t>(row)))
                  : static_cast<size_t>(values.at<int32_t>(static_cast<size_t>(row)));
   }
-  void reset();
+  // Empties the array, its buffers reserved at `sizes` (validity, values, data).
+  void reset(const std::array<size_t, 3>& sizes = {});
 };
 
 // The Arrow type of a column or child, for the exported schema.

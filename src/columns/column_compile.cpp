@@ -69,6 +69,7 @@ std::shared_ptr<const EnumDictionary> dictionaryOf(const EnumSchemaDescribing& s
     dictionary->numbers.push_back(number);
     dictionary->names.push_back(schema.valueNameFor(number));
   }
+  dictionary->index();
   return dictionary;
 }
 
@@ -369,24 +370,58 @@ ColumnPlan::ColumnPlan(const MessageSchema& messageSchema, std::vector<std::stri
   if (options.structDepth < 0) options.structDepth = 0;
   Compiler compiler(options);
   schema = ArrowField{"+s", "", 0, {}, nullptr};
+  schema.children.resize(texts.size());
+  // With `explode`, the paths below the exploded one are read from its elements.
+  const std::string below = options.explode.empty() ? std::string() : options.explode + ".";
+  const auto fromElement = [&](const std::string& text) {
+    return !below.empty() && text.starts_with(below);
+  };
   std::unique_ptr<ColumnNode> compiled =
       compiler.node(messageSchema, [&](NodeDraft& draft, ColumnNode& created) {
-        for (const std::string& text : texts) {
-          Compiled column = compiler.path(draft, text, text);
+        for (size_t i = 0; i < texts.size(); ++i) {
+          if (fromElement(texts[i])) {
+            sources.push_back({ColumnSource::Kind::element, 0});
+            continue;
+          }
+          Compiled column = compiler.path(draft, texts[i], texts[i]);
+          sources.push_back({ColumnSource::Kind::record, created.columns.size()});
           created.columns.push_back(std::move(column.reader));
-          schema.children.push_back(std::move(column.field));
+          schema.children[i] = std::move(column.field);
         }
       });
   root = std::move(*compiled);
-  if (!options.explode.empty()) {
-    const auto it = std::find(texts.begin(), texts.end(), options.explode);
-    if (it == texts.end() ||
-        root.columns[static_cast<size_t>(it - texts.begin())].kind != ColumnReader::Kind::list) {
-      throw ColumnError::unsupportedPath(options.explode,
-                                         "explode names one of the paths, a repeated field");
-    }
-    exploded = static_cast<size_t>(it - texts.begin());
+  if (options.explode.empty()) return;
+
+  const auto it = std::find(texts.begin(), texts.end(), options.explode);
+  const size_t at = static_cast<size_t>(it - texts.begin());
+  if (it == texts.end() || root.columns[sources[at].index].kind != ColumnReader::Kind::list) {
+    throw ColumnError::unsupportedPath(options.explode,
+                                       "explode names one of the paths, a repeated field");
   }
+  sources[at].kind = ColumnSource::Kind::exploded;
+  exploded = sources[at].index;
+  // The exploded column holds the element itself.
+  ArrowField element = std::move(schema.children[at].children.front());
+  element.name = texts[at];
+  schema.children[at] = std::move(element);
+  const ColumnReader& list = root.columns[*exploded];
+  const bool anyBelow = std::any_of(texts.begin(), texts.end(), fromElement);
+  if (!anyBelow) return;
+  if (!list.elementIsMessage || list.isMap) {
+    throw ColumnError::unsupportedPath(options.explode,
+                                       "paths below an exploded field need a repeated message");
+  }
+  elementNode = compiler.node(
+      MessageSchema(list.type->messageSchema()), [&](NodeDraft& draft, ColumnNode& created) {
+        for (size_t i = 0; i < texts.size(); ++i) {
+          if (!fromElement(texts[i])) continue;
+          Compiled column =
+              compiler.path(draft, std::string_view(texts[i]).substr(below.size()), texts[i]);
+          sources[i].index = created.columns.size();
+          created.columns.push_back(std::move(column.reader));
+          schema.children[i] = std::move(column.field);
+        }
+      });
 }
 
 }  // namespace ostrel::detail

@@ -90,8 +90,18 @@ struct ColumnPlan {
   ColumnNode root;
   // The Arrow type of the batches: a struct of one child per path.
   ArrowField schema;
-  // With `explode`: the column whose elements become rows.
+  // Where each path's column is read: a column of `root` (always, without `explode`), and with
+  // `explode`, the exploded field's elements and a column of `elementNode`.
+  struct ColumnSource {
+    enum class Kind : uint8_t { record, exploded, element };
+    Kind kind;
+    size_t index;
+  };
+  std::vector<ColumnSource> sources;
+  // With `explode`: the root column listing the elements that become rows, and the node reading
+  // the paths below it from each element.
   std::optional<size_t> exploded;
+  std::unique_ptr<ColumnNode> elementNode;
 
   ColumnPlan(const MessageSchema& schema, std::vector<std::string> paths, ColumnOptions options);
 };
@@ -109,12 +119,16 @@ struct NodeState {
 };
 
 struct ColumnBuilder {
+  // One per path, in the order given.
   std::vector<ArrayBuilder> columns;
   NodeState root;
+  NodeState element;
   int64_t rows = 0;
   int64_t records = 0;
   int64_t failed = 0;
   int64_t bytes = 0;
+  // The sizes of the records in the batch in progress.
+  int64_t batchBytes = 0;
   // A record read from a source that did not fit the batch it was read for.
   std::optional<ByteView> held;
   int64_t heldOffset = 0;

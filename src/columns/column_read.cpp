@@ -11,9 +11,24 @@
 #include "wire/scalar_decoding.hpp"
 
 namespace ostrel::detail {
+// The cells of a projection row read without the accessors' kind checks: each column's kind was
+// fixed when it was compiled.
+struct ProjectionCells {
+  static bool present(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].state == ProjectionRow::State::present;
+  }
+  static const auto& scalar(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].scalar;
+  }
+  static ByteView payload(const ProjectionRow& row, size_t slot) noexcept {
+    return row.cells_[slot].payload;
+  }
+};
+
 namespace {
 
 using TypeCase = TypeSchemaDescription::Case;
+using Cells = ProjectionCells;
 
 }  // namespace
 
@@ -295,41 +310,36 @@ class BatchReader {
     }
   }
 
+  // A failed row was thrown before its columns are read: a cell is present or absent.
   void leaf(const ColumnReader& reader, const ProjectionRow& row, ArrayBuilder& builder) {
     const size_t slot = reader.slot;
+    if (!Cells::present(row, slot)) return appendAbsent(reader, builder);
+    const auto& scalar = Cells::scalar(row, slot);
     switch (reader.leaf) {
       case LeafKind::int32:
-        if (const auto v = row.int32Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.i32);
       case LeafKind::uint32:
-        if (const auto v = row.uint32Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.u32);
       case LeafKind::int64:
-        if (const auto v = row.int64Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.i64);
       case LeafKind::uint64:
-        if (const auto v = row.uint64Value(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.u64);
       case LeafKind::float32:
-        if (const auto v = row.floatValue(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.f32);
       case LeafKind::float64:
-        if (const auto v = row.doubleValue(slot)) return builder.appendValue(*v);
-        break;
+        return builder.appendValue(scalar.f64);
       case LeafKind::boolean:
-        if (const auto v = row.boolValue(slot)) return builder.appendBool(*v);
-        break;
+        return builder.appendBool(scalar.b);
       case LeafKind::utf8:
-        if (const auto v = row.payload(slot)) return appendUtf8(builder, *v);
-        break;
-      case LeafKind::binary:
-        if (const auto v = row.payload(slot)) return builder.appendBytes(v->data(), v->size());
-        break;
+        return appendUtf8(builder, Cells::payload(row, slot));
+      case LeafKind::binary: {
+        const ByteView bytes = Cells::payload(row, slot);
+        return builder.appendBytes(bytes.data(), bytes.size());
+      }
       case LeafKind::enumDictionary:
       case LeafKind::enumNumber:
       case LeafKind::enumString:
-        if (const auto v = row.enumNumber(slot)) return appendEnum(reader, builder, *v);
-        break;
+        return appendEnum(reader, builder, scalar.i64);
       case LeafKind::timestamp:
       case LeafKind::duration:
       case LeafKind::json:
@@ -338,11 +348,34 @@ class BatchReader {
     appendAbsent(reader, builder);
   }
 
-  // The elements of repeated field `reader.fieldNumber` of `message` into `builder`, as
-  // Schematizer::RepeatableFieldIterator hands them out in options().mode.
+  // The elements of repeated field `reader.fieldNumber` of `message` into `builder`.
   void elements(const ColumnReader& reader, ReaderState& state, ByteView message,
                 ArrayBuilder& builder) {
     const ColumnReader& element = *reader.element;
+    forEachElement(
+        reader, message, [&](auto value) { appendDecoded(element, builder, value); },
+        [&](ByteView payload) { elementPayload(reader, state, payload, builder); });
+  }
+
+  // A string, bytes or message element into `builder`.
+  void elementPayload(const ColumnReader& list, ReaderState& state, ByteView payload,
+                      ArrayBuilder& builder) {
+    switch (list.type->kind()) {
+      case TypeCase::string:
+        return appendUtf8(builder, payload);
+      case TypeCase::bytes:
+        return builder.appendBytes(payload.data(), payload.size());
+      default:
+        return messageValue(*list.element, *state.element, payload, builder);
+    }
+  }
+
+  // Hands each element of repeated field `reader.fieldNumber` of `message` to `onScalar` (a
+  // decoded value) or `onPayload` (the bytes of a string, bytes or message), as
+  // Schematizer::RepeatableFieldIterator hands them out in options().mode.
+  template <typename OnScalar, typename OnPayload>
+  void forEachElement(const ColumnReader& reader, ByteView message, const OnScalar& onScalar,
+                      const OnPayload& onPayload) {
     const TypeSchemaDescription& type = *reader.type;
     const TypeCase kind = type.kind();
     const bool exact = options_.mode == ReadMode::exact;
@@ -369,7 +402,7 @@ class BatchReader {
           while (run.position() < end) {
             const auto value = decode(run);
             if (run.position() > end) throw SerializationError::malformedProtobuf();
-            appendDecoded(element, builder, value);
+            onScalar(value);
           }
         });
         wire.setPosition(end);
@@ -380,23 +413,62 @@ class BatchReader {
       first = false;
       if (!acceptsWireType(kind, wireType)) throwTypeMismatch(type, wireType);
       if (hasFixedEncoding(kind)) {
-        withFixedDecoder(
-            kind, [&](const auto& decode) { appendDecoded(element, builder, decode(wire)); });
+        withFixedDecoder(kind, [&](const auto& decode) { onScalar(decode(wire)); });
         continue;
       }
-      const ByteView payload = readPayload(wire, tag);
-      switch (kind) {
-        case TypeCase::string:
-          appendUtf8(builder, payload);
-          break;
-        case TypeCase::bytes:
-          builder.appendBytes(payload.data(), payload.size());
-          break;
-        default:
-          messageValue(element, *state.element, payload, builder);
-          break;
-      }
+      onPayload(readPayload(wire, tag));
     }
+  }
+
+  // The rows of one record under `explode`: one per element of the exploded field, the record's
+  // own columns repeated on each. Returns how many.
+  int64_t explode(const ColumnPlan& plan, ColumnBuilder& builder, ByteView record) {
+    ProjectionRow& row = *builder.root.row;
+    plan.root.projection->read(record, row);
+    if (row.failed()) throwFirstFailure(row);
+    const ColumnReader& list = plan.root.columns[*plan.exploded];
+    ReaderState& listState = *builder.root.children[*plan.exploded];
+    std::optional<ByteView> parent = record;
+    if (list.slot != kNoSlot) {
+      if (!Cells::present(row, list.slot)) return 0;
+      parent = Cells::payload(row, list.slot);
+    }
+    int64_t rows = 0;
+    // The columns of one row; `element` writes the exploded column's cell.
+    const auto emit = [&](const auto& element, std::optional<ByteView> payload) {
+      ProjectionRow* elementRow = nullptr;
+      if (plan.elementNode && payload) {
+        elementRow = &*builder.element.row;
+        plan.elementNode->projection->read(*payload, *elementRow);
+        if (elementRow->failed()) throwFirstFailure(*elementRow);
+      }
+      for (size_t i = 0; i < plan.sources.size(); ++i) {
+        const ColumnPlan::ColumnSource& source = plan.sources[i];
+        switch (source.kind) {
+          case ColumnPlan::ColumnSource::Kind::record:
+            column(plan.root.columns[source.index], *builder.root.children[source.index], row,
+                   record, builder.columns[i]);
+            break;
+          case ColumnPlan::ColumnSource::Kind::exploded:
+            element(builder.columns[i]);
+            break;
+          case ColumnPlan::ColumnSource::Kind::element:
+            column(plan.elementNode->columns[source.index], *builder.element.children[source.index],
+                   *elementRow, *payload, builder.columns[i]);
+            break;
+        }
+      }
+      ++rows;
+    };
+    forEachElement(
+        list, *parent,
+        [&](auto value) {
+          emit([&](ArrayBuilder& out) { appendDecoded(*list.element, out, value); }, std::nullopt);
+        },
+        [&](ByteView payload) {
+          emit([&](ArrayBuilder& out) { elementPayload(list, listState, payload, out); }, payload);
+        });
+    return rows;
   }
 
  private:
@@ -406,10 +478,22 @@ class BatchReader {
 }  // namespace
 
 ColumnBuilder::ColumnBuilder(const ColumnPlan& plan) {
-  for (const ColumnReader& column : plan.root.columns) {
-    columns.push_back(makeBuilder(column, plan.options.largeOffsets));
+  const bool large = plan.options.largeOffsets;
+  for (const ColumnPlan::ColumnSource& source : plan.sources) {
+    switch (source.kind) {
+      case ColumnPlan::ColumnSource::Kind::record:
+        columns.push_back(makeBuilder(plan.root.columns[source.index], large));
+        break;
+      case ColumnPlan::ColumnSource::Kind::exploded:
+        columns.push_back(makeBuilder(*plan.root.columns[source.index].element, large));
+        break;
+      case ColumnPlan::ColumnSource::Kind::element:
+        columns.push_back(makeBuilder(plan.elementNode->columns[source.index], large));
+        break;
+    }
   }
   makeState(plan.root, root);
+  if (plan.elementNode) makeState(*plan.elementNode, element);
 }
 
 void appendRecord(const ColumnPlan& plan, ColumnBuilder& builder, ByteView record,
@@ -417,8 +501,13 @@ void appendRecord(const ColumnPlan& plan, ColumnBuilder& builder, ByteView recor
   const int64_t before = builder.rows;
   const int64_t number = builder.records;
   BatchReader reader(plan.options);
+  int64_t added = 1;
   try {
-    reader.node(plan.root, builder.root, record, builder.columns.data());
+    if (plan.exploded) {
+      added = reader.explode(plan, builder, record);
+    } else {
+      reader.node(plan.root, builder.root, record, builder.columns.data());
+    }
   } catch (const Error& error) {
     for (ArrayBuilder& column : builder.columns) column.truncate(before);
     ++builder.records;
@@ -433,16 +522,21 @@ void appendRecord(const ColumnPlan& plan, ColumnBuilder& builder, ByteView recor
     for (ArrayBuilder& column : builder.columns) column.truncate(before);
     throw;
   }
-  if (!plan.options.largeOffsets) {
+  // A record's values take at most a few times its size (a string's invalid bytes become 3-byte
+  // replacement characters, JSON text escapes): the arrays are measured only once the batch's
+  // records together could take one of them near 2 GiB.
+  builder.batchBytes += static_cast<int64_t>(record.size());
+  if (!plan.options.largeOffsets && builder.batchBytes > (int64_t{1} << 27)) {
     for (ArrayBuilder& column : builder.columns) {
       if (column.largestOffsetData() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
         for (ArrayBuilder& each : builder.columns) each.truncate(before);
+        builder.batchBytes -= static_cast<int64_t>(record.size());
         throw ColumnError::batchFull();
       }
     }
   }
   ++builder.records;
-  ++builder.rows;
+  builder.rows += added;
 }
 
 void takeBatch(const ColumnPlan& plan, ColumnBuilder& builder, ArrowArray* out) {
@@ -452,6 +546,7 @@ void takeBatch(const ColumnPlan& plan, ColumnBuilder& builder, ArrowArray* out) 
   batch.exportTo(out);
   builder.columns = std::move(batch.children);
   builder.rows = 0;
+  builder.batchBytes = 0;
   (void)plan;
 }
 

@@ -9,7 +9,7 @@
 
 #include "edit/wire_fields.hpp"
 #include "ostrel/edit/rewrite.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 
 namespace ostrel {
 namespace detail {

@@ -15,7 +15,7 @@
 #include "ostrel/output/json.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 
 namespace ostrel {
 

@@ -161,6 +161,38 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
        [](ColumnOptions& o) { o.timeUnit = ColumnOptions::TimeUnit::nanoseconds; },
        {holder([](test::wkt::Holder& m) { m.mutable_timestamp()->set_nanos(7); })},
        {"7"}},
+      {"explode: a row per element, the record's columns repeated, paths below from the element",
+       "ostrel.test.Rich",
+       {"color", "mids", "mids.note"},
+       [](ColumnOptions& o) { o.explode = "mids"; },
+       {rich([](test::Rich& m) {
+          m.set_color(test::RED);
+          m.add_mids()->set_note("a");
+          m.add_mids();
+        }),
+        empty},
+       {"\"RED\" | {leaf=null,leaves=[],note=\"a\"} | \"a\"",
+        "\"RED\" | {leaf=null,leaves=[],note=null} | null"}},
+      {"explode a packed scalar field",
+       "ostrel.test.Rich",
+       {"name", "repeats.r_int32"},
+       [](ColumnOptions& o) { o.explode = "repeats.r_int32"; },
+       {rich([](test::Rich& m) {
+         m.set_name("n");
+         m.mutable_repeats()->add_r_int32(1);
+         m.mutable_repeats()->add_r_int32(2);
+       })},
+       {"\"n\" | 1", "\"n\" | 2"}},
+      {"64-bit offsets",
+       "ostrel.test.Rich",
+       {"name", "repeats.r_int32", "scalars.f_bytes"},
+       [](ColumnOptions& o) { o.largeOffsets = true; },
+       {rich([](test::Rich& m) {
+          m.set_name("n");
+          m.mutable_repeats()->add_r_int32(1);
+        }),
+        empty},
+       {"\"n\" | [1] | null", "null | null | null"}},
       {"a failing record as a row of nulls",
        "ostrel.test.Rich",
        {"name", "mids"},

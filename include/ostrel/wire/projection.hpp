@@ -23,6 +23,7 @@ namespace ostrel {
 
 namespace detail {
 struct ProjectionPlan;
+struct ProjectionCells;
 }
 
 class ProjectionRow;
@@ -105,6 +106,8 @@ class ProjectionRow {
  private:
   friend class Projection;
   friend struct detail::ProjectionPlan;
+  // The columnar projection's reads of the cells it has already checked the kinds of.
+  friend struct detail::ProjectionCells;
 
   struct Cell {
     State state = State::absent;

@@ -12,6 +12,7 @@
 #include "rich.pb.h"
 #include "support/random_message.hpp"
 #include "support/test_support.hpp"
+#include "well_known.pb.h"
 
 namespace ostrel {
 namespace {
@@ -206,6 +207,29 @@ TEST(ColumnsDuckDBTest, AStreamOutlivesItsProjectionSchemaAndStore) {
                 "coalesce(array_to_string(list_transform(items, i -> i.sku), '|'), ''), len(items) "
                 "FROM orders"),
             expected);
+  stream.release(&stream);
+}
+
+TEST(ColumnsDuckDBTest, WellKnownTypesArriveAsDuckDBsOwnTypes) {
+  const SchemaStore store(testing_support::generatedManifest("well_known.desc"));
+  test::wkt::Holder holder;
+  holder.mutable_timestamp()->set_seconds(1);
+  holder.mutable_timestamp()->set_nanos(500000);
+  holder.mutable_duration()->set_seconds(90);
+  holder.mutable_int64_value()->set_value(-5);
+  (*holder.mutable_struct_value()->mutable_fields())["a"].set_number_value(1.5);
+  const ColumnProjection projection(
+      store.messageSchema("ostrel.test.wkt.Holder"),
+      {"timestamp", "duration", "int64_value", "string_value", "struct_value"});
+  ArrowArrayStream stream;
+  projection.exportStream(RecordSource::buffers({toBytes(holder.SerializeAsString())}), &stream);
+  DuckDB duck;
+  ASSERT_EQ(duck.scan("wkt", stream), "");
+  EXPECT_EQ(duck.query("SELECT epoch_us(\"timestamp\"), typeof(\"timestamp\"), "
+                       "to_seconds(90) = duration, int64_value, string_value, struct_value "
+                       "FROM wkt"),
+            (std::vector<std::vector<std::string>>{
+                {"1000500", "TIMESTAMP WITH TIME ZONE", "true", "-5", "NULL", "{\"a\":1.5}"}}));
   stream.release(&stream);
 }
 
