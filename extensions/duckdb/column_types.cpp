@@ -1,0 +1,565 @@
+#include "column_types.hpp"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <stdexcept>
+
+#include "core/base64.hpp"
+#include "core/utf8.hpp"
+#include "ostrel/output/json.hpp"
+#include "output/map_entry.hpp"
+#include "wire/field_path.hpp"
+
+namespace ostrel::duckdb {
+namespace {
+
+using Case = TypeSchemaDescription::Case;
+using ValueCase = detail::AnyValueImpl::Case;
+
+constexpr std::string_view kTimestamp = "google.protobuf.Timestamp";
+
+// Message types on the way from the root to the type being made: one met again recurs, and is
+// JSON text from there on (a STRUCT cannot contain itself).
+using Enclosing = std::vector<const MessageSchemaDescribing*>;
+
+std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclosing& enclosing);
+
+std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosing& enclosing) {
+  auto result = std::make_unique<ColumnType>();
+  switch (type.kind()) {
+    case Case::int64:
+    case Case::sint64:
+    case Case::sfixed64:
+      result->kind = ColumnKind::bigint;
+      break;
+    case Case::uint64:
+    case Case::fixed64:
+      result->kind = ColumnKind::ubigint;
+      break;
+    case Case::int32:
+    case Case::sint32:
+    case Case::sfixed32:
+      result->kind = ColumnKind::integer;
+      break;
+    case Case::uint32:
+    case Case::fixed32:
+      result->kind = ColumnKind::uinteger;
+      break;
+    case Case::double_:
+      result->kind = ColumnKind::double_;
+      break;
+    case Case::float_:
+      result->kind = ColumnKind::float_;
+      break;
+    case Case::bool_:
+      result->kind = ColumnKind::boolean;
+      break;
+    case Case::string:
+      result->kind = ColumnKind::varchar;
+      break;
+    case Case::bytes:
+      result->kind = ColumnKind::blob;
+      break;
+    case Case::enum_:
+      result->kind = ColumnKind::enumName;
+      result->enumeration = type.enumSchema();
+      break;
+    case Case::message: {
+      const std::shared_ptr<MessageSchemaDescribing>& message = type.messageSchema();
+      result->message = message;
+      if (message->name() == kTimestamp) {
+        result->kind = ColumnKind::timestamp;
+        break;
+      }
+      bool recurs = false;
+      for (const MessageSchemaDescribing* outer : enclosing) recurs = recurs || outer == message.get();
+      // A STRUCT needs at least one member.
+      if (recurs || message->fieldsByNumber().empty()) {
+        result->kind = ColumnKind::json;
+        break;
+      }
+      result->kind = ColumnKind::struct_;
+      enclosing.push_back(message.get());
+      for (const auto& [number, field] : message->fieldsByNumber()) {
+        result->members.push_back({field->name(), field, fieldType(*field, enclosing)});
+      }
+      enclosing.pop_back();
+      break;
+    }
+  }
+  return result;
+}
+
+std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclosing& enclosing) {
+  if (!field.isRepeated()) return valueType(field.type(), enclosing);
+  auto result = std::make_unique<ColumnType>();
+  const TypeSchemaDescription& type = field.type();
+  if (type.kind() == Case::message) {
+    if (const auto entry = detail::mapEntryFields(*type.messageSchema())) {
+      result->kind = ColumnKind::map;
+      result->keyField = entry->key;
+      result->valueField = entry->value;
+      result->key = valueType(entry->key->type(), enclosing);
+      result->value = valueType(entry->value->type(), enclosing);
+      return result;
+    }
+  }
+  result->kind = ColumnKind::list;
+  result->element = valueType(type, enclosing);
+  return result;
+}
+
+std::string quotedIdentifier(std::string_view name) {
+  std::string text = "\"";
+  for (const char c : name) {
+    text += c;
+    if (c == '"') text += '"';
+  }
+  return text + '"';
+}
+
+duckdb_logical_type scalarType(duckdb_type id) { return duckdb_create_logical_type(id); }
+
+void appendJsonString(std::string_view text, std::string& out) {
+  out += '"';
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (byte < 0x20) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", byte);
+      out += escape;
+    } else {
+      out += c;
+    }
+  }
+  out += '"';
+}
+
+// Bytes as base64 text: DuckDB's JSON reader takes only UTF-8, so no JSON string can carry bytes
+// as they are.
+void appendJsonBytes(ByteView bytes, std::string& out) {
+  out += '"';
+  const size_t start = out.size();
+  out.resize(start + detail::base64Size(bytes.size()));
+  detail::writeBase64(out.data() + start, bytes);
+  out += '"';
+}
+
+template <typename Float>
+void appendFloat(Float value, std::string& out) {
+  if (std::isnan(value)) {
+    out += "\"nan\"";
+  } else if (std::isinf(value)) {
+    out += value > 0 ? "\"inf\"" : "\"-inf\"";
+  } else {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.*g", std::numeric_limits<Float>::max_digits10,
+                  static_cast<double>(value));
+    out += text;
+  }
+}
+
+std::string enumText(const detail::EnumValueImpl& value) {
+  const int64_t number = value.number();
+  if (const std::string* name = value.type->findValueNameFor(number)) return *name;
+  return std::to_string(number);
+}
+
+// "2024-05-01 12:00:00.000001+00", which DuckDB's TIMESTAMPTZ reads.
+std::string timestampText(int64_t micros) {
+  using namespace std::chrono;
+  const sys_time<microseconds> time{microseconds(micros)};
+  const sys_days day = floor<days>(time);
+  const year_month_day date{day};
+  const hh_mm_ss<microseconds> clock{time - day};
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d.%06lld+00",
+                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
+                static_cast<int>(clock.minutes().count()),
+                static_cast<int>(clock.seconds().count()),
+                static_cast<long long>(clock.subseconds().count()));
+  return text;
+}
+
+const UnsafeSchematizedData& messageOf(const detail::AnyValueImpl& value) {
+  return value.messageValue();
+}
+
+std::string messageJson(const detail::AnyValueImpl& value) {
+  return renderJSON(messageOf(value), JsonOptions{.strict = true});
+}
+
+// Calls `visit` with every value of `field` in the message in `message`.
+template <typename Visit>
+void forEachFieldValue(const FieldSchemaDescribing& field, ByteView message, const Visit& visit) {
+  Reader reader(message);
+  forEachValue(reader, field, [&](detail::AnyValueImpl&& value) { visit(value); });
+}
+
+template <typename T>
+T* dataOf(duckdb_vector vector) {
+  return static_cast<T*>(duckdb_vector_get_data(vector));
+}
+
+// Appends one element to the LIST or MAP `vector`'s child and returns its index there; the entry
+// of `row` grows by one.
+idx_t appendListElement(duckdb_vector vector, idx_t row) {
+  const idx_t index = duckdb_list_vector_get_size(vector);
+  if (duckdb_list_vector_reserve(vector, index + 1) != DuckDBSuccess ||
+      duckdb_list_vector_set_size(vector, index + 1) != DuckDBSuccess) {
+    throw std::bad_alloc();
+  }
+  dataOf<duckdb_list_entry>(vector)[row].length += 1;
+  return index;
+}
+
+// A map entry without its key has the key type's default, as protobuf's parse gives it: DuckDB's
+// MAP keys cannot be NULL.
+void writeMapKey(const ColumnType& map, ByteView entry, duckdb_vector vector, idx_t row) {
+  bool found = false;
+  forEachFieldValue(*map.keyField, entry, [&](const detail::AnyValueImpl& value) {
+    found = true;
+    writeValue(*map.key, value, vector, row);
+  });
+  if (found) return;
+  switch (map.key->kind) {
+    case ColumnKind::varchar:
+      return writeText(vector, row, "");
+    case ColumnKind::boolean:
+      dataOf<bool>(vector)[row] = false;
+      return;
+    case ColumnKind::bigint:
+    case ColumnKind::ubigint:
+      dataOf<int64_t>(vector)[row] = 0;
+      return;
+    default:
+      dataOf<int32_t>(vector)[row] = 0;
+      return;
+  }
+}
+
+void writeElements(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
+                   duckdb_vector vector, idx_t row) {
+  auto& entry = dataOf<duckdb_list_entry>(vector)[row];
+  entry.offset = duckdb_list_vector_get_size(vector);
+  entry.length = 0;
+  forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
+    const idx_t index = appendListElement(vector, row);
+    duckdb_vector child = duckdb_list_vector_get_child(vector);
+    if (type.kind == ColumnKind::list) return writeValue(*type.element, value, child, index);
+    const ByteView entryBytes = messageOf(value).bytes();
+    writeMapKey(type, entryBytes, duckdb_struct_vector_get_child(child, 0), index);
+    writeField(*type.value, *type.valueField, entryBytes, duckdb_struct_vector_get_child(child, 1),
+               index);
+  });
+}
+
+}  // namespace
+
+std::unique_ptr<ColumnType> columnTypeOf(const TypeSchemaDescription& type) {
+  Enclosing enclosing;
+  return valueType(type, enclosing);
+}
+
+std::unique_ptr<ColumnType> columnTypeOf(const FieldSchemaDescribing& field) {
+  Enclosing enclosing;
+  return fieldType(field, enclosing);
+}
+
+std::string sqlType(const ColumnType& type) {
+  switch (type.kind) {
+    case ColumnKind::bigint:
+      return "BIGINT";
+    case ColumnKind::ubigint:
+      return "UBIGINT";
+    case ColumnKind::integer:
+      return "INTEGER";
+    case ColumnKind::uinteger:
+      return "UINTEGER";
+    case ColumnKind::double_:
+      return "DOUBLE";
+    case ColumnKind::float_:
+      return "FLOAT";
+    case ColumnKind::boolean:
+      return "BOOLEAN";
+    case ColumnKind::varchar:
+    case ColumnKind::enumName:
+    case ColumnKind::json:
+      return "VARCHAR";
+    case ColumnKind::blob:
+      // What appendJson writes for bytes.
+      return "VARCHAR";
+    case ColumnKind::timestamp:
+      return "TIMESTAMP WITH TIME ZONE";
+    case ColumnKind::struct_: {
+      std::string text = "STRUCT(";
+      for (size_t i = 0; i < type.members.size(); ++i) {
+        if (i > 0) text += ", ";
+        text += quotedIdentifier(type.members[i].name) + " " + sqlType(*type.members[i].type);
+      }
+      return text + ")";
+    }
+    case ColumnKind::list:
+      return sqlType(*type.element) + "[]";
+    case ColumnKind::map:
+      return "MAP(" + sqlType(*type.key) + ", " + sqlType(*type.value) + ")";
+  }
+  return "VARCHAR";
+}
+
+duckdb_logical_type logicalType(const ColumnType& type) {
+  switch (type.kind) {
+    case ColumnKind::bigint:
+      return scalarType(DUCKDB_TYPE_BIGINT);
+    case ColumnKind::ubigint:
+      return scalarType(DUCKDB_TYPE_UBIGINT);
+    case ColumnKind::integer:
+      return scalarType(DUCKDB_TYPE_INTEGER);
+    case ColumnKind::uinteger:
+      return scalarType(DUCKDB_TYPE_UINTEGER);
+    case ColumnKind::double_:
+      return scalarType(DUCKDB_TYPE_DOUBLE);
+    case ColumnKind::float_:
+      return scalarType(DUCKDB_TYPE_FLOAT);
+    case ColumnKind::boolean:
+      return scalarType(DUCKDB_TYPE_BOOLEAN);
+    case ColumnKind::varchar:
+    case ColumnKind::enumName:
+    case ColumnKind::json:
+      return scalarType(DUCKDB_TYPE_VARCHAR);
+    case ColumnKind::blob:
+      return scalarType(DUCKDB_TYPE_BLOB);
+    case ColumnKind::timestamp:
+      return scalarType(DUCKDB_TYPE_TIMESTAMP_TZ);
+    case ColumnKind::struct_: {
+      std::vector<duckdb_logical_type> members;
+      std::vector<const char*> names;
+      for (const ColumnType::Member& member : type.members) {
+        members.push_back(logicalType(*member.type));
+        names.push_back(member.name.c_str());
+      }
+      duckdb_logical_type result =
+          duckdb_create_struct_type(members.data(), names.data(), members.size());
+      for (duckdb_logical_type& member : members) duckdb_destroy_logical_type(&member);
+      return result;
+    }
+    case ColumnKind::list: {
+      duckdb_logical_type element = logicalType(*type.element);
+      duckdb_logical_type result = duckdb_create_list_type(element);
+      duckdb_destroy_logical_type(&element);
+      return result;
+    }
+    case ColumnKind::map: {
+      duckdb_logical_type key = logicalType(*type.key);
+      duckdb_logical_type value = logicalType(*type.value);
+      duckdb_logical_type result = duckdb_create_map_type(key, value);
+      duckdb_destroy_logical_type(&key);
+      duckdb_destroy_logical_type(&value);
+      return result;
+    }
+  }
+  return scalarType(DUCKDB_TYPE_VARCHAR);
+}
+
+int64_t timestampMicros(ByteView message) {
+  int64_t seconds = 0;
+  int64_t nanos = 0;
+  Reader reader(message);
+  while (reader.hasMoreFields()) {
+    const FieldTag tag = reader.readTag();
+    if ((tag.fieldNumber() == 1 || tag.fieldNumber() == 2) &&
+        tag.wireType() == ProtoWireType::varInt) {
+      const auto number = static_cast<int64_t>(reader.readVarint());
+      (tag.fieldNumber() == 1 ? seconds : nanos) = number;
+    } else {
+      reader.skipField(tag);
+    }
+  }
+  // Timestamp's own range (years 1 to 9999), which DuckDB holds.
+  constexpr int64_t kMinSeconds = -62135596800;
+  constexpr int64_t kMaxSeconds = 253402300799;
+  if (seconds < kMinSeconds || seconds > kMaxSeconds || nanos < 0 || nanos > 999999999) {
+    throw std::range_error("google.protobuf.Timestamp of " + std::to_string(seconds) +
+                           " seconds and " + std::to_string(nanos) +
+                           " nanoseconds is out of range");
+  }
+  return seconds * 1000000 + nanos / 1000;
+}
+
+void appendJson(const ColumnType& type, const detail::AnyValueImpl& value, std::string& out) {
+  switch (value.kind()) {
+    case ValueCase::int32:
+      out += std::to_string(value.int32Value());
+      return;
+    case ValueCase::uint32:
+      out += std::to_string(value.uint32Value());
+      return;
+    case ValueCase::int64:
+      out += std::to_string(value.int64Value());
+      return;
+    case ValueCase::uint64:
+      out += std::to_string(value.uint64Value());
+      return;
+    case ValueCase::float_:
+      return appendFloat(value.floatValue(), out);
+    case ValueCase::double_:
+      return appendFloat(value.doubleValue(), out);
+    case ValueCase::bool_:
+      out += value.boolValue() ? "true" : "false";
+      return;
+    case ValueCase::enum_:
+      return appendJsonString(enumText(value.enumValue()), out);
+    case ValueCase::string:
+      return appendJsonString(value.stringValue(), out);
+    case ValueCase::bytes:
+      return appendJsonBytes(value.bytesValue().view(), out);
+    case ValueCase::message:
+      break;
+  }
+  if (type.kind == ColumnKind::timestamp) {
+    return appendJsonString(timestampText(timestampMicros(messageOf(value).bytes())), out);
+  }
+  if (type.kind == ColumnKind::json) {
+    // from_json reads a VARCHAR member from a JSON string.
+    return appendJsonString(messageJson(value), out);
+  }
+  const ByteView bytes = messageOf(value).bytes();
+  out += '{';
+  bool first = true;
+  for (const ColumnType::Member& member : type.members) {
+    if (!first) out += ',';
+    first = false;
+    appendJsonString(member.name, out);
+    out += ':';
+    appendFieldJson(*member.type, *member.field, bytes, out);
+  }
+  out += '}';
+}
+
+void appendFieldJson(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
+                     std::string& out) {
+  if (type.kind == ColumnKind::list || type.kind == ColumnKind::map) {
+    const bool list = type.kind == ColumnKind::list;
+    out += list ? '[' : '{';
+    bool first = true;
+    forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
+      if (!first) out += ',';
+      first = false;
+      if (list) return appendJson(*type.element, value, out);
+      // Object keys are text: DuckDB casts them to the MAP's key type.
+      std::string key;
+      appendFieldJson(*type.key, *type.keyField, messageOf(value).bytes(), key);
+      if (key == "null") key = type.key->kind == ColumnKind::boolean ? "false"
+                               : type.key->kind == ColumnKind::varchar ? "\"\""
+                                                                         : "0";
+      if (key.front() != '"') key = "\"" + key + "\"";
+      out += key;
+      out += ':';
+      appendFieldJson(*type.value, *type.valueField, messageOf(value).bytes(), out);
+    });
+    out += list ? ']' : '}';
+    return;
+  }
+  bool found = false;
+  forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
+    found = true;
+    appendJson(type, value, out);
+  });
+  if (!found) {
+    // An absent map key or value is its type's default, as protobuf's parse gives it.
+    out += "null";
+  }
+}
+
+void writeNull(const ColumnType& type, duckdb_vector vector, idx_t row) {
+  duckdb_vector_ensure_validity_writable(vector);
+  duckdb_validity_set_row_invalid(duckdb_vector_get_validity(vector), row);
+  if (type.kind == ColumnKind::list || type.kind == ColumnKind::map) {
+    dataOf<duckdb_list_entry>(vector)[row] = {duckdb_list_vector_get_size(vector), 0};
+  }
+  for (size_t i = 0; i < type.members.size(); ++i) {
+    writeNull(*type.members[i].type, duckdb_struct_vector_get_child(vector, i), row);
+  }
+}
+
+void writeText(duckdb_vector vector, idx_t row, std::string_view text) {
+  if (detail::isUtf8(text)) {
+    return duckdb_vector_assign_string_element_len(vector, row, text.data(), text.size());
+  }
+  const std::string decoded = decodeUtf8Lossy(
+      ByteView(reinterpret_cast<const std::byte*>(text.data()), text.size()));
+  duckdb_vector_assign_string_element_len(vector, row, decoded.data(), decoded.size());
+}
+
+void writeValue(const ColumnType& type, const detail::AnyValueImpl& value, duckdb_vector vector,
+                idx_t row) {
+  switch (value.kind()) {
+    case ValueCase::int32:
+      dataOf<int32_t>(vector)[row] = value.int32Value();
+      return;
+    case ValueCase::uint32:
+      dataOf<uint32_t>(vector)[row] = value.uint32Value();
+      return;
+    case ValueCase::int64:
+      dataOf<int64_t>(vector)[row] = value.int64Value();
+      return;
+    case ValueCase::uint64:
+      dataOf<uint64_t>(vector)[row] = value.uint64Value();
+      return;
+    case ValueCase::float_:
+      dataOf<float>(vector)[row] = value.floatValue();
+      return;
+    case ValueCase::double_:
+      dataOf<double>(vector)[row] = value.doubleValue();
+      return;
+    case ValueCase::bool_:
+      dataOf<bool>(vector)[row] = value.boolValue();
+      return;
+    case ValueCase::enum_:
+      return writeText(vector, row, enumText(value.enumValue()));
+    case ValueCase::string:
+      return writeText(vector, row, value.stringValue());
+    case ValueCase::bytes: {
+      const ByteView bytes = value.bytesValue().view();
+      duckdb_vector_assign_string_element_len(vector, row,
+                                              reinterpret_cast<const char*>(bytes.data()),
+                                              bytes.size());
+      return;
+    }
+    case ValueCase::message:
+      break;
+  }
+  const ByteView bytes = messageOf(value).bytes();
+  if (type.kind == ColumnKind::timestamp) {
+    dataOf<int64_t>(vector)[row] = timestampMicros(bytes);
+  } else if (type.kind == ColumnKind::json) {
+    writeText(vector, row, messageJson(value));
+  } else {
+    for (size_t i = 0; i < type.members.size(); ++i) {
+      const ColumnType::Member& member = type.members[i];
+      writeField(*member.type, *member.field, bytes, duckdb_struct_vector_get_child(vector, i),
+                 row);
+    }
+  }
+}
+
+void writeField(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
+                duckdb_vector vector, idx_t row) {
+  if (type.kind == ColumnKind::list || type.kind == ColumnKind::map) {
+    return writeElements(type, field, message, vector, row);
+  }
+  bool found = false;
+  forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
+    found = true;
+    writeValue(type, value, vector, row);
+  });
+  if (!found) writeNull(type, vector, row);
+}
+
+}  // namespace ostrel::duckdb

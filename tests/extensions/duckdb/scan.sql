@@ -1,0 +1,46 @@
+-- ostrel_scan over generated record files: typed columns, globs and lists, both framings, a
+-- corrupt record, projection pushdown, and Parquet out and back.
+SET threads = 2;
+SELECT ostrel_register_proto('syntax = "proto3";
+package s;
+message Item { string sku = 1; uint32 quantity = 2; int64 price = 3; }
+message Order {
+  uint64 id = 1; string customer = 2; repeated Item items = 3; map<string, string> attributes = 4;
+  double total = 5; bytes note = 6;
+}');
+.write varint a.bin SELECT p_encode('s.Order', json_object('id', i, 'customer', 'c' || (i % 7),
+  'items', [json_object('sku', 'k' || (i % 3), 'quantity', i % 5 + 1, 'price', i * 10)],
+  'attributes', json_object('tier', CASE WHEN i % 2 = 0 THEN 'gold' ELSE 'basic' END),
+  'total', i / 4)::VARCHAR) FROM range(1, 3001) t(i);
+.write varint b.bin SELECT p_encode('s.Order', json_object('id', i, 'customer', 'x')::VARCHAR) FROM range(3001, 3101) t(i);
+.write single one- SELECT p_encode('s.Order', json_object('id', i, 'note', 'AQI=')::VARCHAR) FROM range(3) t(i);
+DESCRIBE SELECT * FROM ostrel_scan('a.bin', 's.Order');
+SELECT count(*), sum(id), count(DISTINCT customer), sum(total) FROM ostrel_scan('a.bin', 's.Order');
+SELECT id, customer, items, attributes, total, note, filename, record_offset
+  FROM ostrel_scan('a.bin', 's.Order') WHERE id IN (1, 2, 3000) ORDER BY id;
+SELECT items[1].sku AS sku, sum(items[1].price) FROM ostrel_scan('a.bin', 's.Order') GROUP BY sku ORDER BY sku;
+SELECT attributes['tier'] AS tier, count(*) FROM ostrel_scan('a.bin', 's.Order') GROUP BY tier ORDER BY tier;
+SELECT count(*), sum(id) FROM ostrel_scan('[ab].bin', 's.Order');
+SELECT filename, count(*) FROM ostrel_scan(['b.bin', 'a.bin'], 's.Order') GROUP BY filename ORDER BY filename;
+SELECT id, note, record_offset FROM ostrel_scan('one-*.bin', 's.Order', framing := 'single') ORDER BY id;
+-- Parquet out and back.
+COPY (SELECT * EXCLUDE (filename) FROM ostrel_scan('a.bin', 's.Order')) TO 'orders.parquet' (FORMAT parquet);
+SELECT count(*), sum(id), sum(len(items)), min(items[1].sku), max(attributes['tier']) FROM read_parquet('orders.parquet');
+DESCRIBE SELECT * FROM read_parquet('orders.parquet');
+-- A corrupt record (id 2, then a note whose length runs past the end) stops a query that reads
+-- the note, naming file and record.
+.write varint bad.bin SELECT p_encode('s.Order', '{"id": 1}') UNION ALL SELECT unhex('08023205ff') UNION ALL SELECT p_encode('s.Order', '{"id": 3}');
+SELECT id, note FROM ostrel_scan('bad.bin', 's.Order');
+-- Projection pushdown: the corrupt field is not read when no column needs it.
+SELECT id FROM ostrel_scan('bad.bin', 's.Order') ORDER BY id;
+SELECT sum(id), count(*) FROM ostrel_scan('bad.bin', 's.Order');
+.write varint torn.bin SELECT p_encode('s.Order', '{"id": 1}') UNION ALL SELECT unhex('08');
+SELECT id FROM ostrel_scan('torn.bin', 's.Order');
+.write varint short.bin SELECT unhex('0a');
+SELECT count(*) FROM ostrel_scan('short.bin', 's.Order');
+-- Bad arguments.
+SELECT * FROM ostrel_scan('missing.bin', 's.Order');
+SELECT * FROM ostrel_scan('nothing-*.bin', 's.Order');
+SELECT * FROM ostrel_scan('a.bin', 's.Nope');
+SELECT * FROM ostrel_scan('a.bin', 's.Order', framing := 'kafka');
+SELECT * FROM ostrel_scan(42, 's.Order');
