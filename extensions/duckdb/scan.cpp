@@ -19,7 +19,6 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <new>
 #include <optional>
@@ -209,10 +208,13 @@ void localInit(duckdb_init_info info) {
 }
 
 std::string readFile(const std::string& name) {
-  std::ifstream in(name, std::ios::binary);
+  std::ifstream in(name, std::ios::binary | std::ios::ate);
   if (!in) throw std::runtime_error("cannot open \"" + name + "\": " + std::strerror(errno));
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) throw std::runtime_error("cannot read \"" + name + "\"");
+  std::string bytes(static_cast<size_t>(in.tellg()), '\0');
+  in.seekg(0);
+  if (!in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) {
+    throw std::runtime_error("cannot read \"" + name + "\"");
+  }
   return bytes;
 }
 
@@ -317,6 +319,10 @@ void scan(duckdb_function_info info, duckdb_data_chunk output) {
   int64_t offset = -1;
   try {
     if (global.projection && !local.row) local.row = global.projection->makeRow();
+    std::vector<duckdb_vector> vectors;
+    for (idx_t j = 0; j < global.outputs.size(); ++j) {
+      vectors.push_back(duckdb_data_chunk_get_vector(output, j));
+    }
     while (rows < capacity) {
       if (!local.file && !openNextFile(data, global, local)) break;
       offset = local.records ? local.records->position() : 0;
@@ -330,7 +336,7 @@ void scan(duckdb_function_info info, duckdb_data_chunk output) {
       if (local.row) global.projection->read(record->first, *local.row);
       for (idx_t j = 0; j < global.outputs.size(); ++j) {
         const ScanGlobal::Output& column = global.outputs[j];
-        duckdb_vector vector = duckdb_data_chunk_get_vector(output, j);
+        duckdb_vector vector = vectors[j];
         if (column.column < data.columns.size()) {
           const FieldColumn& field = data.columns[column.column];
           if (column.projected) {
