@@ -1,9 +1,11 @@
 // A DuckDB host for the extension's tests: opens an in-memory database with unsigned extensions
-// allowed, loads the extension, runs an SQL script and prints every statement with its result,
-// then compares that with the expected text when one is given.
+// allowed, loads the extension, runs an SQL script and prints every statement ("> " and the
+// statement on one line) with its result and an empty line, then compares that with the expected
+// text when one is given.
 //
 //   duckdb_host EXTENSION SCRIPT [EXPECTED]
 //
+// With "-" for EXTENSION, the script loads it itself.
 // A script is statements ending with ";" at the end of a line, outside string literals; "--" lines are comments. Two
 // commands write record files from a query whose one column is BLOB:
 //   .write varint FILE SELECT ...;     the rows as one file, each preceded by its length
@@ -138,7 +140,7 @@ int main(int argc, char** argv) {
   duckdb_connect(database, &connection);
 
   std::string out;
-  run(connection, "LOAD '" + std::string(argv[1]) + "'", out);
+  if (std::string(argv[1]) != "-") run(connection, "LOAD '" + std::string(argv[1]) + "'", out);
   std::ifstream script(argv[2]);
   std::string line, statement;
   while (std::getline(script, line)) {
@@ -165,6 +167,7 @@ int main(int argc, char** argv) {
     } else {
       run(connection, statement, out);
     }
+    out += "\n";
     statement.clear();
   }
   duckdb_disconnect(&connection);
