@@ -10,6 +10,8 @@
 // - Read several paths from each of many records: Projection, in one pass per record; one scalar
 //   without an AnyValue: readInt64(bytes, path) and its siblings; a stream of length-prefixed
 //   records: DelimitedRecords (wire/schematizer.hpp).
+// - Columns for analytics: ColumnProjection reads paths from many records into Arrow record
+//   batches, handed out through Arrow's C Data and C Stream Interfaces (columns/columns.hpp).
 // - Iterate a repeated field: Schematizer::RepeatableFieldIterator.
 // - Build a message: MessageSchema::buildData.
 // - JSON: toJSON(data) and encodeJSON(schema, text) (output/json.hpp).
@@ -19,6 +21,7 @@
 //   (core/interrupts.hpp).
 // Failures are thrown as ostrel::Error subclasses (core/errors.hpp).
 
+#include "ostrel/columns/columns.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
