@@ -120,7 +120,6 @@ std::string quotedIdentifier(std::string_view name) {
   return text + '"';
 }
 
-duckdb_logical_type scalarType(duckdb_type id) { return duckdb_create_logical_type(id); }
 
 void appendJsonString(std::string_view text, std::string& out) {
   out += '"';
@@ -202,63 +201,9 @@ void forEachFieldValue(const FieldSchemaDescribing& field, ByteView message, con
   forEachValue(reader, field, [&](detail::AnyValueImpl&& value) { visit(value); });
 }
 
-template <typename T>
-T* dataOf(duckdb_vector vector) {
-  return static_cast<T*>(duckdb_vector_get_data(vector));
-}
 
-// Appends one element to the LIST or MAP `vector`'s child and returns its index there; the entry
-// of `row` grows by one.
-idx_t appendListElement(duckdb_vector vector, idx_t row) {
-  const idx_t index = duckdb_list_vector_get_size(vector);
-  if (duckdb_list_vector_reserve(vector, index + 1) != DuckDBSuccess ||
-      duckdb_list_vector_set_size(vector, index + 1) != DuckDBSuccess) {
-    throw std::bad_alloc();
-  }
-  dataOf<duckdb_list_entry>(vector)[row].length += 1;
-  return index;
-}
 
-// A map entry without its key has the key type's default, as protobuf's parse gives it: DuckDB's
-// MAP keys cannot be NULL.
-void writeMapKey(const ColumnType& map, ByteView entry, duckdb_vector vector, idx_t row) {
-  bool found = false;
-  forEachFieldValue(*map.keyField, entry, [&](const detail::AnyValueImpl& value) {
-    found = true;
-    writeValue(*map.key, value, vector, row);
-  });
-  if (found) return;
-  switch (map.key->kind) {
-    case ColumnKind::varchar:
-      return writeText(vector, row, "");
-    case ColumnKind::boolean:
-      dataOf<bool>(vector)[row] = false;
-      return;
-    case ColumnKind::bigint:
-    case ColumnKind::ubigint:
-      dataOf<int64_t>(vector)[row] = 0;
-      return;
-    default:
-      dataOf<int32_t>(vector)[row] = 0;
-      return;
-  }
-}
 
-void writeElements(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
-                   duckdb_vector vector, idx_t row) {
-  auto& entry = dataOf<duckdb_list_entry>(vector)[row];
-  entry.offset = duckdb_list_vector_get_size(vector);
-  entry.length = 0;
-  forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
-    const idx_t index = appendListElement(vector, row);
-    duckdb_vector child = duckdb_list_vector_get_child(vector);
-    if (type.kind == ColumnKind::list) return writeValue(*type.element, value, child, index);
-    const ByteView entryBytes = messageOf(value).bytes();
-    writeMapKey(type, entryBytes, duckdb_struct_vector_get_child(child, 0), index);
-    writeField(*type.value, *type.valueField, entryBytes, duckdb_struct_vector_get_child(child, 1),
-               index);
-  });
-}
 
 }  // namespace
 
@@ -311,60 +256,6 @@ std::string sqlType(const ColumnType& type) {
       return "MAP(" + sqlType(*type.key) + ", " + sqlType(*type.value) + ")";
   }
   return "VARCHAR";
-}
-
-duckdb_logical_type logicalType(const ColumnType& type) {
-  switch (type.kind) {
-    case ColumnKind::bigint:
-      return scalarType(DUCKDB_TYPE_BIGINT);
-    case ColumnKind::ubigint:
-      return scalarType(DUCKDB_TYPE_UBIGINT);
-    case ColumnKind::integer:
-      return scalarType(DUCKDB_TYPE_INTEGER);
-    case ColumnKind::uinteger:
-      return scalarType(DUCKDB_TYPE_UINTEGER);
-    case ColumnKind::double_:
-      return scalarType(DUCKDB_TYPE_DOUBLE);
-    case ColumnKind::float_:
-      return scalarType(DUCKDB_TYPE_FLOAT);
-    case ColumnKind::boolean:
-      return scalarType(DUCKDB_TYPE_BOOLEAN);
-    case ColumnKind::varchar:
-    case ColumnKind::enumName:
-    case ColumnKind::json:
-      return scalarType(DUCKDB_TYPE_VARCHAR);
-    case ColumnKind::blob:
-      return scalarType(DUCKDB_TYPE_BLOB);
-    case ColumnKind::timestamp:
-      return scalarType(DUCKDB_TYPE_TIMESTAMP_TZ);
-    case ColumnKind::struct_: {
-      std::vector<duckdb_logical_type> members;
-      std::vector<const char*> names;
-      for (const ColumnType::Member& member : type.members) {
-        members.push_back(logicalType(*member.type));
-        names.push_back(member.name.c_str());
-      }
-      duckdb_logical_type result =
-          duckdb_create_struct_type(members.data(), names.data(), members.size());
-      for (duckdb_logical_type& member : members) duckdb_destroy_logical_type(&member);
-      return result;
-    }
-    case ColumnKind::list: {
-      duckdb_logical_type element = logicalType(*type.element);
-      duckdb_logical_type result = duckdb_create_list_type(element);
-      duckdb_destroy_logical_type(&element);
-      return result;
-    }
-    case ColumnKind::map: {
-      duckdb_logical_type key = logicalType(*type.key);
-      duckdb_logical_type value = logicalType(*type.value);
-      duckdb_logical_type result = duckdb_create_map_type(key, value);
-      duckdb_destroy_logical_type(&key);
-      duckdb_destroy_logical_type(&value);
-      return result;
-    }
-  }
-  return scalarType(DUCKDB_TYPE_VARCHAR);
 }
 
 int64_t timestampMicros(ByteView message) {
@@ -475,91 +366,6 @@ void appendFieldJson(const ColumnType& type, const FieldSchemaDescribing& field,
     // An absent map key or value is its type's default, as protobuf's parse gives it.
     out += "null";
   }
-}
-
-void writeNull(const ColumnType& type, duckdb_vector vector, idx_t row) {
-  duckdb_vector_ensure_validity_writable(vector);
-  duckdb_validity_set_row_invalid(duckdb_vector_get_validity(vector), row);
-  if (type.kind == ColumnKind::list || type.kind == ColumnKind::map) {
-    dataOf<duckdb_list_entry>(vector)[row] = {duckdb_list_vector_get_size(vector), 0};
-  }
-  for (size_t i = 0; i < type.members.size(); ++i) {
-    writeNull(*type.members[i].type, duckdb_struct_vector_get_child(vector, i), row);
-  }
-}
-
-void writeText(duckdb_vector vector, idx_t row, std::string_view text) {
-  if (detail::isUtf8(text)) {
-    return duckdb_vector_assign_string_element_len(vector, row, text.data(), text.size());
-  }
-  const std::string decoded = decodeUtf8Lossy(
-      ByteView(reinterpret_cast<const std::byte*>(text.data()), text.size()));
-  duckdb_vector_assign_string_element_len(vector, row, decoded.data(), decoded.size());
-}
-
-void writeValue(const ColumnType& type, const detail::AnyValueImpl& value, duckdb_vector vector,
-                idx_t row) {
-  switch (value.kind()) {
-    case ValueCase::int32:
-      dataOf<int32_t>(vector)[row] = value.int32Value();
-      return;
-    case ValueCase::uint32:
-      dataOf<uint32_t>(vector)[row] = value.uint32Value();
-      return;
-    case ValueCase::int64:
-      dataOf<int64_t>(vector)[row] = value.int64Value();
-      return;
-    case ValueCase::uint64:
-      dataOf<uint64_t>(vector)[row] = value.uint64Value();
-      return;
-    case ValueCase::float_:
-      dataOf<float>(vector)[row] = value.floatValue();
-      return;
-    case ValueCase::double_:
-      dataOf<double>(vector)[row] = value.doubleValue();
-      return;
-    case ValueCase::bool_:
-      dataOf<bool>(vector)[row] = value.boolValue();
-      return;
-    case ValueCase::enum_:
-      return writeText(vector, row, enumText(value.enumValue()));
-    case ValueCase::string:
-      return writeText(vector, row, value.stringValue());
-    case ValueCase::bytes: {
-      const ByteView bytes = value.bytesValue().view();
-      duckdb_vector_assign_string_element_len(vector, row,
-                                              reinterpret_cast<const char*>(bytes.data()),
-                                              bytes.size());
-      return;
-    }
-    case ValueCase::message:
-      break;
-  }
-  const ByteView bytes = messageOf(value).bytes();
-  if (type.kind == ColumnKind::timestamp) {
-    dataOf<int64_t>(vector)[row] = timestampMicros(bytes);
-  } else if (type.kind == ColumnKind::json) {
-    writeText(vector, row, messageJson(value));
-  } else {
-    for (size_t i = 0; i < type.members.size(); ++i) {
-      const ColumnType::Member& member = type.members[i];
-      writeField(*member.type, *member.field, bytes, duckdb_struct_vector_get_child(vector, i),
-                 row);
-    }
-  }
-}
-
-void writeField(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
-                duckdb_vector vector, idx_t row) {
-  if (type.kind == ColumnKind::list || type.kind == ColumnKind::map) {
-    return writeElements(type, field, message, vector, row);
-  }
-  bool found = false;
-  forEachFieldValue(field, message, [&](const detail::AnyValueImpl& value) {
-    found = true;
-    writeValue(type, value, vector, row);
-  });
-  if (!found) writeNull(type, vector, row);
 }
 
 }  // namespace ostrel::duckdb

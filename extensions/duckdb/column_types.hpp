@@ -1,14 +1,14 @@
 #pragma once
 
-// How protobuf values become DuckDB values: a tree of column types made once from a schema (when a
-// query is bound), and the two ways values leave through it: written into DuckDB vectors (the
-// columns of ostrel_scan) or as JSON text that DuckDB's from_json reads into the same type (the
-// values of p_get, whose type DuckDB learns from ostrel_value_type at bind time).
+// How p_get's values become DuckDB values: a tree of column types made once from a schema (when
+// a query is bound), and the values as JSON text that DuckDB's from_json reads into that type
+// (DuckDB learns the type from ostrel_value_type at bind time). The types are those of the
+// columnar projection that ostrel_scan reads through, but for bytes:
 //
 //   int64, sint64, sfixed64  BIGINT       uint64, fixed64  UBIGINT
 //   int32, sint32, sfixed32  INTEGER      uint32, fixed32  UINTEGER
-//   double DOUBLE, float FLOAT, bool BOOLEAN, string VARCHAR, bytes BLOB (in p_get's values
-//   VARCHAR holding base64, which from_base64 turns into the BLOB), enum VARCHAR (its name,
+//   double DOUBLE, float FLOAT, bool BOOLEAN, string VARCHAR, bytes VARCHAR holding base64
+//   (from_base64 turns it into the BLOB: no JSON text carries bytes as they are), enum VARCHAR (its name,
 //   else the number as text), message STRUCT (one member per field, by the declared names),
 //   repeated LIST, map MAP, google.protobuf.Timestamp TIMESTAMP WITH TIME ZONE. A message type
 //   that contains itself, directly or not, is VARCHAR holding its JSON text where it recurs.
@@ -18,7 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "duckdb_api.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/wire/reader.hpp"
@@ -70,11 +69,8 @@ std::unique_ptr<ColumnType> columnTypeOf(const TypeSchemaDescription& type);
 std::unique_ptr<ColumnType> columnTypeOf(const FieldSchemaDescribing& field);
 
 // The type of appendJson's values as DuckDB's SQL writes it, for example
-// STRUCT("sku" VARCHAR, "quantity" UINTEGER)[]; bytes are VARCHAR there (see appendJson).
+// STRUCT("sku" VARCHAR, "quantity" UINTEGER)[].
 std::string sqlType(const ColumnType& type);
-
-// The type as a DuckDB logical type; the caller destroys it.
-duckdb_logical_type logicalType(const ColumnType& type);
 
 // Appends `value`, of `type`'s field type, as the JSON text from_json reads into sqlType(type):
 // timestamps and non-finite floats as text, bytes as base64 text (DuckDB's JSON reader takes
@@ -87,23 +83,6 @@ void appendJson(const ColumnType& type, const detail::AnyValueImpl& value, std::
 // field ([] or {} when there is none), else the first occurrence (null when absent).
 void appendFieldJson(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
                      std::string& out);
-
-// Writes `value` into row `row` of `vector`, whose logical type is logicalType(type). Throws as
-// appendJson does.
-void writeValue(const ColumnType& type, const detail::AnyValueImpl& value, duckdb_vector vector,
-                idx_t row);
-
-// Writes field `field` of the message in `message` into row `row` (see appendFieldJson); NULL
-// when a singular field is absent.
-void writeField(const ColumnType& type, const FieldSchemaDescribing& field, ByteView message,
-                duckdb_vector vector, idx_t row);
-
-// Marks row `row` of `vector`, of `type`, NULL, with whatever it contains.
-void writeNull(const ColumnType& type, duckdb_vector vector, idx_t row);
-
-// Writes text into row `row` of a VARCHAR vector. DuckDB's strings must be UTF-8: text that is
-// not is decoded as the library decodes strings, each invalid sequence becoming U+FFFD.
-void writeText(duckdb_vector vector, idx_t row, std::string_view text);
 
 // The microseconds since the epoch of a google.protobuf.Timestamp message's bytes. Throws
 // SerializationError for malformed bytes or a time DuckDB cannot hold.

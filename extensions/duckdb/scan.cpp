@@ -1,15 +1,17 @@
 // ostrel_scan: protobuf record files as a table, one column per top-level field of the message
-// type (typed as column_types.hpp says) plus filename and record_offset.
+// type, as the library's columnar projection makes it (see ostrel/columns/columns.hpp and
+// arrow_vectors.hpp), plus filename and record_offset.
 //
 //   SELECT id, customer.name FROM ostrel_scan('orders/*.bin', 'shop.Order');
 //   SELECT * FROM ostrel_scan(['a.bin', 'b.bin'], 'shop.Order', framing := 'varint');
 //   COPY (FROM ostrel_scan('orders.bin', 'shop.Order')) TO 'orders.parquet';
 //
-// How it works: the bind resolves the type and expands the file names (glob patterns, each
-// sorted); DuckDB then tells the scan which columns the query uses, and only those are read: the
-// singular fields among them through one projection of the library (one pass over each record's
-// bytes, stopping once every field has its answer), repeated fields and maps element by element.
-// Files are shared out among DuckDB's threads, one whole file at a time. Framing: 'varint' (each
+// How it works: the bind resolves the type, expands the file names (glob patterns, each sorted)
+// and takes the columns' types from a columnar projection of every field; DuckDB then tells the
+// scan which columns the query uses, and each thread compiles a columnar projection of those
+// fields alone, so that nothing else is read. Files are shared out among DuckDB's threads, one
+// whole file at a time; each output chunk holds records of one file, copied from the projection's
+// Arrow batch into DuckDB's vectors. Framing: 'varint' (each
 // record preceded by its length as a varint, the default) or 'single' (one record per file).
 // A fault stops the query with an error naming the file, the record and its byte offset.
 
@@ -27,7 +29,8 @@
 #include <vector>
 
 #include "extension_state.hpp"
-#include "ostrel/output/json.hpp"
+#include "arrow_vectors.hpp"
+#include "ostrel/columns/columns.hpp"
 #include "ostrel/wire/schematizer.hpp"
 
 namespace ostrel::duckdb {
@@ -35,10 +38,8 @@ namespace {
 
 enum class Framing : uint8_t { varint, single };
 
-struct FieldColumn {
-  std::shared_ptr<FieldSchemaDescribing> field;
-  std::unique_ptr<ColumnType> type;
-};
+// Enum values as their names; the rest as the columnar projection's defaults.
+const ColumnOptions kColumnOptions{.enums = ColumnOptions::Enums::strings};
 
 struct ScanBind {
   // The store is kept for as long as the query reads through its schemas.
@@ -46,33 +47,44 @@ struct ScanBind {
   std::optional<MessageSchema> schema;
   std::vector<std::string> files;
   Framing framing = Framing::varint;
-  // One per top-level field; then the filename and record_offset columns.
-  std::vector<FieldColumn> columns;
+  // The top-level fields, one column each; then the filename and record_offset columns.
+  std::vector<std::string> fields;
 };
 
-// What one query reads: the bound columns it uses, in the order of the output, and the projection
-// of the singular fields among them.
+// What one query reads: the bound columns it uses, in the order of the output.
 struct ScanGlobal {
-  struct Output {
-    // Index into ScanBind::columns; columns.size() for filename, + 1 for record_offset, anything
-    // else for DuckDB's row number.
-    idx_t column;
-    // The path's position in the projection, for a singular field.
-    std::optional<size_t> projected;
-  };
-  std::vector<Output> outputs;
-  std::optional<Projection> projection;
+  // Index into ScanBind::fields; fields.size() for filename, anything else for record_offset
+  // (DuckDB's row number is not asked of a function that does not offer it).
+  std::vector<idx_t> outputs;
+  // The fields among them, in that order, and where each goes in the output.
+  std::vector<std::string> paths;
+  std::vector<idx_t> pathOutputs;
   std::atomic<size_t> nextFile{0};
 };
 
-// One thread's place: the file it reads and how far it got.
+// The Arrow schema of a projection, released when it goes.
+struct OwnedSchema {
+  ArrowSchema schema{};
+  OwnedSchema() = default;
+  OwnedSchema(const OwnedSchema&) = delete;
+  OwnedSchema& operator=(const OwnedSchema&) = delete;
+  ~OwnedSchema() {
+    if (schema.release) schema.release(&schema);
+  }
+};
+
+// One thread's place: its projection, the file it reads and how far it got.
 struct ScanLocal {
+  std::optional<ColumnProjection> columns;
+  OwnedSchema columnSchema;
   std::optional<size_t> file;
   std::string bytes;
   std::optional<DelimitedRecords> records;
   bool singleDone = false;
   int64_t recordNumber = 0;
-  std::optional<ProjectionRow> row;
+  // Where the records of the chunk being made start, and the file they come from.
+  std::vector<int64_t> offsets;
+  size_t lastFile = 0;
 };
 
 std::string textOf(duckdb_value value) {
@@ -163,8 +175,13 @@ void bind(duckdb_bind_info info) {
       data->schema = schemas.messageSchema(typeName);
     });
     for (const auto& [number, field] : data->schema->impl()->fieldsByNumber()) {
-      data->columns.push_back({field, columnTypeOf(*field)});
-      addColumn(info, field->name(), logicalType(*data->columns.back().type));
+      data->fields.push_back(field->name());
+    }
+    const ColumnProjection all(*data->schema, data->fields, kColumnOptions);
+    OwnedSchema types;
+    all.exportSchema(&types.schema);
+    for (size_t i = 0; i < data->fields.size(); ++i) {
+      addColumn(info, data->fields[i], logicalTypeOf(*types.schema.children[i]));
     }
     addColumn(info, "filename", duckdb_create_logical_type(DUCKDB_TYPE_VARCHAR));
     addColumn(info, "record_offset", duckdb_create_logical_type(DUCKDB_TYPE_BIGINT));
@@ -175,25 +192,19 @@ void bind(duckdb_bind_info info) {
   }
 }
 
-bool isSingular(const ColumnType& type) {
-  return type.kind != ColumnKind::list && type.kind != ColumnKind::map;
-}
-
 void init(duckdb_init_info info) {
   try {
     const auto& data = *static_cast<const ScanBind*>(duckdb_init_get_bind_data(info));
     auto global = std::make_unique<ScanGlobal>();
-    std::vector<std::string> paths;
     const idx_t count = duckdb_init_get_column_count(info);
     for (idx_t i = 0; i < count; ++i) {
-      ScanGlobal::Output output{duckdb_init_get_column_index(info, i), std::nullopt};
-      if (output.column < data.columns.size() && isSingular(*data.columns[output.column].type)) {
-        output.projected = paths.size();
-        paths.push_back(data.columns[output.column].field->name());
+      const idx_t column = duckdb_init_get_column_index(info, i);
+      if (column < data.fields.size()) {
+        global->paths.push_back(data.fields[column]);
+        global->pathOutputs.push_back(i);
       }
-      global->outputs.push_back(output);
+      global->outputs.push_back(column);
     }
-    if (!paths.empty()) global->projection.emplace(*data.schema, paths);
     duckdb_init_set_max_threads(info, std::max<size_t>(data.files.size(), 1));
     duckdb_init_set_init_data(info, global.release(),
                               [](void* p) { delete static_cast<ScanGlobal*>(p); });
@@ -222,75 +233,13 @@ ByteView viewOf(const std::string& bytes) {
   return {reinterpret_cast<const std::byte*>(bytes.data()), bytes.size()};
 }
 
-// Writes answer `i` of `row`, a singular field of `type`.
-void writeProjected(const ColumnType& type, const ProjectionRow& row, size_t i,
-                    duckdb_vector vector, idx_t out) {
-  switch (row.state(i)) {
-    case ProjectionRow::State::absent:
-      return writeNull(type, vector, out);
-    case ProjectionRow::State::failed:
-      std::rethrow_exception(row.error(i));
-    case ProjectionRow::State::present:
-      break;
-  }
-  auto set = [&](auto value) {
-    static_cast<decltype(value)*>(duckdb_vector_get_data(vector))[out] = value;
-  };
-  switch (type.kind) {
-    case ColumnKind::bigint:
-      return set(*row.int64Value(i));
-    case ColumnKind::ubigint:
-      return set(*row.uint64Value(i));
-    case ColumnKind::integer:
-      return set(*row.int32Value(i));
-    case ColumnKind::uinteger:
-      return set(*row.uint32Value(i));
-    case ColumnKind::double_:
-      return set(*row.doubleValue(i));
-    case ColumnKind::float_:
-      return set(*row.floatValue(i));
-    case ColumnKind::boolean:
-      return set(*row.boolValue(i));
-    case ColumnKind::enumName: {
-      const int64_t number = *row.enumNumber(i);
-      if (const std::string* name = type.enumeration->findValueNameFor(number)) {
-        return writeText(vector, out, *name);
-      }
-      return writeText(vector, out, std::to_string(number));
-    }
-    default:
-      break;
-  }
-  const ByteView payload = *row.payload(i);
-  switch (type.kind) {
-    case ColumnKind::varchar:
-      return writeText(vector, out,
-                       std::string_view(reinterpret_cast<const char*>(payload.data()),
-                                        payload.size()));
-    case ColumnKind::blob:
-      return duckdb_vector_assign_string_element_len(
-          vector, out, reinterpret_cast<const char*>(payload.data()), payload.size());
-    case ColumnKind::timestamp:
-      return set(timestampMicros(payload));
-    case ColumnKind::json:
-      return writeText(vector, out,
-                       renderJSON(UnsafeSchematizedData(type.message, payload),
-                                  JsonOptions{.strict = true}));
-    default:
-      for (size_t m = 0; m < type.members.size(); ++m) {
-        const ColumnType::Member& member = type.members[m];
-        writeField(*member.type, *member.field, payload,
-                   duckdb_struct_vector_get_child(vector, m), out);
-      }
-  }
-}
-
 // Takes the next file not taken by any thread; false when none is left.
 bool openNextFile(const ScanBind& data, ScanGlobal& global, ScanLocal& local) {
   const size_t index = global.nextFile.fetch_add(1);
   if (index >= data.files.size()) return false;
   local.bytes = readFile(data.files[index]);
   local.file = index;
+  local.lastFile = index;
   local.records.emplace(viewOf(local.bytes));
   local.singleDone = false;
   local.recordNumber = 0;
@@ -315,16 +264,16 @@ void scan(duckdb_function_info info, duckdb_data_chunk output) {
   auto& global = *static_cast<ScanGlobal*>(duckdb_function_get_init_data(info));
   auto& local = *static_cast<ScanLocal*>(duckdb_function_get_local_init_data(info));
   const idx_t capacity = duckdb_vector_size();
-  idx_t rows = 0;
   int64_t offset = -1;
   try {
-    if (global.projection && !local.row) local.row = global.projection->makeRow();
-    std::vector<duckdb_vector> vectors;
-    for (idx_t j = 0; j < global.outputs.size(); ++j) {
-      vectors.push_back(duckdb_data_chunk_get_vector(output, j));
+    if (!global.paths.empty() && !local.columns) {
+      local.columns.emplace(*data.schema, global.paths, kColumnOptions);
+      local.columns->exportSchema(&local.columnSchema.schema);
     }
-    while (rows < capacity) {
-      if (!local.file && !openNextFile(data, global, local)) break;
+    // One file's records, up to a chunk.
+    local.offsets.clear();
+    while (local.offsets.size() < capacity) {
+      if (!local.file && (!local.offsets.empty() || !openNextFile(data, global, local))) break;
       offset = local.records ? local.records->position() : 0;
       const auto record = nextRecord(data, local);
       if (!record) {
@@ -333,26 +282,43 @@ void scan(duckdb_function_info info, duckdb_data_chunk output) {
         continue;
       }
       offset = record->second;
-      if (local.row) global.projection->read(record->first, *local.row);
-      for (idx_t j = 0; j < global.outputs.size(); ++j) {
-        const ScanGlobal::Output& column = global.outputs[j];
-        duckdb_vector vector = vectors[j];
-        if (column.column < data.columns.size()) {
-          const FieldColumn& field = data.columns[column.column];
-          if (column.projected) {
-            writeProjected(*field.type, *local.row, *column.projected, vector, rows);
-          } else {
-            writeField(*field.type, *field.field, record->first, vector, rows);
-          }
-        } else if (column.column == data.columns.size()) {
-          const std::string& name = data.files[*local.file];
-          duckdb_vector_assign_string_element_len(vector, rows, name.data(), name.size());
-        } else {
-          static_cast<int64_t*>(duckdb_vector_get_data(vector))[rows] = offset;
-        }
+      try {
+        if (local.columns) local.columns->append(record->first, offset);
+      } catch (const ColumnError& error) {
+        if (error.code() != ColumnError::Code::recordFailed) throw;
+        throw std::runtime_error(error.reason());
       }
+      local.offsets.push_back(offset);
       ++local.recordNumber;
-      ++rows;
+    }
+    const idx_t rows = local.offsets.size();
+    if (local.columns && rows > 0) {
+      ArrowArray batch{};
+      local.columns->takeBatch(&batch);
+      try {
+        for (size_t p = 0; p < global.paths.size(); ++p) {
+          copyColumn(*local.columnSchema.schema.children[p], *batch.children[p], rows,
+                     duckdb_data_chunk_get_vector(output, global.pathOutputs[p]));
+        }
+      } catch (...) {
+        batch.release(&batch);
+        throw;
+      }
+      batch.release(&batch);
+    }
+    for (idx_t j = 0; j < global.outputs.size(); ++j) {
+      const idx_t column = global.outputs[j];
+      if (column < data.fields.size()) continue;
+      duckdb_vector vector = duckdb_data_chunk_get_vector(output, j);
+      if (column == data.fields.size()) {
+        // The chunk's file: the one being read, or the one that just ended.
+        const std::string& name = data.files[local.lastFile];
+        for (idx_t row = 0; row < rows; ++row) {
+          duckdb_vector_assign_string_element_len(vector, row, name.data(), name.size());
+        }
+      } else {
+        std::memcpy(duckdb_vector_get_data(vector), local.offsets.data(), rows * sizeof(int64_t));
+      }
     }
     duckdb_data_chunk_set_size(output, rows);
   } catch (const std::exception& error) {
