@@ -58,3 +58,9 @@ SELECT p_encode('t.Rec', '{"i64": ');
 SELECT ostrel_register_descriptor_set(unhex('0aff'));
 SELECT ostrel_register_manifest('{');
 SELECT ostrel_register_proto('message {');
+-- A path a thousand messages deep through a type that contains itself reads nothing here.
+SELECT n, p_get(r, 't.Rec', repeat('child.', 1000) || 'i64') FROM recs ORDER BY n;
+SELECT p_get(r, 't.Rec', 'parts[') FROM recs;
+SELECT p_get(r, 't.Rec', 'parts[-1].sku') FROM recs;
+SELECT p_get(r, 't.Rec', 'parts[99999999999].sku') FROM recs WHERE n = 1;
+SELECT p_get(r, 't.Rec', 'i64'), p_get(r, 't.Rec', chr(0)) FROM recs;

@@ -44,3 +44,25 @@ SELECT * FROM ostrel_scan('nothing-*.bin', 's.Order');
 SELECT * FROM ostrel_scan('a.bin', 's.Nope');
 SELECT * FROM ostrel_scan('a.bin', 's.Order', framing := 'kafka');
 SELECT * FROM ostrel_scan(42, 's.Order');
+-- A stream whose length prefix claims more than the file holds.
+.write single bogus- SELECT unhex('ffffffff0f0801');
+SELECT count(*) FROM ostrel_scan('bogus-0.bin', 's.Order');
+-- Only the columns a query uses reach the scan.
+EXPLAIN SELECT id FROM ostrel_scan('a.bin', 's.Order');
+-- Well-known types, enums (an unknown number as its text), and a message that contains itself.
+SELECT ostrel_register_proto('syntax = "proto3";
+package w;
+import "google/protobuf/timestamp.proto";
+import "google/protobuf/duration.proto";
+enum Level { LEVEL_UNSPECIFIED = 0; LOW = 1; HIGH = 2; }
+message Node { string name = 1; Node next = 2; }
+message Event {
+  google.protobuf.Timestamp at = 1; google.protobuf.Duration took = 2; Level level = 3; Node node = 4;
+  map<int64, bool> flags = 5; repeated double samples = 6; float ratio = 7; sint32 delta = 8;
+}');
+.write varint events.bin SELECT p_encode('w.Event', '{"at": "2024-05-01T12:30:00.5Z", "took": "1.5s",
+  "level": "HIGH", "node": {"name": "a", "next": {"name": "b"}}, "flags": {"3": true},
+  "samples": [1.5, -2], "ratio": 0.5, "delta": -4}') UNION ALL SELECT p_encode('w.Event', '{"level": 7}');
+DESCRIBE SELECT * FROM ostrel_scan('events.bin', 'w.Event');
+SELECT "at" = TIMESTAMPTZ '2024-05-01 12:30:00.5+00' AS at_ok, took, level, node, flags, samples, ratio, delta
+FROM ostrel_scan('events.bin', 'w.Event') ORDER BY record_offset;
