@@ -76,6 +76,7 @@ SELECT count(*) FROM ostrel_scan('orders-*.bin', 'shop.Order');
 SELECT count(*) FROM read_json('orders-*.jsonl');
 .time ostrel_scan_3_columns SELECT sum(id), count(DISTINCT state), max(created_at) FROM ostrel_scan('orders-*.bin', 'shop.Order');
 .time read_json_3_columns SELECT sum(id), count(DISTINCT state), max(created_at) FROM read_json('orders-*.jsonl');
+.time ostrel_scan_all_columns SELECT count(*), sum(len(items)), count(customer), count(attributes), count(DISTINCT state) FROM ostrel_scan('orders-*.bin', 'shop.Order');
 .time p_get SELECT sum(p_get(record, 'shop.Order', 'customer.id')) FROM orders;
 .time json_extract SELECT sum(json_extract_string(doc, '$.customer.id')::UBIGINT) FROM documents;
 .time p_get_string SELECT count(DISTINCT p_get(record, 'shop.Order', 'customer.name')) FROM orders;

@@ -74,7 +74,8 @@ std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosi
         break;
       }
       bool recurs = false;
-      for (const MessageSchemaDescribing* outer : enclosing) recurs = recurs || outer == message.get();
+      for (const MessageSchemaDescribing* outer : enclosing)
+        recurs = recurs || outer == message.get();
       // A STRUCT needs at least one member.
       if (recurs || message->fieldsByNumber().empty()) {
         result->kind = ColumnKind::json;
@@ -119,7 +120,6 @@ std::string quotedIdentifier(std::string_view name) {
   }
   return text + '"';
 }
-
 
 void appendJsonString(std::string_view text, std::string& out) {
   out += '"';
@@ -200,10 +200,6 @@ void forEachFieldValue(const FieldSchemaDescribing& field, ByteView message, con
   Reader reader(message);
   forEachValue(reader, field, [&](detail::AnyValueImpl&& value) { visit(value); });
 }
-
-
-
-
 
 }  // namespace
 
@@ -346,9 +342,10 @@ void appendFieldJson(const ColumnType& type, const FieldSchemaDescribing& field,
       // Object keys are text: DuckDB casts them to the MAP's key type.
       std::string key;
       appendFieldJson(*type.key, *type.keyField, messageOf(value).bytes(), key);
-      if (key == "null") key = type.key->kind == ColumnKind::boolean ? "false"
-                               : type.key->kind == ColumnKind::varchar ? "\"\""
-                                                                         : "0";
+      if (key == "null")
+        key = type.key->kind == ColumnKind::boolean   ? "false"
+              : type.key->kind == ColumnKind::varchar ? "\"\""
+                                                      : "0";
       if (key.front() != '"') key = "\"" + key + "\"";
       out += key;
       out += ':';

@@ -2,16 +2,15 @@
 
 // How p_get's values become DuckDB values: a tree of column types made once from a schema (when
 // a query is bound), and the values as JSON text that DuckDB's from_json reads into that type
-// (DuckDB learns the type from ostrel_value_type at bind time). The types are those of the
-// columnar projection that ostrel_scan reads through, but for bytes:
+// (DuckDB learns the type from ostrel_value_type at bind time):
 //
 //   int64, sint64, sfixed64  BIGINT       uint64, fixed64  UBIGINT
 //   int32, sint32, sfixed32  INTEGER      uint32, fixed32  UINTEGER
 //   double DOUBLE, float FLOAT, bool BOOLEAN, string VARCHAR, bytes VARCHAR holding base64
-//   (from_base64 turns it into the BLOB: no JSON text carries bytes as they are), enum VARCHAR (its name,
-//   else the number as text), message STRUCT (one member per field, by the declared names),
-//   repeated LIST, map MAP, google.protobuf.Timestamp TIMESTAMP WITH TIME ZONE. A message type
-//   that contains itself, directly or not, is VARCHAR holding its JSON text where it recurs.
+//   (from_base64 turns it into the BLOB: no JSON text carries bytes as they are), enum VARCHAR
+//   (its name, else the number as text), message STRUCT (one member per field, by the declared
+//   names), repeated LIST, map MAP, google.protobuf.Timestamp TIMESTAMP WITH TIME ZONE. A message
+//   type that contains itself, directly or not, is VARCHAR holding its JSON text where it recurs.
 
 #include <cstdint>
 #include <memory>

@@ -2,8 +2,8 @@
 //
 //   SELECT ostrel_register_proto('syntax = "proto3"; package shop; message Item { ... }');
 //   SELECT p_get(record, 'shop.Order', 'customer.name') FROM orders;            -- VARCHAR
-//   SELECT UNNEST(p_get(record, 'shop.Order', 'items')).sku FROM orders;         -- one row per item
-//   SELECT p_json(record, 'shop.Order'), p_has(record, 'shop.Order', 'card') FROM orders;
+//   SELECT UNNEST(p_get(record, 'shop.Order', 'items')).sku FROM orders;         -- one row per
+//   item SELECT p_json(record, 'shop.Order'), p_has(record, 'shop.Order', 'card') FROM orders;
 //   SELECT p_encode('shop.Order', '{"id": 7}');
 //
 // How p_get is typed: DuckDB's C API fixes a scalar function's result type when the function is
@@ -198,8 +198,9 @@ void pHas(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector outp
 // p_json(record BLOB, type VARCHAR) -> VARCHAR; a record that does not read whole is an error.
 void pJson(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector output) {
   forEachRow(info, input, output, [&](const Arguments& arguments, idx_t row) {
-    const MessageSchema schema = stateOf(info).withSchemas(
-        [&](const detail::SqlSchemas& schemas) { return schemas.messageSchema(arguments.text(1, row)); });
+    const MessageSchema schema = stateOf(info).withSchemas([&](const detail::SqlSchemas& schemas) {
+      return schemas.messageSchema(arguments.text(1, row));
+    });
     const UnsafeSchematizedData data(schema.impl(), arguments.bytes(0, row));
     setText(output, row, renderJSON(data, JsonOptions{.strict = true}));
   });
@@ -208,12 +209,13 @@ void pJson(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector out
 // p_encode(type VARCHAR, json VARCHAR) -> BLOB
 void pEncode(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector output) {
   forEachRow(info, input, output, [&](const Arguments& arguments, idx_t row) {
-    const MessageSchema schema = stateOf(info).withSchemas(
-        [&](const detail::SqlSchemas& schemas) { return schemas.messageSchema(arguments.text(0, row)); });
+    const MessageSchema schema = stateOf(info).withSchemas([&](const detail::SqlSchemas& schemas) {
+      return schemas.messageSchema(arguments.text(0, row));
+    });
     const SchematizedData data = encodeJSON(schema, arguments.text(1, row));
     const ByteView bytes = data.bytes();
-    duckdb_vector_assign_string_element_len(output, row, reinterpret_cast<const char*>(bytes.data()),
-                                            bytes.size());
+    duckdb_vector_assign_string_element_len(
+        output, row, reinterpret_cast<const char*>(bytes.data()), bytes.size());
   });
 }
 
@@ -291,17 +293,32 @@ bool registerScalarFunctions(duckdb_connection connection, const SharedState& st
                              std::string& error) {
   using enum duckdb_type;
   const FunctionSpec specs[] = {
-      {"ostrel_register_descriptor_set", {DUCKDB_TYPE_BLOB}, DUCKDB_TYPE_BIGINT,
-       registerSchemas<fromDescriptorSet>, true},
-      {"ostrel_register_manifest", {DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_BIGINT,
-       registerSchemas<fromManifest>, true},
-      {"ostrel_register_proto", {DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_BIGINT,
-       registerSchemas<fromProto>, true},
-      {"ostrel_value_json", {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR},
-       DUCKDB_TYPE_VARCHAR, valueJson},
-      {"ostrel_value_type", {DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_VARCHAR,
+      {"ostrel_register_descriptor_set",
+       {DUCKDB_TYPE_BLOB},
+       DUCKDB_TYPE_BIGINT,
+       registerSchemas<fromDescriptorSet>,
+       true},
+      {"ostrel_register_manifest",
+       {DUCKDB_TYPE_VARCHAR},
+       DUCKDB_TYPE_BIGINT,
+       registerSchemas<fromManifest>,
+       true},
+      {"ostrel_register_proto",
+       {DUCKDB_TYPE_VARCHAR},
+       DUCKDB_TYPE_BIGINT,
+       registerSchemas<fromProto>,
+       true},
+      {"ostrel_value_json",
+       {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR},
+       DUCKDB_TYPE_VARCHAR,
+       valueJson},
+      {"ostrel_value_type",
+       {DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR},
+       DUCKDB_TYPE_VARCHAR,
        valueType},
-      {"p_has", {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_BOOLEAN,
+      {"p_has",
+       {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR},
+       DUCKDB_TYPE_BOOLEAN,
        pHas},
       {"p_json", {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_VARCHAR, pJson},
       {"p_encode", {DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_BLOB, pEncode},
@@ -316,12 +333,11 @@ bool registerScalarFunctions(duckdb_connection connection, const SharedState& st
   // is not constant then. A parameter in an operator (type || '') cannot be typed at that point,
   // which makes DuckDB put the binding off until p_get is called, with constants for type and path.
   duckdb_result result;
-  const bool created =
-      duckdb_query(connection,
-                   "CREATE OR REPLACE MACRO p_get(record, type, path) AS "
-                   "from_json(ostrel_value_json(record, type, path), "
-                   "ostrel_value_type(type || '', path))",
-                   &result) == DuckDBSuccess;
+  const bool created = duckdb_query(connection,
+                                    "CREATE OR REPLACE MACRO p_get(record, type, path) AS "
+                                    "from_json(ostrel_value_json(record, type, path), "
+                                    "ostrel_value_type(type || '', path))",
+                                    &result) == DuckDBSuccess;
   if (!created) error = std::string("cannot create p_get: ") + duckdb_result_error(&result);
   duckdb_destroy_result(&result);
   return created;

@@ -11,9 +11,9 @@
 // scan which columns the query uses, and each thread compiles a columnar projection of those
 // fields alone, so that nothing else is read. Files are shared out among DuckDB's threads, one
 // whole file at a time; each output chunk holds records of one file, copied from the projection's
-// Arrow batch into DuckDB's vectors. Framing: 'varint' (each
-// record preceded by its length as a varint, the default) or 'single' (one record per file).
-// A fault stops the query with an error naming the file, the record and its byte offset.
+// Arrow batch into DuckDB's vectors. Framing: 'varint' (each record preceded by its length as a
+// varint, the default) or 'single' (one record per file). A fault stops the query with an error
+// naming the file, the record and its byte offset.
 
 #include <glob.h>
 #include <unistd.h>
@@ -21,15 +21,13 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
-#include <limits>
-#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "extension_state.hpp"
 #include "arrow_vectors.hpp"
+#include "extension_state.hpp"
 #include "ostrel/columns/columns.hpp"
 #include "ostrel/wire/schematizer.hpp"
 

@@ -6,8 +6,8 @@
 //   duckdb_host EXTENSION SCRIPT [EXPECTED]
 //
 // With "-" for EXTENSION, the script loads it itself.
-// A script is statements ending with ";" at the end of a line, outside string literals; "--" lines are comments. Two
-// commands write record files from a query whose one column is BLOB:
+// A script is statements ending with ";" at the end of a line, outside string literals; "--" lines
+// are comments. Two commands write record files from a query whose one column is BLOB:
 //   .write varint FILE SELECT ...;     the rows as one file, each preceded by its length
 //   .write single PREFIX SELECT ...;   one file per row: PREFIX0.bin, PREFIX1.bin, ...
 // and ".time LABEL SELECT ...;" runs a query and prints how long it took (for benchmarks; its
@@ -62,7 +62,8 @@ void run(duckdb_connection connection, const std::string& sql, std::string& out)
   }
   const idx_t columns = duckdb_column_count(&result);
   const idx_t rows = duckdb_row_count(&result);
-  for (idx_t c = 0; c < columns; ++c) out += (c ? " | " : "") + std::string(duckdb_column_name(&result, c));
+  for (idx_t c = 0; c < columns; ++c)
+    out += (c ? " | " : "") + std::string(duckdb_column_name(&result, c));
   if (columns) out += "\n";
   for (idx_t r = 0; r < rows; ++r) {
     for (idx_t c = 0; c < columns; ++c) {
