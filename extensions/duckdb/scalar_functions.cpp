@@ -332,15 +332,16 @@ bool registerScalarFunctions(duckdb_connection connection, const SharedState& st
   // DuckDB binds a macro's body when the macro is created, and from_json refuses a structure that
   // is not constant then. A parameter in an operator (type || '') cannot be typed at that point,
   // which makes DuckDB put the binding off until p_get is called, with constants for type and path.
+  // The macro lives in the database's main schema; a read-only database cannot take it, and is
+  // left without p_get rather than without the extension.
   duckdb_result result;
-  const bool created = duckdb_query(connection,
-                                    "CREATE OR REPLACE MACRO p_get(record, type, path) AS "
-                                    "from_json(ostrel_value_json(record, type, path), "
-                                    "ostrel_value_type(type || '', path))",
-                                    &result) == DuckDBSuccess;
-  if (!created) error = std::string("cannot create p_get: ") + duckdb_result_error(&result);
+  duckdb_query(connection,
+               "CREATE OR REPLACE MACRO p_get(record, type, path) AS "
+               "from_json(ostrel_value_json(record, type, path), "
+               "ostrel_value_type(type || '', path))",
+               &result);
   duckdb_destroy_result(&result);
-  return created;
+  return true;
 }
 
 }  // namespace ostrel::duckdb
