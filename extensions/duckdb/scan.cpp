@@ -85,8 +85,26 @@ struct ScanLocal {
   size_t lastFile = 0;
 };
 
-std::string textOf(duckdb_value value) {
-  char* text = duckdb_get_varchar(value);
+// A value DuckDB hands over, destroyed when it goes.
+class Value {
+ public:
+  explicit Value(duckdb_value value) : value_(value) {}
+  ~Value() { duckdb_destroy_value(&value_); }
+  Value(const Value&) = delete;
+  Value& operator=(const Value&) = delete;
+  duckdb_value get() const noexcept { return value_; }
+  explicit operator bool() const noexcept { return value_ != nullptr; }
+
+ private:
+  duckdb_value value_;
+};
+
+// The text of argument `what`; NULL is refused (DuckDB gives no text for it).
+std::string textOf(const Value& value, const char* what) {
+  if (!value || duckdb_is_null_value(value.get())) {
+    throw std::invalid_argument(std::string("ostrel_scan's ") + what + " is NULL");
+  }
+  char* text = duckdb_get_varchar(value.get());
   std::string result = text ? text : "";
   duckdb_free(text);
   return result;
@@ -115,19 +133,15 @@ void expand(const std::string& pattern, std::vector<std::string>& files) {
   if (status != 0) throw std::runtime_error("cannot list the files of \"" + pattern + "\"");
 }
 
-std::vector<std::string> filesOf(duckdb_value argument) {
+std::vector<std::string> filesOf(const Value& argument) {
   std::vector<std::string> files;
-  duckdb_logical_type type = duckdb_get_value_type(argument);
-  const duckdb_type id = duckdb_get_type_id(type);
+  const duckdb_type id = duckdb_get_type_id(duckdb_get_value_type(argument.get()));
   if (id == DUCKDB_TYPE_VARCHAR) {
-    expand(textOf(argument), files);
+    expand(textOf(argument, "file name"), files);
   } else if (id == DUCKDB_TYPE_LIST) {
-    const idx_t count = duckdb_get_list_size(argument);
+    const idx_t count = duckdb_get_list_size(argument.get());
     for (idx_t i = 0; i < count; ++i) {
-      duckdb_value child = duckdb_get_list_child(argument, i);
-      std::string name = textOf(child);
-      duckdb_destroy_value(&child);
-      expand(name, files);
+      expand(textOf(Value(duckdb_get_list_child(argument.get(), i)), "file name"), files);
     }
   } else {
     throw std::invalid_argument("ostrel_scan's files are a VARCHAR or a list of them");
@@ -147,20 +161,10 @@ void addColumn(duckdb_bind_info info, const std::string& name, duckdb_logical_ty
 void bind(duckdb_bind_info info) {
   try {
     auto data = std::make_unique<ScanBind>();
-    duckdb_value filesArgument = duckdb_bind_get_parameter(info, 0);
-    duckdb_value typeArgument = duckdb_bind_get_parameter(info, 1);
-    const std::string typeName = textOf(typeArgument);
-    duckdb_destroy_value(&typeArgument);
-    try {
-      data->files = filesOf(filesArgument);
-    } catch (...) {
-      duckdb_destroy_value(&filesArgument);
-      throw;
-    }
-    duckdb_destroy_value(&filesArgument);
-    if (duckdb_value framing = duckdb_bind_get_named_parameter(info, "framing")) {
-      const std::string name = textOf(framing);
-      duckdb_destroy_value(&framing);
+    const std::string typeName = textOf(Value(duckdb_bind_get_parameter(info, 1)), "type");
+    data->files = filesOf(Value(duckdb_bind_get_parameter(info, 0)));
+    if (const Value framing(duckdb_bind_get_named_parameter(info, "framing")); framing) {
+      const std::string name = textOf(framing, "framing");
       if (name == "single") {
         data->framing = Framing::single;
       } else if (name != "varint") {

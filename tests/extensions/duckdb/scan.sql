@@ -44,6 +44,11 @@ SELECT * FROM ostrel_scan('nothing-*.bin', 's.Order');
 SELECT * FROM ostrel_scan('a.bin', 's.Nope');
 SELECT * FROM ostrel_scan('a.bin', 's.Order', framing := 'kafka');
 SELECT * FROM ostrel_scan(42, 's.Order');
+SELECT * FROM ostrel_scan(NULL, 's.Order');
+SELECT * FROM ostrel_scan(['a.bin', NULL], 's.Order');
+SELECT * FROM ostrel_scan('a.bin', NULL);
+SELECT * FROM ostrel_scan('a.bin', 's.Order', framing := NULL);
+SELECT count(*) FROM ostrel_scan([], 's.Order');
 -- A stream whose length prefix claims more than the file holds.
 .write single bogus- SELECT unhex('ffffffff0f0801');
 SELECT count(*) FROM ostrel_scan('bogus-0.bin', 's.Order');
