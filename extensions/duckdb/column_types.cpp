@@ -9,7 +9,9 @@
 #include "core/base64.hpp"
 #include "core/utf8.hpp"
 #include "ostrel/output/json.hpp"
+#include "ostrel/columns/columns.hpp"
 #include "output/map_entry.hpp"
+#include "output/well_known.hpp"
 #include "wire/field_path.hpp"
 
 namespace ostrel::duckdb {
@@ -20,9 +22,12 @@ using ValueCase = detail::AnyValueImpl::Case;
 
 constexpr std::string_view kTimestamp = "google.protobuf.Timestamp";
 
-// Message types on the way from the root to the type being made: one met again recurs, and is
-// JSON text from there on (a STRUCT cannot contain itself).
-using Enclosing = std::vector<const MessageSchemaDescribing*>;
+// How many messages deep values are STRUCTs before the rest is JSON text: the columnar
+// projection's depth, so that p_get and ostrel_scan give a field the same type. (A STRUCT cannot
+// contain itself; this also ends the types of messages that do.)
+const int kStructDepth = ColumnOptions{}.structDepth;
+
+using Enclosing = int;
 
 std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclosing& enclosing);
 
@@ -69,24 +74,36 @@ std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosi
     case Case::message: {
       const std::shared_ptr<MessageSchemaDescribing>& message = type.messageSchema();
       result->message = message;
-      if (message->name() == kTimestamp) {
-        result->kind = ColumnKind::timestamp;
-        break;
+      switch (detail::wellKnownKind(*message)) {
+        case detail::WellKnown::timestamp:
+          result->kind = ColumnKind::timestamp;
+          return result;
+        case detail::WellKnown::duration:
+          result->kind = ColumnKind::interval;
+          return result;
+        case detail::WellKnown::wrapper: {
+          result->kind = ColumnKind::wrapper;
+          result->valueField = message->fieldWithNumber(1).get();
+          result->element = valueType(result->valueField->type(), enclosing);
+          return result;
+        }
+        case detail::WellKnown::none:
+          break;
+        default:
+          result->kind = ColumnKind::json;
+          return result;
       }
-      bool recurs = false;
-      for (const MessageSchemaDescribing* outer : enclosing)
-        recurs = recurs || outer == message.get();
       // A STRUCT needs at least one member.
-      if (recurs || message->fieldsByNumber().empty()) {
+      if (enclosing >= kStructDepth || message->fieldsByNumber().empty()) {
         result->kind = ColumnKind::json;
         break;
       }
       result->kind = ColumnKind::struct_;
-      enclosing.push_back(message.get());
+      ++enclosing;
       for (const auto& [number, field] : message->fieldsByNumber()) {
         result->members.push_back({field->name(), field, fieldType(*field, enclosing)});
       }
-      enclosing.pop_back();
+      --enclosing;
       break;
     }
   }
@@ -204,12 +221,12 @@ void forEachFieldValue(const FieldSchemaDescribing& field, ByteView message, con
 }  // namespace
 
 std::unique_ptr<ColumnType> columnTypeOf(const TypeSchemaDescription& type) {
-  Enclosing enclosing;
+  Enclosing enclosing = 0;
   return valueType(type, enclosing);
 }
 
 std::unique_ptr<ColumnType> columnTypeOf(const FieldSchemaDescribing& field) {
-  Enclosing enclosing;
+  Enclosing enclosing = 0;
   return fieldType(field, enclosing);
 }
 
@@ -238,6 +255,10 @@ std::string sqlType(const ColumnType& type) {
       return "VARCHAR";
     case ColumnKind::timestamp:
       return "TIMESTAMP WITH TIME ZONE";
+    case ColumnKind::interval:
+      return "INTERVAL";
+    case ColumnKind::wrapper:
+      return sqlType(*type.element);
     case ColumnKind::struct_: {
       std::string text = "STRUCT(";
       for (size_t i = 0; i < type.members.size(); ++i) {
@@ -254,7 +275,10 @@ std::string sqlType(const ColumnType& type) {
   return "VARCHAR";
 }
 
-int64_t timestampMicros(ByteView message) {
+namespace {
+
+// The seconds and nanos fields of a Timestamp or Duration message.
+std::pair<int64_t, int64_t> secondsAndNanos(ByteView message) {
   int64_t seconds = 0;
   int64_t nanos = 0;
   Reader reader(message);
@@ -268,6 +292,38 @@ int64_t timestampMicros(ByteView message) {
       reader.skipField(tag);
     }
   }
+  return {seconds, nanos};
+}
+
+// The microseconds of a Duration message, within Duration's own range (some 10,000 years).
+int64_t durationMicros(ByteView message) {
+  const auto [seconds, nanos] = secondsAndNanos(message);
+  constexpr int64_t kMaxSeconds = 315576000000;
+  if (seconds < -kMaxSeconds || seconds > kMaxSeconds || nanos < -999999999 || nanos > 999999999) {
+    throw std::range_error("google.protobuf.Duration of " + std::to_string(seconds) +
+                           " seconds and " + std::to_string(nanos) +
+                           " nanoseconds is out of range");
+  }
+  return seconds * 1000000 + nanos / 1000;
+}
+
+// The JSON of a scalar type's default value.
+const char* defaultJson(ColumnKind kind) {
+  switch (kind) {
+    case ColumnKind::boolean:
+      return "false";
+    case ColumnKind::varchar:
+    case ColumnKind::blob:
+      return "\"\"";
+    default:
+      return "0";
+  }
+}
+
+}  // namespace
+
+int64_t timestampMicros(ByteView message) {
+  const auto [seconds, nanos] = secondsAndNanos(message);
   // Timestamp's own range (years 1 to 9999), which DuckDB holds.
   constexpr int64_t kMinSeconds = -62135596800;
   constexpr int64_t kMaxSeconds = 253402300799;
@@ -311,6 +367,20 @@ void appendJson(const ColumnType& type, const detail::AnyValueImpl& value, std::
   }
   if (type.kind == ColumnKind::timestamp) {
     return appendJsonString(timestampText(timestampMicros(messageOf(value).bytes())), out);
+  }
+  if (type.kind == ColumnKind::interval) {
+    return appendJsonString(std::to_string(durationMicros(messageOf(value).bytes())) + " microseconds",
+                            out);
+  }
+  if (type.kind == ColumnKind::wrapper) {
+    // An absent value is the default of its type, as the wrapper's parse gives it.
+    const size_t start = out.size();
+    appendFieldJson(*type.element, *type.valueField, messageOf(value).bytes(), out);
+    if (out.compare(start, std::string::npos, "null") == 0) {
+      out.resize(start);
+      out += defaultJson(type.element->kind);
+    }
+    return;
   }
   if (type.kind == ColumnKind::json) {
     // from_json reads a VARCHAR member from a JSON string.

@@ -9,8 +9,10 @@
 //   double DOUBLE, float FLOAT, bool BOOLEAN, string VARCHAR, bytes VARCHAR holding base64
 //   (from_base64 turns it into the BLOB: no JSON text carries bytes as they are), enum VARCHAR
 //   (its name, else the number as text), message STRUCT (one member per field, by the declared
-//   names), repeated LIST, map MAP, google.protobuf.Timestamp TIMESTAMP WITH TIME ZONE. A message
-//   type that contains itself, directly or not, is VARCHAR holding its JSON text where it recurs.
+//   names), repeated LIST, map MAP, google.protobuf.Timestamp TIMESTAMP WITH TIME ZONE, Duration
+//   INTERVAL, the wrappers their value, Struct, Value, ListValue, Any and FieldMask VARCHAR
+//   holding their JSON text. Below four levels of STRUCT a message is VARCHAR holding its JSON
+//   text: the columnar projection's types, which ostrel_scan reads through, but for bytes.
 
 #include <cstdint>
 #include <memory>
@@ -35,6 +37,9 @@ enum class ColumnKind : uint8_t {
   blob,
   enumName,
   timestamp,
+  interval,
+  // A wrapper message (Int64Value, ...): the value of its field 1, `element` typed.
+  wrapper,
   json,
   struct_,
   list,
@@ -49,8 +54,8 @@ struct ColumnType {
   };
 
   ColumnKind kind = ColumnKind::varchar;
-  // struct_: one member per field, by field number. list: `element`. map: `key` and `value`,
-  // with the entry message's fields.
+  // struct_: one member per field, by field number. list and wrapper: `element`, with the
+  // wrapper's field in `valueField`. map: `key` and `value`, with the entry message's fields.
   std::vector<Member> members;
   std::unique_ptr<ColumnType> element;
   std::unique_ptr<ColumnType> key;

@@ -59,15 +59,30 @@ SELECT ostrel_register_proto('syntax = "proto3";
 package w;
 import "google/protobuf/timestamp.proto";
 import "google/protobuf/duration.proto";
+import "google/protobuf/wrappers.proto";
+import "google/protobuf/struct.proto";
 enum Level { LEVEL_UNSPECIFIED = 0; LOW = 1; HIGH = 2; }
 message Node { string name = 1; Node next = 2; }
 message Event {
   google.protobuf.Timestamp at = 1; google.protobuf.Duration took = 2; Level level = 3; Node node = 4;
   map<int64, bool> flags = 5; repeated double samples = 6; float ratio = 7; sint32 delta = 8;
+  google.protobuf.Int64Value big = 9; google.protobuf.StringValue label = 10;
+  google.protobuf.Struct extra = 11;
 }');
 .write varint events.bin SELECT p_encode('w.Event', '{"at": "2024-05-01T12:30:00.5Z", "took": "1.5s",
   "level": "HIGH", "node": {"name": "a", "next": {"name": "b"}}, "flags": {"3": true},
-  "samples": [1.5, -2], "ratio": 0.5, "delta": -4}') UNION ALL SELECT p_encode('w.Event', '{"level": 7}');
+  "samples": [1.5, -2], "ratio": 0.5, "delta": -4, "big": "-9", "label": "", "extra": {"k": [1, "x"]}}')
+  UNION ALL SELECT p_encode('w.Event', '{"level": 7}');
 DESCRIBE SELECT * FROM ostrel_scan('events.bin', 'w.Event');
-SELECT "at" = TIMESTAMPTZ '2024-05-01 12:30:00.5+00' AS at_ok, took, level, node, flags, samples, ratio, delta
-FROM ostrel_scan('events.bin', 'w.Event') ORDER BY record_offset;
+SELECT "at" = TIMESTAMPTZ '2024-05-01 12:30:00.5+00' AS at_ok, took, level, node, flags, samples, ratio, delta,
+  big, label, extra FROM ostrel_scan('events.bin', 'w.Event') ORDER BY record_offset;
+-- p_get gives each field the type and value the scan gives it (but for bytes).
+CREATE TABLE events AS SELECT p_encode('w.Event', '{"at": "2024-05-01T12:30:00.5Z", "took": "-1.5s",
+  "level": "HIGH", "node": {"name": "a", "next": {"name": "b"}}, "flags": {"3": true},
+  "samples": [1.5, -2], "ratio": 0.5, "delta": -4, "big": "-9", "label": "", "extra": {"k": [1, "x"]}}') AS r;
+SELECT typeof(p_get(r, 'w.Event', 'at')), typeof(p_get(r, 'w.Event', 'took')),
+  typeof(p_get(r, 'w.Event', 'level')), typeof(p_get(r, 'w.Event', 'node')),
+  typeof(p_get(r, 'w.Event', 'flags')), typeof(p_get(r, 'w.Event', 'big')),
+  typeof(p_get(r, 'w.Event', 'label')), typeof(p_get(r, 'w.Event', 'extra')) FROM events;
+SELECT p_get(r, 'w.Event', 'took'), p_get(r, 'w.Event', 'node'), p_get(r, 'w.Event', 'big'),
+  p_get(r, 'w.Event', 'label'), p_get(r, 'w.Event', 'extra') FROM events;
