@@ -8,8 +8,8 @@
 
 #include "core/base64.hpp"
 #include "core/utf8.hpp"
-#include "ostrel/output/json.hpp"
 #include "ostrel/columns/columns.hpp"
+#include "ostrel/output/json.hpp"
 #include "output/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "wire/field_path.hpp"
@@ -369,8 +369,8 @@ void appendJson(const ColumnType& type, const detail::AnyValueImpl& value, std::
     return appendJsonString(timestampText(timestampMicros(messageOf(value).bytes())), out);
   }
   if (type.kind == ColumnKind::interval) {
-    return appendJsonString(std::to_string(durationMicros(messageOf(value).bytes())) + " microseconds",
-                            out);
+    return appendJsonString(
+        std::to_string(durationMicros(messageOf(value).bytes())) + " microseconds", out);
   }
   if (type.kind == ColumnKind::wrapper) {
     // An absent value is the default of its type, as the wrapper's parse gives it.

@@ -220,6 +220,8 @@ void localInit(duckdb_init_info info) {
                             [](void* p) { delete static_cast<ScanLocal*>(p); });
 }
 
+// The whole file, read rather than mapped: a mapped file that another process shortens meanwhile
+// would stop the host with SIGBUS.
 std::string readFile(const std::string& name) {
   std::ifstream in(name, std::ios::binary | std::ios::ate);
   if (!in) throw std::runtime_error("cannot open \"" + name + "\": " + std::strerror(errno));
