@@ -20,18 +20,15 @@ namespace {
 using Case = TypeSchemaDescription::Case;
 using ValueCase = detail::AnyValueImpl::Case;
 
-constexpr std::string_view kTimestamp = "google.protobuf.Timestamp";
-
 // How many messages deep values are STRUCTs before the rest is JSON text: the columnar
 // projection's depth, so that p_get and ostrel_scan give a field the same type. (A STRUCT cannot
-// contain itself; this also ends the types of messages that do.)
+// contain itself; this also ends the types of messages that do.) `depth` below counts the STRUCTs
+// around the type being made.
 const int kStructDepth = ColumnOptions{}.structDepth;
 
-using Enclosing = int;
+std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, int depth);
 
-std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclosing& enclosing);
-
-std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosing& enclosing) {
+std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, int depth) {
   auto result = std::make_unique<ColumnType>();
   switch (type.kind()) {
     case Case::int64:
@@ -84,7 +81,7 @@ std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosi
         case detail::WellKnown::wrapper: {
           result->kind = ColumnKind::wrapper;
           result->valueField = message->fieldWithNumber(1).get();
-          result->element = valueType(result->valueField->type(), enclosing);
+          result->element = valueType(result->valueField->type(), depth);
           return result;
         }
         case detail::WellKnown::none:
@@ -94,24 +91,22 @@ std::unique_ptr<ColumnType> valueType(const TypeSchemaDescription& type, Enclosi
           return result;
       }
       // A STRUCT needs at least one member.
-      if (enclosing >= kStructDepth || message->fieldsByNumber().empty()) {
+      if (depth >= kStructDepth || message->fieldsByNumber().empty()) {
         result->kind = ColumnKind::json;
         break;
       }
       result->kind = ColumnKind::struct_;
-      ++enclosing;
       for (const auto& [number, field] : message->fieldsByNumber()) {
-        result->members.push_back({field->name(), field, fieldType(*field, enclosing)});
+        result->members.push_back({field->name(), field, fieldType(*field, depth + 1)});
       }
-      --enclosing;
       break;
     }
   }
   return result;
 }
 
-std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclosing& enclosing) {
-  if (!field.isRepeated()) return valueType(field.type(), enclosing);
+std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, int depth) {
+  if (!field.isRepeated()) return valueType(field.type(), depth);
   auto result = std::make_unique<ColumnType>();
   const TypeSchemaDescription& type = field.type();
   if (type.kind() == Case::message) {
@@ -119,13 +114,13 @@ std::unique_ptr<ColumnType> fieldType(const FieldSchemaDescribing& field, Enclos
       result->kind = ColumnKind::map;
       result->keyField = entry->key;
       result->valueField = entry->value;
-      result->key = valueType(entry->key->type(), enclosing);
-      result->value = valueType(entry->value->type(), enclosing);
+      result->key = valueType(entry->key->type(), depth);
+      result->value = valueType(entry->value->type(), depth);
       return result;
     }
   }
   result->kind = ColumnKind::list;
-  result->element = valueType(type, enclosing);
+  result->element = valueType(type, depth);
   return result;
 }
 
@@ -221,13 +216,11 @@ void forEachFieldValue(const FieldSchemaDescribing& field, ByteView message, con
 }  // namespace
 
 std::unique_ptr<ColumnType> columnTypeOf(const TypeSchemaDescription& type) {
-  Enclosing enclosing = 0;
-  return valueType(type, enclosing);
+  return valueType(type, 0);
 }
 
 std::unique_ptr<ColumnType> columnTypeOf(const FieldSchemaDescribing& field) {
-  Enclosing enclosing = 0;
-  return fieldType(field, enclosing);
+  return fieldType(field, 0);
 }
 
 std::string sqlType(const ColumnType& type) {
