@@ -1,9 +1,9 @@
 // The scalar functions over protobuf records held as BLOBs:
 //
 //   SELECT ostrel_register_proto('syntax = "proto3"; package shop; message Item { ... }');
-//   SELECT p_get(record, 'shop.Order', 'customer.name') FROM orders;            -- VARCHAR
-//   SELECT UNNEST(p_get(record, 'shop.Order', 'items')).sku FROM orders;         -- one row per
-//   item SELECT p_json(record, 'shop.Order'), p_has(record, 'shop.Order', 'card') FROM orders;
+//   SELECT p_get(record, 'shop.Order', 'customer.name') FROM orders;  -- VARCHAR
+//   SELECT UNNEST(p_get(record, 'shop.Order', 'items')).sku FROM orders;  -- a row per item
+//   SELECT p_json(record, 'shop.Order'), p_has(record, 'shop.Order', 'card') FROM orders;
 //   SELECT p_encode('shop.Order', '{"id": 7}');
 //
 // How p_get is typed: DuckDB's C API fixes a scalar function's result type when the function is
