@@ -212,7 +212,7 @@ void pEncode(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector o
     const MessageSchema schema = stateOf(info).withSchemas([&](const detail::SqlSchemas& schemas) {
       return schemas.messageSchema(arguments.text(0, row));
     });
-    const SchematizedData data = encodeJSON(schema, arguments.text(1, row));
+    const SchematizedData data = parseJSON(schema, arguments.text(1, row));
     const ByteView bytes = data.bytes();
     duckdb_vector_assign_string_element_len(
         output, row, reinterpret_cast<const char*>(bytes.data()), bytes.size());
