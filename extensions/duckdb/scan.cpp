@@ -3,7 +3,7 @@
 // arrow_vectors.hpp), plus filename and record_offset.
 //
 //   SELECT id, customer.name FROM ostrel_scan('orders/*.bin', 'shop.Order');
-//   SELECT * FROM ostrel_scan(['a.bin', 'b.bin'], 'shop.Order', framing := 'varint');
+//   SELECT * FROM ostrel_scan(['a.bin', 'b.bin'], 'shop.Order', framing := 'u32be');
 //   COPY (FROM ostrel_scan('orders.bin', 'shop.Order')) TO 'orders.parquet';
 //
 // How it works: the bind resolves the type, expands the file names (glob patterns, each sorted)
@@ -12,7 +12,8 @@
 // fields alone, so that nothing else is read. Files are shared out among DuckDB's threads, one
 // whole file at a time; each output chunk holds records of one file, copied from the projection's
 // Arrow batch into DuckDB's vectors. Framing: 'varint' (each record preceded by its length as a
-// varint, the default) or 'single' (one record per file). A fault stops the query with an error
+// varint, the default), 'u32be' (by its length as a big-endian 32-bit integer, as kcat writes
+// Kafka records) or 'single' (one record per file). A fault stops the query with an error
 // naming the file, the record and its byte offset.
 
 #include <glob.h>
@@ -30,12 +31,10 @@
 #include "arrow_vectors.hpp"
 #include "extension_state.hpp"
 #include "ostrel/columns/columns.hpp"
-#include "ostrel/wire/schematizer.hpp"
+#include "ostrel/records/records.hpp"
 
 namespace ostrel::duckdb {
 namespace {
-
-enum class Framing : uint8_t { varint, single };
 
 // Enum values as their names; the rest as the columnar projection's defaults.
 const ColumnOptions kColumnOptions{.enums = ColumnOptions::Enums::strings};
@@ -78,8 +77,7 @@ struct ScanLocal {
   OwnedSchema columnSchema;
   std::optional<size_t> file;
   std::string bytes;
-  std::optional<DelimitedRecords> records;
-  bool singleDone = false;
+  std::optional<RecordSource> records;
   int64_t recordNumber = 0;
   // Where the records of the chunk being made start, and the file they come from.
   std::vector<int64_t> offsets;
@@ -166,12 +164,12 @@ void bind(duckdb_bind_info info) {
     data->files = filesOf(Value(duckdb_bind_get_parameter(info, 0)));
     if (const Value framing(duckdb_bind_get_named_parameter(info, "framing")); framing) {
       const std::string name = textOf(framing, "framing");
-      if (name == "single") {
-        data->framing = Framing::single;
-      } else if (name != "varint") {
+      const std::optional<Framing> parsed = findFraming(name);
+      if (!parsed) {
         throw std::invalid_argument("unknown framing \"" + name +
-                                    "\": ostrel_scan reads 'varint' and 'single'");
+                                    "\": ostrel_scan reads 'varint', 'u32be' and 'single'");
       }
+      data->framing = *parsed;
     }
     stateOfBind(info).withSchemas([&](const detail::SqlSchemas& schemas) {
       data->store = schemas.store();
@@ -253,23 +251,17 @@ bool openNextFile(const ScanBind& data, ScanGlobal& global, ScanLocal& local) {
   local.bytes = readFile(data.files[index]);
   local.file = index;
   local.lastFile = index;
-  local.records.emplace(viewOf(local.bytes));
-  local.singleDone = false;
+  local.records.emplace(viewOf(local.bytes), data.framing);
   local.recordNumber = 0;
   return true;
 }
 
-// The next record of the thread's file and its offset; no value at the end of the file.
-std::optional<std::pair<ByteView, int64_t>> nextRecord(const ScanBind& data, ScanLocal& local) {
-  if (data.framing == Framing::single) {
-    if (local.singleDone) return std::nullopt;
-    local.singleDone = true;
-    return std::pair{viewOf(local.bytes), int64_t{0}};
-  }
-  const int64_t offset = local.records->position();
+// The next record of the thread's file and its offset; no value at the end of the file. A null
+// record (a u32be length of -1) is an empty one: a row whose fields are all absent.
+std::optional<std::pair<ByteView, int64_t>> nextRecord(ScanLocal& local) {
   const std::optional<ByteView> record = local.records->next();
   if (!record) return std::nullopt;
-  return std::pair{*record, offset};
+  return std::pair{*record, local.records->offset()};
 }
 
 void scan(duckdb_function_info info, duckdb_data_chunk output) {
@@ -288,7 +280,7 @@ void scan(duckdb_function_info info, duckdb_data_chunk output) {
     while (local.offsets.size() < capacity) {
       if (!local.file && (!local.offsets.empty() || !openNextFile(data, global, local))) break;
       offset = local.records ? local.records->position() : 0;
-      const auto record = nextRecord(data, local);
+      const auto record = nextRecord(local);
       if (!record) {
         local.file.reset();
         local.records.reset();

@@ -9,6 +9,7 @@
 // A script is statements ending with ";" at the end of a line, outside string literals; "--" lines
 // are comments. Two commands write record files from a query whose one column is BLOB:
 //   .write varint FILE SELECT ...;     the rows as one file, each preceded by its length
+//   .write u32be FILE SELECT ...;      the same with 4-byte big-endian lengths
 //   .write single PREFIX SELECT ...;   one file per row: PREFIX0.bin, PREFIX1.bin, ...
 // and ".time LABEL SELECT ...;" runs a query and prints how long it took (for benchmarks; its
 // output is not compared).
@@ -110,6 +111,9 @@ void writeRecords(duckdb_connection connection, const std::string& command, std:
     duckdb_free(blob.data);
     if (framing == "single") {
       std::ofstream(target + std::to_string(r) + ".bin", std::ios::binary) << record;
+    } else if (framing == "u32be") {
+      for (const int shift : {24, 16, 8, 0}) stream += static_cast<char>(record.size() >> shift);
+      stream += record;
     } else {
       appendVarint(stream, record.size());
       stream += record;

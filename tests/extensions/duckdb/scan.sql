@@ -23,6 +23,8 @@ SELECT attributes['tier'] AS tier, count(*) FROM ostrel_scan('a.bin', 's.Order')
 SELECT count(*), sum(id) FROM ostrel_scan('[ab].bin', 's.Order');
 SELECT filename, count(*) FROM ostrel_scan(['b.bin', 'a.bin'], 's.Order') GROUP BY filename ORDER BY filename;
 SELECT id, note, record_offset FROM ostrel_scan('one-*.bin', 's.Order', framing := 'single') ORDER BY id;
+.write u32be c.bin SELECT p_encode('s.Order', json_object('id', i)::VARCHAR) FROM range(5, 8) t(i);
+SELECT id, record_offset FROM ostrel_scan('c.bin', 's.Order', framing := 'u32be') ORDER BY id;
 -- Parquet out and back.
 COPY (SELECT * EXCLUDE (filename) FROM ostrel_scan('a.bin', 's.Order')) TO 'orders.parquet' (FORMAT parquet);
 SELECT count(*), sum(id), sum(len(items)), min(items[1].sku), max(attributes['tier']) FROM read_parquet('orders.parquet');
