@@ -10,7 +10,7 @@
 #include "core/utf8.hpp"
 #include "ostrel/columns/columns.hpp"
 #include "ostrel/output/json.hpp"
-#include "output/map_entry.hpp"
+#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "wire/field_path.hpp"
 
