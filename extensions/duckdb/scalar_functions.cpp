@@ -127,11 +127,7 @@ void setNull(duckdb_vector output, idx_t row) {
 
 // The message holding a repeated field: the record itself, or the message a path reaches.
 std::optional<ByteView> holderOf(ByteView record, const detail::ResolvedRepeated& repeated) {
-  if (!repeated.container) return record;
-  Reader reader(record);
-  const std::optional<detail::AnyValueImpl> found = readValue(reader, *repeated.container);
-  if (!found) return std::nullopt;
-  return found->messageValue().bytes();
+  return repeated.field.holderIn(record);
 }
 
 // ostrel_value_json(record BLOB, type VARCHAR, path VARCHAR) -> VARCHAR
@@ -151,7 +147,7 @@ void valueJson(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector
       const detail::ResolvedRepeated& repeated = *std::get<1>(column.path);
       const std::optional<ByteView> holder = holderOf(record, repeated);
       if (!holder) return setNull(output, row);
-      appendFieldJson(*column.type, *repeated.field, *holder, json);
+      appendFieldJson(*column.type, *repeated.field.field().impl(), *holder, json);
     }
     setText(output, row, json);
   });
@@ -189,7 +185,7 @@ void pHas(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector outp
     bool any = false;
     if (holder) {
       Reader reader(*holder);
-      forEachValue(reader, *repeated.field, [&](detail::AnyValueImpl&&) { any = true; });
+      forEachValue(reader, *repeated.field.field().impl(), [&](detail::AnyValueImpl&&) { any = true; });
     }
     result[row] = any;
   });
@@ -282,7 +278,7 @@ ResolvedColumn resolveColumn(const ExtensionState& state, std::string_view type,
     } catch (const SchematizerError& error) {
       if (error.code() != SchematizerError::Code::repeatedValueAccessNoIndex) throw;
       auto repeated = detail::resolveRepeated(schemas, type, path);
-      column.type = columnTypeOf(*repeated->field);
+      column.type = columnTypeOf(*repeated->field.field().impl());
       column.path = std::move(repeated);
     }
     return column;

@@ -100,13 +100,6 @@ std::optional<AnyValue> readFieldPath(const MessageSchemaDescribing& schema, Byt
 
 }  // namespace
 
-std::optional<AnyValue> UnsafeSchematizedData::value(const FieldPathAndType& path,
-                                                     ReadMode mode) const {
-  if (mode == ReadMode::exact) return readExact(*schema_, bytes_, path);
-  Reader reader(bytes_);
-  return toOwned(readValue(reader, path));
-}
-
 std::optional<AnyValue> UnsafeSchematizedData::value(std::string_view propertyPath,
                                                      ReadMode mode) const {
   return readPropertyPath(*schema_, bytes_, propertyPath, mode);

@@ -111,6 +111,14 @@ const std::string& RepeatedField::path() const noexcept { return plan_->path; }
 const FieldSchema& RepeatedField::field() const noexcept { return plan_->field; }
 bool RepeatedField::isMap() const noexcept { return plan_->map.has_value(); }
 
+std::optional<ByteView> RepeatedField::holderIn(ByteView record) const {
+  if (!plan_->holder) return record;
+  Reader reader(record);
+  const std::optional<detail::AnyValueImpl> message = readValue(reader, *plan_->holder);
+  if (!message) return std::nullopt;
+  return message->messageValue().bytes();
+}
+
 RepeatedField::Elements RepeatedField::elements(ByteView record, ReadMode mode) const {
   return Elements(plan_, record, mode);
 }

@@ -61,6 +61,10 @@ class RepeatedField {
   const std::string& path() const noexcept;
   // The repeated field itself.
   const FieldSchema& field() const noexcept;
+  // The message of `record` holding the field, in place: the record itself for a field of the
+  // top-level message, else the first occurrence of the message the path leads to; no value when
+  // the record lacks that message. For hosts that read the field's elements their own way.
+  std::optional<ByteView> holderIn(ByteView record) const;
   // Whether the field is a map: elements then have keys.
   bool isMap() const noexcept;
 
