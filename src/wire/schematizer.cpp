@@ -101,7 +101,7 @@ std::optional<AnyValue> Schematizer::RepeatableFieldIterator::step(IterationStat
   for (;;) {
     if (tag.fieldNumber() == state.fieldNumber) {
       if (state.mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
-          !detail::hasFixedEncoding(type.kind())) {
+          !detail::factsOf(type.kind()).isFixedEncoding()) {
         break;
       }
       // Exact: a packed run met among tagged elements is iterated too, from its first element.

@@ -1,7 +1,7 @@
 #pragma once
 
 // SQL over schematized records stored as blobs: the text of projections, and the functions that
-// read the records inside SQLite.
+// read the records inside SQLite. In the library ostrel::sql (libostrel_sql), which links SQLite.
 
 #include <cstdint>
 #include <optional>
