@@ -1,6 +1,6 @@
 #pragma once
 
-// JSON text into protobuf bytes: encodeJSON side by side with libprotobuf's two JSON parsers, over
+// JSON text into protobuf bytes: parseJSON side by side with libprotobuf's two JSON parsers, over
 // the 1 MB workload message as renderJSON writes it.
 
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace ostrel::bench {
 
-// Checks that encodeJSON and both libprotobuf parsers turn `json` back into the message `bytes`
+// Checks that parseJSON and both libprotobuf parsers turn `json` back into the message `bytes`
 // hold (a difference stops the program), then registers their benchmarks. libprotobuf's take
 // milliseconds an iteration and are left out of a smoke run; their answers are still checked.
 // `schema` is ostrel.bench.Bench from `descriptorSet` (bench.desc).

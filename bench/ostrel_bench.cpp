@@ -41,6 +41,7 @@
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
+#include "ostrel/wire/projection.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "report.hpp"
 #include "wire/field_path.hpp"
@@ -261,7 +262,7 @@ int32_t oursPackedElement(const Ours& ours) {
   return value->int32Value();
 }
 
-std::string renderOurs(const SchematizedData& data) { return renderJSON(data.unsafe()); }
+std::string renderOurs(const SchematizedData& data) { return renderJSON(data); }
 
 SchemaManifest importOurs(const Workload& w) {
   return schemaManifestFromDescriptorSet(asBytes(w.descriptorProtoSet));

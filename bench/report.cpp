@@ -64,7 +64,10 @@ void TargetReporter::ReportRuns(const std::vector<Run>& runs) {
   benchmark::ConsoleReporter::ReportRuns(runs);
   for (const Run& run : runs) {
     if (run.error_occurred) continue;
-    const std::string name = run.run_name.function_name;
+    // A benchmark registered over a range of sizes keeps a row per size ("Growth/Ostrel/EncodeMap/
+    // 10000"), so that the sizes are not merged into one median.
+    std::string name = run.run_name.function_name;
+    if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
     const double ns = run.GetAdjustedCPUTime() * nanosecondsPer(run.time_unit);
     Sample& sample = samples_[name];
     sample.runs = std::max<int64_t>(sample.runs, run.repetitions);

@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     ostrel::Schematizer::RepeatableFieldIterator iterator(data.bytes(), items.fieldNumber(),
                                                           items.type());
     for (const ostrel::AnyValue& item : iterator) {
-      std::cout << "item: " << ostrel::toJSON(item.messageValue()) << "\n";
+      std::cout << "item: " << ostrel::renderJSON(item.messageValue()) << "\n";
     }
 
     // Build a new message field by field; fields are asked for in name order.
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
           if (field.name() == "name") return {std::string("Edsger Dijkstra")};
           return {};
         });
-    std::cout << "built: " << ostrel::toJSON(built) << "\n";
+    std::cout << "built: " << ostrel::renderJSON(built) << "\n";
   } catch (const ostrel::Error& error) {
     std::cerr << "tour: " << error.what() << "\n";
     return 1;

@@ -128,7 +128,7 @@ MessageSchema fullDescriptorSetSchema() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const ByteView bytes(reinterpret_cast<const std::byte*>(data), size);
   const MessageSchema fullSet = fullDescriptorSetSchema();
-  tolerate([&] { (void)toJSON(fullSet.schematizedData(toBytes(bytes))); });
+  tolerate([&] { (void)renderJSON(fullSet.schematizedData(toBytes(bytes))); });
   if (setMayRepeatAnEnumName(bytes)) return 0;
   std::optional<SchemaManifest> viaFullSchema;
   tolerate([&] {

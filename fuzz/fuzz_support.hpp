@@ -176,13 +176,15 @@ inline void exerciseStore(const SchemaManifest& manifest) {
         }
       }
     });
-    tolerate([&] { (void)optionsJSON(*schema); });
-    tolerate([&] { (void)toJSON(schema->schematizedData(Bytes{})); });
+    tolerate([&] {
+      if (schema->options()) (void)renderJSON(*schema->options());
+    });
+    tolerate([&] { (void)renderJSON(schema->schematizedData(Bytes{})); });
     std::optional<SchematizedData> small;
     if (!tolerate([&] { small.emplace(schema->schematizedData(smallMessage(*schema))); })) {
       continue;
     }
-    tolerate([&] { (void)toJSON(*small, JsonStyle::indented); });
+    tolerate([&] { (void)renderJSON(*small, {.style = JsonStyle::indented}); });
     for (const std::string& fieldName : schema->allFieldNames()) {
       tolerate([&] { (void)small->value(fieldName); });
       tolerate([&] { (void)small->value(fieldName + "[0]"); });

@@ -1,4 +1,4 @@
-// Arbitrary text encoded as an ostrel.test.Rich message by encodeJSON, then rendered.
+// Arbitrary text encoded as an ostrel.test.Rich message by parseJSON, then rendered.
 //
 // Invariants: what encodes renders as JSON without errors in it (the encoder writes only values
 // the rendering can read), and that rendering encodes to a message that renders the same.
@@ -18,10 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
 
   std::optional<SchematizedData> encoded;
-  if (!fuzz::tolerate([&] { encoded.emplace(encodeJSON(rich, text)); })) return 0;
+  if (!fuzz::tolerate([&] { encoded.emplace(parseJSON(rich, text)); })) return 0;
 
-  const std::string rendered = toJSON(*encoded);
-  (void)toJSON(*encoded, JsonStyle::indented);
+  const std::string rendered = renderJSON(*encoded);
+  (void)renderJSON(*encoded, {.style = JsonStyle::indented});
   if (!nlohmann::json::accept(rendered)) finding("the rendering is not JSON");
   if (rendered.find("Sch: Error encoding") != std::string::npos &&
       text.find("Sch: Error encoding") == std::string_view::npos) {
@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   std::string again;
   try {
-    again = toJSON(encodeJSON(rich, rendered));
+    again = renderJSON(parseJSON(rich, rendered));
   } catch (const Error& e) {
     finding(std::string("a rendering does not encode back: ") + e.what() + "\n" + rendered);
   }

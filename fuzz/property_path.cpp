@@ -40,7 +40,7 @@ constexpr std::string_view kFullRich = R"({
 })";
 
 const SchematizedData& fullRich() {
-  static const SchematizedData data = encodeJSON(fuzz::richSchema(), kFullRich);
+  static const SchematizedData data = parseJSON(fuzz::richSchema(), kFullRich);
   return data;
 }
 

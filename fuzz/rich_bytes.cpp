@@ -210,14 +210,14 @@ void firstOf(const std::set<int64_t>& numbers, std::span<const int64_t> path, By
 // it gives a message that renders the same.
 void render(const Fixture& f, const SchematizedData& data) {
   std::string compact;
-  if (!tolerate([&] { compact = renderJSON(data.unsafe()); })) return;
+  if (!tolerate([&] { compact = renderJSON(data); })) return;
   std::string indented;
-  tolerate([&] { indented = renderJSON(data.unsafe(), JsonStyle::indented); });
+  tolerate([&] { indented = renderJSON(data, {.style = JsonStyle::indented}); });
   if (!nlohmann::json::accept(compact)) finding("the rendering is not JSON");
   if (compact.find("Sch: Error encoding") != std::string::npos) return;
   std::string again;
   try {
-    again = toJSON(encodeJSON(f.rich, compact));
+    again = renderJSON(parseJSON(f.rich, compact));
   } catch (const Error& e) {
     finding(std::string("a rendering does not encode back: ") + e.what() + "\n" + compact);
   }

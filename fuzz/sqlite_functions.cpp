@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     value = record.value(path);
     // A message is returned as its JSON text, rendered strictly: a broken one is an error.
-    if (value && value->kind() == AnyValue::Case::message) toJSON(*value, strict);
+    if (value && value->kind() == AnyValue::Case::message) renderJSON(*value, strict);
   } catch (const Error& e) {
     error = e.what();
   }
@@ -104,11 +104,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   json.bind(bytes, path);
   if (sqlite3_step(json.stmt) == SQLITE_ROW) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(json.stmt, 0));
-    if (!text || toJSON(record, strict) != text) finding("P_JSON is not the library's rendering");
+    if (!text || renderJSON(record, strict) != text)
+      finding("P_JSON is not the library's rendering");
   } else {
     bool renders = true;
     try {
-      toJSON(record, strict);
+      renderJSON(record, strict);
     } catch (const Error&) {
       renders = false;
     }

@@ -652,7 +652,7 @@ bool ostrel_encode(const OstrelSite* site, const char* json, size_t jsonSize, Os
                    char** record, size_t* size, OstrelError* error) {
   return guarded(error, [&] {
     const SchematizedData data =
-        encodeJSON(site->compiled->schema, std::string_view(json, jsonSize));
+        parseJSON(site->compiled->schema, std::string_view(json, jsonSize));
     const ByteView bytes = data.bytes();
     *record = allocate(alloc, bytes.size());
     if (!bytes.empty()) std::memcpy(*record, bytes.data(), bytes.size());

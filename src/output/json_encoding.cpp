@@ -838,8 +838,9 @@ class Encoder {
 
 }  // namespace
 
-SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json,
-                           const JsonParseOptions& options) {
+SchematizedData parseJSON(const MessageSchema& messageSchema, std::string_view json,
+                          const JsonParseOptions& options) {
+  const MessageSchemaDescribing& schema = *messageSchema.impl();
   detail::JsonInput input(json, kMaxDocumentDepth);
   detail::JsonInput::refuseDeeperThan(json, kMaxDocumentDepth);
   // Wire bytes take less room than their JSON text.
@@ -860,11 +861,6 @@ SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_vi
     throw;
   }
   return schema.schematizedData(out.data());
-}
-
-SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json,
-                           const JsonParseOptions& options) {
-  return encodeJSON(*schema.impl(), json, options);
 }
 
 }  // namespace ostrel

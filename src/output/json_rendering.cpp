@@ -6,7 +6,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -1298,10 +1297,8 @@ std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions&
   return out;
 }
 
-std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style) {
-  JsonOptions options;
-  options.style = style;
-  return renderJSON(data, options);
+std::string renderJSON(const SchematizedData& data, const JsonOptions& options) {
+  return renderJSON(data.unsafe(), options);
 }
 
 void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
@@ -1315,43 +1312,17 @@ void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
   renderer.finish();
 }
 
-void renderJSON(const SchematizedDataDescribing& data, std::ostream& out,
-                const JsonOptions& options) {
-  renderJSON(
-      data,
-      [&](std::string_view text) {
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-      },
-      options);
+void renderJSON(const SchematizedData& data, const JsonSink& sink, const JsonOptions& options) {
+  renderJSON(data.unsafe(), sink, options);
 }
 
-std::string toJSON(const SchematizedData& data, JsonStyle style) {
-  return renderJSON(data.unsafe(), style);
-}
-
-std::string toJSON(const SchematizedData& data, const JsonOptions& options) {
-  return renderJSON(data.unsafe(), options);
-}
-
-std::string toJSON(const AnyValue& value, JsonStyle style) {
-  JsonOptions options;
-  options.style = style;
-  return toJSON(value, options);
-}
-
-std::string toJSON(const AnyValue& value, const JsonOptions& options) {
+std::string renderJSON(const AnyValue& value, const JsonOptions& options) {
   const detail::AnyValueImpl impl = value.impl();
   std::string out;
   Renderer renderer(out, options);
   renderer.anyValue(impl);
   renderer.finish();
   return out;
-}
-
-std::optional<std::string> optionsJSON(const MessageSchema& schema, JsonStyle style) {
-  const std::optional<SchematizedData>& options = schema.options();
-  if (!options) return std::nullopt;
-  return toJSON(*options, style);
 }
 
 }  // namespace ostrel

@@ -372,9 +372,9 @@ std::string renderText(const SchematizedDataDescribing& data) {
   return text;
 }
 
-std::string toText(const SchematizedData& data) { return renderText(data.unsafe()); }
+std::string renderText(const SchematizedData& data) { return renderText(data.unsafe()); }
 
-SchematizedData encodeText(const MessageSchema& schema, std::string_view text) {
+SchematizedData parseText(const MessageSchema& schema, std::string_view text) {
   const std::shared_ptr<TextPool> pool = poolOf(*schema.impl());
   std::unique_ptr<pb::Message> message(prototypeOf(*pool, *schema.impl()).New());
   TextErrors errors;

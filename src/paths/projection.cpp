@@ -1,5 +1,7 @@
 // Projections: many paths read from a record in one pass; typed scalar reads; delimited streams.
 
+#include "ostrel/wire/projection.hpp"
+
 #include <algorithm>
 #include <limits>
 

@@ -525,7 +525,7 @@ void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
     const MessageSchema schema = connectionOf(context).withSchemas([&](const SqlSchemas& schemas) {
       return schemas.messageSchema(textArgument(arguments[0]));
     });
-    const SchematizedData data = encodeJSON(schema, textArgument(arguments[1]));
+    const SchematizedData data = parseJSON(schema, textArgument(arguments[1]));
     resultBlob(context, data.bytes());
   });
 }

@@ -57,7 +57,7 @@ void compareReads(const MessageSchema& schema, const SchematizedData& data, cons
     const std::string path = prefix + field->name();
     const std::optional<MessageSchema> nested = field->type().messageSchema();
     if (field->isRepeated() && value.is_object()) {
-      EXPECT_EQ(json::parse(toJSON(data, JsonOptions{.jsonNames = true}))[key], value) << path;
+      EXPECT_EQ(json::parse(renderJSON(data, JsonOptions{.jsonNames = true}))[key], value) << path;
       continue;
     }
     if (!field->isRepeated()) {
@@ -66,7 +66,7 @@ void compareReads(const MessageSchema& schema, const SchematizedData& data, cons
       if (nested) {
         compareReads(*nested, read->messageValue(), value, path + ".", paths, answers);
       } else {
-        EXPECT_EQ(json::parse(toJSON(*read)), value) << path;
+        EXPECT_EQ(json::parse(renderJSON(*read)), value) << path;
         paths.push_back(path);
         answers.push_back(value);
       }
@@ -81,7 +81,7 @@ void compareReads(const MessageSchema& schema, const SchematizedData& data, cons
       if (nested) {
         compareReads(*nested, element.messageValue(), value[index], at + ".", paths, answers);
       } else {
-        EXPECT_EQ(json::parse(toJSON(element)), value[index]) << at;
+        EXPECT_EQ(json::parse(renderJSON(element)), value[index]) << at;
         paths.push_back(at);
         answers.push_back(value[index]);
       }
@@ -100,7 +100,7 @@ TEST(Editions, ReadsRendersAndEncodesAsBufConvertsTheMessage) {
     const SchematizedData data = schema.schematizedData(generated(sample.message + ".binpb"));
     const std::string bufText(asText(generated(sample.message + ".json")));
     const json expected = json::parse(bufText);
-    EXPECT_EQ(json::parse(toJSON(data, JsonOptions{.jsonNames = true})), expected);
+    EXPECT_EQ(json::parse(renderJSON(data, JsonOptions{.jsonNames = true})), expected);
 
     std::vector<std::string> paths;
     std::vector<json> answers;
@@ -110,12 +110,12 @@ TEST(Editions, ReadsRendersAndEncodesAsBufConvertsTheMessage) {
     ProjectionRow row = projection.makeRow();
     projection.read(data.bytes(), row);
     for (size_t i = 0; i < paths.size(); ++i) {
-      EXPECT_EQ(json::parse(toJSON(*row.value(i))), answers[i]) << paths[i];
+      EXPECT_EQ(json::parse(renderJSON(*row.value(i))), answers[i]) << paths[i];
     }
 
     // buf's JSON encodes to a message that renders the same; delimited fields go out as groups.
-    const SchematizedData encoded = encodeJSON(schema, bufText);
-    EXPECT_EQ(json::parse(toJSON(encoded, JsonOptions{.jsonNames = true})), expected);
+    const SchematizedData encoded = parseJSON(schema, bufText);
+    EXPECT_EQ(json::parse(renderJSON(encoded, JsonOptions{.jsonNames = true})), expected);
     int delimited = 0;
     Reader reader(encoded.bytes());
     while (reader.hasMoreFields()) {
@@ -185,8 +185,8 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
   }
   // Defaults are printed for the fields without presence only.
   const SchemaStore store(schemaManifestFromDescriptorSet(generated("features.binpb")));
-  EXPECT_EQ(toJSON(store.messageSchema("ostrel.editions.Record").schematizedData(std::string()),
-                   JsonOptions{.printDefaults = true}),
+  EXPECT_EQ(renderJSON(store.messageSchema("ostrel.editions.Record").schematizedData(std::string()),
+                       JsonOptions{.printDefaults = true}),
             R"({"implicit":0,"leaves":[],"prefixed_leaves":[],"by_name":{},"expanded":[],)"
             R"("packed":[],"open":"OPEN_ZERO","text":""})");
 }

@@ -14,6 +14,6 @@ int main() {
     std::fprintf(stderr, "consumer: unexpected value\n");
     return 1;
   }
-  std::printf("consumer: ok, %s\n", ostrel::toJSON(point).c_str());
+  std::printf("consumer: ok, %s\n", ostrel::renderJSON(point).c_str());
   return 0;
 }

@@ -771,7 +771,7 @@ TEST(Proto2Import, SchemasWithoutGroupsReadAndWriteTheirData) {
                                                           skippingGroups(&skipped)));
   const MessageSchema legacy = store.messageSchema("ostrel.proto2.Legacy");
   // proto2 fields and extensions have presence: no defaults are made up for them.
-  EXPECT_EQ(toJSON(legacy.schematizedData(std::string()), JsonOptions{.printDefaults = true}),
+  EXPECT_EQ(renderJSON(legacy.schematizedData(std::string()), JsonOptions{.printDefaults = true}),
             R"({"codes":[]})");
 
   EXPECT_EQ(catchError([&] { legacy.fieldNamed("message_set_extension"); }),
@@ -802,10 +802,10 @@ TEST(Proto2Import, SchemasWithoutGroupsReadAndWriteTheirData) {
       R"({"note":"field","[ostrel.proto2.ext_values]":[-3,4],"[ostrel.proto2.note]":"extension",)"
       R"("[ostrel.proto2.First.message_set_extension]":{"a":1},)"
       R"("[ostrel.proto2.Second.message_set_extension]":{"b":"two"}})";
-  EXPECT_EQ(toJSON(extensions), brackets);
-  EXPECT_EQ(toJSON(extensions, JsonOptions{.jsonNames = true}), brackets);
+  EXPECT_EQ(renderJSON(extensions), brackets);
+  EXPECT_EQ(renderJSON(extensions, JsonOptions{.jsonNames = true}), brackets);
   for (const std::string& text : {brackets, ownKeys}) {
-    const SchematizedData encoded = encodeJSON(legacy, text);
+    const SchematizedData encoded = parseJSON(legacy, text);
     proto2::Legacy parsed;
     ASSERT_TRUE(
         parsed.ParseFromArray(encoded.data().data(), static_cast<int>(encoded.data().size())));

@@ -28,7 +28,7 @@ using testing_support::Wire;
 
 std::string render(const MessageSchema& schema, const std::string& bytes,
                    JsonStyle style = JsonStyle::compact) {
-  return toJSON(schema.schematizedData(bytes), style);
+  return renderJSON(schema.schematizedData(bytes), {.style = style});
 }
 
 // Wire bytes of one field, to be joined with +.
@@ -194,8 +194,7 @@ TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
     std::string bytes;
     std::string expected;
   } rows[] = {
-      {var(5, 0) + var(8, 0) + var(14, 0) + len(9, "") + len(12, "") + f32(7, 0) + f64(6, 0),
-       "{}"},
+      {var(5, 0) + var(8, 0) + var(14, 0) + len(9, "") + len(12, "") + f32(7, 0) + f64(6, 0), "{}"},
       {var(5, 3) + var(5, 0) + len(9, "x") + len(9, ""), "{}"},
       {var(5, 0) + var(5, 3), R"({"f_int32":3})"},
       {f32(2, bits(-0.0f)) + f64(1, bits(-0.0)), R"({"f_double":-0.0,"f_float":-0.0})"},
@@ -212,8 +211,8 @@ TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
     EXPECT_EQ(render(schema, row.bytes), expected);
   }
   const std::string zeros = var(5, 0) + var(14, 0);
-  EXPECT_EQ(toJSON(schema.schematizedData(zeros), JsonOptions{.printDefaults = true}),
-            toJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
+  EXPECT_EQ(renderJSON(schema.schematizedData(zeros), JsonOptions{.printDefaults = true}),
+            renderJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
 }
 
 TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
@@ -234,7 +233,7 @@ TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
   const std::string manifest = R"({"messages": {)" + types + "}}";
   const std::pair<const char*, std::function<void()>> rows[] = {
       {"render", [&] { render(schema, elements); }},
-      {"encode", [&] { encodeJSON(schema, R"({"ri": )" + array + "}"); }},
+      {"encode", [&] { parseJSON(schema, R"({"ri": )" + array + "}"); }},
       {"manifest", [&] { schemaManifestFromJSON(manifest); }},
       {"proto", [&] { schemaManifestFromProtoText(proto); }},
   };
@@ -291,9 +290,9 @@ TEST(JsonRenderingTest, RendersMessageOptions) {
   const SchemaStore full(withDescriptor);
   const SchemaStore plain(generatedManifest("rich.desc"));
   const std::string entry = "ostrel.test.Rich.CountsEntry";
-  EXPECT_EQ(optionsJSON(full.messageSchema(entry)), R"({"map_entry":true})");
-  EXPECT_EQ(optionsJSON(plain.messageSchema(entry)), "{}");
-  EXPECT_EQ(optionsJSON(full.messageSchema("ostrel.test.Rich")), std::nullopt);
+  EXPECT_EQ(renderJSON(*full.messageSchema(entry).options()), R"({"map_entry":true})");
+  EXPECT_EQ(renderJSON(*plain.messageSchema(entry).options()), "{}");
+  EXPECT_EQ(full.messageSchema("ostrel.test.Rich").options(), std::nullopt);
 }
 
 }  // namespace

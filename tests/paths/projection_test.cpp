@@ -2,6 +2,8 @@
 // occurrences, packed runs and faults. Random messages, whole and damaged, are projected in the
 // differential suite.
 
+#include "ostrel/wire/projection.hpp"
+
 #include <gtest/gtest.h>
 
 #include "ostrel/manifest/manifest_data.hpp"

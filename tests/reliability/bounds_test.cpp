@@ -56,12 +56,12 @@ TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsAreSteppedOverOrMalformed
     EXPECT_EQ(top.value("color")->enumValue().name(), "GREEN");
     EXPECT_EQ(Schematizer::value(top.bytes(), 11, rich.fieldNamed("color").type()),
               top.value("color"));
-    EXPECT_EQ(toJSON(top), R"({"color":"GREEN"})");
+    EXPECT_EQ(renderJSON(top), R"({"color":"GREEN"})");
     Schematizer::RepeatableFieldIterator mids(top.bytes(), 4, rich.fieldNamed("mids").type());
     EXPECT_EQ(mids.next(), std::nullopt);
     EXPECT_EQ(presentFields(top), 1);
     EXPECT_EQ(nested.value("mid.note"), AnyValue("n"));
-    EXPECT_EQ(toJSON(nested), R"({"mid":{"note":"n"}})");
+    EXPECT_EQ(renderJSON(nested), R"({"mid":{"note":"n"}})");
   });
   // Left open, or closed by another group's end.
   const std::string closeOther = repeated(Wire().tag(51, Wire::endGroup).bytes(), kGroups);
@@ -69,7 +69,7 @@ TEST(ReliabilityBoundsTest, HundredThousandNestedGroupsAreSteppedOverOrMalformed
     const SchematizedData data = rich.schematizedData(bytes + color);
     bounded([&] {
       EXPECT_TRUE(isSerializationError(catchError([&] { data.value("color"); })));
-      EXPECT_NE(toJSON(data).find("<unreadable>"), std::string::npos);
+      EXPECT_NE(renderJSON(data).find("<unreadable>"), std::string::npos);
     });
   }
 }
@@ -158,7 +158,7 @@ TEST(ReliabilityBoundsTest, DeeplyNestedJsonIsRefusedByTheManifestReaderAndTheEn
   testing_support::onSmallStack(
       [&] {
         EXPECT_NE(catchError([&] {
-                    encodeJSON(store.messageSchema("t.Node"), nodes);
+                    parseJSON(store.messageSchema("t.Node"), nodes);
                   }).description.find("nesting deeper than 201 levels"),
                   std::string::npos);
       },
@@ -228,7 +228,7 @@ TEST(ReliabilityBoundsTest, HugeLengthPrefixesAreMalformed) {
         const auto caught = catchError([&] { data.value(path); });
         EXPECT_TRUE(isSerializationError(caught)) << path << ": " << caught.description;
       }
-      EXPECT_NE(toJSON(data).find("Sch: Error encoding"), std::string::npos) << path;
+      EXPECT_NE(renderJSON(data).find("Sch: Error encoding"), std::string::npos) << path;
       // The repeated fields of the outer message go through the iterator and forEachValue.
       for (const auto& [number, field] : rich.fieldsByNumber()) {
         if (!field.isRepeated()) continue;

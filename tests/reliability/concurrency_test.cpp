@@ -60,9 +60,10 @@ std::string work(const Bytes& richSet, const Bytes& descriptorSet, const std::st
     EXPECT_GT(imported, 3u);
     // A field that does not decode is logged, through the shared log handler, kLogs times.
     std::string bad;
-    for (int n = 0; n < kLogs; ++n) bad = toJSON(rich.schematizedData(std::string("\x58\xff", 2)));
+    for (int n = 0; n < kLogs; ++n)
+      bad = renderJSON(rich.schematizedData(std::string("\x58\xff", 2)));
     seen = std::to_string(reinterpret_cast<uintptr_t>(&builtinDescriptorManifest())) + "\n" +
-           toJSON(data) + "\n" + bad + "\n" + std::to_string(imported);
+           renderJSON(data) + "\n" + bad + "\n" + std::to_string(imported);
     for (const std::string& name : store.messageSchemaNames()) seen += "\n" + name;
   }
   return seen;
@@ -140,17 +141,18 @@ std::string useShared(const SchemaStore& store, const Projection& projection,
 
   const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
   const SchematizedData data = rich.schematizedData(message);
-  std::string reads = toJSON(*data.value("mids[0]")) + toJSON(*data.value("scalars.f_enum")) +
-                      toJSON(data) + toJSON(data, {.jsonNames = true, .printDefaults = true});
+  std::string reads = renderJSON(*data.value("mids[0]")) +
+                      renderJSON(*data.value("scalars.f_enum")) + renderJSON(data) +
+                      renderJSON(data, {.jsonNames = true, .printDefaults = true});
   ProjectionRow row = projection.makeRow();
   projection.read(data.bytes(), row);
   for (size_t i = 0; i < row.size(); ++i) {
     const std::optional<AnyValue> value = row.value(i);
-    reads += "\n" + projection.pathText(i) + " " + (value ? toJSON(*value) : "absent");
+    reads += "\n" + projection.pathText(i) + " " + (value ? renderJSON(*value) : "absent");
   }
   const FieldSchema mids = rich.fieldNamed("mids");
   Schematizer::RepeatableFieldIterator elements(data.bytes(), mids.fieldNumber(), mids.type());
-  for (const AnyValue& element : elements) reads += "\n" + toJSON(element);
+  for (const AnyValue& element : elements) reads += "\n" + renderJSON(element);
   EXPECT_TRUE(manifestEngagementsOnly(store).messages.contains("ostrel.test.Rich"));
 
   std::string all = reads;

@@ -43,19 +43,19 @@ TEST(ReliabilityLifetimeTest, SchemasDataAndValuesOutliveTheirStore) {
     for (const MessageSchema& schema : reachable) watched.push_back(schema.impl());
     const EnumSchema color = store->enumSchema("ostrel.test.Color");
     const SchematizedData data = rich.schematizedData(testing_support::richMessage());
-    const std::string before = toJSON(data);
+    const std::string before = renderJSON(data);
     Schematizer::RepeatableFieldIterator mids(data.bytes(), 4, rich.fieldNamed("mids").type());
     const AnyValue mid = *data.value("mid");
     store.reset();
 
-    EXPECT_EQ(toJSON(data), before);
+    EXPECT_EQ(renderJSON(data), before);
     EXPECT_EQ(data.value("scalars.f_enum")->enumValue().name(), "BLUE");
     EXPECT_EQ(color.valueNameFor(2), "GREEN");
     EXPECT_EQ(mid.messageValue().value("leaf.id"), AnyValue(int32_t{1}));
     EXPECT_EQ(mids.next()->messageValue().value("note"), AnyValue("m"));
     EXPECT_EQ(mids.next(), std::nullopt);
-    const SchematizedData built = encodeJSON(rich, R"({"color": "RED", "mids": [{}]})");
-    EXPECT_EQ(toJSON(built), R"({"mids":[{}],"color":"RED"})");
+    const SchematizedData built = parseJSON(rich, R"({"color": "RED", "mids": [{}]})");
+    EXPECT_EQ(renderJSON(built), R"({"mids":[{}],"color":"RED"})");
   }
   for (const auto& schema : watched) EXPECT_TRUE(schema.expired());
 }
@@ -78,7 +78,7 @@ TEST(ReliabilityLifetimeTest, RecursiveDescriptorSchemasOutliveTheirStore) {
 
     // The fields that closed a cycle now report the store as gone, in the rendering as anywhere
     // else; the rest reads as before.
-    EXPECT_NE(toJSON(data).find(R"("name":"rich.proto")"), std::string::npos);
+    EXPECT_NE(renderJSON(data).find(R"("name":"rich.proto")"), std::string::npos);
     EXPECT_EQ(data.value("file[0].package"), AnyValue("ostrel.test"));
     // An import through the caller's schema reaches a released edge (Rich's map entries are
     // nested types) and says so.

@@ -72,7 +72,7 @@ std::string expectedText(const std::optional<AnyValue>& value) {
     case AnyValue::Case::bytes:
       return "blob:" + std::string(asText(value->bytesValue()));
     case AnyValue::Case::message:
-      return "text:" + toJSON(value->messageValue());
+      return "text:" + renderJSON(value->messageValue());
   }
   return "?";
 }
@@ -159,15 +159,15 @@ TEST(ProjectionTest, SelectText) {
   const SchemaStore store(richManifest());
   const MessageSchema rich = store.messageSchema(kRich);
   EXPECT_EQ(
-      buildProjection(rich, "orders", "orders_blob",
-                      {{"mid.leaf.label", {}}, {"mids[0].note", "first_note"}, {"color", "c"}}),
+      sqlSelect(rich, "orders", "orders_blob",
+                {{"mid.leaf.label", {}}, {"mids[0].note", "first_note"}, {"color", "c"}}),
       "SELECT\n  P_GET(orders_blob, 'mid.leaf.label') AS \"mid.leaf.label\",\n"
       "  P_GET(orders_blob, 'mids[0].note') AS first_note,\n  P_GET(orders_blob, 'color') AS c\n"
       "FROM orders");
-  EXPECT_EQ(buildProjection(rich, "Orders", "a b", {{"color", "Who"}}, {SqlDialect::sqlite, true}),
+  EXPECT_EQ(sqlSelect(rich, "Orders", "a b", {{"color", "Who"}}, {SqlDialect::sqlite, true}),
             "SELECT\n  P_GET(\"a b\", 'ostrel.test.Rich', 'color') AS Who\nFROM Orders");
   // PostgreSQL's functions always take the type.
-  EXPECT_EQ(buildProjection(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
+  EXPECT_EQ(sqlSelect(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
             "SELECT\n  p_get_text(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\n"
             "FROM \"Orders\"");
 }
@@ -188,7 +188,7 @@ TEST(ProjectionTest, PostgresReadsTheTypeOfEachPath) {
   };
   for (const auto& [path, function] : rows) {
     SCOPED_TRACE(path);
-    EXPECT_EQ(buildProjection(rich, "t", "r", {{path, "v"}}, {SqlDialect::postgres}),
+    EXPECT_EQ(sqlSelect(rich, "t", "r", {{path, "v"}}, {SqlDialect::postgres}),
               "SELECT\n  " + function + "(r, 'ostrel.test.Rich', '" + path + "') AS v\nFROM t");
   }
 }
@@ -196,7 +196,7 @@ TEST(ProjectionTest, PostgresReadsTheTypeOfEachPath) {
 TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {
   const SchemaStore store(richManifest());
   const std::optional<std::string> bare;
-  const std::vector<std::tuple<std::string, std::string, std::vector<ProjectedPath>, std::string>>
+  const std::vector<std::tuple<std::string, std::string, std::vector<SqlColumn>, std::string>>
       rows = {
           {"t",
            "c",
@@ -211,7 +211,7 @@ TEST(ProjectionTest, RefusedBeforeAnyTextIsMade) {
       };
   for (const auto& [table, column, paths, what] : rows) {
     try {
-      buildProjection(store.messageSchema(kRich), table, column, paths);
+      sqlSelect(store.messageSchema(kRich), table, column, paths);
       ADD_FAILURE() << "accepted; expected: " << what;
     } catch (const std::exception& error) {
       EXPECT_EQ(std::string(error.what()), what);

@@ -58,7 +58,7 @@ int encodeLines(std::istream& in, const std::string& name, const MessageSchema& 
     ++lineNumber;
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     try {
-      writeOut(delimitedRecord(encodeJSON(*schema.impl(), line, options).bytes()));
+      writeOut(delimitedRecord(parseJSON(schema, line, options).bytes()));
     } catch (const Error& error) {
       std::cerr << "ostrel: " << name << ", line " << lineNumber << ": " << error.what() << "\n";
       status = kExitFailure;
@@ -116,7 +116,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
   const std::string text = readAll(input.file);
   const SchematizedData data =
-      fromText ? encodeText(schema, text) : encodeJSON(*schema.impl(), text, options);
+      fromText ? parseText(schema, text) : parseJSON(schema, text, options);
   writeOut(encodeData(data.bytes(), format.value_or(DataFormat::binary)));
   return kExitSuccess;
 }

@@ -2,6 +2,7 @@
 
 #include "ostrel/core/errors.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/wire/projection.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "tool.hpp"
 

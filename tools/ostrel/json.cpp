@@ -74,7 +74,7 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
   const SchematizedData data = input.schema(schemas).schematizedData(input.read());
   renderJSON(
-      data.unsafe(), [](std::string_view text) { writeOut(text); }, options);
+      data, [](std::string_view text) { writeOut(text); }, options);
   writeOut("\n");
   return kExitSuccess;
 }

@@ -117,9 +117,9 @@ void runOn(const std::string& file, const LoadedSchemas& schemas, const MessageS
 
 int run(Arguments& args, GlobalOptions& globals) {
   std::optional<std::string> message, table, column, db;
-  std::vector<ProjectedPath> paths;
+  std::vector<SqlColumn> paths;
   std::string value;
-  ProjectionOptions options;
+  SqlSelectOptions options;
   while (!args.done()) {
     if (globals.parse(args)) continue;
     if (args.flag({"--type-per-call"})) {
@@ -162,11 +162,11 @@ int run(Arguments& args, GlobalOptions& globals) {
   const LoadedSchemas schemas = loadSchemas(globals);
   const MessageSchema schema = schemas.messageSchema(*message);
   std::vector<std::string> pathTexts;
-  for (const ProjectedPath& projected : paths) pathTexts.push_back(projected.path);
+  for (const SqlColumn& selected : paths) pathTexts.push_back(selected.path);
   resolvePaths(schema, pathTexts, true);
   std::string sql;
   try {
-    sql = buildProjection(schema, *table, *column, paths, options);
+    sql = sqlSelect(schema, *table, *column, paths, options);
   } catch (const std::invalid_argument& error) {
     throw UsageError(error.what());
   }

@@ -41,7 +41,7 @@ int run(Arguments& args, GlobalOptions& globals) {
       writeOut("\n");
     });
   }
-  writeOut(toText(schema.schematizedData(input.read())));
+  writeOut(renderText(schema.schematizedData(input.read())));
   return kExitSuccess;
 }
 

@@ -6,7 +6,7 @@ namespace ostrel::tool {
 std::string valueJSON(const AnyValue& value) {
   JsonOptions options;
   options.strict = true;
-  return toJSON(value, options);
+  return renderJSON(value, options);
 }
 
 }  // namespace ostrel::tool

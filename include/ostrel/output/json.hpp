@@ -1,10 +1,10 @@
 #pragma once
 
-// Schematized data as JSON text, and encoded messages from JSON text.
+// Schematized data as JSON text (renderJSON), and protobuf-encoded messages from JSON text
+// (parseJSON).
 
 #include <cstdint>
 #include <functional>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -98,41 +98,35 @@ struct JsonOptions {
 // Receives the text of a rendering piece by piece, in order.
 using JsonSink = std::function<void(std::string_view text)>;
 
-// The JSON text of `data`; a top-level object always. Reads the data in place; `data`'s buffer
-// must stay alive and unchanged during the call. Throws the schema's errors when the top-level
-// message's fields cannot be materialised; faults below that are rendered, not thrown, unless the
-// rendering is strict.
-std::string renderJSON(const SchematizedDataDescribing& data, JsonStyle style = JsonStyle::compact);
-
-std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions& options);
-
-// The same text handed to `sink` in pieces of a few kilobytes as it is made, so that the memory a
-// rendering takes is bounded by the data and its nesting, not by the size of the text. A field
-// that fails is reported in the text as above; what the sink throws ends the rendering. The values
-// of google.protobuf.Struct, Value and ListValue fields are kept whole until they end.
-void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
-                const JsonOptions& options = {});
-void renderJSON(const SchematizedDataDescribing& data, std::ostream& out,
-                const JsonOptions& options = {});
-
-// renderJSON of owned data.
-std::string toJSON(const SchematizedData& data, JsonStyle style = JsonStyle::compact);
-std::string toJSON(const SchematizedData& data, const JsonOptions& options);
+// The JSON text of `data`; a top-level object always. Reads the data in place; the buffer of a
+// borrowed `data` must stay alive and unchanged during the call. Throws the schema's errors when
+// the top-level message's fields cannot be materialised; faults below that are rendered, not
+// thrown, unless the rendering is strict.
+//
+//     std::string text = renderJSON(data);
+//     std::string pretty = renderJSON(data, {.style = JsonStyle::indented, .jsonNames = true});
+std::string renderJSON(const SchematizedDataDescribing& data, const JsonOptions& options = {});
+std::string renderJSON(const SchematizedData& data, const JsonOptions& options = {});
 
 // One value as JSON text, as renderJSON writes a field holding it: a message value as a whole
-// object, the other kinds as their JSON value.
-std::string toJSON(const AnyValue& value, JsonStyle style = JsonStyle::compact);
-std::string toJSON(const AnyValue& value, const JsonOptions& options);
+// object, the other kinds as their JSON value (a number, an enum's name in quotes, bytes in
+// base64).
+std::string renderJSON(const AnyValue& value, const JsonOptions& options = {});
 
-// The message's options rendered as a JSON object, or no value when it has none. Options are read
-// against the store's google.protobuf.MessageOptions schema: the built-in one knows no fields and
-// so renders "{}", a caller's manifest that holds descriptor.proto gives the options' fields.
-std::optional<std::string> optionsJSON(const MessageSchema& schema,
-                                       JsonStyle style = JsonStyle::compact);
+// The streaming form: the same text handed to `sink` in pieces of a few kilobytes as it is made,
+// so that the memory a rendering takes is bounded by the data and its nesting, not by the size of
+// the text. A field that fails is reported in the text as above; what the sink throws ends the
+// rendering. The values of google.protobuf.Struct, Value and ListValue fields are kept whole
+// until they end.
+//
+//     renderJSON(data, [&](std::string_view piece) { out.write(piece.data(), piece.size()); });
+void renderJSON(const SchematizedDataDescribing& data, const JsonSink& sink,
+                const JsonOptions& options = {});
+void renderJSON(const SchematizedData& data, const JsonSink& sink, const JsonOptions& options = {});
 
-// Encoded messages from JSON text: the inverse of renderJSON. Everything
-// renderJSON writes reads back, so that encoding a rendering and rendering the result gives the
-// same text:
+// JSON text to protobuf: parseJSON reads ProtoJSON text into an encoded message, the inverse of
+// renderJSON. Everything renderJSON writes reads back, so that parsing a rendering and rendering
+// the result gives the same text:
 //
 // - The text is one JSON object; each member names a field of the message schema (by its
 //   declared name, its JSON name, or for an extension "[pkg.ext]") and gives its value; null
@@ -178,17 +172,17 @@ std::optional<std::string> optionsJSON(const MessageSchema& schema,
 // an unescaped control character in a string, which a first pass over all of the text finds,
 // come first of all.
 
-// How encodeJSON reads, after libprotobuf's JsonParseOptions.
+// How parseJSON reads, after libprotobuf's JsonParseOptions.
 struct JsonParseOptions {
   // Members that name no field of their message are passed over, values and all, instead of
   // failing (libprotobuf's ignore_unknown_fields).
   bool ignoreUnknownFields = false;
 };
 
-// The message that `json` describes, encoded, paired with `schema`.
-SchematizedData encodeJSON(const MessageSchemaDescribing& schema, std::string_view json,
-                           const JsonParseOptions& options = {});
-SchematizedData encodeJSON(const MessageSchema& schema, std::string_view json,
-                           const JsonParseOptions& options = {});
+// The message that `json` describes, encoded as protobuf, paired with `schema`:
+//
+//     SchematizedData record = parseJSON(schema, R"({"color": "RED"})");
+SchematizedData parseJSON(const MessageSchema& schema, std::string_view json,
+                          const JsonParseOptions& options = {});
 
 }  // namespace ostrel

@@ -37,12 +37,13 @@ namespace ostrel {
 // destroyed" otherwise). Throws SerializationError::malformedProtobuf for bytes protobuf cannot
 // parse as the message.
 std::string renderText(const SchematizedDataDescribing& data);
-std::string toText(const SchematizedData& data);
+std::string renderText(const SchematizedData& data);
 
-// The message that `text` describes, encoded as `protoc --encode` encodes it (fields in number
-// order, repeated scalars packed where the schema packs them). Missing required fields are not an
-// error. Throws SchematizerError::unexpectedType("<line>:<column>: <libprotobuf's message>") for
-// text that does not describe the message (lines and columns counted from 1).
-SchematizedData encodeText(const MessageSchema& schema, std::string_view text);
+// Text format to protobuf: the message that `text` describes, encoded as `protoc --encode`
+// encodes it (fields in number order, repeated scalars packed where the schema packs them). Missing
+// required fields are not an error. Throws SchematizerError::unexpectedType("<line>:<column>:
+// <libprotobuf's message>") for text that does not describe the message (lines and columns counted
+// from 1).
+SchematizedData parseText(const MessageSchema& schema, std::string_view text);
 
 }  // namespace ostrel

@@ -1,7 +1,8 @@
 #pragma once
 
-// SQL over schematized records stored as blobs: the text of projections, and the functions that
-// read the records inside SQLite. In the library ostrel::sql (libostrel_sql), which links SQLite.
+// SQL over schematized records stored as blobs: the text of queries that read them (sqlSelect),
+// and the functions that read the records inside SQLite. In the library ostrel::sql (libostrel_sql),
+// which links SQLite.
 
 #include <cstdint>
 #include <optional>
@@ -16,26 +17,12 @@ struct sqlite3;
 
 namespace ostrel {
 
-// One projected column: a property path and the name of its result column (the path itself when
+// One column of a SELECT: a property path and the name of its result column (the path itself when
 // no alias is given).
-struct ProjectedPath {
+struct SqlColumn {
   std::string path;
   std::optional<std::string> alias;
 };
-
-// Builds
-//   SELECT
-//     P_GET(column, 'path') AS alias,
-//     ...
-//   FROM table
-// after parsing every path (PropertyPathUtil::Error, with its position) and resolving it against
-// `schema` (SchematizerError); on any failure no text is returned. Identifiers are written bare
-// when they are plain ([A-Za-z_][A-Za-z0-9_]*, not a keyword), else double-quoted with inner quotes
-// doubled; paths are string literals with single quotes doubled. Whatever the input, the text is
-// exactly one SELECT. Throws std::invalid_argument for no paths, or an empty identifier or one
-// holding a NUL character (which SQL text cannot carry).
-std::string buildProjection(const MessageSchema& schema, std::string_view table,
-                            std::string_view column, const std::vector<ProjectedPath>& paths);
 
 // The database the text is written for.
 enum class SqlDialect : uint8_t {
@@ -50,17 +37,27 @@ enum class SqlDialect : uint8_t {
   postgres,
 };
 
-struct ProjectionOptions {
+struct SqlSelectOptions {
   SqlDialect dialect = SqlDialect::sqlite;
   // Name the message type in every call, for tables that hold records of several types or
   // connections without a default type.
   bool typePerCall = false;
 };
 
-// buildProjection as above, in `options`' form.
-std::string buildProjection(const MessageSchema& schema, std::string_view table,
-                            std::string_view column, const std::vector<ProjectedPath>& paths,
-                            const ProjectionOptions& options);
+// The text of a query that reads property paths out of records stored as blobs, in `options`'
+// dialect:
+//   SELECT
+//     P_GET(column, 'path') AS alias,
+//     ...
+//   FROM table
+// after parsing every path (PropertyPathUtil::Error, with its position) and resolving it against
+// `schema` (SchematizerError); on any failure no text is returned. Identifiers are written bare
+// when they are plain ([A-Za-z_][A-Za-z0-9_]*, not a keyword), else double-quoted with inner quotes
+// doubled; paths are string literals with single quotes doubled. Whatever the input, the text is
+// exactly one SELECT. Throws std::invalid_argument for no paths, or an empty identifier or one
+// holding a NUL character (which SQL text cannot carry).
+std::string sqlSelect(const MessageSchema& schema, std::string_view table, std::string_view column,
+                      const std::vector<SqlColumn>& columns, const SqlSelectOptions& options = {});
 
 // `name` as an SQL identifier: bare when plain and not a keyword, else double-quoted.
 std::string sqlIdentifier(std::string_view name, SqlDialect dialect = SqlDialect::sqlite);

@@ -181,22 +181,16 @@ std::string sqlIdentifier(std::string_view name, SqlDialect dialect) {
 
 std::string sqlStringLiteral(std::string_view text) { return quoted(text, '\''); }
 
-std::string buildProjection(const MessageSchema& schema, std::string_view table,
-                            std::string_view column, const std::vector<ProjectedPath>& paths) {
-  return buildProjection(schema, table, column, paths, ProjectionOptions{});
-}
-
-std::string buildProjection(const MessageSchema& schema, std::string_view table,
-                            std::string_view column, const std::vector<ProjectedPath>& paths,
-                            const ProjectionOptions& options) {
+std::string sqlSelect(const MessageSchema& schema, std::string_view table, std::string_view column,
+                      const std::vector<SqlColumn>& paths, const SqlSelectOptions& options) {
   if (paths.empty()) throw std::invalid_argument("no property paths to project");
   checkIdentifier(table, "table name");
   checkIdentifier(column, "column name");
   std::vector<TypeSchemaDescription> types;
-  for (const ProjectedPath& projected : paths) {
-    PropertyPathUtil::parse(projected.path);
-    types.push_back(resolvePropertyPath(schema, projected.path).type);
-    if (projected.alias) checkIdentifier(*projected.alias, "alias");
+  for (const SqlColumn& selected : paths) {
+    PropertyPathUtil::parse(selected.path);
+    types.push_back(resolvePropertyPath(schema, selected.path).type);
+    if (selected.alias) checkIdentifier(*selected.alias, "alias");
   }
 
   const SqlDialect dialect = options.dialect;

@@ -1,0 +1,256 @@
+// The options and failures of the columnar projection, through its public API, read back from the
+// exported C structures: enums three ways, defaults, well-known types, exact reads, rows of nulls,
+// and the errors of records and paths.
+
+#include <gtest/gtest.h>
+
+#include "columns/arrow_text.hpp"
+#include "ostrel/ostrel.hpp"
+#include "rich.pb.h"
+#include "support/test_support.hpp"
+#include "well_known.pb.h"
+
+namespace ostrel {
+namespace {
+
+using testing_support::catchError;
+
+// Each row of a batch as its cells' text joined by " | ".
+std::vector<std::string> rowsOf(const ArrowSchema& schema, const ArrowArray& batch) {
+  std::vector<std::string> rows;
+  for (int64_t row = 0; row < batch.length; ++row) {
+    std::string text;
+    for (int64_t c = 0; c < schema.n_children; ++c) {
+      if (c > 0) text += " | ";
+      text += testing_support::arrowCell(*schema.children[c], *batch.children[c], row);
+    }
+    rows.push_back(text);
+  }
+  return rows;
+}
+
+std::vector<std::string> columnsOf(ColumnProjection& projection,
+                                   const std::vector<std::string>& records) {
+  for (const std::string& record : records) projection.append(asBytes(record));
+  ArrowSchema schema;
+  ArrowArray batch;
+  projection.exportSchema(&schema);
+  projection.takeBatch(&batch);
+  std::vector<std::string> rows = rowsOf(schema, batch);
+  batch.release(&batch);
+  schema.release(&schema);
+  return rows;
+}
+
+std::string rich(const std::function<void(test::Rich&)>& fill) {
+  test::Rich message;
+  fill(message);
+  return message.SerializeAsString();
+}
+
+std::string holder(const std::function<void(test::wkt::Holder&)>& fill) {
+  test::wkt::Holder message;
+  fill(message);
+  return message.SerializeAsString();
+}
+
+struct OptionRow {
+  const char* name;
+  const char* type;
+  std::vector<std::string> paths;
+  std::function<void(ColumnOptions&)> configure;
+  std::vector<std::string> records;
+  std::vector<std::string> expected;
+};
+
+TEST(ColumnsTest, OptionsShapeTheColumns) {
+  const SchemaStore richStore(testing_support::generatedManifest("rich.desc"));
+  const SchemaStore wktStore(testing_support::generatedManifest("well_known.desc"));
+  const std::string colored = rich([](test::Rich& m) { m.set_color(test::BLUE); });
+  const std::string unknownColor =
+      rich([](test::Rich& m) { m.set_color(static_cast<test::Color>(7)); });
+  const std::string empty;
+  const auto none = [](ColumnOptions&) {};
+  const OptionRow rows[] = {
+      {"enums as a dictionary, unknown numbers after the names",
+       "ostrel.test.Rich",
+       {"color"},
+       none,
+       {colored, unknownColor, empty},
+       {"\"BLUE\"", "\"7\"", "null"}},
+      {"enums as numbers",
+       "ostrel.test.Rich",
+       {"color"},
+       [](ColumnOptions& o) { o.enums = ColumnOptions::Enums::numbers; },
+       {colored, unknownColor},
+       {"3", "7"}},
+      {"enums as strings",
+       "ostrel.test.Rich",
+       {"color"},
+       [](ColumnOptions& o) { o.enums = ColumnOptions::Enums::strings; },
+       {colored, unknownColor},
+       {"\"BLUE\"", "\"7\""}},
+      {"defaults fill absent scalars, not messages",
+       "ostrel.test.Rich",
+       {"scalars.f_int32", "name", "color", "scalars.f_bool", "mid", "repeats.r_int32"},
+       [](ColumnOptions& o) { o.defaults = true; },
+       {empty},
+       {"0 | \"\" | \"COLOR_UNSPECIFIED\" | false | null | null"}},
+      {"lists: absent parent null, present parent empty",
+       "ostrel.test.Rich",
+       {"repeats.r_int32", "mids", "mids[*].note"},
+       none,
+       {empty, rich([](test::Rich& m) {
+          m.mutable_repeats()->add_r_int32(-1);
+          m.mutable_repeats()->add_r_int32(300);
+          m.add_mids()->set_note("a");
+          m.add_mids();
+        })},
+       {"null | [] | []",
+        "[-1,300] | [{leaf=null,leaves=[],note=\"a\"},{leaf=null,leaves=[],note=null}] "
+        "| [\"a\",null]"}},
+      {"maps",
+       "ostrel.test.Rich",
+       {"counts"},
+       none,
+       {rich([](test::Rich& m) { (*m.mutable_counts())["k"] = 0; })},
+       {"[{key=\"k\",value=0}]"}},
+      {"exact reads take the last occurrence",
+       "ostrel.test.Rich",
+       {"name"},
+       [](ColumnOptions& o) { o.mode = ReadMode::exact; },
+       {rich([](test::Rich& m) { m.set_name("first"); }) +
+        rich([](test::Rich& m) { m.set_name("last"); })},
+       {"\"last\""}},
+      {"first reads take the first occurrence",
+       "ostrel.test.Rich",
+       {"name"},
+       none,
+       {rich([](test::Rich& m) { m.set_name("first"); }) +
+        rich([](test::Rich& m) { m.set_name("last"); })},
+       {"\"first\""}},
+      {"invalid UTF-8 as the single read decodes it",
+       "ostrel.test.Rich",
+       {"name", "scalars.f_bytes"},
+       none,
+       // name "a\xff", and scalars.f_bytes the same bytes.
+       {std::string("\x2a\x02"
+                    "a\xff"
+                    "\x12\x04\x62\x02"
+                    "a\xff")},
+       {"\"a\xEF\xBF\xBD\" | \"a\xff\""}},
+      {"well-known types in microseconds",
+       "ostrel.test.wkt.Holder",
+       {"timestamp", "duration", "int64_value", "string_value", "timestamps", "struct_value"},
+       none,
+       {holder([](test::wkt::Holder& m) {
+          m.mutable_timestamp()->set_seconds(-1);
+          m.mutable_timestamp()->set_nanos(500000);
+          m.mutable_duration()->set_seconds(-2);
+          m.mutable_duration()->set_nanos(-1000);
+          m.mutable_int64_value();
+          m.add_timestamps()->set_seconds(3);
+          (*m.mutable_struct_value()->mutable_fields())["a"].set_bool_value(true);
+        }),
+        empty},
+       {"-999500 | -2000001 | 0 | null | [3000000] | \"{\"a\":true}\"",
+        "null | null | null | null | [] | null"}},
+      {"timestamps in nanoseconds",
+       "ostrel.test.wkt.Holder",
+       {"timestamp"},
+       [](ColumnOptions& o) { o.timeUnit = ColumnOptions::TimeUnit::nanoseconds; },
+       {holder([](test::wkt::Holder& m) { m.mutable_timestamp()->set_nanos(7); })},
+       {"7"}},
+      {"a failing record as a row of nulls",
+       "ostrel.test.Rich",
+       {"name", "mids"},
+       [](ColumnOptions& o) { o.nullRowOnError = true; },
+       {"\x2a\x05"
+        "ab",
+        rich([](test::Rich& m) { m.set_name("ok"); })},
+       {"null | null", "\"ok\" | []"}},
+  };
+  for (const OptionRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    const SchemaStore& store =
+        std::string(row.type).find("wkt") != std::string::npos ? wktStore : richStore;
+    ColumnOptions options;
+    row.configure(options);
+    ColumnProjection projection(store.messageSchema(row.type), row.paths, options);
+    EXPECT_EQ(columnsOf(projection, row.records), row.expected);
+    EXPECT_EQ(projection.failedRecords(), options.nullRowOnError ? 1 : 0);
+  }
+}
+
+TEST(ColumnsTest, AFailingRecordAddsNoRowAndNamesItsNumberAndOffset) {
+  const SchemaStore store(testing_support::generatedManifest("well_known.desc"));
+  ColumnProjection projection(store.messageSchema("ostrel.test.wkt.Holder"), {"timestamp", "any"});
+  const std::string good =
+      holder([](test::wkt::Holder& m) { m.mutable_timestamp()->set_seconds(1); });
+  const std::string late =
+      holder([](test::wkt::Holder& m) { m.mutable_timestamp()->set_seconds(253402300800); });
+  projection.append(asBytes(good));
+  EXPECT_EQ(catchError([&] { projection.append(asBytes(late)); }),
+            ColumnError::recordFailed(
+                1, static_cast<int64_t>(good.size()),
+                SchematizerError::unexpectedType("google.protobuf.Timestamp out of range (years 1 "
+                                                 "to 9999): seconds 253402300800, nanos 0")
+                    .what()));
+  // A truncated record read through a delimited source names the offset of its length prefix.
+  const std::string stream =
+      std::string(1, static_cast<char>(good.size())) + good + "\x03\x0a\x05z";
+  RecordSource source = RecordSource::delimited(asBytes(stream));
+  EXPECT_EQ(catchError([&] { projection.fill(source); }),
+            ColumnError::recordFailed(3, static_cast<int64_t>(good.size() + 1),
+                                      SerializationError::truncated().what()));
+  EXPECT_EQ(projection.rows(), 2);
+  EXPECT_EQ(projection.recordsRead(), 4);
+}
+
+TEST(ColumnsTest, PathsThatCannotBeColumnsAreRefused) {
+  const SchemaStore store(testing_support::generatedManifest("rich.desc"));
+  const MessageSchema schema = store.messageSchema("ostrel.test.Rich");
+  EXPECT_EQ(catchError([&] { ColumnProjection(schema, {"mids[*].leaves[*].id"}); }),
+            ColumnError::unsupportedPath("mids[*].leaves[*].id", "one [*] per path"));
+  EXPECT_EQ(catchError([&] { ColumnProjection(schema, {"mid[*].note"}); }),
+            ColumnError::unsupportedPath("mid[*].note", "[*] after a field that is not repeated"));
+  EXPECT_EQ(catchError([&] { ColumnProjection(schema, {"nothing"}); }),
+            SchematizerError::fieldNotFound(
+                "Schema \"ostrel.test.Rich\" property with name \"nothing\""));
+}
+
+TEST(ColumnsTest, BatchesAndStreamsOutliveTheProjectionAndTheStore) {
+  ArrowArray batch;
+  ArrowSchema schema;
+  ArrowArrayStream stream;
+  {
+    const SchemaStore store(testing_support::generatedManifest("rich.desc"));
+    ColumnProjection projection(store.messageSchema("ostrel.test.Rich"), {"color", "mids[*].note"});
+    const std::string record = rich([](test::Rich& m) {
+      m.set_color(test::RED);
+      m.add_mids()->set_note("n");
+    });
+    projection.append(asBytes(record));
+    projection.takeBatch(&batch);
+    projection.exportSchema(&schema);
+    projection.exportStream(RecordSource::buffers({toBytes(record)}), &stream);
+  }
+  EXPECT_EQ(rowsOf(schema, batch), std::vector<std::string>{"\"RED\" | [\"n\"]"});
+  ArrowArray streamed;
+  ASSERT_EQ(stream.get_next(&stream, &streamed), 0);
+  EXPECT_EQ(rowsOf(schema, streamed), rowsOf(schema, batch));
+  // A consumer may move a child out and release it on its own.
+  ArrowArray child = *streamed.children[0];
+  streamed.children[0]->release = nullptr;
+  streamed.release(&streamed);
+  child.release(&child);
+  ArrowArray end;
+  ASSERT_EQ(stream.get_next(&stream, &end), 0);
+  EXPECT_EQ(end.release, nullptr);
+  batch.release(&batch);
+  schema.release(&schema);
+  stream.release(&stream);
+}
+
+}  // namespace
+}  // namespace ostrel
