@@ -40,6 +40,7 @@
 #include "ostrel/manifest/typed_import.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/projection.hpp"
 #include "ostrel/wire/schematizer.hpp"
@@ -688,7 +689,7 @@ uint64_t tenByHand(const Workload& w) {
 
 // The library's stream API: every record of the stream split off and projected.
 uint64_t ordersByProjection(Many& many) {
-  DelimitedRecords records(asBytes(many.stream));
+  RecordSource records = RecordSource::delimited(asBytes(many.stream));
   uint64_t sum = 0;
   while (const std::optional<ByteView> record = records.next()) {
     many.orders.read(*record, many.orderRow);

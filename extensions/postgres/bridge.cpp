@@ -740,4 +740,27 @@ bool ostrel_check_definitions(const char* const* added, const size_t* addedSizes
   });
 }
 
+bool ostrel_confluent_split(const char* data, size_t size, bool unsignedIndexes, OstrelAlloc alloc,
+                            OstrelConfluent* out, OstrelError* error) {
+  return guarded(error, [&] {
+    ConfluentEnvelope envelope;
+    try {
+      envelope = decodeConfluent(
+          ByteView(reinterpret_cast<const std::byte*>(data), size),
+          unsignedIndexes ? ConfluentIndexForm::unsignedVarint : ConfluentIndexForm::zigzag);
+    } catch (const FramingError& e) {
+      throw BridgeError(OSTREL_BAD_DATA, e.what());
+    }
+    out->hasId = envelope.schema.id.has_value();
+    out->id = envelope.schema.id.value_or(0);
+    if (envelope.schema.guid) std::memcpy(out->guid, envelope.schema.guid->data(), 16);
+    const std::vector<int32_t>& indexes = envelope.schema.indexes;
+    out->indexes = reinterpret_cast<int32_t*>(allocate(alloc, indexes.size() * sizeof(int32_t)));
+    std::memcpy(out->indexes, indexes.data(), indexes.size() * sizeof(int32_t));
+    out->indexCount = indexes.size();
+    out->payloadOffset =
+        static_cast<size_t>(envelope.payload.data() - reinterpret_cast<const std::byte*>(data));
+  });
+}
+
 }  // extern "C"

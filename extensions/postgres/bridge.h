@@ -156,6 +156,22 @@ bool ostrel_check_definitions(const char *const *added, const size_t *addedSizes
                               const char *const *context, const size_t *contextSizes,
                               size_t contextCount, OstrelError *error);
 
+/* A value in Confluent's envelope, split: the schema id (hasId) or else the schema GUID, the
+ * message-index path (at least one index, in memory from `alloc`) and where the message starts. */
+typedef struct OstrelConfluent {
+  bool hasId;
+  int32_t id;
+  unsigned char guid[16];
+  int32_t *indexes;
+  size_t indexCount;
+  size_t payloadOffset;
+} OstrelConfluent;
+
+/* Splits `data`; `unsignedIndexes` reads the path as older Python serializers write it. A value
+ * not in the envelope fails with OSTREL_BAD_DATA. */
+bool ostrel_confluent_split(const char *data, size_t size, bool unsignedIndexes, OstrelAlloc alloc,
+                            OstrelConfluent *out, OstrelError *error);
+
 /* Whether the backend has an interrupt to process (a cancel request, a timeout, a shutdown). Only
  * reads the server's flags: it must never raise an error. */
 typedef bool (*OstrelInterruptPending)(void);

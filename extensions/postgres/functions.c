@@ -31,6 +31,7 @@
 #include "miscadmin.h"
 #include "utils/array.h"
 #include "utils/typcache.h"
+#include "utils/uuid.h"
 #include "utils/builtins.h"
 #include "utils/fmgrprotos.h"
 #include "utils/inval.h"
@@ -1009,4 +1010,95 @@ ostrel_check_schemas(PG_FUNCTION_ARGS)
 								  (size_t) context_count, &error))
 		raise_failure(&error);
 	PG_RETURN_VOID();
+}
+
+/*
+ * p_confluent_id, p_confluent_guid, p_confluent_path and p_confluent_payload(value bytea, form
+ * text DEFAULT 'zigzag'): the parts of a Kafka value in Confluent's envelope, as Kafka Connect's
+ * sinks store them, so that p_get reads the message:
+ *
+ *   SELECT p_confluent_id(value), p_get_text(p_confluent_payload(value), 'shop.Order', 'id')
+ *     FROM kafka_orders;
+ *
+ * The id is NULL when the envelope carries a GUID, and the GUID NULL when it carries an id.
+ */
+static void
+confluent_split(FunctionCallInfo fcinfo, OstrelConfluent *out)
+{
+	bytea	   *value = PG_GETARG_BYTEA_PP(0);
+	bool		unsigned_indexes = false;
+	OstrelError error;
+
+	if (PG_NARGS() > 1)
+	{
+		char	   *form = text_to_cstring(PG_GETARG_TEXT_PP(1));
+
+		if (strcmp(form, "unsigned") == 0)
+			unsigned_indexes = true;
+		else if (strcmp(form, "zigzag") != 0)
+			ereport(ERROR, (errcode(ERRCODE_INVALID_PARAMETER_VALUE),
+							errmsg("the index form is 'zigzag' or 'unsigned', not \"%s\"", form)));
+	}
+	if (!ostrel_confluent_split(VARDATA_ANY(value), VARSIZE_ANY_EXHDR(value), unsigned_indexes,
+								alloc_in_current_context, out, &error))
+		raise_failure(&error);
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_confluent_id);
+Datum
+ostrel_p_confluent_id(PG_FUNCTION_ARGS)
+{
+	OstrelConfluent parts;
+
+	confluent_split(fcinfo, &parts);
+	if (!parts.hasId)
+		PG_RETURN_NULL();
+	PG_RETURN_INT32(parts.id);
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_confluent_guid);
+Datum
+ostrel_p_confluent_guid(PG_FUNCTION_ARGS)
+{
+	OstrelConfluent parts;
+	pg_uuid_t  *guid;
+
+	confluent_split(fcinfo, &parts);
+	if (parts.hasId)
+		PG_RETURN_NULL();
+	guid = (pg_uuid_t *) palloc(sizeof(pg_uuid_t));
+	memcpy(guid->data, parts.guid, UUID_LEN);
+	PG_RETURN_UUID_P(guid);
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_confluent_path);
+Datum
+ostrel_p_confluent_path(PG_FUNCTION_ARGS)
+{
+	OstrelConfluent parts;
+	Datum	   *elements;
+
+	confluent_split(fcinfo, &parts);
+	elements = (Datum *) palloc(parts.indexCount * sizeof(Datum));
+	for (size_t i = 0; i < parts.indexCount; i++)
+		elements[i] = Int32GetDatum(parts.indexes[i]);
+	PG_RETURN_ARRAYTYPE_P(construct_array(elements, (int) parts.indexCount, INT4OID, sizeof(int32),
+										  true, TYPALIGN_INT));
+}
+
+PG_FUNCTION_INFO_V1(ostrel_p_confluent_payload);
+Datum
+ostrel_p_confluent_payload(PG_FUNCTION_ARGS)
+{
+	bytea	   *value = PG_GETARG_BYTEA_PP(0);
+	OstrelConfluent parts;
+	size_t		size;
+	bytea	   *payload;
+
+	confluent_split(fcinfo, &parts);
+	size = VARSIZE_ANY_EXHDR(value) - parts.payloadOffset;
+	payload = (bytea *) palloc(VARHDRSZ + size);
+	SET_VARSIZE(payload, VARHDRSZ + size);
+	memcpy(VARDATA(payload), VARDATA_ANY(value) + parts.payloadOffset, size);
+	PG_RETURN_BYTEA_P(payload);
 }

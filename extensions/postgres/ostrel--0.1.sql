@@ -177,3 +177,16 @@ CREATE FUNCTION @extschema@.p_json(data bytea, type @extschema@.ostrel_text) RET
 AS 'MODULE_PATHNAME', 'ostrel_p_json' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 CREATE FUNCTION @extschema@.p_encode(type @extschema@.ostrel_text, json jsonb) RETURNS bytea
 AS 'MODULE_PATHNAME', 'ostrel_p_encode' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+-- The parts of a Kafka value in Confluent's envelope (magic byte, schema id or GUID, message-index
+-- path, message), so that p_get reads a table of raw Kafka values; form 'unsigned' reads the
+-- index path as older Python serializers write it.
+CREATE FUNCTION @extschema@.p_confluent_id(value bytea, form text DEFAULT 'zigzag') RETURNS integer
+AS 'MODULE_PATHNAME', 'ostrel_p_confluent_id' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_confluent_guid(value bytea, form text DEFAULT 'zigzag') RETURNS uuid
+AS 'MODULE_PATHNAME', 'ostrel_p_confluent_guid' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_confluent_path(value bytea, form text DEFAULT 'zigzag')
+RETURNS integer[]
+AS 'MODULE_PATHNAME', 'ostrel_p_confluent_path' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+CREATE FUNCTION @extschema@.p_confluent_payload(value bytea, form text DEFAULT 'zigzag')
+RETURNS bytea
+AS 'MODULE_PATHNAME', 'ostrel_p_confluent_payload' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;

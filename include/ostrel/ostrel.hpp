@@ -8,8 +8,9 @@
 // - Read values: schema.schematizedData(bytes).value("a.b[2].c"); for many records, resolve the
 //   path once with resolvePropertyPath and read with data.value(path) (wire/schematizer.hpp).
 // - Read several paths from each of many records: Projection, in one pass per record; one scalar
-//   without an AnyValue: readInt64(bytes, path) and its siblings (wire/projection.hpp); a stream of
-//   length-prefixed records: DelimitedRecords (wire/schematizer.hpp).
+//   without an AnyValue: readInt64(bytes, path) and its siblings (wire/projection.hpp); a stream
+//   of records (length-prefixed, kcat's, one per input, or from a callback) and Confluent's
+//   envelope: RecordSource and decodeConfluent (records/records.hpp).
 // - Columns for analytics: ColumnProjection reads paths from many records into Arrow record
 //   batches, handed out through Arrow's C Data and C Stream Interfaces (columns/columns.hpp).
 // - Iterate a repeated field: Schematizer::RepeatableFieldIterator.
@@ -36,6 +37,7 @@
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/output/text_format.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/projection.hpp"

@@ -39,49 +39,6 @@ ColumnError ColumnError::batchFull() {
           {}};
 }
 
-RecordSource::RecordSource(Next next) : next_(std::move(next)) {}
-
-RecordSource RecordSource::delimited(ByteView stream) {
-  auto records = std::make_shared<DelimitedRecords>(stream);
-  RecordSource source;
-  source.position_ = [records] { return records->position(); };
-  source.next_ = [records] { return records->next(); };
-  return source;
-}
-
-RecordSource RecordSource::ownedDelimited(Bytes stream) {
-  auto owned = std::make_shared<const Bytes>(std::move(stream));
-  auto records = std::make_shared<DelimitedRecords>(ByteView(*owned));
-  RecordSource source;
-  source.position_ = [records] { return records->position(); };
-  source.next_ = [owned, records] { return records->next(); };
-  return source;
-}
-
-RecordSource RecordSource::buffers(std::vector<Bytes> records) {
-  auto owned = std::make_shared<const std::vector<Bytes>>(std::move(records));
-  auto index = std::make_shared<size_t>(0);
-  return RecordSource([owned, index]() -> std::optional<ByteView> {
-    if (*index >= owned->size()) return std::nullopt;
-    return ByteView((*owned)[(*index)++]);
-  });
-}
-
-std::optional<ByteView> RecordSource::next() {
-  if (position_) {
-    const int64_t start = position_();
-    std::optional<ByteView> record = next_();
-    if (record) offset_ = start;
-    return record;
-  }
-  std::optional<ByteView> record = next_();
-  if (record) {
-    offset_ = nextOffset_;
-    nextOffset_ += static_cast<int64_t>(record->size());
-  }
-  return record;
-}
-
 namespace {
 
 std::vector<std::string> copyPaths(std::initializer_list<std::string_view> paths) {

@@ -578,17 +578,4 @@ std::optional<int64_t> readEnumNumber(ByteView data, const FieldPathAndType& pat
   return readScalar<int64_t>(data, path, AnyValue::Case::enum_);
 }
 
-std::optional<ByteView> DelimitedRecords::next() {
-  const auto size = static_cast<int64_t>(stream_.size());
-  if (position_ >= size) return std::nullopt;
-  Reader reader(stream_);
-  reader.setPosition(position_);
-  const int64_t length = reader.readLength();
-  const int64_t start = reader.position();
-  if (length > size - start) throw SerializationError::truncated();
-  position_ = start + length;
-  ++count_;
-  return stream_.subspan(static_cast<size_t>(start), static_cast<size_t>(length));
-}
-
 }  // namespace ostrel

@@ -21,6 +21,7 @@ SQLITE_EXTENSION_INIT3
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "sql/sql_schemas.hpp"
 #include "sql/sqlite_function_set.hpp"
@@ -530,6 +531,41 @@ void pEncode(sqlite3_context* context, int count, sqlite3_value** arguments) {
   });
 }
 
+// P_CONFLUENT_ID, P_CONFLUENT_PATH and P_CONFLUENT_PAYLOAD(value [, 'unsigned']): the parts of a
+// value in Confluent's envelope, as Kafka Connect's sinks store them: the schema id (an INTEGER,
+// or the GUID as TEXT), the message-index path as a JSON array, and the message, which P_GET
+// reads. 'unsigned' reads the index path as older Python serializers write it.
+enum class ConfluentPart { id, path, payload };
+
+template <ConfluentPart part>
+void pConfluent(sqlite3_context* context, int count, sqlite3_value** arguments) {
+  if (anyNull(count, arguments)) return sqlite3_result_null(context);
+  guarded(context, [&] {
+    ConfluentIndexForm form = ConfluentIndexForm::zigzag;
+    if (count == 2) {
+      const std::string_view name = textArgument(arguments[1]);
+      if (name != "zigzag" && name != "unsigned") {
+        throw std::invalid_argument("the index form is 'zigzag' or 'unsigned'");
+      }
+      if (name == "unsigned") form = ConfluentIndexForm::unsignedVarint;
+    }
+    const ConfluentEnvelope envelope = decodeConfluent(recordArgument(arguments[0]), form);
+    if constexpr (part == ConfluentPart::id) {
+      if (envelope.schema.id) return sqlite3_result_int64(context, *envelope.schema.id);
+      resultText(context, envelope.schema.idText());
+    } else if constexpr (part == ConfluentPart::path) {
+      std::string text = "[";
+      for (const int32_t index : envelope.schema.indexes) {
+        if (text.size() > 1) text += ',';
+        text += std::to_string(index);
+      }
+      resultText(context, text + "]");
+    } else {
+      resultBlob(context, envelope.payload);
+    }
+  });
+}
+
 void registerDescriptorSet(sqlite3_context* context, int count, sqlite3_value** arguments) {
   if (anyNull(count, arguments)) return sqlite3_result_null(context);
   guarded(context, [&] {
@@ -803,6 +839,13 @@ void registerFunctionSet(sqlite3* db, SchemaManifest manifest,
   createFunction(db, "P_JSON", 1, kRead, pJson, schemas);
   createFunction(db, "P_JSON", 2, kRead, pJson, schemas);
   createFunction(db, "P_ENCODE", 2, kRead, pEncode, schemas);
+  for (const int arguments : {1, 2}) {
+    createFunction(db, "P_CONFLUENT_ID", arguments, kRead, pConfluent<ConfluentPart::id>, schemas);
+    createFunction(db, "P_CONFLUENT_PATH", arguments, kRead, pConfluent<ConfluentPart::path>,
+                   schemas);
+    createFunction(db, "P_CONFLUENT_PAYLOAD", arguments, kRead, pConfluent<ConfluentPart::payload>,
+                   schemas);
+  }
   createFunction(db, "ostrel_register_descriptor_set", 1, kRegister, registerDescriptorSet,
                  schemas);
   createFunction(db, "ostrel_register_manifest", 1, kRegister, registerManifest, schemas);

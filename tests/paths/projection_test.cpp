@@ -190,33 +190,5 @@ TEST(ProjectionTest, TypedAccessorsAndReadsRefuseAnotherKind) {
             SchematizerError::repeatedValueAccessNoIndex());
 }
 
-TEST(DelimitedRecordsTest, SplitsRecordsAndStopsAtABadPrefix) {
-  const std::vector<std::tuple<Bytes, std::vector<std::string>, std::string>> cases = {
-      {{}, {}, ""},
-      {bytesOf({2, 'a', 'b', 0, 1, 'c'}), {"ab", "", "c"}, ""},
-      {bytesOf({1, 'a', 3, 'b', 'c'}), {"a"}, thrown(SerializationError::truncated())},
-      {bytesOf({1, 'a', 0x80}), {"a"}, thrown(SerializationError::malformedProtobuf())},
-      {bytesOf({1, 'a', 0x81, 0x80, 0x80, 0x80, 0x10, 'b'}),
-       {"a"},
-       thrown(SerializationError::malformedProtobuf())},
-  };
-  for (const auto& [stream, expected, expectedEnd] : cases) {
-    SCOPED_TRACE(stream.size());
-    DelimitedRecords records(stream);
-    std::vector<std::string> got;
-    std::string end;
-    try {
-      while (std::optional<ByteView> record = records.next()) got.emplace_back(asText(*record));
-    } catch (const Error&) {
-      end = outcome([&] { return records.next(); });
-      // A bad prefix stays bad: the stream does not move past it.
-      EXPECT_EQ(outcome([&] { return records.next(); }), end);
-    }
-    EXPECT_EQ(got, expected);
-    EXPECT_EQ(end, expectedEnd);
-    EXPECT_EQ(records.count(), static_cast<int64_t>(expected.size()));
-  }
-}
-
 }  // namespace
 }  // namespace ostrel

@@ -11,6 +11,7 @@
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
@@ -416,6 +417,17 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
            error(SchematizerError::nonMessageTypeInKeypath())},
           {"SELECT count(*) FROM P_EACH(x'5801')",
            "error:P_EACH takes (record, path) or (record, type, path)"},
+          // A Kafka value in Confluent's envelope: id 42, message path [1, 0], then the record.
+          {"SELECT P_CONFLUENT_ID(x'000000002a0402005801')", "int:42"},
+          {"SELECT P_CONFLUENT_PATH(x'000000002a0402005801')", "text:[1,0]"},
+          {"SELECT P_CONFLUENT_PATH(x'000000002a02010058', 'unsigned')", "text:[1,0]"},
+          {"SELECT P_GET(P_CONFLUENT_PAYLOAD(x'000000002a005801'), 'ostrel.test.Rich', 'color')",
+           "text:RED"},
+          {"SELECT P_CONFLUENT_ID(x'01000102030405060708090a0b0c0d0e0f00')",
+           "text:00010203-0405-0607-0809-0a0b0c0d0e0f"},
+          {"SELECT P_CONFLUENT_PAYLOAD(x'5801')", error(FramingError::wrongMagic("0x58"))},
+          {"SELECT P_CONFLUENT_PATH(x'000000002a', 'zig')",
+           "error:the index form is 'zigzag' or 'unsigned'"},
           // From here on the two-argument forms read Rich records.
           {"SELECT ostrel_default_type('ostrel.test.Rich')", "text:ostrel.test.Rich"},
           // The arguments may come as constraints on the hidden columns too, in any order.

@@ -92,16 +92,21 @@ int run(Arguments& args, GlobalOptions& globals) {
     }
   }
   require(input.message, "-m MSG");
-  if (records.delimited && format.value_or(DataFormat::binary) != DataFormat::binary) {
+  if (records.kafka || records.confluent ||
+      (records.framed && records.framing != Framing::varint)) {
+    throw UsageError("encode writes one message or, with --delimited, varint-delimited records");
+  }
+  const bool delimited = records.framed;
+  if (delimited && format.value_or(DataFormat::binary) != DataFormat::binary) {
     throw UsageError("--delimited writes binary records; --output must be binary");
   }
-  if (records.failFast && !records.delimited) {
+  if (records.failFast && !delimited) {
     throw UsageError("--fail-fast applies to --delimited only");
   }
 
   const LoadedSchemas schemas = loadSchemas(globals);
   const MessageSchema schema = input.schema(schemas);
-  if (records.delimited) {
+  if (delimited) {
     if (fromText) throw UsageError("--delimited reads JSON Lines; it does not go with --from text");
     if (!input.file || *input.file == "-") {
       return encodeLines(std::cin, "standard input", schema, options, records.failFast);

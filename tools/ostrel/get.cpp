@@ -1,3 +1,4 @@
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "ostrel/core/errors.hpp"
@@ -10,17 +11,19 @@ namespace ostrel::tool {
 namespace {
 
 constexpr std::string_view kUsage =
-    R"usage(usage: ostrel [SCHEMAS] get -m MSG [-i FILE]... [--input FORMAT] [--delimited]
-                 [--format FORMAT] [--fail-fast] [--exact] PATH...
+    R"usage(usage: ostrel [SCHEMAS] get -m MSG [-i FILE]... [--input FORMAT] [--framing FRAMING]
+                 [--kafka HOST:PORT --topic T ...] [--format FORMAT] [--fail-fast] [--exact]
+                 PATH...
 
 Reads the value at each property PATH of one encoded MSG message and prints one line per PATH,
 in argument order: the value as JSON (64-bit integers as strings, bytes as base64, enums by
 name, messages as objects on one line), or null when the message does not hold it.
 
-On a stream of records (--delimited, or several -i files, one record each) every record is read
-in one pass for all PATHs and gives one line: a JSON object with each PATH as a key (JSON Lines),
-or a CSV or TSV row under a header row of the PATHs. A record that cannot be read is reported on
-standard error with its number and byte offset and skipped; the exit status is then 1.
+On a stream of records (--framing, --kafka, or several -i files, one record each) every record
+is read in one pass for all PATHs and gives one line: a JSON object with each PATH as a key (JSON
+Lines), or a CSV or TSV row under a header row of the PATHs. A record that cannot be read is reported on
+standard error with its number and byte offset (partition and offset for Kafka) and skipped;
+the exit status is then 1. A null record has every PATH null.
 
 A property path names fields from the outermost message inward, separated by dots; an element of
 a repeated field is addressed by its index from 0 in brackets: customer.name, items[1].sku. A
@@ -30,8 +33,26 @@ map field is a repeated field of entry messages with a key and a value field.
   -i, --input-file FILE   read the data from FILE rather than standard input; several -i
                           are read in turn (one record each, or a stream with --delimited)
   --input FORMAT          how the data is written: binary (default), hex or base64
-  --delimited             each input holds records, each preceded by its length as a varint
-                          (as writeDelimitedTo writes them); read binary, memory-mapped
+  --framing FRAMING       each input is a stream of records: varint (each preceded by its
+                          length as a varint, as writeDelimitedTo writes them; --delimited
+                          is the same), u32be (by a big-endian 32-bit length, -1 for a null
+                          record: kcat -f '%R%s'), single (one record per input), confluent
+                          (one record per input in Confluent's envelope: magic byte, schema
+                          id, message-index path), varint+confluent or u32be+confluent
+  --confluent-indexes F   the envelope's index path as zigzag varints (default, Confluent's
+                          serializers) or unsigned (older Python serializers)
+  --schema-id ID=FILE     the schema of Confluent id ID (or GUID): a descriptor set or .proto
+                          file as a registry exports it; the record's index path picks the
+                          message (the first top-level message is [0]); -m is then not needed
+  --schema-dir DIR        the same for every id with a file DIR/ID.desc, .binpb, .pb or .proto
+  --kafka HOST:PORT       read a Kafka topic instead of files: each message is a record, a
+                          tombstone a null record; with --topic T, --partition N (default:
+                          all), --offset beginning|end|N|@MILLISECONDS, --max N, --group G
+                          (commits the offsets read; without --offset starts where G
+                          stopped), --follow (wait for more instead of stopping at the ends
+                          of the partitions; SIGINT stops), -X NAME=VALUE (librdkafka)
+  --provenance            with --kafka: the partition, offset, timestamp and key of each
+                          record, first, as @partition, @offset, @timestamp and @key
   --format FORMAT         lines (one line per PATH; the default for one message), jsonl (the
                           default for streams), csv or tsv (strings as text, bytes as
                           base64, messages as JSON; an absent value is an empty CSV field
@@ -217,7 +238,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     }
     paths.push_back(args.positional());
   }
-  require(input.message, "-m MSG");
+  records.check(input);
   if (paths.empty()) throw UsageError("missing PATH");
   const bool streams = records.streams(input);
   if (streams && format == OutputFormat::lines) {
@@ -226,11 +247,10 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = input.schema(schemas);
-  resolvePaths(schema, paths, false);
+  if (input.message) resolvePaths(input.schema(schemas), paths, false);
 
   if (!streams && format.value_or(OutputFormat::lines) == OutputFormat::lines) {
-    const SchematizedData data = schema.schematizedData(input.read());
+    const SchematizedData data = input.schema(schemas).schematizedData(input.read());
     std::string out;
     for (const std::string& path : paths) {
       try {
@@ -245,46 +265,98 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
 
   const OutputFormat output = format.value_or(OutputFormat::jsonl);
-  const Projection projection(schema, paths, mode);
-  ProjectionRow row = projection.makeRow();
+  const char separator = output == OutputFormat::csv ? ',' : '\t';
+  // One projection per message type met, made when the first record of the type comes; a type
+  // the paths do not fit keeps its error for each of its records.
+  struct Typed {
+    std::optional<Projection> projection;
+    std::optional<ProjectionRow> row;
+    std::string error;
+  };
+  std::map<const MessageSchema*, Typed> typed;
+  std::vector<std::string> columns;
+  if (records.provenance) columns = {"@partition", "@offset", "@timestamp", "@key"};
+  columns.insert(columns.end(), paths.begin(), paths.end());
   std::vector<std::string> keys;
-  for (const std::string& path : paths) keys.push_back(jsonString(path));
+  for (const std::string& column : columns) keys.push_back(jsonString(column) + ":");
   std::string line;
   if (output != OutputFormat::jsonl) {
-    for (size_t i = 0; i < paths.size(); ++i) {
-      if (i > 0) line += output == OutputFormat::csv ? ',' : '\t';
-      appendField(line, paths[i], output);
+    for (size_t i = 0; i < columns.size(); ++i) {
+      if (i > 0) line += separator;
+      appendField(line, columns[i], output);
     }
     line += '\n';
     writeOut(line);
   }
-  return forEachRecord(input, records, [&](ByteView record) {
-    projection.read(record, row);
-    // A record is printed whole or not at all: the first failed path makes it a bad record.
-    for (size_t i = 0; i < paths.size(); ++i) {
-      if (row.state(i) != ProjectionRow::State::failed) continue;
-      try {
-        std::rethrow_exception(row.error(i));
-      } catch (const Error& error) {
-        throw ToolError(paths[i] + ": " + error.what());
+  // Appends column `i`: JSON text in JSON Lines, `plain` text otherwise; absent without either.
+  const auto cell = [&](size_t i, const std::optional<std::string>& json,
+                        const std::optional<std::string>& plain) {
+    if (output == OutputFormat::jsonl) {
+      if (i > 0) line += ',';
+      line += keys[i];
+      line += json.value_or("null");
+      return;
+    }
+    if (i > 0) line += separator;
+    if (plain) {
+      appendField(line, *plain, output);
+    } else if (output == OutputFormat::tsv) {
+      line += "\\N";
+    }
+  };
+  RecordSchemas types(records, input, schemas);
+  return forEachRecord(input, records, types, [&](const StreamRecord& record) {
+    ProjectionRow* row = nullptr;
+    if (record.bytes) {
+      Typed& type = typed[record.schema];
+      if (!type.projection && type.error.empty()) {
+        try {
+          resolvePaths(*record.schema, paths, false);
+          type.projection.emplace(*record.schema, paths, mode);
+          type.row = type.projection->makeRow();
+        } catch (const std::exception& error) {
+          type.error = record.schema->name() + ": " + error.what();
+        }
+      }
+      if (!type.projection) throw ToolError(type.error);
+      row = &*type.row;
+      type.projection->read(*record.bytes, *row);
+      // A record is printed whole or not at all: the first failed path makes it a bad record.
+      for (size_t i = 0; i < paths.size(); ++i) {
+        if (row->state(i) != ProjectionRow::State::failed) continue;
+        try {
+          std::rethrow_exception(row->error(i));
+        } catch (const Error& error) {
+          throw ToolError(paths[i] + ": " + error.what());
+        }
       }
     }
     line.clear();
     if (output == OutputFormat::jsonl) line += '{';
-    for (size_t i = 0; i < paths.size(); ++i) {
-      const std::optional<AnyValue> found = row.value(i);
-      if (output == OutputFormat::jsonl) {
-        if (i > 0) line += ',';
-        line += keys[i];
-        line += ':';
-        line += found ? valueJSON(*found) : "null";
+    size_t column = 0;
+    if (records.provenance) {
+      const KafkaProvenance& kafka = *record.kafka;
+      const std::string partition = std::to_string(kafka.partition);
+      const std::string offset = std::to_string(kafka.offset);
+      cell(column++, partition, partition);
+      cell(column++, offset, offset);
+      const std::optional<std::string> timestamp =
+          kafka.timestamp ? std::optional(std::to_string(*kafka.timestamp)) : std::nullopt;
+      cell(column++, timestamp, timestamp);
+      if (kafka.key) {
+        cell(column++, jsonString(asText(*kafka.key)), std::string(asText(*kafka.key)));
       } else {
-        if (i > 0) line += output == OutputFormat::csv ? ',' : '\t';
-        if (found) {
-          appendField(line, plainText(*found), output);
-        } else if (output == OutputFormat::tsv) {
-          line += "\\N";
-        }
+        cell(column++, std::nullopt, std::nullopt);
+      }
+    }
+    for (size_t i = 0; i < paths.size(); ++i, ++column) {
+      const std::optional<AnyValue> found = row ? row->value(i) : std::nullopt;
+      if (found && output == OutputFormat::jsonl) {
+        cell(column, valueJSON(*found), std::nullopt);
+      } else if (found) {
+        cell(column, std::nullopt, plainText(*found));
+      } else {
+        cell(column, std::nullopt, std::nullopt);
       }
     }
     if (output == OutputFormat::jsonl) line += '}';

@@ -48,7 +48,10 @@ int run(Arguments& args, GlobalOptions& globals) {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(input.message, "-m MSG");
+  records.check(input);
+  if (records.typedByIds()) {
+    throw UsageError("iterate reads records of one type: -m MSG, not --schema-id or --schema-dir");
+  }
   require(path, "PATH");
 
   const LoadedSchemas schemas = loadSchemas(globals);
@@ -95,10 +98,12 @@ int run(Arguments& args, GlobalOptions& globals) {
   };
 
   if (records.streams(input)) {
-    return forEachRecord(input, records, [&](ByteView record) {
+    RecordSchemas types(records, input, schemas);
+    return forEachRecord(input, records, types, [&](const StreamRecord& record) {
+      if (!record.bytes) return writeOut("null\n");
       std::string line = "[";
       try {
-        elementsOf(record, [&](const std::string& json) {
+        elementsOf(*record.bytes, [&](const std::string& json) {
           if (line.size() > 1) line += ',';
           line += json;
         });

@@ -1,5 +1,7 @@
 #include "ostrel/output/json.hpp"
 
+#include <nlohmann/json.hpp>
+
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -7,7 +9,8 @@ namespace {
 
 constexpr std::string_view kUsage =
     R"usage(usage: ostrel [SCHEMAS] json -m MSG [-i FILE] [--input FORMAT] [--pretty] [--json-names]
-                                [--enums-as-numbers] [--print-defaults]
+                                [--enums-as-numbers] [--print-defaults] [--framing FRAMING]
+                                [--kafka HOST:PORT --topic T ...]
 
 Prints one encoded MSG message as a JSON object: every field present in the data under its
 declared name, in field-number order; absent fields are left out. Values as the protobuf JSON
@@ -26,16 +29,36 @@ The text is written as it is made, so that large messages print in little memory
   --enums-as-numbers      enum values as numbers, not names
   --print-defaults        also fields absent from the data that have no presence of their own
                           (proto3 scalars, repeated and map fields), with their default values
-  --delimited             each input holds records, each preceded by its length as a varint;
-                          every record prints as one line (JSON Lines without --pretty)
+  --framing FRAMING       each input is a stream of records: varint (each preceded by its
+                          length as a varint, as writeDelimitedTo writes them; --delimited
+                          is the same), u32be (by a big-endian 32-bit length, -1 for a null
+                          record: kcat -f '%R%s'), single (one record per input), confluent
+                          (one record per input in Confluent's envelope: magic byte, schema
+                          id, message-index path), varint+confluent or u32be+confluent
+  --confluent-indexes F   the envelope's index path as zigzag varints (default, Confluent's
+                          serializers) or unsigned (older Python serializers)
+  --schema-id ID=FILE     the schema of Confluent id ID (or GUID): a descriptor set or .proto
+                          file as a registry exports it; the record's index path picks the
+                          message (the first top-level message is [0]); -m is then not needed
+  --schema-dir DIR        the same for every id with a file DIR/ID.desc, .binpb, .pb or .proto
+  --kafka HOST:PORT       read a Kafka topic instead of files: each message is a record, a
+                          tombstone a null record; with --topic T, --partition N (default:
+                          all), --offset beginning|end|N|@MILLISECONDS, --max N, --group G
+                          (commits the offsets read; without --offset starts where G
+                          stopped), --follow (wait for more instead of stopping at the ends
+                          of the partitions; SIGINT stops), -X NAME=VALUE (librdkafka)
+  --provenance            with --kafka: the partition, offset, timestamp and key of each
+                          record, first, as @partition, @offset, @timestamp and @key
   --fail-fast             stop at the first bad record
 
 What is printed is what protobuf's parse of the data holds: of a field the data holds more than
 once, the last value, or for a message all of them merged; of a oneof, the last member present.
 
-Several -i files are several records. A record that cannot be rendered (a field that cannot be
-walked or decoded) is reported on standard error with its number and byte offset and skipped; the
-exit status is then 1. A single message that cannot be rendered stops the output where the fault
+Several -i files are several records, and so is a framed input or a Kafka topic: every record
+prints as one line (JSON Lines without --pretty), a null record as null; with --provenance as
+{"@partition":P,"@offset":O,"@timestamp":T,"@key":K,"value":RECORD}. A record that cannot be
+rendered (a field that cannot be walked or decoded) is reported on standard error with its number
+and byte offset and skipped; the exit status is then 1. A single message that cannot be rendered stops the output where the fault
 was met (a large message is printed as it is made) and reports the error on standard error, with
 exit status 1.
 )usage";
@@ -59,16 +82,33 @@ int run(Arguments& args, GlobalOptions& globals) {
       throw UsageError("unexpected argument \"" + args.positional() + "\"");
     }
   }
-  require(input.message, "-m MSG");
+  records.check(input);
 
   const LoadedSchemas schemas = loadSchemas(globals);
   if (records.streams(input)) {
-    const MessageSchema schema = input.schema(schemas);
+    RecordSchemas types(records, input, schemas);
     std::string line;
-    return forEachRecord(input, records, [&](ByteView record) {
+    std::string rendered;
+    return forEachRecord(input, records, types, [&](const StreamRecord& record) {
       // Rendered whole before any of it is printed: a bad record prints nothing.
-      line = renderJSON(UnsafeSchematizedData(schema.impl(), record), options);
-      line += '\n';
+      rendered =
+          record.bytes
+              ? renderJSON(UnsafeSchematizedData(record.schema->impl(), *record.bytes), options)
+              : "null";
+      line.clear();
+      if (records.provenance) {
+        const KafkaProvenance& kafka = *record.kafka;
+        nlohmann::json key;
+        if (kafka.key) key = std::string(asText(*kafka.key));
+        line += "{\"@partition\":" + std::to_string(kafka.partition) +
+                ",\"@offset\":" + std::to_string(kafka.offset) +
+                ",\"@timestamp\":" + (kafka.timestamp ? std::to_string(*kafka.timestamp) : "null") +
+                ",\"@key\":" + key.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                ",\"value\":" + rendered + "}\n";
+      } else {
+        line += rendered;
+        line += '\n';
+      }
       writeOut(line);
     });
   }

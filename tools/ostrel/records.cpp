@@ -1,6 +1,9 @@
-// Record streams: the inputs of a command as a sequence of records (one per file, or many
-// length-prefixed records per file), memory-mapped where the input allows it, with bad records
-// reported and skipped, and a progress line on a terminal.
+// Record streams: the inputs of a command as a sequence of records (one per file, many per file as
+// its framing says, or the messages of a Kafka topic), memory-mapped where the input allows it,
+// each out of its Confluent envelope with its type, with bad records reported and skipped, and a
+// progress line on a terminal.
+
+#include "ostrel/records/records.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -12,9 +15,9 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <string>
 
 #include "ostrel/core/errors.hpp"
-#include "ostrel/wire/schematizer.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -101,11 +104,88 @@ class Progress {
   Clock::time_point last_;
 };
 
+// Parses a whole decimal integer; throws UsageError naming `option` for anything else.
+int64_t parseInteger(const std::string& text, std::string_view option) {
+  size_t used = 0;
+  int64_t value = 0;
+  try {
+    value = std::stoll(text, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  if (used == 0 || used != text.size()) {
+    throw UsageError(std::string(option) + " takes a number, not \"" + text + "\"");
+  }
+  return value;
+}
+
 }  // namespace
 
 bool RecordOptions::parse(Arguments& args) {
+  std::string value;
+  const auto kafkaOptions = [&]() -> KafkaOptions& {
+    if (!kafka) kafka.emplace();
+    return *kafka;
+  };
   if (args.flag({"--delimited"})) {
-    delimited = true;
+    framing = Framing::varint;
+    framed = true;
+  } else if (args.value({"--framing"}, value)) {
+    std::string_view name = value;
+    confluent = name == "confluent" || name.ends_with("+confluent");
+    if (name.ends_with("+confluent")) name.remove_suffix(std::string_view("+confluent").size());
+    const std::optional<Framing> found =
+        name == "confluent" ? std::optional(Framing::single) : findFraming(name);
+    if (!found || name.empty()) {
+      throw UsageError(
+          "--framing must be varint, u32be, single or confluent (or varint+confluent, "
+          "u32be+confluent), not \"" +
+          value + "\"");
+    }
+    framing = *found;
+    framed = true;
+  } else if (args.value({"--confluent-indexes"}, value)) {
+    if (value != "zigzag" && value != "unsigned") {
+      throw UsageError("--confluent-indexes must be zigzag or unsigned, not \"" + value + "\"");
+    }
+    indexForm = value == "zigzag" ? ConfluentIndexForm::zigzag : ConfluentIndexForm::unsignedVarint;
+  } else if (args.value({"--schema-id"}, value)) {
+    const size_t equals = value.find('=');
+    if (equals == std::string::npos || equals == 0 || equals + 1 == value.size()) {
+      throw UsageError("--schema-id takes ID=FILE, not \"" + value + "\"");
+    }
+    schemaIds.emplace_back(value.substr(0, equals), value.substr(equals + 1));
+  } else if (args.value({"--schema-dir"}, value)) {
+    schemaDir = value;
+  } else if (args.value({"--kafka"}, value)) {
+    kafkaOptions().brokers = value;
+  } else if (args.value({"--topic"}, value)) {
+    kafkaOptions().topic = value;
+  } else if (args.value({"--partition"}, value)) {
+    const int64_t partition = parseInteger(value, "--partition");
+    if (partition < 0 || partition > 0x7FFFFFFF) {
+      throw UsageError("--partition must be 0 or more, not " + value);
+    }
+    kafkaOptions().partition = static_cast<int32_t>(partition);
+  } else if (args.value({"--offset"}, value)) {
+    if (value != "beginning" && value != "end") {
+      parseInteger(value.starts_with('@') ? value.substr(1) : value, "--offset");
+    }
+    kafkaOptions().start = value;
+  } else if (args.value({"--max"}, value)) {
+    kafkaOptions().max = parseInteger(value, "--max");
+  } else if (args.value({"--group"}, value)) {
+    kafkaOptions().group = value;
+  } else if (args.flag({"--follow"})) {
+    kafkaOptions().follow = true;
+  } else if (args.value({"-X"}, value)) {
+    const size_t equals = value.find('=');
+    if (equals == std::string::npos || equals == 0) {
+      throw UsageError("-X takes NAME=VALUE, not \"" + value + "\"");
+    }
+    kafkaOptions().properties.emplace_back(value.substr(0, equals), value.substr(equals + 1));
+  } else if (args.flag({"--provenance"})) {
+    provenance = true;
   } else if (args.flag({"--fail-fast"})) {
     failFast = true;
   } else {
@@ -115,14 +195,33 @@ bool RecordOptions::parse(Arguments& args) {
 }
 
 bool RecordOptions::streams(const MessageInput& input) const {
-  return delimited || input.files.size() > 1;
+  return framed || kafka || input.files.size() > 1;
 }
 
-int forEachRecord(const MessageInput& input, const RecordOptions& options,
-                  const std::function<void(ByteView record)>& handle) {
-  if (options.delimited && input.format != DataFormat::binary) {
-    throw UsageError("--delimited reads binary records; --input must be binary");
+void RecordOptions::check(const MessageInput& input) const {
+  if (kafka) {
+    if (kafka->brokers.empty()) throw UsageError("missing --kafka HOST:PORT");
+    if (kafka->topic.empty()) throw UsageError("missing --topic T");
+    if (framed && framing != Framing::single) {
+      throw UsageError("--kafka reads one record a message: --framing single or confluent");
+    }
+    if (!input.files.empty()) throw UsageError("--kafka reads the topic; it does not go with -i");
+  } else if (provenance) {
+    throw UsageError("--provenance applies to --kafka");
   }
+  if ((!schemaIds.empty() || schemaDir) && !confluent) {
+    throw UsageError(
+        "--schema-id and --schema-dir name the schemas of Confluent ids: "
+        "--framing confluent");
+  }
+  if (framed && input.format != DataFormat::binary) {
+    throw UsageError("--framing and --delimited read binary records; --input must be binary");
+  }
+  if (!typedByIds()) require(input.message, "-m MSG");
+}
+
+int forEachRecord(const MessageInput& input, const RecordOptions& options, RecordSchemas& schemas,
+                  const std::function<void(const StreamRecord& record)>& handle) {
   std::vector<std::string> files = input.files;
   if (files.empty()) files.emplace_back("-");
 
@@ -130,17 +229,46 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
   int64_t records = 0;
   int64_t bytesDone = 0;
   int64_t bad = 0;
-  // Runs `handle` on one record; a failure is reported with where the record starts and, unless
+  // One record out of its envelope, with its type, to `handle`.
+  const auto deliver = [&](std::optional<ByteView> value, const KafkaProvenance* kafka) {
+    StreamRecord record;
+    record.kafka = kafka;
+    if (value) {
+      ByteView payload = *value;
+      const MessageSchema* schema = schemas.fixed();
+      if (options.confluent) {
+        ConfluentSchemaId id;
+        if (kafka && kafka->schemaIdHeader) {
+          id = decodeConfluentHeader(*kafka->schemaIdHeader, options.indexForm);
+        } else {
+          ConfluentEnvelope envelope = decodeConfluent(payload, options.indexForm);
+          id = std::move(envelope.schema);
+          payload = envelope.payload;
+        }
+        if (options.typedByIds()) schema = &schemas.schemaFor(id);
+      }
+      record.bytes = payload;
+      record.schema = schema;
+    }
+    handle(record);
+  };
+  // Runs `handle` on one record; a failure is reported with where the record is and, unless
   // --fail-fast, the run goes on. Returns false to stop.
-  const auto one = [&](const std::string& name, int64_t ordinal, int64_t offset, ByteView record) {
+  const auto one = [&](const std::string& name, int64_t ordinal, int64_t offset,
+                       std::optional<ByteView> value, const KafkaProvenance* kafka = nullptr) {
     ++records;
     try {
-      handle(record);
+      deliver(value, kafka);
       return true;
     } catch (const std::exception& error) {
       ++bad;
-      std::cerr << "ostrel: " << name << ": record " << ordinal << " at byte " << offset << ": "
-                << error.what() << "\n";
+      if (kafka) {
+        std::cerr << "ostrel: " << name << ": partition " << kafka->partition << " offset "
+                  << kafka->offset << ": " << error.what() << "\n";
+      } else {
+        std::cerr << "ostrel: " << name << ": record " << ordinal << " at byte " << offset << ": "
+                  << error.what() << "\n";
+      }
       return !options.failFast;
     }
   };
@@ -161,6 +289,17 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
     std::cerr << "ostrel: " << name << ": " << error.what() << "\n";
     return !options.failFast;
   };
+
+  if (options.kafka) {
+    const std::string name = "topic " + options.kafka->topic;
+    consumeKafka(*options.kafka, [&](const KafkaProvenance& kafka, std::optional<ByteView> value) {
+      const bool go = one(name, 0, 0, value, &kafka);
+      if (value) bytesDone += static_cast<int64_t>(value->size());
+      progress.update(records, bytesDone);
+      return go;
+    });
+    return bad > 0 ? kExitFailure : kExitSuccess;
+  }
 
   for (const std::string& file : files) {
     const bool standardInput = file == "-";
@@ -184,7 +323,7 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
       if (!mapping->mapped()) mapping.reset();
     }
 
-    if (!options.delimited) {
+    if (options.framing == Framing::single) {
       // One record per file.
       Bytes held;
       ByteView record;
@@ -206,19 +345,22 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
     }
 
     if (mapping) {
-      DelimitedRecords stream(mapping->bytes());
+      RecordSource stream(mapping->bytes(), options.framing);
       int64_t nextRelease = kReleaseEvery;
       for (;;) {
-        const int64_t offset = stream.position();
         std::optional<ByteView> record;
         try {
           record = stream.next();
         } catch (const Error& error) {
-          if (!framingFault(name, stream.count() + 1, offset, error)) return kExitFailure;
+          if (!framingFault(name, stream.count() + 1, stream.position(), error)) {
+            return kExitFailure;
+          }
           break;
         }
         if (!record) break;
-        if (!one(name, stream.count(), offset, *record)) return kExitFailure;
+        if (!one(name, stream.count(), stream.offset(), stream.null() ? std::nullopt : record)) {
+          return kExitFailure;
+        }
         progress.update(records, bytesDone + stream.position());
         if (stream.position() >= nextRelease) {
           mapping->release(stream.position());
@@ -255,25 +397,26 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options,
       }
       buffer.resize(used + static_cast<size_t>(got));
       ended = got == 0;
-      DelimitedRecords stream(ByteView(buffer).subspan(start));
+      RecordSource stream(ByteView(buffer).subspan(start), options.framing);
       for (;;) {
-        const int64_t offset = consumed + stream.position();
         std::optional<ByteView> record;
         try {
           record = stream.next();
-        } catch (const SerializationError& error) {
+        } catch (const FramingError& error) {
           // Only at the end of the input is a record cut short; before it, more is read.
-          if (!ended && error.code() != SerializationError::Code::malformedProtobuf) break;
-          if (!ended && buffer.size() - start - static_cast<size_t>(stream.position()) < 10) {
-            break;
+          if (!ended && error.code() == FramingError::Code::truncated) break;
+          if (!framingFault(name, ordinal + 1, consumed + stream.position(), error)) {
+            return kExitFailure;
           }
-          if (!framingFault(name, ordinal + 1, offset, error)) return kExitFailure;
           ended = true;
           break;
         }
         if (!record) break;
         ++ordinal;
-        if (!one(name, ordinal, offset, *record)) return kExitFailure;
+        if (!one(name, ordinal, consumed + stream.offset(),
+                 stream.null() ? std::nullopt : record)) {
+          return kExitFailure;
+        }
         progress.update(records, bytesDone + consumed + stream.position());
       }
       start += static_cast<size_t>(stream.position());

@@ -31,17 +31,19 @@ int run(Arguments& args, GlobalOptions& globals) {
     if (globals.parse(args) || input.parse(args) || records.parse(args)) continue;
     throw UsageError("unexpected argument \"" + args.positional() + "\"");
   }
-  require(input.message, "-m MSG");
+  records.check(input);
 
   const LoadedSchemas schemas = loadSchemas(globals);
-  const MessageSchema schema = input.schema(schemas);
   if (records.streams(input)) {
-    return forEachRecord(input, records, [&](ByteView record) {
-      writeOut(renderText(UnsafeSchematizedData(schema.impl(), record)));
+    RecordSchemas types(records, input, schemas);
+    return forEachRecord(input, records, types, [&](const StreamRecord& record) {
+      // A null record is an empty message's text: nothing, then the separating empty line.
+      if (record.bytes)
+        writeOut(renderText(UnsafeSchematizedData(record.schema->impl(), *record.bytes)));
       writeOut("\n");
     });
   }
-  writeOut(renderText(schema.schematizedData(input.read())));
+  writeOut(renderText(input.schema(schemas).schematizedData(input.read())));
   return kExitSuccess;
 }
 

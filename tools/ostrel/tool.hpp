@@ -7,6 +7,7 @@
 #include <functional>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -16,6 +17,7 @@
 #include "ostrel/core/values.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/store/schemas.hpp"
 
 namespace ostrel::tool {
@@ -160,28 +162,112 @@ struct MessageInput {
   Bytes readFile(const std::optional<std::string>& path) const;
 };
 
-// How a command reads records: --delimited (each input a stream of records, each preceded by its
-// length as a varint) and --fail-fast (stop at the first bad record).
+// Where to read a Kafka topic from (--kafka HOST:PORT --topic T and their companions).
+struct KafkaOptions {
+  std::string brokers;
+  std::string topic;
+  // Every partition of the topic when absent.
+  std::optional<int32_t> partition;
+  // "beginning", "end", an offset, or "@" and a time in milliseconds since 1970; the group's
+  // committed offsets (else the beginning) with a group, the beginning without one.
+  std::optional<std::string> start;
+  std::optional<int64_t> max;
+  std::optional<std::string> group;
+  bool follow = false;
+  // librdkafka properties (-X NAME=VALUE), set last.
+  std::vector<std::pair<std::string, std::string>> properties;
+};
+
+// How a command reads records: the framing of its inputs (--framing, --delimited being --framing
+// varint), Confluent's envelope and the schemas its ids name, a Kafka topic in place of files, and
+// --fail-fast (stop at the first bad record).
 struct RecordOptions {
-  bool delimited = false;
+  Framing framing = Framing::single;
+  // Whether --framing or --delimited was given: the inputs are record streams.
+  bool framed = false;
+  // Each record is a Confluent envelope (--framing confluent, or FRAMING+confluent).
+  bool confluent = false;
+  ConfluentIndexForm indexForm = ConfluentIndexForm::zigzag;
+  // --schema-id ID=FILE, in order, and --schema-dir DIR (files named ID.desc, ID.binpb, ID.pb or
+  // ID.proto): the schema of each Confluent id; the record's message-index path picks the message.
+  std::vector<std::pair<std::string, std::string>> schemaIds;
+  std::optional<std::string> schemaDir;
+  std::optional<KafkaOptions> kafka;
+  // Kafka's partition, offset, timestamp and key of each record in the output (--provenance).
+  bool provenance = false;
   bool failFast = false;
 
   // Consumes one of these options at the cursor, if there is one.
   bool parse(Arguments& args);
-  // Whether the command works on a stream of records (--delimited or several -i files) rather
-  // than on one message.
+  // Whether the command works on a stream of records (a framing, Kafka or several -i files)
+  // rather than on one message.
   bool streams(const MessageInput& input) const;
+  // Whether each record's schema comes from its Confluent id rather than from -m.
+  bool typedByIds() const { return confluent && (!schemaIds.empty() || schemaDir); }
+  // Throws UsageError for options that do not go together, and for a missing -m where the
+  // records' ids do not give their types.
+  void check(const MessageInput& input) const;
 };
 
-// Hands every record of the inputs (-i FILE..., standard input without one) to `handle`, in order:
-// one record per file, or every delimited record of each file. Regular files are memory-mapped,
-// not copied. A record `handle` throws for, or a length prefix that cannot be followed (which ends
-// its file), is reported on standard error with its file, its number from 1 and the byte offset
-// where it starts, and skipped, or with `failFast` ends the run. Returns kExitFailure when any
-// record was bad, else kExitSuccess. On a terminal, a progress line shows on standard error once
-// the run has taken a second.
-int forEachRecord(const MessageInput& input, const RecordOptions& options,
-                  const std::function<void(ByteView record)>& handle);
+// Kafka's account of one record.
+struct KafkaProvenance {
+  int32_t partition = 0;
+  int64_t offset = 0;
+  // Milliseconds since 1970, when the broker gives one.
+  std::optional<int64_t> timestamp;
+  std::optional<ByteView> key;
+  // The __value_schema_id header, when the record has one.
+  std::optional<ByteView> schemaIdHeader;
+};
+
+// One record as a command sees it: its message bytes (out of their envelope) and their type, or
+// none for a null record (a Kafka tombstone); where it came from, for a Kafka record.
+struct StreamRecord {
+  std::optional<ByteView> bytes;
+  const MessageSchema* schema = nullptr;
+  const KafkaProvenance* kafka = nullptr;
+};
+
+// The message type of each record: -m's, or the one its Confluent id and message-index path name
+// in the schema files of --schema-id and --schema-dir, each loaded once, when first needed.
+class RecordSchemas {
+ public:
+  RecordSchemas(const RecordOptions& options, const MessageInput& input,
+                const LoadedSchemas& schemas);
+  ~RecordSchemas();
+  RecordSchemas(const RecordSchemas&) = delete;
+  RecordSchemas& operator=(const RecordSchemas&) = delete;
+
+  // -m's schema; null when -m was not given.
+  const MessageSchema* fixed() const { return fixed_ ? &*fixed_ : nullptr; }
+  // The schema of `id`, valid as long as this object. Throws ToolError "no schema for id 42" and
+  // "schema id 42 (FILE) has no message at index path [3]".
+  const MessageSchema& schemaFor(const ConfluentSchemaId& id);
+
+ private:
+  struct Registry;
+  const RecordOptions& options_;
+  std::optional<MessageSchema> fixed_;
+  std::unique_ptr<Registry> registry_;
+};
+
+// Hands every record of the inputs (-i FILE..., standard input without one, or the Kafka topic) to
+// `handle`, in order: each input split by the framing, each record out of its Confluent envelope
+// with its type. Regular files are memory-mapped, not copied. A record `handle` throws for, whose
+// envelope or id is bad, or a length prefix that cannot be followed (which ends its file), is
+// reported on standard error with its file, its number from 1 and the byte offset where it starts
+// (for Kafka, its partition and offset), and skipped, or with `failFast` ends the run. Returns
+// kExitFailure when any record was bad, else kExitSuccess. On a terminal, a progress line shows on
+// standard error once the run has taken a second.
+int forEachRecord(const MessageInput& input, const RecordOptions& options, RecordSchemas& schemas,
+                  const std::function<void(const StreamRecord& record)>& handle);
+
+// Reads the Kafka topic `options` names and hands each record to `handle` (its value, or none
+// for a tombstone), until the end of every partition read (unless follow), max records, or SIGINT;
+// `handle` returns false to stop. Throws ToolError when the brokers or topic cannot be read.
+void consumeKafka(
+    const KafkaOptions& options,
+    const std::function<bool(const KafkaProvenance&, std::optional<ByteView>)>& handle);
 
 // Throws UsageError "missing WHAT" when an option the command needs was not given. Commands check
 // this before loading schemas, so that a wrong command line is reported as such.

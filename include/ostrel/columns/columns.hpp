@@ -63,6 +63,7 @@
 #include "ostrel/columns/arrow_c.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/values.hpp"
+#include "ostrel/records/records.hpp"
 #include "ostrel/store/schemas.hpp"
 
 namespace ostrel {
@@ -137,39 +138,6 @@ class ColumnError final : public Error {
   int64_t byteOffset_;
   std::string path_;
   std::string reason_;
-};
-
-// Where records come from: one after another until no value. A record handed out stays valid until
-// the next call to next().
-class RecordSource {
- public:
-  using Next = std::function<std::optional<ByteView>()>;
-
-  // Records from a callback; it holds whatever its records need. Byte offsets count the sizes of
-  // the records before.
-  explicit RecordSource(Next next);
-  // Length-prefixed records (as DelimitedRecords reads them) from a buffer the source borrows:
-  // valid while that buffer is alive and unchanged. Byte offsets are those of the length prefixes.
-  static RecordSource delimited(ByteView stream);
-  // The same over a buffer the source owns.
-  static RecordSource ownedDelimited(Bytes stream);
-  // One record per buffer, owned by the source.
-  static RecordSource buffers(std::vector<Bytes> records);
-
-  // The next record; no value at the end. A malformed length prefix throws its SerializationError.
-  std::optional<ByteView> next();
-  // The byte offset of the record next() returned last.
-  int64_t offset() const noexcept { return offset_; }
-
- private:
-  RecordSource() = default;
-
-  Next next_;
-  // Plain callbacks: offsets count record sizes.
-  int64_t offset_ = 0;
-  int64_t nextOffset_ = 0;
-  // Delimited streams report their own positions.
-  std::function<int64_t()> position_;
 };
 
 namespace detail {

@@ -151,26 +151,4 @@ class ProtoFirstOfHelper {
                                         std::span<const int64_t> path, ByteView data);
 };
 
-// Records one after another, each preceded by its length as a varint (as writeDelimitedTo writes
-// them). The records borrow from the stream: valid while its buffer is alive and unchanged.
-class DelimitedRecords {
- public:
-  explicit DelimitedRecords(ByteView stream) noexcept : stream_(stream) {}
-
-  // The next record, or no value at the end of the stream. A length prefix that is malformed or
-  // claims more bytes than are left throws SerializationError::malformedProtobuf or truncated;
-  // the stream cannot be followed past it, and every later call throws the same.
-  std::optional<ByteView> next();
-
-  // Where the next record's length prefix starts (the end of the stream once it is used up).
-  int64_t position() const noexcept { return position_; }
-  // How many records next() has returned.
-  int64_t count() const noexcept { return count_; }
-
- private:
-  ByteView stream_;
-  int64_t position_ = 0;
-  int64_t count_ = 0;
-};
-
 }  // namespace ostrel

@@ -185,7 +185,7 @@ TEST(ColumnsDuckDBTest, AStreamOutlivesItsProjectionSchemaAndStore) {
     const MessageSchema schema = store.messageSchema("shop.Order");
     const ColumnProjection projection(schema, {"id", "customer.name", "state", "items", "coupons"});
     projection.exportStream(RecordSource::ownedDelimited(toBytes(orders)), &stream);
-    DelimitedRecords records(asBytes(orders));
+    RecordSource records = RecordSource::delimited(asBytes(orders));
     while (const auto record = records.next()) {
       const SchematizedData data = schema.schematizedData(toBytes(*record));
       std::string skus;

@@ -155,3 +155,12 @@ SELECT p_get('\x08e907120108'::bytea, 'shop.Order', 'customer');
 -- Fields without presence of their own are left out when they hold their default; oneof members
 -- are kept.
 SELECT p_encode('shop.Order', '{"id": 0, "state": "STATE_UNSPECIFIED", "voucher": ""}');
+-- A Kafka value in Confluent's envelope: id 42, message path [1, 0] (or [0] as the single byte 0),
+-- then the record, which p_get reads; a GUID in place of the id; and a value not in the envelope.
+SELECT p_confluent_id(v) AS id, p_confluent_guid(v) AS guid, p_confluent_path(v) AS path,
+       p_confluent_payload(v) AS payload
+FROM (VALUES ('\x000000002a04020008e907'::bytea),
+             ('\x01000102030405060708090a0b0c0d0e0f0008e907'::bytea)) AS kafka(v);
+SELECT p_confluent_path('\x000000002a02010008e907'::bytea, 'unsigned') AS unsigned_path,
+       p_get_bigint(p_confluent_payload('\x000000002a0008e907'::bytea), 'shop.Order', 'id') AS id;
+SELECT p_confluent_id('\x08e907'::bytea);
