@@ -112,25 +112,7 @@ inline Bytes smallMessage(const MessageSchema& schema) {
     if (++count > 64) break;
     std::optional<Case> kind;
     tolerate([&] { kind = field.type().kind(); });
-    const ProtoWireType wireType = [&] {
-      if (!kind) return ProtoWireType::lengthDelimited;
-      switch (*kind) {
-        case Case::fixed32:
-        case Case::sfixed32:
-        case Case::float_:
-          return ProtoWireType::fixed32;
-        case Case::fixed64:
-        case Case::sfixed64:
-        case Case::double_:
-          return ProtoWireType::fixed64;
-        case Case::string:
-        case Case::bytes:
-        case Case::message:
-          return ProtoWireType::lengthDelimited;
-        default:
-          return ProtoWireType::varInt;
-      }
-    }();
+    const ProtoWireType wireType = kind ? ostrel::wireType(*kind) : ProtoWireType::lengthDelimited;
     const auto element = [&] {
       switch (wireType) {
         case ProtoWireType::fixed32:

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "columns/column_plan.hpp"
+#include "core/field_type_facts.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "store/map_entry.hpp"
 #include "output/well_known.hpp"
@@ -99,50 +100,46 @@ Compiled Compiler::leaf(const TypeSchemaDescription& type, uint32_t slot, const 
   reader.type = type;
   reader.defaultWhenAbsent = forceDefault || options_.defaults;
   const char* format = "i";
-  switch (type.kind()) {
-    case TypeCase::int32:
-    case TypeCase::sint32:
-    case TypeCase::sfixed32:
+  // By the value a read of the type gives: the column holds that value.
+  using ValueCase = AnyValueImpl::Case;
+  switch (factsOf(type.kind()).valueCase) {
+    case ValueCase::int32:
       reader.leaf = LeafKind::int32;
       format = "i";
       break;
-    case TypeCase::uint32:
-    case TypeCase::fixed32:
+    case ValueCase::uint32:
       reader.leaf = LeafKind::uint32;
       format = "I";
       break;
-    case TypeCase::int64:
-    case TypeCase::sint64:
-    case TypeCase::sfixed64:
+    case ValueCase::int64:
       reader.leaf = LeafKind::int64;
       format = "l";
       break;
-    case TypeCase::uint64:
-    case TypeCase::fixed64:
+    case ValueCase::uint64:
       reader.leaf = LeafKind::uint64;
       format = "L";
       break;
-    case TypeCase::float_:
+    case ValueCase::float_:
       reader.leaf = LeafKind::float32;
       format = "f";
       break;
-    case TypeCase::double_:
+    case ValueCase::double_:
       reader.leaf = LeafKind::float64;
       format = "g";
       break;
-    case TypeCase::bool_:
+    case ValueCase::bool_:
       reader.leaf = LeafKind::boolean;
       format = "b";
       break;
-    case TypeCase::string:
+    case ValueCase::string:
       reader.leaf = LeafKind::utf8;
       format = options_.largeOffsets ? "U" : "u";
       break;
-    case TypeCase::bytes:
+    case ValueCase::bytes:
       reader.leaf = LeafKind::binary;
       format = options_.largeOffsets ? "Z" : "z";
       break;
-    case TypeCase::enum_:
+    case ValueCase::enum_:
       reader.enumNames = dictionaryOf(*type.enumSchema());
       switch (options_.enums) {
         case ColumnOptions::Enums::dictionary: {
@@ -161,7 +158,7 @@ Compiled Compiler::leaf(const TypeSchemaDescription& type, uint32_t slot, const 
           break;
       }
       break;
-    case TypeCase::message:
+    case ValueCase::message:
       break;
   }
   out.field = field(format, name);

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "columns/column_plan.hpp"
+#include "core/field_type_facts.hpp"
 #include "core/utf8.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/well_known.hpp"
@@ -388,7 +389,7 @@ class BatchReader {
         continue;
       }
       const ProtoWireType wireType = tag.wireType();
-      if (wireType == ProtoWireType::lengthDelimited && hasFixedEncoding(kind)) {
+      if (wireType == ProtoWireType::lengthDelimited && factsOf(kind).isFixedEncoding()) {
         // A packed run. Read first, it is the whole iteration; met after tagged elements, only
         // an exact read takes it (the first-occurrence iteration reads it as one element, which
         // does not fit the type).
@@ -412,7 +413,7 @@ class BatchReader {
       }
       first = false;
       if (!acceptsWireType(kind, wireType)) throwTypeMismatch(type, wireType);
-      if (hasFixedEncoding(kind)) {
+      if (factsOf(kind).isFixedEncoding()) {
         withFixedDecoder(kind, [&](const auto& decode) { onScalar(decode(wire)); });
         continue;
       }

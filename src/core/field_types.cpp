@@ -1,23 +1,12 @@
 #include "ostrel/core/field_types.hpp"
 
-#include <array>
 #include <cstdlib>
 #include <string>
 
+#include "core/field_type_facts.hpp"
 #include "ostrel/core/describing.hpp"
 
 namespace ostrel {
-namespace {
-
-constexpr std::array<std::string_view, kTypeManifestCount> kManifestNames = {
-    "double", "float", "int64", "uint64", "int",      "fixed64",  "fixed32", "bool",  "string",
-    "schema", "data",  "uint",  "enum",   "sfixed32", "sfixed64", "sint32",  "sint64"};
-
-constexpr std::array<std::string_view, 17> kSchemaCaseNames = {
-    "enum",   "message", "int32",    "uint32", "sint32", "fixed32", "sfixed32", "int64", "uint64",
-    "sint64", "fixed64", "sfixed64", "double", "float",  "bool",    "string",   "bytes"};
-
-}  // namespace
 
 std::string_view caseName(ProtoWireType type) noexcept {
   switch (type) {
@@ -38,73 +27,23 @@ std::string_view caseName(ProtoWireType type) noexcept {
 }
 
 std::string_view stringName(TypeManifest type) noexcept {
-  return kManifestNames[static_cast<size_t>(type)];
+  return detail::factsOf(type).manifestName;
 }
 
 std::optional<TypeManifest> parseTypeManifest(std::string_view name) noexcept {
-  for (size_t i = 0; i < kManifestNames.size(); ++i) {
-    if (kManifestNames[i] == name) return static_cast<TypeManifest>(i);
+  for (const detail::FieldTypeFacts& row : detail::field_type_facts::kRows) {
+    if (row.manifestName == name) return row.manifestType;
   }
   return std::nullopt;
 }
 
-ProtoWireType wireType(TypeManifest type) noexcept {
-  switch (type) {
-    case TypeManifest::double_:
-    case TypeManifest::fixed64:
-    case TypeManifest::sfixed64:
-      return ProtoWireType::fixed64;
-    case TypeManifest::float_:
-    case TypeManifest::fixed32:
-    case TypeManifest::sfixed32:
-      return ProtoWireType::fixed32;
-    case TypeManifest::string:
-    case TypeManifest::message:
-    case TypeManifest::bytes:
-      return ProtoWireType::lengthDelimited;
-    default:
-      return ProtoWireType::varInt;
-  }
-}
+ProtoWireType wireType(TypeManifest type) noexcept { return detail::factsOf(type).wireType; }
 
 std::optional<TypeSchemaDescription::Case> TypeSchemaDescription::scalarCaseOf(
     TypeManifest type) noexcept {
-  switch (type) {
-    case TypeManifest::double_:
-      return Case::double_;
-    case TypeManifest::float_:
-      return Case::float_;
-    case TypeManifest::int64:
-      return Case::int64;
-    case TypeManifest::uint64:
-      return Case::uint64;
-    case TypeManifest::int32:
-      return Case::int32;
-    case TypeManifest::fixed64:
-      return Case::fixed64;
-    case TypeManifest::fixed32:
-      return Case::fixed32;
-    case TypeManifest::bool_:
-      return Case::bool_;
-    case TypeManifest::string:
-      return Case::string;
-    case TypeManifest::bytes:
-      return Case::bytes;
-    case TypeManifest::uint32:
-      return Case::uint32;
-    case TypeManifest::sfixed32:
-      return Case::sfixed32;
-    case TypeManifest::sfixed64:
-      return Case::sfixed64;
-    case TypeManifest::sint32:
-      return Case::sint32;
-    case TypeManifest::sint64:
-      return Case::sint64;
-    case TypeManifest::message:
-    case TypeManifest::enum_:
-      return std::nullopt;
-  }
-  return std::nullopt;
+  const Case kind = detail::factsOf(type).kind;
+  if (kind == Case::enum_ || kind == Case::message) return std::nullopt;
+  return kind;
 }
 
 TypeSchemaDescription TypeSchemaDescription::scalar(Case scalarCase) {
@@ -147,7 +86,11 @@ bool operator==(const TypeSchemaDescription& a, const TypeSchemaDescription& b) 
 }
 
 std::string_view caseName(TypeSchemaDescription::Case kind) noexcept {
-  return kSchemaCaseNames[static_cast<size_t>(kind)];
+  return detail::factsOf(kind).caseName;
+}
+
+ProtoWireType wireType(TypeSchemaDescription::Case kind) noexcept {
+  return detail::factsOf(kind).wireType;
 }
 
 }  // namespace ostrel

@@ -1,6 +1,12 @@
 #include "output/field_value_writing.hpp"
+#include <algorithm>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "core/fatal.hpp"
+#include "core/field_type_facts.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/field_types.hpp"
@@ -25,9 +31,8 @@ void writeFieldValue(const detail::AnyValueImpl& value, const FieldSchemaDescrib
     case Value::uint32:
     case Value::int64:
     case Value::uint64:
-      if (const detail::FieldTypeRow& row = detail::fieldTypeRow(type.kind());
-          row.valueCase == value.kind()) {
-        return row.write(writer, value, number);
+      if (detail::factsOf(type.kind()).writtenCase() == value.kind()) {
+        return detail::fieldWrite(type.kind())(writer, value, number);
       }
       break;
     // The others are not checked against the field type: they have a single encoding each, and
@@ -52,6 +57,25 @@ void writeFieldValue(const detail::AnyValueImpl& value, const FieldSchemaDescrib
       return writer.writeData(value.messageValue().bytes(), number);
   }
   throw SerializationError::invalidIntType(AnyValue::from(value), type);
+}
+
+// The one way a message is written from values by field: any schema implementation gets it, so that
+// the store need not know the writer.
+SchematizedData MessageSchemaDescribing::buildData(const ValueForField& valueForField) const {
+  std::optional<WireDataWriter> writer;
+  try {
+    writer.emplace();
+  } catch (const std::bad_alloc&) {
+    throw SchematizerError::internalError("Insufficient memory");
+  }
+  // Fields are written in name order, not number order; readers do not care about field order.
+  std::vector<std::string> names = allFieldNames();
+  std::sort(names.begin(), names.end());
+  for (const std::string& fieldName : names) {
+    const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
+    for (const AnyValue& value : valueForField(field)) writeFieldValue(value.impl(), *field, *writer);
+  }
+  return schematizedData(writer->data());
 }
 
 }  // namespace ostrel

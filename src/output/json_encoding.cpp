@@ -13,13 +13,15 @@
 #include <vector>
 
 #include "core/base64.hpp"
+#include "core/field_type_facts.hpp"
+#include "core/json_input.hpp"
 #include "core/json_text.hpp"
+#include "core/nesting.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/interrupts.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/field_value_writing.hpp"
-#include "output/json_input.hpp"
 #include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "output/wire_buffer.hpp"
@@ -33,14 +35,11 @@ using Case = TypeSchemaDescription::Case;
 using detail::JsonTextFault;
 using detail::take;
 using detail::WellKnown;
-using detail::WireType;
 using JsonType = ondemand::json_type;
 
-// The outermost message counts as the first.
-constexpr int kMaxMessageDepth = 100;
 // A message adds at most two levels of JSON (its object, and the array or map object it stands
 // in); deeper text could never encode.
-constexpr size_t kMaxDocumentDepth = 2 * kMaxMessageDepth + 1;
+constexpr size_t kMaxDocumentDepth = 2 * detail::kMaxMessageNesting + 1;
 
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
 // text only for an error, so that the common case spends nothing on paths.
@@ -385,13 +384,11 @@ class Encoder {
     entry.name = field.name();
     entry.implicitPresence = field.hasImplicitPresence() && !entry.repeated;
     entry.oneof = field.oneofIndex().value_or(-1);
-    entry.key = detail::fieldKey(
-        entry.number,
-        static_cast<WireType>(detail::kRequiredWireType[static_cast<size_t>(entry.kind)]));
+    entry.key = detail::fieldKey(entry.number, detail::factsOf(entry.kind).wireType);
     if (entry.kind == Case::message) {
       if (field.isDelimited()) {
-        entry.groupStart = detail::fieldKey(entry.number, WireType::startGroup);
-        entry.key = detail::fieldKey(entry.number, WireType::endGroup);
+        entry.groupStart = detail::fieldKey(entry.number, ProtoWireType::startGroup);
+        entry.key = detail::fieldKey(entry.number, ProtoWireType::endGroup);
       }
       entry.message = &messageEntry(*type.messageSchema(), type.messageSchema());
       entry.nullIsValue = entry.message->kind == WellKnown::value;
@@ -551,21 +548,26 @@ class Encoder {
           }
           return *parsed;
         };
-        switch (key.kind) {
-          case Case::int64:
-          case Case::sint64:
-          case Case::sfixed64:
-            return writeInteger(key, check(parseInteger<int64_t>(text, outOfRange)));
-          case Case::uint64:
-          case Case::fixed64:
-            return writeInteger(key, check(parseInteger<uint64_t>(text, outOfRange)));
-          case Case::uint32:
-          case Case::fixed32:
-            return writeInteger(key, check(parseInteger<uint32_t>(text, outOfRange)));
-          default:
-            return writeInteger(key, check(parseInteger<int32_t>(text, outOfRange)));
-        }
+        return withIntegerType(key.kind, [&](auto zero) {
+          return writeInteger(key, check(parseInteger<decltype(zero)>(text, outOfRange)));
+        });
       }
+    }
+  }
+
+  // Calls `use` with a zero of the C++ integer type a field of integer type `kind` is written
+  // from: int32_t, uint32_t, int64_t or uint64_t.
+  template <typename Use>
+  static void withIntegerType(Case kind, const Use& use) {
+    switch (detail::factsOf(kind).writtenCase()) {
+      case detail::AnyValueImpl::Case::uint32:
+        return use(uint32_t{});
+      case detail::AnyValueImpl::Case::int64:
+        return use(int64_t{});
+      case detail::AnyValueImpl::Case::uint64:
+        return use(uint64_t{});
+      default:
+        return use(int32_t{});
     }
   }
 
@@ -574,21 +576,16 @@ class Encoder {
   template <typename T>
   void writeInteger(const FieldEntry& field, T value) {
     out_.varint(field.key);
-    switch (field.kind) {
-      case Case::sint32:
-        return out_.varint(detail::WireBuffer::zigZag32(static_cast<int32_t>(value)));
-      case Case::sint64:
-        return out_.varint(detail::WireBuffer::zigZag64(static_cast<int64_t>(value)));
-      case Case::fixed32:
-      case Case::sfixed32:
-        return out_.fixed32(static_cast<uint32_t>(value));
-      case Case::fixed64:
-      case Case::sfixed64:
-        return out_.fixed64(static_cast<uint64_t>(value));
-      default:
-        // int32 and enum values are sign-extended to ten bytes when negative, as protobuf's are.
-        return out_.varint(static_cast<uint64_t>(static_cast<int64_t>(value)));
+    const detail::FieldTypeFacts& facts = detail::factsOf(field.kind);
+    if (facts.wireType == ProtoWireType::fixed32) return out_.fixed32(static_cast<uint32_t>(value));
+    if (facts.wireType == ProtoWireType::fixed64) return out_.fixed64(static_cast<uint64_t>(value));
+    if (facts.zigZag) {
+      return out_.varint(facts.valueCase == detail::AnyValueImpl::Case::int32
+                             ? detail::WireBuffer::zigZag32(static_cast<int32_t>(value))
+                             : detail::WireBuffer::zigZag64(static_cast<int64_t>(value)));
     }
+    // int32 and enum values are sign-extended to ten bytes when negative, as protobuf's are.
+    return out_.varint(static_cast<uint64_t>(static_cast<int64_t>(value)));
   }
 
   // One value of `field`, key and value.
@@ -625,9 +622,7 @@ class Encoder {
       case Case::enum_:
         return writeInteger(field, enumNumber(field, value, type, path));
       case Case::message: {
-        if (depth >= kMaxMessageDepth) {
-          throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-        }
+        detail::checkNesting(depth);
         MessageEntry& nested = *field.message;
         const auto content = [&] {
           if (nested.kind == WellKnown::none) {
@@ -645,22 +640,12 @@ class Encoder {
         content();
         return out_.endNested(mark);
       }
-      case Case::int32:
-      case Case::sint32:
-      case Case::sfixed32:
-        return writeInteger(field, integer<int32_t>(value, type, path, caseName(field.kind)));
-      case Case::uint32:
-      case Case::fixed32:
-        return writeInteger(field, integer<uint32_t>(value, type, path, caseName(field.kind)));
-      case Case::int64:
-      case Case::sint64:
-      case Case::sfixed64:
-        return writeInteger(field, integer<int64_t>(value, type, path, caseName(field.kind)));
-      case Case::uint64:
-      case Case::fixed64:
-        return writeInteger(field, integer<uint64_t>(value, type, path, caseName(field.kind)));
+      default:
+        return withIntegerType(field.kind, [&](auto zero) {
+          return writeInteger(
+              field, integer<decltype(zero)>(value, type, path, caseName(field.kind)));
+        });
     }
-    throw SchematizerError::internalError("JSON encoding of " + field.type->describe());
   }
 
   // An enum value: its name, its number, or its number as a decimal string; null for NullValue.
@@ -815,17 +800,15 @@ class Encoder {
     if (!typeUrl) expected(path, "an object with a member \"@type\"");
     const std::shared_ptr<MessageSchemaDescribing> packed =
         detail::anyType(*entry.schema, *typeUrl);
-    if (depth >= kMaxMessageDepth) {
-      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-    }
+    detail::checkNesting(depth);
     MessageEntry& content = messageEntry(*packed, packed);
     writeValue(entry, 1, detail::AnyValueImpl::string(*typeUrl));
     // The content is written in place as field 2, or (for a schema without that field) read and
     // then dropped.
     const FieldSchemaDescribing* const valueField = optionalField(entry, 2);
     const size_t start = out_.size();
-    const size_t mark = valueField ? out_.beginNested(detail::fieldKey(valueField->fieldNumber(),
-                                                                       WireType::lengthDelimited))
+    const size_t mark = valueField ? out_.beginNested(detail::fieldKey(
+                                         valueField->fieldNumber(), ProtoWireType::lengthDelimited))
                                    : 0;
     take(object.reset());
     if (content.kind == WellKnown::none) {

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "core/base64.hpp"
+#include "core/field_type_facts.hpp"
 #include "core/json_text.hpp"
+#include "core/nesting.hpp"
 #include "core/utf8.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/core/interrupts.hpp"
@@ -33,8 +35,6 @@ using detail::WellKnown;
 
 // How much text a streaming rendering gathers before handing it to the sink.
 constexpr size_t kFlushSize = size_t{1} << 16;
-// The outermost message counts as the first.
-constexpr int kMaxMessageDepth = 100;
 // Where a break in a message's field structure is reported when no known field was being read.
 constexpr std::string_view kUnreadableFieldName = "<unreadable>";
 // Field numbers start at 1, so 0 names "no field".
@@ -329,8 +329,8 @@ class Renderer {
     if (!f.resolved) {
       f.type = &f.field->type();
       f.kind = f.type->kind();
-      f.required = detail::kRequiredWireType[static_cast<size_t>(f.kind)];
-      f.packable = detail::fieldTypeRow(f.kind).packable;
+      f.required = detail::factsOf(f.kind).wireType;
+      f.packable = detail::factsOf(f.kind).isFixedEncoding();
       f.resolved = true;
     }
     return f;
@@ -591,9 +591,7 @@ class Renderer {
   // A message made of several occurrences, as the concatenation of their payloads `merged`:
   // parsing them one after the other is what merging them means.
   void mergedMessage(MessagePlan& plan, ByteView merged, int depth, int level) {
-    if (depth >= kMaxMessageDepth) {
-      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-    }
+    detail::checkNesting(depth);
     messageValue(plan, merged, depth + 1, level);
   }
 
@@ -646,9 +644,7 @@ class Renderer {
   }
 
   void checkMessage(FieldPlan& f, int depth) {
-    if (depth >= kMaxMessageDepth) {
-      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-    }
+    detail::checkNesting(depth);
     messagePlan(f);
   }
 
@@ -820,9 +816,7 @@ class Renderer {
         const ByteView payload = detail::readPayload(
             reader,
             FieldTag(static_cast<uint32_t>(f.number << 3) | static_cast<uint32_t>(wireType)));
-        if (depth >= kMaxMessageDepth) {
-          throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-        }
+        detail::checkNesting(depth);
         messageValue(messagePlan(f), payload, depth + 1, level);
         return;
       }
@@ -977,9 +971,7 @@ class Renderer {
     MessagePlan& packed = anyType(plan, typeUrl);
     const ByteView packedBytes =
         value ? readerAt(bytes, value->lastPosition).readLengthDelimited() : ByteView{};
-    if (depth >= kMaxMessageDepth) {
-      throw SchematizerError::protocolBufferError("Nesting deeper than 100 messages");
-    }
+    detail::checkNesting(depth);
     if (packedBytes.empty()) {
       // An empty message is "@type" alone, as libprotobuf writes it: no defaults, no "value".
       out_.push_back('{');
@@ -1124,10 +1116,10 @@ class Renderer {
       if (messagePlan.wellKnown == WellKnown::none) {
         out_ += "{}";
       } else {
-        messageValue(messagePlan, ByteView{}, kMaxMessageDepth - 1, 0);
+        messageValue(messagePlan, ByteView{}, detail::kMaxMessageNesting - 1, 0);
       }
     } else {
-      out_ += detail::fieldTypeRow(type.kind()).jsonDefault;
+      out_ += detail::factsOf(type.kind()).jsonDefault;
     }
   }
 

@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "manifest/descriptor_import.hpp"
+#include "interchange/descriptor_import.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 

@@ -11,22 +11,14 @@
 #include <memory>
 #include <string_view>
 
+#include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
 
 namespace ostrel::detail {
 
-enum class WireType : uint8_t {
-  varint = 0,
-  fixed64 = 1,
-  lengthDelimited = 2,
-  startGroup = 3,
-  endGroup = 4,
-  fixed32 = 5
-};
-
 // The key of a field: its number and wire type as one varint.
-inline uint64_t fieldKey(int64_t fieldNumber, WireType type) noexcept {
+inline uint64_t fieldKey(int64_t fieldNumber, ProtoWireType type) noexcept {
   return static_cast<uint64_t>(fieldNumber) << 3 | static_cast<uint64_t>(type);
 }
 
@@ -96,19 +88,19 @@ class WireBuffer final : public ProtobufWriting {
 
   // ProtobufWriting, for values written through writeFieldValue.
   void writeInt32(int32_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::varint));
+    varint(fieldKey(fieldNumber, ProtoWireType::varInt));
     varint(static_cast<uint64_t>(static_cast<int64_t>(value)));
   }
   void writeUint32(uint32_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::varint));
+    varint(fieldKey(fieldNumber, ProtoWireType::varInt));
     varint(value);
   }
   void writeSint32(int32_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::varint));
+    varint(fieldKey(fieldNumber, ProtoWireType::varInt));
     varint(zigZag32(value));
   }
   void writeFixed32(uint32_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::fixed32));
+    varint(fieldKey(fieldNumber, ProtoWireType::fixed32));
     fixed32(value);
   }
   void writeSfixed32(int32_t value, int64_t fieldNumber) override {
@@ -118,14 +110,14 @@ class WireBuffer final : public ProtobufWriting {
     writeUint64(static_cast<uint64_t>(value), fieldNumber);
   }
   void writeUint64(uint64_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::varint));
+    varint(fieldKey(fieldNumber, ProtoWireType::varInt));
     varint(value);
   }
   void writeSint64(int64_t value, int64_t fieldNumber) override {
     writeUint64(zigZag64(value), fieldNumber);
   }
   void writeFixed64(uint64_t value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::fixed64));
+    varint(fieldKey(fieldNumber, ProtoWireType::fixed64));
     fixed64(value);
   }
   void writeSfixed64(int64_t value, int64_t fieldNumber) override {
@@ -141,15 +133,15 @@ class WireBuffer final : public ProtobufWriting {
     writeUint64(value ? 1 : 0, fieldNumber);
   }
   void writeString(std::string_view value, int64_t fieldNumber) override {
-    lengthDelimited(fieldKey(fieldNumber, WireType::lengthDelimited), value);
+    lengthDelimited(fieldKey(fieldNumber, ProtoWireType::lengthDelimited), value);
   }
   void writeData(ByteView value, int64_t fieldNumber) override {
     writeString(asText(value), fieldNumber);
   }
   void writeGroup(ByteView value, int64_t fieldNumber) override {
-    varint(fieldKey(fieldNumber, WireType::startGroup));
+    varint(fieldKey(fieldNumber, ProtoWireType::startGroup));
     raw(value.data(), value.size());
-    varint(fieldKey(fieldNumber, WireType::endGroup));
+    varint(fieldKey(fieldNumber, ProtoWireType::endGroup));
   }
 
   static uint32_t zigZag32(int32_t value) noexcept {

@@ -33,7 +33,7 @@ namespace {
 AnyValue defaultValue(const TypeSchemaDescription& type) {
   static constexpr std::byte kZeros[8] = {};
   Reader reader{ByteView(kZeros)};
-  if (detail::hasFixedEncoding(type.kind())) {
+  if (detail::factsOf(type.kind()).isFixedEncoding()) {
     return AnyValue::from(decodePackedElement(reader, type));
   }
   return AnyValue::from(decodeValue(reader, type, ProtoWireType::lengthDelimited));

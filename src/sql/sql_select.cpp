@@ -1,8 +1,12 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
+#include <stdexcept>
+#include <string_view>
 
+#include "core/field_type_facts.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/sql/sql.hpp"
 
@@ -155,34 +159,18 @@ void checkIdentifier(std::string_view name, const char* what) {
 // closest to it. uint64 and fixed64 read as numeric, since values above 2^63-1 do not fit bigint;
 // enums read as their names; a message stays jsonb.
 std::string_view postgresRead(const TypeSchemaDescription& type) {
-  using Case = TypeSchemaDescription::Case;
-  switch (type.kind()) {
-    case Case::int32:
-    case Case::uint32:
-    case Case::sint32:
-    case Case::fixed32:
-    case Case::sfixed32:
-    case Case::int64:
-    case Case::sint64:
-    case Case::sfixed64:
-      return "p_get_bigint";
-    case Case::uint64:
-    case Case::fixed64:
-      return "p_get_numeric";
-    case Case::double_:
-    case Case::float_:
-      return "p_get_double";
-    case Case::bool_:
-      return "p_get_bool";
-    case Case::string:
-    case Case::enum_:
-      return "p_get_text";
-    case Case::bytes:
-      return "p_get_bytea";
-    case Case::message:
-      break;
-  }
-  return "p_get";
+  using V = detail::AnyValueImpl::Case;
+  // Indexed by the value case a read of the type gives.
+  static constexpr std::array<std::string_view, 11> kReads = {
+      /* int32 */ "p_get_bigint",   /* uint32 */ "p_get_bigint",
+      /* int64 */ "p_get_bigint",
+      /* uint64 */ "p_get_numeric", /* float_ */ "p_get_double",
+      /* double_ */ "p_get_double",
+      /* bool_ */ "p_get_bool",     /* enum_ */ "p_get_text",
+      /* string */ "p_get_text",
+      /* bytes */ "p_get_bytea",    /* message */ "p_get"};
+  static_assert(static_cast<size_t>(V::message) + 1 == kReads.size());
+  return kReads[static_cast<size_t>(detail::factsOf(type.kind()).valueCase)];
 }
 
 }  // namespace

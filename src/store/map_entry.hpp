@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "core/field_type_facts.hpp"
 #include "ostrel/core/describing.hpp"
 #include "ostrel/core/errors.hpp"
 #include "ostrel/wire/reader.hpp"
@@ -13,28 +14,6 @@ struct MapEntryFields {
   const FieldSchemaDescribing* key;
   const FieldSchemaDescribing* value;
 };
-
-// Whether a field of `kind` can be a map key: the integer types, bool and string.
-inline bool isMapKeyType(TypeSchemaDescription::Case kind) noexcept {
-  using Case = TypeSchemaDescription::Case;
-  switch (kind) {
-    case Case::int32:
-    case Case::uint32:
-    case Case::sint32:
-    case Case::fixed32:
-    case Case::sfixed32:
-    case Case::int64:
-    case Case::uint64:
-    case Case::sint64:
-    case Case::fixed64:
-    case Case::sfixed64:
-    case Case::bool_:
-    case Case::string:
-      return true;
-    default:
-      return false;
-  }
-}
 
 // Whether the raw MessageOptions of `entry` set map_entry (field 7). The options are read raw
 // because the store's MessageOptions schema need not know the field: the built-in one knows none.
@@ -66,7 +45,7 @@ inline std::optional<MapEntryFields> mapEntryFields(const MessageSchemaDescribin
   const auto key = fields.find(1);
   const auto value = fields.find(2);
   if (key == fields.end() || value == fields.end()) return std::nullopt;
-  if (!isMapKeyType(key->second->type().kind())) return std::nullopt;
+  if (!detail::factsOf(key->second->type().kind()).isMapKey()) return std::nullopt;
   return MapEntryFields{key->second.get(), value->second.get()};
 }
 

@@ -3,8 +3,6 @@
 #include <tuple>
 
 #include "core/fatal.hpp"
-#include "ostrel/output/protobuf_writing.hpp"
-#include "output/field_value_writing.hpp"
 #include "store/options.hpp"
 #include "store/proto_schemas.hpp"
 
@@ -208,24 +206,6 @@ SchematizedData ProtoMessageSchema::schematizedData(Bytes data) const {
 UnsafeSchematizedData ProtoMessageSchema::unsafeSchematizedData(ByteView bytes) const {
   return UnsafeSchematizedData(std::const_pointer_cast<ProtoMessageSchema>(shared_from_this()),
                                bytes);
-}
-
-SchematizedData ProtoMessageSchema::buildData(const ValueForField& valueForField) const {
-  std::optional<WireDataWriter> writer;
-  try {
-    writer.emplace();
-  } catch (const std::bad_alloc&) {
-    throw SchematizerError::internalError("Insufficient memory");
-  }
-  // Fields are written in name order, not number order; readers do not care about field order.
-  std::vector<std::string> names = allFieldNames_;
-  std::sort(names.begin(), names.end());
-  for (const std::string& fieldName : names) {
-    const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
-    for (const AnyValue& value : valueForField(field))
-      writeFieldValue(value.impl(), *field, *writer);
-  }
-  return schematizedData(writer->data());
 }
 
 MessageManifest ProtoMessageSchema::manifest() const {

@@ -214,7 +214,6 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   const std::shared_ptr<OneofSchemaDescribing>& oneofNamed(std::string_view name) const override;
   SchematizedData schematizedData(Bytes data) const override;
   UnsafeSchematizedData unsafeSchematizedData(ByteView bytes) const override;
-  SchematizedData buildData(const ValueForField& valueForField) const override;
   std::shared_ptr<SchemaStoreDescribing> originStore() const override { return origin_.lock(); }
 
   // The fields materialised so far, by number; a snapshot, for tests.

@@ -1,51 +1,10 @@
 #include "ostrel/store/schemas.hpp"
 
 #include "manifest/manifest_check.hpp"
+#include "core/field_type_facts.hpp"
 #include "store/proto_schema_store.hpp"
 
 namespace ostrel {
-namespace {
-
-std::string_view scalarDescription(TypeSchema::Case kind) {
-  switch (kind) {
-    case TypeSchema::Case::int32:
-      return "signed integer 32";
-    case TypeSchema::Case::uint32:
-      return "unsigned integer 32";
-    case TypeSchema::Case::sint32:
-      return "ZigZag encoded signed integer 32";
-    case TypeSchema::Case::fixed32:
-      return "fixed unsigned integer 32";
-    case TypeSchema::Case::sfixed32:
-      return "fixed signed integer 32";
-    case TypeSchema::Case::int64:
-      return "signed integer 64";
-    case TypeSchema::Case::uint64:
-      return "unsigned integer 64";
-    case TypeSchema::Case::sint64:
-      return "ZigZag encoded signed integer 64";
-    case TypeSchema::Case::fixed64:
-      return "fixed unsigned integer 64";
-    case TypeSchema::Case::sfixed64:
-      return "fixed signed integer 64";
-    case TypeSchema::Case::double_:
-      return "double floating point";
-    case TypeSchema::Case::float_:
-      return "floating point";
-    case TypeSchema::Case::bool_:
-      return "boolean";
-    case TypeSchema::Case::string:
-      return "text string";
-    case TypeSchema::Case::bytes:
-      return "binary data";
-    case TypeSchema::Case::enum_:
-    case TypeSchema::Case::message:
-      break;
-  }
-  return {};
-}
-
-}  // namespace
 
 std::optional<EnumSchema> TypeSchema::enumSchema() const {
   if (kind() != Case::enum_) return std::nullopt;
@@ -66,7 +25,7 @@ std::string TypeSchema::descriptionText() const {
     case Case::message:
       return "message of " + description_.messageSchema()->name() + " schema";
     default:
-      return std::string(scalarDescription(kind()));
+      return std::string(detail::factsOf(kind()).description);
   }
 }
 

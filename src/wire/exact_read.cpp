@@ -107,8 +107,8 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
       // The occurrences that count: all of them, but those before an occurrence of another member
       // of the same oneof, which protobuf's parse clears.
       const std::vector<int64_t> siblings = oneofSiblings(*message, field);
-      const ProtoWireType required = last ? kRequiredWireType[static_cast<size_t>(type.kind())]
-                                          : ProtoWireType::lengthDelimited;
+      const ProtoWireType required =
+          last ? factsOf(type.kind()).wireType : ProtoWireType::lengthDelimited;
       occurrences.clear();
       for (size_t s = 0; s < segments.size(); ++s) {
         Reader reader(segments[s]);

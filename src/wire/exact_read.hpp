@@ -51,8 +51,8 @@ auto readValueExactAs(const MessageSchemaDescribing& schema, ByteView data,
   std::optional<ExactLocation> found = locateExact(schema, data, path, type, merged);
   if (!found) return {};
   const TypeSchemaDescription::Case kind = type.kind();
-  if (!hasFixedEncoding(kind)) return other(found->reader, found->wireType);
-  if (!found->packedElement && found->wireType != kRequiredWireType[static_cast<size_t>(kind)]) {
+  if (!factsOf(kind).isFixedEncoding()) return other(found->reader, found->wireType);
+  if (!found->packedElement && found->wireType != factsOf(kind).wireType) {
     throwTypeMismatch(type, found->wireType);
   }
   return decodeFixedEncodingAs(found->reader, type, make);

@@ -129,8 +129,8 @@ template <typename Make, typename Other>
     if (last) {
       // Scalars, the common last step, are decoded in place, exactly as decodeValue decodes them.
       const TypeSchemaDescription::Case kind = type.kind();
-      if (!hasFixedEncoding(kind)) return other(*current, FieldTag(found));
-      if (wireType != kRequiredWireType[static_cast<size_t>(kind)]) {
+      if (!factsOf(kind).isFixedEncoding()) return other(*current, FieldTag(found));
+      if (wireType != factsOf(kind).wireType) {
         throwTypeMismatch(type, wireType);
       }
       return decodeFixedEncodingAs(*current, type, make);

@@ -4,13 +4,13 @@
 // message, string and bytes), shared by value decoding and by field path navigation, which expands
 // it in place for the last step of a scalar read.
 
-#include <array>
 #include <bit>
 #include <cstdint>
 #include <optional>
 #include <type_traits>
 #include <utility>
 
+#include "core/field_type_facts.hpp"
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
 #include "ostrel/wire/reader.hpp"
@@ -19,33 +19,11 @@ namespace ostrel::detail {
 
 using Case = TypeSchemaDescription::Case;
 
-// The one wire type each declared type is accepted with, indexed by case.
-inline constexpr std::array<ProtoWireType, 17> kRequiredWireType = [] {
-  std::array<ProtoWireType, 17> table{};
-  auto set = [&](Case kind, ProtoWireType wireType) {
-    table[static_cast<size_t>(kind)] = wireType;
-  };
-  for (Case kind : {Case::enum_, Case::int32, Case::uint32, Case::sint32, Case::int64, Case::uint64,
-                    Case::sint64, Case::bool_}) {
-    set(kind, ProtoWireType::varInt);
-  }
-  for (Case kind : {Case::fixed32, Case::sfixed32, Case::float_}) {
-    set(kind, ProtoWireType::fixed32);
-  }
-  for (Case kind : {Case::fixed64, Case::sfixed64, Case::double_}) {
-    set(kind, ProtoWireType::fixed64);
-  }
-  for (Case kind : {Case::message, Case::string, Case::bytes}) {
-    set(kind, ProtoWireType::lengthDelimited);
-  }
-  return table;
-}();
-
 // Whether a value of `kind` may follow a tag of `wireType`: its one wire type, or for a message
 // also a group (start-group tag, the message's fields, end-group tag), its delimited encoding.
 // Either encoding of a message field is read, whichever the schema declares.
 inline bool acceptsWireType(Case kind, ProtoWireType wireType) noexcept {
-  return wireType == kRequiredWireType[static_cast<size_t>(kind)] ||
+  return wireType == factsOf(kind).wireType ||
          (kind == Case::message && wireType == ProtoWireType::startGroup);
 }
 
@@ -195,11 +173,6 @@ std::optional<AnyValue> optionalValue(T v) {
 [[gnu::always_inline]] inline detail::AnyValueImpl decodeFixedEncoding(
     Reader& reader, const TypeSchemaDescription& type) {
   return decodeFixedEncodingAs(reader, type, MakeValueImpl{});
-}
-
-// Whether values of `kind` are decoded by decodeFixedEncoding.
-inline bool hasFixedEncoding(Case kind) noexcept {
-  return kind != Case::message && kind != Case::string && kind != Case::bytes;
 }
 
 }  // namespace ostrel::detail

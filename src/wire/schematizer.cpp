@@ -75,7 +75,7 @@ std::optional<AnyValue> step(ByteView data, std::optional<RepeatedBookmark>& boo
   for (;;) {
     if (tag.fieldNumber() == fieldNumber) {
       if (mode == ReadMode::first || tag.wireType() != ProtoWireType::lengthDelimited ||
-          !detail::hasFixedEncoding(type.kind())) {
+          !detail::factsOf(type.kind()).isFixedEncoding()) {
         break;
       }
       // Exact: a packed run met among tagged elements is iterated too, from its first element.

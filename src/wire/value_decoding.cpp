@@ -11,7 +11,7 @@ namespace {
 
 using detail::Case;
 using detail::decodeFixedEncoding;
-using detail::kRequiredWireType;
+using detail::factsOf;
 
 // Moves past `count` elements of `width` bytes when all of them lie inside the run, which ends at
 // the reader's end position. The arithmetic is done on what is left of the run, so that no count
@@ -28,7 +28,7 @@ bool skipFixedWidth(Reader& reader, int64_t width, int64_t count) {
 detail::AnyValueImpl decodeValue(Reader& reader, const TypeSchemaDescription& type,
                                  ProtoWireType wireType) {
   const Case kind = type.kind();
-  if (wireType != kRequiredWireType[static_cast<size_t>(kind)]) [[unlikely]] {
+  if (wireType != factsOf(kind).wireType) [[unlikely]] {
     throw SerializationError::typeMismatch(type, wireType);
   }
   switch (kind) {
@@ -58,28 +58,15 @@ detail::AnyValueImpl decodePackedElement(Reader& reader, const TypeSchemaDescrip
 
 bool skipPackedElements(Reader& reader, const TypeSchemaDescription& type, int64_t count) {
   if (count < 0) return false;
-  switch (type.kind()) {
-    case Case::message:
-    case Case::string:
-    case Case::bytes:
-      throw SerializationError::malformedProtobuf();
-    case Case::fixed32:
-    case Case::sfixed32:
-    case Case::float_:
+  switch (factsOf(type.kind()).wireType) {
+    case ProtoWireType::fixed32:
       return skipFixedWidth(reader, 4, count);
-    case Case::fixed64:
-    case Case::sfixed64:
-    case Case::double_:
+    case ProtoWireType::fixed64:
       return skipFixedWidth(reader, 8, count);
-    case Case::int32:
-    case Case::uint32:
-    case Case::sint32:
-    case Case::int64:
-    case Case::uint64:
-    case Case::sint64:
-    case Case::bool_:
-    case Case::enum_:
+    case ProtoWireType::varInt:
       break;
+    default:
+      throw SerializationError::malformedProtobuf();
   }
   const int64_t end = reader.endPosition();
   for (int64_t i = 0; i < count; ++i) {

@@ -235,10 +235,8 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
       {withInt(R"("fieldNumber":2)"), f + ".fieldNumber: duplicate member"},
       {R"({"messages":{"M":{"oneofs":[{"name":"a"},{"name":"b","name":"c"}]}}})",
        R"(messages["M"].oneofs[1].name: duplicate member)"},
-      {"",
-       "$: invalid JSON: parse error at line 1, column 1: syntax error while parsing value - "
-       "unexpected end of input; expected '[', '{', or a literal"},
-      {R"({"messages":1e400})", "$: invalid JSON: number overflow parsing '1e400'"},
+      {"", "$: invalid JSON: Empty: no JSON found"},
+      {R"({"messages":1e400})", "$: invalid JSON: Problem while parsing a number"},
   };
   for (const auto& [json, expected] : rows) {
     EXPECT_EQ(catchError([&] { schemaManifestFromJSON(json); }),

@@ -19,13 +19,14 @@
 
 #include "ostrel/core/field_types.hpp"
 #include "ostrel/core/values.hpp"
-#include "ostrel/manifest/manifest.hpp"
 
 namespace ostrel {
 
 class FieldSchemaDescribing;
 class SchemaStoreDescribing;
 class OneofSchemaDescribing;
+// A store's manifest (ostrel/manifest/manifest.hpp), which callers of engagedManifest include.
+struct SchemaManifest;
 
 class SchemaDescribing {
  public:
@@ -60,8 +61,10 @@ class MessageSchemaDescribing : public virtual SchemaDescribing {
   virtual SchematizedData schematizedData(Bytes data) const = 0;
   // Pairs this schema with borrowed bytes; the caller keeps them alive.
   virtual UnsafeSchematizedData unsafeSchematizedData(ByteView bytes) const = 0;
-  // Writes a new message, asking `valueForField` for each field in ascending order of field name.
-  virtual SchematizedData buildData(const ValueForField& valueForField) const = 0;
+  // Writes a new message, asking `valueForField` for each field in ascending order of field name,
+  // through allFieldNames, fieldNamed and schematizedData; implementations rarely need another
+  // way.
+  virtual SchematizedData buildData(const ValueForField& valueForField) const;
   // The store this schema came from while it is alive, else null; for looking up the types an
   // Any names. Schemas not made by a store have none.
   virtual std::shared_ptr<SchemaStoreDescribing> originStore() const { return nullptr; }

@@ -115,4 +115,7 @@ class TypeSchemaDescription {
 // The case name of a TypeSchemaDescription case, for example "double".
 std::string_view caseName(TypeSchemaDescription::Case kind) noexcept;
 
+// The wire type a value of this type is encoded with when it is not packed.
+ProtoWireType wireType(TypeSchemaDescription::Case kind) noexcept;
+
 }  // namespace ostrel

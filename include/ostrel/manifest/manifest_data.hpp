@@ -148,12 +148,14 @@ SchemaManifest schemaManifestFromDescriptorSet(const SchematizedDataDescribing& 
 // number outside the 32-bit range.
 Bytes descriptorSetFromManifest(const SchemaManifest& manifest);
 
-// Parses .proto files at run time, as protoc would, and imports them with their dependencies.
+// Parses .proto files at run time, as protoc would, and imports them with their dependencies. In
+// the library ostrel::protoc (libostrel_protoc), which links libprotoc.
 // `files` are paths relative to one of `includePaths` (or disk paths inside one of them);
-// "google/protobuf/*.proto" imports resolve to libprotobuf's own copies when no include path
-// provides them. The parsed files are written as a serialized descriptor set (dependencies first,
-// each file once) and read back by schemaManifestFromDescriptorSet(ByteView), so the result is
-// exactly what importing protoc's `--descriptor_set_out --include_imports` output would give.
+// "google/protobuf/*.proto" imports resolve to the descriptors compiled into libprotobuf when no
+// include path provides them. The parsed files are written as a serialized descriptor set
+// (dependencies first, each file once) and read back by schemaManifestFromDescriptorSet(ByteView),
+// so the result is exactly what importing protoc's `--descriptor_set_out --include_imports` output
+// would give.
 //
 // Throws SchemaManifestJSONError::invalidValueType "<file>:<line>:<column>: <message>" (line and
 // column counted from 1) for the first error the parser reports, or "<file>: <message>" when the
@@ -163,8 +165,8 @@ SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& file
                                             const DescriptorImportOptions& options = {});
 
 // The same for the text of one .proto file held in memory, imported under the name `fileName`:
-// only "google/protobuf/*.proto" imports resolve (to libprotobuf's own copies); any other import
-// fails as a file that cannot be found, and no other file is ever opened.
+// only "google/protobuf/*.proto" imports resolve (to libprotobuf's compiled-in ones); any other
+// import fails as a file that cannot be found, and no other file is ever opened.
 SchemaManifest schemaManifestFromProtoText(std::string_view text,
                                            std::string_view fileName = "input.proto");
 

@@ -1,4 +1,4 @@
-#include "manifest/descriptor_import.hpp"
+#include "interchange/descriptor_import.hpp"
 
 #include <array>
 

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "core/field_type_facts.hpp"
 #include "store/proto_schema_store.hpp"
 
 namespace ostrel {
@@ -20,44 +21,7 @@ std::map<int64_t, Bytes> rawValueOptions(const std::map<int64_t, SchematizedData
 }
 
 TypeManifest manifestTypeOf(TypeSchemaDescription::Case kind) {
-  using C = TypeSchemaDescription::Case;
-  switch (kind) {
-    case C::enum_:
-      return TypeManifest::enum_;
-    case C::message:
-      return TypeManifest::message;
-    case C::int32:
-      return TypeManifest::int32;
-    case C::uint32:
-      return TypeManifest::uint32;
-    case C::sint32:
-      return TypeManifest::sint32;
-    case C::fixed32:
-      return TypeManifest::fixed32;
-    case C::sfixed32:
-      return TypeManifest::sfixed32;
-    case C::int64:
-      return TypeManifest::int64;
-    case C::uint64:
-      return TypeManifest::uint64;
-    case C::sint64:
-      return TypeManifest::sint64;
-    case C::fixed64:
-      return TypeManifest::fixed64;
-    case C::sfixed64:
-      return TypeManifest::sfixed64;
-    case C::double_:
-      return TypeManifest::double_;
-    case C::float_:
-      return TypeManifest::float_;
-    case C::bool_:
-      return TypeManifest::bool_;
-    case C::string:
-      return TypeManifest::string;
-    case C::bytes:
-      return TypeManifest::bytes;
-  }
-  return TypeManifest::int32;  // unreachable: every case is listed
+  return detail::factsOf(kind).manifestType;
 }
 
 FieldManifest fieldManifestOf(const FieldSchemaDescribing& field) {

@@ -1,4 +1,4 @@
-#include "output/json_input.hpp"
+#include "core/json_input.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -199,10 +199,7 @@ JsonNumber readNumber(ondemand::value& value) {
 namespace {
 
 // One open container of the text being checked.
-struct Frame {
-  bool isObject = false;
-  std::string key;      // in an object: the member being read
-  size_t position = 0;  // in an array: the element being read
+struct Frame : JsonFrame {
   // In an object: the names read so far, and the first one repeated. Kept here rather than on the
   // stack, as is all state of a level, so that each level of recursion costs a small frame.
   std::unordered_set<std::string> names;
@@ -211,7 +208,7 @@ struct Frame {
 
 // "$.a[2].b": the members of the open objects and the positions in the open arrays; the innermost
 // object's member only when `withLastKey`.
-std::string framePath(const std::vector<Frame>& frames, bool withLastKey) {
+std::string framePath(const std::vector<JsonFrame>& frames, bool withLastKey) {
   std::string out = "$";
   for (size_t i = 0; i < frames.size(); ++i) {
     if (!frames[i].isObject) {
@@ -224,7 +221,8 @@ std::string framePath(const std::vector<Frame>& frames, bool withLastKey) {
   return out;
 }
 
-// Walks values in text order, reading every scalar in full, and throws the first fault.
+// Walks values in text order, reading every scalar in full, and throws the first fault:
+// JsonTextFault for malformed text, JsonRefusal for the others.
 class TextCheck {
  public:
   explicit TextCheck(size_t maxDepth) : maxDepth_(maxDepth) {}
@@ -295,18 +293,22 @@ class TextCheck {
 
   [[gnu::noinline]] void closeObject() {
     if (const std::optional<std::string>& repeated = frames_.back().repeated) {
-      throw SchematizerError::unexpectedType(framePath(frames_, false) + ": duplicate key " +
-                                             jsonString(*repeated));
+      JsonRefusal refusal = refuse(JsonRefusal::Kind::repeatedMember);
+      refusal.frames.back().key = *repeated;
+      throw refusal;
     }
     frames_.pop_back();
   }
 
   void open(bool isObject) {
-    if (frames_.size() >= maxDepth_) {
-      throw SchematizerError::unexpectedType(framePath(frames_, true) + ": nesting deeper than " +
-                                             std::to_string(maxDepth_) + " levels");
-    }
-    frames_.push_back(Frame{isObject, {}, 0, {}, {}});
+    if (frames_.size() >= maxDepth_) throw refuse(JsonRefusal::Kind::tooDeep);
+    frames_.push_back(Frame{{isObject, {}, 0}, {}, {}});
+  }
+
+  JsonRefusal refuse(JsonRefusal::Kind kind) const {
+    JsonRefusal refusal{kind, simdjson::SUCCESS, {}};
+    refusal.frames.assign(frames_.begin(), frames_.end());
+    return refusal;
   }
 
   size_t maxDepth_;
@@ -444,15 +446,36 @@ void JsonInput::refuseDeeperThan(std::string_view text, size_t depth) {
   }
 }
 
-void JsonInput::check() {
+std::optional<JsonRefusal> JsonInput::firstFault() {
   try {
     TextCheck check(maxDepth_);
     check.value(start());
     finish();
   } catch (const JsonTextFault& fault) {
-    throw SchematizerError::unexpectedType(std::string("invalid JSON: ") +
-                                           simdjson::error_message(fault.code));
+    return JsonRefusal{JsonRefusal::Kind::malformed, fault.code, {}};
+  } catch (JsonRefusal& refusal) {
+    return std::move(refusal);
   }
+  return std::nullopt;
+}
+
+void JsonInput::check() {
+  const std::optional<JsonRefusal> refusal = firstFault();
+  if (!refusal) return;
+  switch (refusal->kind) {
+    case JsonRefusal::Kind::malformed:
+      throw SchematizerError::unexpectedType(std::string("invalid JSON: ") +
+                                             simdjson::error_message(refusal->code));
+    case JsonRefusal::Kind::repeatedMember:
+      throw SchematizerError::unexpectedType(framePath(refusal->frames, false) +
+                                             ": duplicate key " +
+                                             jsonString(refusal->frames.back().key));
+    case JsonRefusal::Kind::tooDeep:
+      break;
+  }
+  throw SchematizerError::unexpectedType(framePath(refusal->frames, true) +
+                                         ": nesting deeper than " + std::to_string(maxDepth_) +
+                                         " levels");
 }
 
 }  // namespace ostrel::detail

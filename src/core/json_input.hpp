@@ -1,22 +1,25 @@
 #pragma once
 
-// JSON text read on demand with simdjson, for encoders that write as they read: no tree of the
-// text is built, and each value is visited once, front to back.
+// The library's one JSON reader: text read on demand with simdjson, for readers that act as they
+// read (the JSON encoder, the manifest's JSON form): no tree of the text is built, and each value
+// is visited once, front to back.
 //
 // Reading on demand finds the faults of the text itself (malformed text, a member given twice,
 // nesting too deep) only where the reader passes, possibly after it found a fault in what the text
 // says. Callers report the text's own faults first, as a parser that reads all of the text before
-// anything else would: when encoding fails for any reason, JsonInput::check walks the whole text
-// once more and throws the first such fault in text order.
+// anything else would: JsonInput::firstFault walks the whole text and gives the first such fault
+// in text order, the one check of repeated members and depth every reader shares.
 
 #include <simdjson.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace ostrel::detail {
 
@@ -69,6 +72,23 @@ JsonNumber readNumber(ondemand::value& value);
 // escape JSON does not allow (a lone surrogate among them).
 std::string_view memberName(ondemand::field& field, std::string& scratch);
 
+// One open container of a text, where a fault was found.
+struct JsonFrame {
+  bool isObject = false;
+  std::string key;      // in an object: the member being read
+  size_t position = 0;  // in an array: the element being read
+};
+
+// The first fault of a text itself, and where it stands: the open containers from the document
+// down. For a repeated member the last frame's key is the repeated name; for malformed text
+// `code` says how, and there are no frames.
+struct JsonRefusal {
+  enum class Kind : uint8_t { malformed, repeatedMember, tooDeep };
+  Kind kind = Kind::malformed;
+  simdjson::error_code code = simdjson::SUCCESS;
+  std::vector<JsonFrame> frames;
+};
+
 // One JSON text, copied once into a padded buffer (simdjson reads a little past the end), and its
 // one value.
 class JsonInput {
@@ -79,10 +99,16 @@ class JsonInput {
   JsonInput(const JsonInput&) = delete;
   JsonInput& operator=(const JsonInput&) = delete;
 
-  // The value the text holds; call once. Throws JsonTextFault.
+  // The value the text holds; call once (firstFault before it does not count). Throws
+  // JsonTextFault.
   ondemand::value root();
   // After the value was read in full: throws JsonTextFault when the text goes on past it.
   void finish();
+
+  // Walks all of the text and gives the first of its own faults in text order: malformed text, a
+  // member given twice in one object (found when the object ends, after the faults inside it), or
+  // containers nested deeper than maxDepth. None when the text has none of them.
+  std::optional<JsonRefusal> firstFault();
 
   // Walks all of the text again and throws the first of its own faults in text order as
   // SchematizerError::unexpectedType: "invalid JSON: " and simdjson's message for malformed

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "core/field_type_facts.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "wire/exact_read.hpp"
@@ -18,41 +19,6 @@ namespace {
 
 using TypeCase = TypeSchemaDescription::Case;
 using ValueCase = AnyValue::Case;
-
-// The kind of value a field of declared type `kind` is read as.
-ValueCase valueCaseOf(TypeCase kind) noexcept {
-  switch (kind) {
-    case TypeCase::int32:
-    case TypeCase::sint32:
-    case TypeCase::sfixed32:
-      return ValueCase::int32;
-    case TypeCase::uint32:
-    case TypeCase::fixed32:
-      return ValueCase::uint32;
-    case TypeCase::int64:
-    case TypeCase::sint64:
-    case TypeCase::sfixed64:
-      return ValueCase::int64;
-    case TypeCase::uint64:
-    case TypeCase::fixed64:
-      return ValueCase::uint64;
-    case TypeCase::float_:
-      return ValueCase::float_;
-    case TypeCase::double_:
-      return ValueCase::double_;
-    case TypeCase::bool_:
-      return ValueCase::bool_;
-    case TypeCase::enum_:
-      return ValueCase::enum_;
-    case TypeCase::string:
-      return ValueCase::string;
-    case TypeCase::bytes:
-      return ValueCase::bytes;
-    case TypeCase::message:
-      break;
-  }
-  return ValueCase::message;
-}
 
 void checkKind(ValueCase wanted, ValueCase found) {
   if (wanted != found) {
@@ -173,7 +139,7 @@ ProjectionPlan::ProjectionPlan(const MessageSchema& messageSchema,
   levels.emplace_back();
   for (uint32_t slot = 0; slot < paths.size(); ++slot) {
     const FieldPathAndType& path = paths[slot];
-    kinds.push_back(valueCaseOf(path.type.kind()));
+    kinds.push_back(factsOf(path.type.kind()).valueCase);
     if (exact) continue;
     if (path.fieldPath.size() > kTreeDepth) {
       deepSlots.push_back(slot);
@@ -265,15 +231,15 @@ void ProjectionPlan::read(ByteView record, ProjectionRow& row) const {
       ProjectionRow::Cell& cell = row.cells_[slot];
       const FieldPathAndType& path = paths[slot];
       try {
-        const bool present = readValueExactAs(
-            *schema, record, path.fieldPath, path.type, row.merged_[slot], StoreScalar{&cell},
-            [&](Reader& current, ProtoWireType wireType) {
-              if (wireType != kRequiredWireType[static_cast<size_t>(path.type.kind())]) {
-                throwTypeMismatch(path.type, wireType);
-              }
-              cell.payload = current.readLengthDelimited();
-              return true;
-            });
+        const bool present =
+            readValueExactAs(*schema, record, path.fieldPath, path.type, row.merged_[slot],
+                             StoreScalar{&cell}, [&](Reader& current, ProtoWireType wireType) {
+                               if (wireType != factsOf(path.type.kind()).wireType) {
+                                 throwTypeMismatch(path.type, wireType);
+                               }
+                               cell.payload = current.readLengthDelimited();
+                               return true;
+                             });
         if (present) cell.state = ProjectionRow::State::present;
       } catch (...) {
         fail({slot}, std::current_exception(), row);
@@ -428,7 +394,7 @@ void ProjectionPlan::decodeLeaf(uint32_t nodeIndex, FieldTag tag, Reader& reader
       present = readPackedElementAs(reader, type, row.remaining_[nodeIndex], StoreScalar{&cell});
     } else if (!acceptsWireType(kind, wireType)) {
       throwTypeMismatch(type, wireType);
-    } else if (hasFixedEncoding(kind)) {
+    } else if (factsOf(kind).isFixedEncoding()) {
       decodeFixedEncodingAs(reader, type, StoreScalar{&cell});
     } else {
       cell.payload = readPayload(reader, tag);
@@ -566,7 +532,7 @@ namespace {
 // The scalar of kind `wanted` at `path`, as the single read finds and decodes it.
 template <typename T>
 std::optional<T> readScalar(ByteView data, const FieldPathAndType& path, AnyValue::Case wanted) {
-  detail::checkKind(wanted, detail::valueCaseOf(path.type.kind()));
+  detail::checkKind(wanted, detail::factsOf(path.type.kind()).valueCase);
   Reader reader(data);
   return detail::readValueAs(
       reader, path.fieldPath, path.type,
@@ -579,8 +545,9 @@ std::optional<T> readScalar(ByteView data, const FieldPathAndType& path, AnyValu
       },
       [&path](Reader&, FieldTag) -> std::optional<T> {
         // Strings, bytes and messages were turned away by the kind check.
-        detail::throwWrongValueKind(static_cast<uint8_t>(AnyValue::Case::int64),
-                                    static_cast<uint8_t>(detail::valueCaseOf(path.type.kind())));
+        detail::throwWrongValueKind(
+            static_cast<uint8_t>(AnyValue::Case::int64),
+            static_cast<uint8_t>(detail::factsOf(path.type.kind()).valueCase));
       });
 }
 

@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "core/json_text.hpp"
-#include "manifest/descriptor_import.hpp"
+#include "core/nesting.hpp"
+#include "interchange/descriptor_import.hpp"
 #include "manifest/manifest_check.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/wire/reader.hpp"
@@ -18,9 +19,6 @@ namespace {
 using Case = detail::AnyValueImpl::Case;
 using detail::NamePath;
 
-// libprotobuf refuses to parse messages nested deeper than 100; a descriptor set it can read never
-// comes near this, and the limit keeps hostile input from exhausting the stack.
-constexpr int kMaxMessageDepth = 100;
 // FieldDescriptorProto.json_name. The built-in descriptor schema leaves it out (its field set is
 // fixed), so it is read from the field descriptor's bytes directly.
 constexpr int64_t kJsonNameNumber = 10;
@@ -133,7 +131,7 @@ class DescriptorSetReader {
 
   void readMessage(const NamePath& path, const detail::AnyValueImpl& value, int depth) {
     if (!isMessage(value)) invalidValue("Message descriptor property");
-    if (depth > kMaxMessageDepth) throw SchemaManifestDSCError::cannotLoadDescriptor();
+    if (depth > detail::kMaxMessageNesting) throw SchemaManifestDSCError::cannotLoadDescriptor();
     std::string name;
     MessageManifest message;
     // Nested types take the name read so far: "name" is field 1, so it precedes them in any

@@ -1,6 +1,7 @@
 #include <google/protobuf/compiler/importer.h>
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/descriptor_database.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 
 #include <filesystem>
@@ -12,10 +13,6 @@
 
 #include "ostrel/core/interrupts.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
-
-#ifndef OSTREL_PROTOBUF_INCLUDE_DIR
-#define OSTREL_PROTOBUF_INCLUDE_DIR "/usr/include"
-#endif
 
 namespace ostrel {
 namespace {
@@ -42,23 +39,15 @@ class PollingInputStream final : public pb::io::ZeroCopyInputStream {
   pb::io::ArrayInputStream text_;
 };
 
-// One file held in memory, and libprotobuf's own google/protobuf/*.proto files for its imports:
-// text handed over by a caller (an SQL function argument, say) must not reach any other file of
-// the machine.
+// One file held in memory and nothing else: text handed over by a caller (an SQL function
+// argument, say) must not reach any file of the machine. Its imports of libprotobuf's own files
+// come from the generated pool (see ProtoImporter).
 class TextSourceTree final : public pb::compiler::SourceTree {
  public:
-  TextSourceTree(std::string name, std::string_view text) : name_(std::move(name)), text_(text) {
-    protobufFiles_.MapPath("google/protobuf", OSTREL_PROTOBUF_INCLUDE_DIR "/google/protobuf");
-  }
+  TextSourceTree(std::string name, std::string_view text) : name_(std::move(name)), text_(text) {}
 
   pb::io::ZeroCopyInputStream* Open(const std::string& filename) override {
-    if (filename == name_) {
-      return new PollingInputStream(text_);
-    }
-    if (filename.rfind("google/protobuf/", 0) == 0 && filename.find("..") == std::string::npos) {
-      return protobufFiles_.Open(filename);
-    }
-    return nullptr;
+    return filename == name_ ? new PollingInputStream(text_) : nullptr;
   }
 
   std::string GetLastErrorMessage() override { return "File not found."; }
@@ -66,7 +55,6 @@ class TextSourceTree final : public pb::compiler::SourceTree {
  private:
   std::string name_;
   std::string_view text_;
-  pb::compiler::DiskSourceTree protobufFiles_;
 };
 
 // Keeps the first error, in the "file:line:column: message" form compilers print; the parser's
@@ -93,6 +81,29 @@ class FirstErrorCollector final : public pb::compiler::MultiFileErrorCollector {
   std::optional<std::string> first_;
 };
 
+// Parses the .proto files of a source tree into a pool of their own. A file the tree does not hold
+// is looked up among the files libprotobuf carries compiled in (descriptor.proto and the
+// well-known types) in its generated pool, so that `import "google/protobuf/timestamp.proto"`
+// needs no folder of the machine the library was built on; a tree that holds such a file wins.
+class ProtoImporter {
+ public:
+  ProtoImporter(pb::compiler::SourceTree& tree, FirstErrorCollector& errors)
+      : builtIn_(*pb::DescriptorPool::generated_pool()),
+        database_(&tree, &builtIn_),
+        pool_(&database_, database_.GetValidationErrorCollector()) {
+    database_.RecordErrorsTo(&errors);
+    pool_.EnforceWeakDependencies(true);
+  }
+
+  // The file and its imports, or null after the first error went to the collector.
+  const pb::FileDescriptor* import(const std::string& file) { return pool_.FindFileByName(file); }
+
+ private:
+  pb::DescriptorPoolDatabase builtIn_;
+  pb::compiler::SourceTreeDescriptorDatabase database_;
+  pb::DescriptorPool pool_;
+};
+
 // Dependencies before the files that import them, each file once, as protoc's
 // --include_imports writes them.
 void collect(const pb::FileDescriptor* file, std::set<const pb::FileDescriptor*>& seen,
@@ -109,11 +120,9 @@ SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& file
                                             const DescriptorImportOptions& options) {
   pb::compiler::DiskSourceTree sourceTree;
   for (const std::string& path : includePaths) sourceTree.MapPath("", path);
-  // Mapped last, so that an include path of the caller's providing them wins.
-  sourceTree.MapPath("google/protobuf", OSTREL_PROTOBUF_INCLUDE_DIR "/google/protobuf");
 
   FirstErrorCollector errors;
-  pb::compiler::Importer importer(&sourceTree, &errors);
+  ProtoImporter importer(sourceTree, errors);
   std::set<const pb::FileDescriptor*> seen;
   pb::FileDescriptorSet set;
   for (const std::string& file : files) {
@@ -128,7 +137,7 @@ SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& file
         virtualFile = mapped;
       }
     }
-    const pb::FileDescriptor* descriptor = importer.Import(virtualFile);
+    const pb::FileDescriptor* descriptor = importer.import(virtualFile);
     if (!descriptor) errors.fail(virtualFile);
     collect(descriptor, seen, set);
   }
@@ -145,8 +154,8 @@ SchemaManifest schemaManifestFromProtoText(std::string_view text, std::string_vi
   }
   TextSourceTree sourceTree{std::string(fileName), text};
   FirstErrorCollector errors;
-  pb::compiler::Importer importer(&sourceTree, &errors);
-  const pb::FileDescriptor* descriptor = importer.Import(std::string(fileName));
+  ProtoImporter importer(sourceTree, errors);
+  const pb::FileDescriptor* descriptor = importer.import(std::string(fileName));
   if (!descriptor) errors.fail(std::string(fileName));
   std::set<const pb::FileDescriptor*> seen;
   pb::FileDescriptorSet set;

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "manifest/descriptor_import.hpp"
+#include "interchange/descriptor_import.hpp"
 #include "ostrel/manifest/manifest_data.hpp"
 #include "store/proto_schema_store.hpp"
 

@@ -6,7 +6,7 @@
 
 #include "core/fatal.hpp"
 #include "core/json_text.hpp"
-#include "manifest/descriptor_import.hpp"
+#include "interchange/descriptor_import.hpp"
 #include "manifest/manifest_check.hpp"
 
 namespace ostrel {
