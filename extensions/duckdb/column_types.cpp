@@ -10,8 +10,8 @@
 #include "core/utf8.hpp"
 #include "ostrel/columns/columns.hpp"
 #include "ostrel/output/json.hpp"
-#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
+#include "store/map_entry.hpp"
 #include "wire/field_path.hpp"
 
 namespace ostrel::duckdb {

@@ -185,7 +185,8 @@ void pHas(duckdb_function_info info, duckdb_data_chunk input, duckdb_vector outp
     bool any = false;
     if (holder) {
       Reader reader(*holder);
-      forEachValue(reader, *repeated.field.field().impl(), [&](detail::AnyValueImpl&&) { any = true; });
+      forEachValue(reader, *repeated.field.field().impl(),
+                   [&](detail::AnyValueImpl&&) { any = true; });
     }
     result[row] = any;
   });
@@ -235,7 +236,7 @@ SchemaManifest fromProto(const Arguments& arguments, idx_t row) {
   return schemaManifestFromProtoText(arguments.text(0, row));
 }
 
-struct FunctionSpec {
+struct FunctionDefinition {
   const char* name;
   std::vector<duckdb_type> parameters;
   duckdb_type result;
@@ -245,19 +246,19 @@ struct FunctionSpec {
 };
 
 bool registerFunction(duckdb_connection connection, const SharedState& state,
-                      const FunctionSpec& spec) {
+                      const FunctionDefinition& definition) {
   duckdb_scalar_function function = duckdb_create_scalar_function();
-  duckdb_scalar_function_set_name(function, spec.name);
-  for (const duckdb_type parameter : spec.parameters) {
+  duckdb_scalar_function_set_name(function, definition.name);
+  for (const duckdb_type parameter : definition.parameters) {
     duckdb_logical_type type = duckdb_create_logical_type(parameter);
     duckdb_scalar_function_add_parameter(function, type);
     duckdb_destroy_logical_type(&type);
   }
-  duckdb_logical_type result = duckdb_create_logical_type(spec.result);
+  duckdb_logical_type result = duckdb_create_logical_type(definition.result);
   duckdb_scalar_function_set_return_type(function, result);
   duckdb_destroy_logical_type(&result);
-  if (spec.isVolatile) duckdb_scalar_function_set_volatile(function);
-  duckdb_scalar_function_set_function(function, spec.function);
+  if (definition.isVolatile) duckdb_scalar_function_set_volatile(function);
+  duckdb_scalar_function_set_function(function, definition.function);
   duckdb_scalar_function_set_extra_info(function, new SharedState(state),
                                         [](void* p) { delete static_cast<SharedState*>(p); });
   const bool registered = duckdb_register_scalar_function(connection, function) == DuckDBSuccess;
@@ -288,7 +289,7 @@ ResolvedColumn resolveColumn(const ExtensionState& state, std::string_view type,
 bool registerScalarFunctions(duckdb_connection connection, const SharedState& state,
                              std::string& error) {
   using enum duckdb_type;
-  const FunctionSpec specs[] = {
+  const FunctionDefinition definitions[] = {
       {"ostrel_register_descriptor_set",
        {DUCKDB_TYPE_BLOB},
        DUCKDB_TYPE_BIGINT,
@@ -319,9 +320,9 @@ bool registerScalarFunctions(duckdb_connection connection, const SharedState& st
       {"p_json", {DUCKDB_TYPE_BLOB, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_VARCHAR, pJson},
       {"p_encode", {DUCKDB_TYPE_VARCHAR, DUCKDB_TYPE_VARCHAR}, DUCKDB_TYPE_BLOB, pEncode},
   };
-  for (const FunctionSpec& spec : specs) {
-    if (!registerFunction(connection, state, spec)) {
-      error = std::string("DuckDB refused the function ") + spec.name;
+  for (const FunctionDefinition& definition : definitions) {
+    if (!registerFunction(connection, state, definition)) {
+      error = std::string("DuckDB refused the function ") + definition.name;
       return false;
     }
   }

@@ -441,9 +441,10 @@ bool ostrel_set(const OstrelSite* site, const char* record, size_t size, const c
                 OstrelAlloc alloc, char** result, size_t* resultSize, OstrelError* error) {
   return guarded(error, [&] {
     std::string text(value, valueSize);
-    EditValue edit = form == OSTREL_VALUE_JSON   ? EditValue::json(std::move(text))
-                     : form == OSTREL_VALUE_TEXT ? EditValue::text(std::move(text))
-                                                 : EditValue(AnyValue(toBytes(view(value, valueSize))));
+    EditValue edit = form == OSTREL_VALUE_JSON ? EditValue::json(std::move(text))
+                     : form == OSTREL_VALUE_TEXT
+                         ? EditValue::text(std::move(text))
+                         : EditValue(AnyValue(toBytes(view(value, valueSize))));
     Rewrite rewrite(site->compiled->schema);
     rewrite.set(std::string_view(path, pathSize), std::move(edit));
     resultOut(alloc, rewrite.apply(view(record, size)), result, resultSize);

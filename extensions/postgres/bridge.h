@@ -131,9 +131,9 @@ bool ostrel_encode(const OstrelSite *site, const char *json, size_t jsonSize, Os
 
 /* How p_set's value argument is read (the library's EditValue forms). */
 typedef enum OstrelValueForm {
-  OSTREL_VALUE_TEXT,  /* text as a person types it: a string, an enum name, a number, JSON */
-  OSTREL_VALUE_JSON,  /* ProtoJSON of the value */
-  OSTREL_VALUE_BYTES  /* the bytes of a bytes field, or an encoded message */
+  OSTREL_VALUE_TEXT, /* text as a person types it: a string, an enum name, a number, JSON */
+  OSTREL_VALUE_JSON, /* ProtoJSON of the value */
+  OSTREL_VALUE_BYTES /* the bytes of a bytes field, or an encoded message */
 } OstrelValueForm;
 
 /* Record rewrites at an OSTREL_SITE_MESSAGE site: the new record in *result (allocated). ostrel_set

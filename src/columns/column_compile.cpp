@@ -7,8 +7,8 @@
 #include "columns/column_plan.hpp"
 #include "core/field_type_facts.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
+#include "store/map_entry.hpp"
 
 namespace ostrel::detail {
 namespace {

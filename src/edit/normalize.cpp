@@ -79,7 +79,8 @@ void writeNested(const FieldSchemaDescribing& field, ByteView payload, int depth
     writeTag(field.fieldNumber(), ProtoWireType::endGroup, out);
     return;
   }
-  const size_t mark = out.beginNested(fieldKey(field.fieldNumber(), ProtoWireType::lengthDelimited));
+  const size_t mark =
+      out.beginNested(fieldKey(field.fieldNumber(), ProtoWireType::lengthDelimited));
   writeMessage(payload, schema, depth + 1, out);
   out.endNested(mark);
 }
@@ -89,7 +90,8 @@ void writeNested(const FieldSchemaDescribing& field, ByteView payload, int depth
 void writeEntry(ByteView payload, const FieldSchemaDescribing& field, const MapEntryFields& entry,
                 int depth, WireBuffer& out) {
   if (depth + 1 > kMaxEditDepth) throw tooDeep();
-  const size_t mark = out.beginNested(fieldKey(field.fieldNumber(), ProtoWireType::lengthDelimited));
+  const size_t mark =
+      out.beginNested(fieldKey(field.fieldNumber(), ProtoWireType::lengthDelimited));
   std::vector<Occurrence> keys;
   std::vector<Occurrence> values;
   forEachOccurrence(payload, [&](const Occurrence& inner) {

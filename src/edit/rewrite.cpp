@@ -12,10 +12,10 @@
 #include "core/base64.hpp"
 #include "core/json_text.hpp"
 #include "edit/wire_fields.hpp"
-#include "output/field_value_writing.hpp"
 #include "ostrel/output/json.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/paths/property_path.hpp"
+#include "output/field_value_writing.hpp"
 #include "store/map_entry.hpp"
 
 namespace ostrel {

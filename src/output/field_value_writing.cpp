@@ -1,4 +1,5 @@
 #include "output/field_value_writing.hpp"
+
 #include <algorithm>
 #include <new>
 #include <optional>
@@ -73,7 +74,8 @@ SchematizedData MessageSchemaDescribing::buildData(const ValueForField& valueFor
   std::sort(names.begin(), names.end());
   for (const std::string& fieldName : names) {
     const std::shared_ptr<FieldSchemaDescribing>& field = fieldNamed(fieldName);
-    for (const AnyValue& value : valueForField(field)) writeFieldValue(value.impl(), *field, *writer);
+    for (const AnyValue& value : valueForField(field))
+      writeFieldValue(value.impl(), *field, *writer);
   }
   return schematizedData(writer->data());
 }

@@ -22,9 +22,9 @@
 #include "ostrel/core/values.hpp"
 #include "ostrel/output/json.hpp"
 #include "output/field_value_writing.hpp"
-#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
 #include "output/wire_buffer.hpp"
+#include "store/map_entry.hpp"
 #include "wire/scalar_decoding.hpp"
 
 namespace ostrel {
@@ -642,8 +642,8 @@ class Encoder {
       }
       default:
         return withIntegerType(field.kind, [&](auto zero) {
-          return writeInteger(
-              field, integer<decltype(zero)>(value, type, path, caseName(field.kind)));
+          return writeInteger(field,
+                              integer<decltype(zero)>(value, type, path, caseName(field.kind)));
         });
     }
   }

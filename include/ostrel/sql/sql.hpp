@@ -1,8 +1,8 @@
 #pragma once
 
 // SQL over schematized records stored as blobs: the text of queries that read them (sqlSelect),
-// and the functions that read the records inside SQLite. In the library ostrel::sql (libostrel_sql),
-// which links SQLite.
+// and the functions that read the records inside SQLite. In the library ostrel::sql
+// (libostrel_sql), which links SQLite.
 
 #include <cstdint>
 #include <optional>

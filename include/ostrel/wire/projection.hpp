@@ -24,7 +24,7 @@ namespace ostrel {
 namespace detail {
 struct ProjectionPlan;
 struct ProjectionCells;
-}
+}  // namespace detail
 
 class ProjectionRow;
 
