@@ -42,10 +42,21 @@ void appendVarint(Bytes& out, uint64_t value) {
   out.push_back(static_cast<std::byte>(value));
 }
 
-ByteView payloadAt(ByteView segment, int64_t position) {
+// The payload of the message occurrence whose tag ends at `position`: length-delimited, or a group
+// (a delimited field) up to its end tag.
+ByteView payloadAt(ByteView segment, int64_t position, ProtoWireType wireType, int64_t number) {
   Reader reader(segment);
   reader.setPosition(position);
+  if (wireType == ProtoWireType::startGroup) return reader.readGroup(number);
   return reader.readLengthDelimited();
+}
+
+// The wire type occurrences of `field` must have: a message's own (length-delimited, or a group
+// for a delimited field) on the way down, the type's at the end of the path.
+ProtoWireType requiredWireType(const FieldSchemaDescribing& field,
+                               const TypeSchemaDescription& type, bool last) {
+  if (field.isDelimited()) return ProtoWireType::startGroup;
+  return last ? factsOf(type.kind()).wireType : ProtoWireType::lengthDelimited;
 }
 
 }  // namespace
@@ -79,7 +90,9 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
             continue;
           }
           const bool delimited = tag.wireType() == ProtoWireType::lengthDelimited;
-          if (!last && !delimited) throwIntermediateNotDelimited();
+          if (!last && tag.wireType() != requiredWireType(field, type, false)) {
+            throwIntermediateNotDelimited();
+          }
           if (last && delimited && packable(type.kind())) {
             Reader elements(reader.readLengthDelimited());
             const bool found = withFixedDecoder(type.kind(), [&](const auto& decode) {
@@ -93,8 +106,17 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
             continue;
           }
           if (remaining == 0) {
+            if (last && tag.wireType() == ProtoWireType::startGroup) {
+              // The group's payload as a length-delimited message, which the decoder reads.
+              const ByteView group =
+                  payloadAt(segment, reader.position(), tag.wireType(), component.number);
+              merged.clear();
+              appendVarint(merged, group.size());
+              merged.insert(merged.end(), group.begin(), group.end());
+              return ExactLocation{Reader(merged), ProtoWireType::lengthDelimited, false};
+            }
             if (last) return ExactLocation{reader, tag.wireType(), false};
-            next.push_back(reader.readLengthDelimited());
+            next.push_back(payloadAt(segment, reader.position(), tag.wireType(), component.number));
             break;
           }
           --remaining;
@@ -107,8 +129,7 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
       // The occurrences that count: all of them, but those before an occurrence of another member
       // of the same oneof, which protobuf's parse clears.
       const std::vector<int64_t> siblings = oneofSiblings(*message, field);
-      const ProtoWireType required =
-          last ? factsOf(type.kind()).wireType : ProtoWireType::lengthDelimited;
+      const ProtoWireType required = requiredWireType(field, type, last);
       occurrences.clear();
       for (size_t s = 0; s < segments.size(); ++s) {
         Reader reader(segments[s]);
@@ -129,7 +150,8 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
       }
       if (occurrences.empty()) return std::nullopt;
       if (last) {
-        if (type.kind() != TypeSchemaDescription::Case::message || occurrences.size() == 1) {
+        if (type.kind() != TypeSchemaDescription::Case::message ||
+            (occurrences.size() == 1 && occurrences.back().wireType != ProtoWireType::startGroup)) {
           const Occurrence& winner = occurrences.back();
           Reader reader(segments[winner.segment]);
           reader.setPosition(winner.position);
@@ -138,7 +160,7 @@ std::optional<ExactLocation> locateExact(const MessageSchemaDescribing& schema, 
       }
       next.reserve(occurrences.size());
       for (const Occurrence& o : occurrences) {
-        next.push_back(payloadAt(segments[o.segment], o.position));
+        next.push_back(payloadAt(segments[o.segment], o.position, o.wireType, component.number));
       }
       if (last) {
         // One message from several occurrences: their payloads one after the other, which is what
