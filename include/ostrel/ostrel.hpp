@@ -15,7 +15,7 @@
 //   view(record).value(path). Schematizer::value is the low level under these: by field number,
 //   without a message schema (wire/schematizer.hpp).
 // - Read several paths from each of many records: Projection, one pass per record; one scalar
-//   without an AnyValue: readInt64(bytes, path) and its siblings (wire/projection.hpp).
+//   without an AnyValue: readInt64(bytes, path) and its siblings (paths/projection.hpp).
 // - A stream of records (length-prefixed, kcat's, one per input, or from a callback) and
 //   Confluent's envelope: RecordSource and decodeConfluent (records/records.hpp).
 // - Columns for analytics: ColumnProjection reads paths from many records into Arrow record
@@ -50,12 +50,12 @@
 #include "ostrel/output/json.hpp"
 #include "ostrel/output/protobuf_writing.hpp"
 #include "ostrel/output/text_format.hpp"
+#include "ostrel/paths/projection.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/paths/repeated_field.hpp"
 #include "ostrel/records/records.hpp"
 #include "ostrel/sql/sql.hpp"
 #include "ostrel/store/schemas.hpp"
-#include "ostrel/wire/projection.hpp"
 #include "ostrel/wire/reader.hpp"
 #include "ostrel/wire/schematizer.hpp"
 

@@ -18,7 +18,7 @@
 
 #include "columns/array_builder.hpp"
 #include "ostrel/columns/columns.hpp"
-#include "ostrel/wire/projection.hpp"
+#include "ostrel/paths/projection.hpp"
 #include "ostrel/wire/schematizer.hpp"
 
 namespace ostrel::detail {

@@ -1,6 +1,6 @@
 // Projections: many paths read from a record in one pass; typed scalar reads; delimited streams.
 
-#include "ostrel/wire/projection.hpp"
+#include "ostrel/paths/projection.hpp"
 
 #include <algorithm>
 #include <limits>

@@ -2,7 +2,7 @@
 // occurrences, packed runs and faults. Random messages, whole and damaged, are projected in the
 // differential suite.
 
-#include "ostrel/wire/projection.hpp"
+#include "ostrel/paths/projection.hpp"
 
 #include <gtest/gtest.h>
 

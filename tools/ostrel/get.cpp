@@ -2,8 +2,8 @@
 #include <nlohmann/json.hpp>
 
 #include "ostrel/core/errors.hpp"
+#include "ostrel/paths/projection.hpp"
 #include "ostrel/paths/property_path.hpp"
-#include "ostrel/wire/projection.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "tool.hpp"
 
