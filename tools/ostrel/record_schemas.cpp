@@ -3,6 +3,7 @@
 
 #include <google/protobuf/compiler/importer.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/descriptor_database.h>
 
 #include <algorithm>
 #include <cctype>
@@ -41,7 +42,7 @@ void addWithDependencies(const pb::FileDescriptor* file, pb::FileDescriptorSet& 
 }
 
 // A registry export as a descriptor set whose last file is the schema itself: a .proto file,
-// compiled with its folder and libprotobuf's own files as include paths, or a descriptor set as
+// compiled with its folder and libprotobuf's compiled-in files as imports, or a descriptor set as
 // written (protoc --include_imports and buf put the file after what it imports).
 pb::FileDescriptorSet exportedSchema(const std::string& path) {
   pb::FileDescriptorSet set;
@@ -49,10 +50,14 @@ pb::FileDescriptorSet exportedSchema(const std::string& path) {
     const std::filesystem::path file(path);
     pb::compiler::DiskSourceTree tree;
     tree.MapPath("", file.parent_path().empty() ? "." : file.parent_path().string());
-    tree.MapPath("", OSTREL_PROTOBUF_INCLUDE_DIR);
     ErrorText errors;
-    pb::compiler::Importer importer(&tree, &errors);
-    const pb::FileDescriptor* imported = importer.Import(file.filename().string());
+    // What the folder does not hold (descriptor.proto, the well-known types) comes from the files
+    // libprotobuf carries compiled in, not from a folder of the machine the tool was built on.
+    pb::DescriptorPoolDatabase builtIn(*pb::DescriptorPool::generated_pool());
+    pb::compiler::SourceTreeDescriptorDatabase database(&tree, &builtIn);
+    database.RecordErrorsTo(&errors);
+    pb::DescriptorPool pool(&database, database.GetValidationErrorCollector());
+    const pb::FileDescriptor* imported = pool.FindFileByName(file.filename().string());
     if (!imported) throw ToolError(path + ": " + errors.text);
     std::vector<const pb::FileDescriptor*> added;
     addWithDependencies(imported, set, added);
