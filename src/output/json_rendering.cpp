@@ -22,8 +22,8 @@
 #include "ostrel/output/json.hpp"
 #include "ostrel/wire/reader.hpp"
 #include "output/field_type_table.hpp"
-#include "store/map_entry.hpp"
 #include "output/well_known.hpp"
+#include "store/map_entry.hpp"
 #include "wire/scalar_decoding.hpp"
 #include "wire/value_decoding.hpp"
 

@@ -1,7 +1,7 @@
 #include "ostrel/store/schemas.hpp"
 
-#include "manifest/manifest_check.hpp"
 #include "core/field_type_facts.hpp"
+#include "manifest/manifest_check.hpp"
 #include "store/proto_schema_store.hpp"
 
 namespace ostrel {

@@ -91,10 +91,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     std::string rendered;
     return forEachRecord(input, records, types, [&](const StreamRecord& record) {
       // Rendered whole before any of it is printed: a bad record prints nothing.
-      rendered =
-          record.bytes
-              ? renderJSON(record.schema->view(*record.bytes), options)
-              : "null";
+      rendered = record.bytes ? renderJSON(record.schema->view(*record.bytes), options) : "null";
       line.clear();
       if (records.provenance) {
         const KafkaProvenance& kafka = *record.kafka;

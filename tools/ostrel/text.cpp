@@ -38,8 +38,7 @@ int run(Arguments& args, GlobalOptions& globals) {
     RecordSchemas types(records, input, schemas);
     return forEachRecord(input, records, types, [&](const StreamRecord& record) {
       // A null record is an empty message's text: nothing, then the separating empty line.
-      if (record.bytes)
-        writeOut(renderText(record.schema->view(*record.bytes)));
+      if (record.bytes) writeOut(renderText(record.schema->view(*record.bytes)));
       writeOut("\n");
     });
   }
