@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <typeinfo>
 #include <unordered_map>
 #include <vector>
 
@@ -24,6 +25,8 @@
 #include "output/field_type_table.hpp"
 #include "output/well_known.hpp"
 #include "store/map_entry.hpp"
+#include "store/proto_schemas.hpp"
+#include "store/schema_attachment.hpp"
 #include "wire/scalar_decoding.hpp"
 #include "wire/value_decoding.hpp"
 
@@ -44,9 +47,10 @@ constexpr int64_t kMaxDenseFieldNumber = 4096;
 
 struct MessagePlan;
 
-// A field as the renderer uses it, resolved once per rendering. The type is resolved on the
-// field's first value, not when its message is planned: resolving can fail, and that failure
-// belongs to the field's value.
+// A field as the renderer uses it. The type is resolved on the field's first value, not when its
+// message is planned: resolving can fail, and that failure belongs to the field's value. Plans are
+// shared by the threads rendering with one schema, so what is resolved later is kept in atomics:
+// each thread that resolves writes the same values, and one that sees `resolved` set sees them.
 struct FieldPlan {
   const FieldSchemaDescribing* field = nullptr;
   int64_t number = kNoField;
@@ -56,19 +60,48 @@ struct FieldPlan {
   bool repeated = false;
   // The index of the field's oneof, or -1.
   int32_t oneof = -1;
+  // Whether the plan is shared (owned by the schema): it then refers only to shared plans.
+  bool shared = false;
 
-  bool resolved = false;
-  const TypeSchemaDescription* type = nullptr;
-  Case kind = Case::int32;
-  ProtoWireType required = ProtoWireType::varInt;
-  bool packable = false;
-  // Set on first use for message fields, for the same reason.
-  MessagePlan* message = nullptr;
+  // Valid once resolved() (on this thread).
+  const TypeSchemaDescription* type() const noexcept {
+    return type_.load(std::memory_order_relaxed);
+  }
+  Case kind() const noexcept { return kind_.load(std::memory_order_relaxed); }
+  ProtoWireType required() const noexcept { return required_.load(std::memory_order_relaxed); }
+  bool packable() const noexcept { return packable_.load(std::memory_order_relaxed); }
+  bool resolved() const noexcept { return resolved_.load(std::memory_order_acquire); }
+
+  void resolve(const TypeSchemaDescription& type) noexcept {
+    type_.store(&type, std::memory_order_relaxed);
+    kind_.store(type.kind(), std::memory_order_relaxed);
+    required_.store(detail::factsOf(type.kind()).wireType, std::memory_order_relaxed);
+    packable_.store(detail::factsOf(type.kind()).isFixedEncoding(), std::memory_order_relaxed);
+    resolved_.store(true, std::memory_order_release);
+  }
+  void release() noexcept {
+    resolved_.store(false, std::memory_order_relaxed);
+    message.store(nullptr, std::memory_order_relaxed);
+  }
+
+  // The plan of a message field's type, set on first use for the same reason.
+  std::atomic<MessagePlan*> message{nullptr};
+
+ private:
+  std::atomic<bool> resolved_{false};
+  std::atomic<const TypeSchemaDescription*> type_{nullptr};
+  std::atomic<Case> kind_{Case::int32};
+  std::atomic<ProtoWireType> required_{ProtoWireType::varInt};
+  std::atomic<bool> packable_{false};
 };
 
 // A message schema as the renderer uses it: its fields by number, and what kind of message it is.
+// Made once per schema and way of naming members, and then only read (but for FieldPlan's
+// resolved parts).
 struct MessagePlan {
   const MessageSchemaDescribing* schema = nullptr;
+  // Whether the plan is kept with its schema.
+  bool shared = false;
   WellKnown wellKnown = WellKnown::none;
   std::optional<detail::MapEntryFields> mapEntry;
   bool hasOneofs = false;
@@ -86,6 +119,32 @@ struct MessagePlan {
     const auto it = std::lower_bound(fields.begin(), fields.end(), number,
                                      [](const FieldPlan& f, int64_t n) { return f.number < n; });
     return it != fields.end() && it->number == number ? &*it : nullptr;
+  }
+};
+
+// The plans of a schema of the store, one for each way of writing member keys (declared or JSON
+// names, compact or indented), kept with the schema.
+class SharedPlans final : public detail::SchemaAttachment {
+ public:
+  static constexpr size_t kVariants = 4;
+
+  detail::AttachmentSlot& variant(size_t index) noexcept { return variants_[index]; }
+
+  void releaseTypes() noexcept override {
+    for (detail::AttachmentSlot& slot : variants_) {
+      if (detail::SchemaAttachment* plan = slot.get()) plan->releaseTypes();
+    }
+  }
+
+ private:
+  std::array<detail::AttachmentSlot, kVariants> variants_;
+};
+
+// A plan kept with its schema.
+struct SharedPlan final : detail::SchemaAttachment {
+  MessagePlan plan;
+  void releaseTypes() noexcept override {
+    for (FieldPlan& f : plan.fields) f.release();
   }
 };
 
@@ -289,57 +348,85 @@ class Renderer {
   };
 
   // The plan of `schema`, made on first use. Throws the schema's errors when its fields cannot be
-  // materialised.
+  // materialised. The store's schemas keep their plans, so that each is made once for all calls
+  // and threads; the plans of other schemas last for this rendering.
   MessagePlan& plan(const MessageSchemaDescribing& schema) {
     if (&schema == lastSchema_) return *lastPlan_;
-    auto& slot = plans_[&schema];
-    if (!slot) {
-      auto made = std::make_unique<MessagePlan>();
-      made->schema = &schema;
-      made->wellKnown = detail::wellKnownKind(schema);
-      made->mapEntry = detail::mapEntryFields(schema);
-      const auto& fields = schema.fieldsByNumber();
-      made->fields.reserve(fields.size());
-      for (const auto& [number, field] : fields) {
-        FieldPlan& f = made->fields.emplace_back();
-        f.field = field.get();
-        f.number = number;
-        f.repeated = field->isRepeated();
-        if (const std::optional<int32_t> oneof = field->oneofIndex()) {
-          f.oneof = *oneof;
-          made->hasOneofs = true;
-        }
-        key(f.key, memberName(*field));
+    MessagePlan* found = nullptr;
+    if (typeid(schema) == typeid(ProtoMessageSchema)) {
+      found = &sharedPlan(static_cast<const ProtoMessageSchema&>(schema));
+    } else {
+      auto& slot = plans_[&schema];
+      if (!slot) {
+        slot = std::make_unique<MessagePlan>();
+        build(*slot, schema, false);
       }
-      if (!fields.empty() && fields.rbegin()->first < kMaxDenseFieldNumber) {
-        made->dense.assign(static_cast<size_t>(fields.rbegin()->first) + 1, 0);
-        for (size_t i = 0; i < made->fields.size(); ++i) {
-          made->dense[static_cast<size_t>(made->fields[i].number)] = static_cast<uint32_t>(i + 1);
-        }
-      }
-      slot = std::move(made);
+      found = slot.get();
     }
     lastSchema_ = &schema;
-    lastPlan_ = slot.get();
-    return *slot;
+    lastPlan_ = found;
+    return *found;
+  }
+
+  MessagePlan& sharedPlan(const ProtoMessageSchema& schema) {
+    detail::AttachmentSlot& plans = schema.renderingPlans();
+    detail::SchemaAttachment* variants = plans.get();
+    if (!variants) variants = plans.publish(std::make_unique<SharedPlans>());
+    const size_t index = (options_.jsonNames ? 1 : 0) + (indented_ ? 2 : 0);
+    detail::AttachmentSlot& slot = static_cast<SharedPlans*>(variants)->variant(index);
+    detail::SchemaAttachment* shared = slot.get();
+    if (!shared) {
+      auto made = std::make_unique<SharedPlan>();
+      build(made->plan, schema, true);
+      shared = slot.publish(std::move(made));
+    }
+    return static_cast<SharedPlan*>(shared)->plan;
+  }
+
+  void build(MessagePlan& made, const MessageSchemaDescribing& schema, bool shared) const {
+    made.schema = &schema;
+    made.shared = shared;
+    made.wellKnown = detail::wellKnownKind(schema);
+    made.mapEntry = detail::mapEntryFields(schema);
+    const auto& fields = schema.fieldsByNumber();
+    // Sized once: field plans hold atomics and do not move.
+    made.fields = std::vector<FieldPlan>(fields.size());
+    size_t i = 0;
+    for (const auto& [number, field] : fields) {
+      FieldPlan& f = made.fields[i++];
+      f.field = field.get();
+      f.number = number;
+      f.repeated = field->isRepeated();
+      f.shared = shared;
+      if (const std::optional<int32_t> oneof = field->oneofIndex()) {
+        f.oneof = *oneof;
+        made.hasOneofs = true;
+      }
+      key(f.key, memberName(*field));
+    }
+    if (!fields.empty() && fields.rbegin()->first < kMaxDenseFieldNumber) {
+      made.dense.assign(static_cast<size_t>(fields.rbegin()->first) + 1, 0);
+      for (size_t k = 0; k < made.fields.size(); ++k) {
+        made.dense[static_cast<size_t>(made.fields[k].number)] = static_cast<uint32_t>(k + 1);
+      }
+    }
   }
 
   // Resolves the field's type. Throws when it cannot be resolved.
   FieldPlan& resolve(FieldPlan& f) {
-    if (!f.resolved) {
-      f.type = &f.field->type();
-      f.kind = f.type->kind();
-      f.required = detail::factsOf(f.kind).wireType;
-      f.packable = detail::factsOf(f.kind).isFixedEncoding();
-      f.resolved = true;
-    }
+    if (!f.resolved()) f.resolve(f.field->type());
     return f;
   }
 
   // The plan of a message field's type. Throws when the type cannot be resolved.
   MessagePlan& messagePlan(FieldPlan& f) {
-    if (!f.message) f.message = &plan(*resolve(f).type->messageSchema());
-    return *f.message;
+    if (MessagePlan* known = f.message.load(std::memory_order_acquire)) return *known;
+    MessagePlan& found = plan(*resolve(f).type()->messageSchema());
+    // A shared plan must not refer to one that dies with this rendering.
+    if (!f.shared || found.shared) {
+      f.message.store(&found, std::memory_order_release);
+    }
+    return found;
   }
 
   // The message as an object whose members start at `level`; `typeUrl`, when given, is written
@@ -526,8 +613,8 @@ class Renderer {
       bool present = true;
       if (!f.repeated) {
         singular(f, bytes, begin, end, depth, level);
-      } else if (f.kind == Case::message && messagePlan(f).mapEntry) {
-        map(*f.message, bytes, begin, end, depth, level);
+      } else if (f.kind() == Case::message && messagePlan(f).mapEntry) {
+        map(messagePlan(f), bytes, begin, end, depth, level);
       } else {
         present = repeated(f, bytes, begin, end, depth, level);
       }
@@ -546,9 +633,9 @@ class Renderer {
   // Whether the last occurrence of the run is of the field's wire type and holds zero bits: the
   // default of a field without presence. A float of -0 holds other bits and stays present.
   static bool lastHoldsZero(const FieldPlan& f, ByteView bytes, const Run& last) {
-    if (last.lastWireType != f.required) return false;
+    if (last.lastWireType != f.required()) return false;
     Reader reader = readerAt(bytes, last.lastPosition);
-    switch (f.required) {
+    switch (f.required()) {
       case ProtoWireType::varInt:
         return reader.readVarint() == 0;
       case ProtoWireType::fixed32:
@@ -573,9 +660,9 @@ class Renderer {
       return;
     }
     forEachOccurrence(bytes, begin, end, [&](Reader&, ProtoWireType wireType) {
-      if (wireType != f.required) throw SerializationError::typeMismatch(*f.type, wireType);
+      if (wireType != f.required()) throw SerializationError::typeMismatch(*f.type(), wireType);
     });
-    if (f.kind != Case::message) {
+    if (f.kind() != Case::message) {
       Reader reader = readerAt(bytes, last.lastPosition);
       value(f, reader, last.lastWireType, depth, level);
       return;
@@ -598,7 +685,7 @@ class Renderer {
   // Whether the values of the field can fail after their text has begun: then a field of them is
   // held whole while streaming.
   bool failsInside(FieldPlan& f) {
-    return f.kind == Case::message && messagePlan(f).wellKnown != WellKnown::none;
+    return f.kind() == Case::message && messagePlan(f).wellKnown != WellKnown::none;
   }
 
   // The packed run at the reader: a reader over its elements.
@@ -627,19 +714,19 @@ class Renderer {
   size_t checkRepeated(FieldPlan& f, ByteView bytes, size_t begin, size_t end, int depth) {
     size_t count = 0;
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
-      if (wireType == ProtoWireType::lengthDelimited && f.packable) {
+      if (wireType == ProtoWireType::lengthDelimited && f.packable()) {
         Reader elements = packedElements(reader);
         count += skipPacked(f, elements);
         if (elements.position() != elements.endPosition()) {
           throw SerializationError::malformedProtobuf();
         }
-      } else if (!detail::acceptsWireType(f.kind, wireType)) {
-        throw SerializationError::typeMismatch(*f.type, wireType);
+      } else if (!detail::acceptsWireType(f.kind(), wireType)) {
+        throw SerializationError::typeMismatch(*f.type(), wireType);
       } else {
         ++count;
       }
     });
-    if (count > 0 && f.kind == Case::message) checkMessage(f, depth);
+    if (count > 0 && f.kind() == Case::message) checkMessage(f, depth);
     return count;
   }
 
@@ -660,7 +747,7 @@ class Renderer {
     out_.push_back('[');
     bool any = false;
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
-      if (wireType == ProtoWireType::lengthDelimited && f.packable) {
+      if (wireType == ProtoWireType::lengthDelimited && f.packable()) {
         Reader elements = packedElements(reader);
         packed(f, elements, any, level + 1);
         // An element running past the run's end has read the bytes that follow it.
@@ -702,7 +789,7 @@ class Renderer {
     } restore{*this, keysBase, first};
     forEachOccurrence(bytes, begin, end, [&](Reader& reader, ProtoWireType wireType) {
       if (wireType != ProtoWireType::lengthDelimited) {
-        throw SerializationError::typeMismatch(*runs_[begin].plan->type, wireType);
+        throw SerializationError::typeMismatch(*runs_[begin].plan->type(), wireType);
       }
       MapEntry entry;
       entry.bytes = reader.readLengthDelimited();
@@ -719,8 +806,8 @@ class Renderer {
           hasKey = true;
         } else if (tag.fieldNumber() == 2) {
           // Checked here, before the object begins, so that no value fails halfway through it.
-          if ((sink_ || entry.valueCount > 0) && tag.wireType() != valuePlan.required) {
-            throw SerializationError::typeMismatch(*valuePlan.type, tag.wireType());
+          if ((sink_ || entry.valueCount > 0) && tag.wireType() != valuePlan.required()) {
+            throw SerializationError::typeMismatch(*valuePlan.type(), tag.wireType());
           }
           entry.valuePosition = fields.position();
           entry.valueWireType = tag.wireType();
@@ -731,13 +818,13 @@ class Renderer {
         }
         if (fields.position() > fields.size()) throw SerializationError::truncated();
       }
-      if (!hasKey) keys_ += defaultKeyText(keyPlan.kind);
+      if (!hasKey) keys_ += defaultKeyText(keyPlan.kind());
       entry.keyLength = keys_.size() - entry.keyStart;
       entries_.push_back(entry);
     });
     const size_t count = entries_.size() - first;
     std::optional<Hold> hold;
-    if (sink_ && count > 0 && valuePlan.kind == Case::message) {
+    if (sink_ && count > 0 && valuePlan.kind() == Case::message) {
       checkMessage(valuePlan, depth);
       if (failsInside(valuePlan)) hold.emplace(holds_);
     }
@@ -776,7 +863,7 @@ class Renderer {
       any = true;
       // Not through keyOf's view: rendering the value may grow keys_.
       key(std::string_view(keys_).substr(entry.keyStart, entry.keyLength));
-      if (entry.valueCount > 1 && valuePlan.kind == Case::message) {
+      if (entry.valueCount > 1 && valuePlan.kind() == Case::message) {
         Bytes merged;
         Reader fields(entry.bytes);
         while (fields.hasMoreFields()) {
@@ -793,7 +880,7 @@ class Renderer {
         Reader reader = readerAt(entry.bytes, entry.valuePosition);
         value(valuePlan, reader, entry.valueWireType, depth, level + 1);
       } else {
-        defaultValue(*valuePlan.type);
+        defaultValue(*valuePlan.type());
       }
     }
     if (any) newline(level);
@@ -802,10 +889,10 @@ class Renderer {
 
   // Emits the value of field `f` that follows a tag of `wireType` at the reader's position.
   void value(FieldPlan& f, Reader& reader, ProtoWireType wireType, int depth, int level) {
-    if (wireType != f.required && !detail::acceptsWireType(f.kind, wireType)) [[unlikely]] {
-      throw SerializationError::typeMismatch(*f.type, wireType);
+    if (wireType != f.required() && !detail::acceptsWireType(f.kind(), wireType)) [[unlikely]] {
+      throw SerializationError::typeMismatch(*f.type(), wireType);
     }
-    switch (f.kind) {
+    switch (f.kind()) {
       case Case::string:
         string(asText(reader.readLengthDelimited()));
         return;
@@ -828,23 +915,73 @@ class Renderer {
   // Emits one value of a type whose encoding follows from the type (not string, bytes or
   // message) at the reader, straight from the wire.
   void element(const FieldPlan& f, Reader& reader) {
-    detail::withFixedDecoder(f.kind, [&](const auto& decode) { emit(f, decode(reader)); });
+    detail::withFixedDecoder(f.kind(), [&](const auto& decode) { emit(f, decode(reader)); });
   }
 
-  // Emits the elements of a packed run, each a member of the array at `level`.
+  // Emits the elements of a packed run, each a member of the array at `level`. Numbers and bools
+  // go in chunks: one capacity check, interrupt poll and flush point for each kPackedChunk
+  // elements, which are decoded and formatted in a tight loop straight into the buffer.
   void packed(const FieldPlan& f, Reader& elements, bool& any, int level) {
-    detail::withFixedDecoder(f.kind, [&](const auto& decode) {
-      while (elements.hasMoreFields()) {
-        separate(any, level);
-        any = true;
-        emit(f, decode(elements));
+    detail::withFixedDecoder(f.kind(), [&](const auto& decode) {
+      using Value = decltype(decode(elements));
+      if constexpr (std::is_same_v<Value, detail::EnumNumber>) {
+        while (elements.hasMoreFields()) {
+          separate(any, level);
+          any = true;
+          emit(f, decode(elements));
+        }
+      } else {
+        const size_t indent = indented_ ? 1 + 2 * static_cast<size_t>(level) : 0;
+        // A separator, the line break and indentation, and the longest element text.
+        const size_t elementRoom = 1 + indent + kMaxElementSize;
+        while (elements.hasMoreFields()) {
+          separate(any, level);
+          char* p = out_.room(kPackedChunk * elementRoom);
+          p = writeElement(p, decode(elements));
+          for (size_t i = 1; i < kPackedChunk && elements.hasMoreFields(); ++i) {
+            *p++ = ',';
+            if (indent) {
+              *p = '\n';
+              std::memset(p + 1, ' ', indent - 1);
+              p += indent;
+            }
+            p = writeElement(p, decode(elements));
+          }
+          out_.advance(p);
+          any = true;
+        }
       }
     });
   }
 
+  // The longest text writeElement writes: a quoted 64-bit integer, a float, "false".
+  static constexpr size_t kMaxElementSize = detail::kMaxJsonNumberSize + 2;
+  static constexpr size_t kPackedChunk = 64;
+
+  static char* writeElement(char* p, int32_t v) noexcept { return detail::writeJsonInteger(p, v); }
+  static char* writeElement(char* p, uint32_t v) noexcept { return detail::writeJsonInteger(p, v); }
+  template <typename Integer>
+    requires std::is_same_v<Integer, int64_t> || std::is_same_v<Integer, uint64_t>
+  static char* writeElement(char* p, Integer v) noexcept {
+    *p++ = '"';
+    p = detail::writeJsonInteger(p, v);
+    *p++ = '"';
+    return p;
+  }
+  static char* writeElement(char* p, float v) noexcept { return detail::writeJsonFloat(p, v); }
+  static char* writeElement(char* p, double v) noexcept { return detail::writeJsonFloat(p, v); }
+  static char* writeElement(char* p, bool v) noexcept {
+    if (v) {
+      std::memcpy(p, "true", 4);
+      return p + 4;
+    }
+    std::memcpy(p, "false", 5);
+    return p + 5;
+  }
+
   // Steps over the elements of a packed run; returns how many there were.
   static size_t skipPacked(const FieldPlan& f, Reader& elements) {
-    return detail::withFixedDecoder(f.kind, [&](const auto& decode) {
+    return detail::withFixedDecoder(f.kind(), [&](const auto& decode) {
       size_t count = 0;
       for (; elements.hasMoreFields(); ++count) decode(elements);
       return count;
@@ -859,7 +996,7 @@ class Renderer {
   void emit(const FieldPlan&, double v) { floatingPoint(v); }
   void emit(const FieldPlan&, bool v) { out_ += v ? "true" : "false"; }
   void emit(const FieldPlan& f, detail::EnumNumber v) {
-    enumValue(*f.type->enumSchema(), v.number);
+    enumValue(*f.type()->enumSchema(), v.number);
   }
 
   // A message value at `depth`: a well-known type in its own JSON form, any other as an object.
@@ -1016,13 +1153,13 @@ class Renderer {
     gatherWhole(plan, bytes);
     if (plan.wellKnown == WellKnown::structType) {
       FieldPlan* fields = plan.find(1);
-      if (!fields || !resolve(*fields).type->messageSchema() || !messagePlan(*fields).mapEntry) {
+      if (!fields || !resolve(*fields).type()->messageSchema() || !messagePlan(*fields).mapEntry) {
         throw SchematizerError::internalError("google.protobuf.Struct without map");
       }
       if (first == runs_.size()) {
         out_ += "{}";
       } else {
-        map(*fields->message, bytes, first, runs_.size(), depth, level);
+        map(messagePlan(*fields), bytes, first, runs_.size(), depth, level);
       }
     } else if (plan.wellKnown == WellKnown::listValue) {
       if (first == runs_.size() ||
@@ -1037,12 +1174,12 @@ class Renderer {
       const Run& kindRun = runs_.back();
       FieldPlan& kindField = resolve(*kindRun.plan);
       Reader reader = readerAt(bytes, kindRun.lastPosition);
-      if (kindField.kind == Case::message) {
+      if (kindField.kind() == Case::message) {
         // A struct_value or list_value in several occurrences in a row merges.
         singular(kindField, bytes, runs_.size() - 1, runs_.size(), depth, level);
       } else if (kindField.number == 2) {
         const double number =
-            decodeValue(reader, *kindField.type, kindRun.lastWireType).doubleValue();
+            decodeValue(reader, *kindField.type(), kindRun.lastWireType).doubleValue();
         if (!std::isfinite(number)) {
           throw SchematizerError::unexpectedType("google.protobuf.Value number " +
                                                  std::to_string(number) + " has no JSON form");
@@ -1126,10 +1263,10 @@ class Renderer {
   // Appends the text of the map key after a tag of `wireType` at the reader to keys_: a string
   // as it is (invalid UTF-8 replaced), an integer in decimal, a bool as "true" or "false".
   void mapKey(const FieldPlan& keyPlan, Reader& fields, ProtoWireType wireType) {
-    if (wireType != keyPlan.required) {
-      throw SerializationError::typeMismatch(*keyPlan.type, wireType);
+    if (wireType != keyPlan.required()) {
+      throw SerializationError::typeMismatch(*keyPlan.type(), wireType);
     }
-    if (keyPlan.kind == Case::string) {
+    if (keyPlan.kind() == Case::string) {
       const std::string_view text = asText(fields.readLengthDelimited());
       if (detail::isUtf8(text)) {
         keys_ += text;
@@ -1138,7 +1275,7 @@ class Renderer {
       }
       return;
     }
-    detail::withFixedDecoder(keyPlan.kind, [&](const auto& decode) {
+    detail::withFixedDecoder(keyPlan.kind(), [&](const auto& decode) {
       const auto key = decode(fields);
       using Key = std::decay_t<decltype(key)>;
       if constexpr (std::is_same_v<Key, bool>) {
@@ -1147,7 +1284,7 @@ class Renderer {
         char digits[detail::kMaxJsonNumberSize];
         keys_.append(digits, detail::writeJsonInteger(digits, key));
       } else {
-        throw SchematizerError::internalError("JSON map key of " + keyPlan.type->describe());
+        throw SchematizerError::internalError("JSON map key of " + keyPlan.type()->describe());
       }
     });
   }

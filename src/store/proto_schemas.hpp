@@ -24,6 +24,7 @@
 #include "ostrel/core/describing.hpp"
 #include "ostrel/manifest/manifest.hpp"
 #include "store/lazy_slot.hpp"
+#include "store/schema_attachment.hpp"
 
 namespace ostrel {
 
@@ -235,6 +236,9 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   // The manifest this schema describes, rebuilt from its fields and oneofs (materialised or not).
   MessageManifest manifest() const;
 
+  // The JSON renderer's plans of this message, made on first use by any thread.
+  detail::AttachmentSlot& renderingPlans() const noexcept { return renderingPlans_; }
+
   // Calls `visit` with each materialised field.
   template <typename Visit>
   void forEachMaterialisedField(Visit&& visit) const {
@@ -282,6 +286,7 @@ class ProtoMessageSchema final : public ProtoBaseSchema,
   mutable int64_t uninitializedCount_ = 0;
   // The fields among them: once none is left, fieldsByNumber() has nothing to materialise.
   mutable std::atomic<int64_t> uninitializedFieldCount_{0};
+  mutable detail::AttachmentSlot renderingPlans_;
 };
 
 }  // namespace ostrel

@@ -119,11 +119,20 @@ ProtoSchemaStore::~ProtoSchemaStore() {
     return found != component.end() && found->second == component.at(a);
   };
   for (const ProtoMessageSchema* message : messages) {
+    bool releasedType = false;
     message->forEachMaterialisedField([&](const FieldSchemaDescribing& field) {
       const auto& protoField = static_cast<const ProtoFieldSchema&>(field);
-      if (sameComponent(message, targetOf(protoField.resolvedType()))) protoField.releaseType();
+      if (sameComponent(message, targetOf(protoField.resolvedType()))) {
+        protoField.releaseType();
+        releasedType = true;
+      }
       if (sameComponent(message, schemaOf(protoField.options()))) protoField.releaseOptions();
     });
+    // What was derived from the released types refers to them too.
+    if (detail::SchemaAttachment* plans = message->renderingPlans().get();
+        plans && releasedType) {
+      plans->releaseTypes();
+    }
   }
 
   // What is left is acyclic, but a chain of types is as long as the schema makes it: a message

@@ -74,11 +74,16 @@ TEST(ReliabilityLifetimeTest, RecursiveDescriptorSchemasOutliveTheirStore) {
     const SchematizedData data = set.schematizedData(readGenerated("rich.desc"));
     // The import through the store's own schema, as a caller with descriptor.proto would run it.
     EXPECT_EQ(schemaManifestFromDescriptorSet(data.unsafe()).enums.count("ostrel.test.Color"), 1u);
+    // Rendered once before, so that the schemas' kept rendering plans hold the types released.
+    const std::string before = renderJSON(data);
     store.reset();
 
     // The fields that closed a cycle now report the store as gone, in the rendering as anywhere
     // else; the rest reads as before.
-    EXPECT_NE(renderJSON(data).find(R"("name":"rich.proto")"), std::string::npos);
+    const std::string after = renderJSON(data);
+    EXPECT_NE(after.find(R"("name":"rich.proto")"), std::string::npos);
+    EXPECT_NE(after.find("Store is destroyed"), std::string::npos);
+    EXPECT_NE(after, before);
     EXPECT_EQ(data.value("file[0].package"), AnyValue("ostrel.test"));
     // An import through the caller's schema reaches a released edge (Rich's map entries are
     // nested types) and says so.
