@@ -3,11 +3,15 @@
 // The one writer of JSON strings and numbers: rendering, manifests, error paths and the tool all
 // quote text and print numbers through it, so that they agree byte for byte.
 
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <concepts>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace ostrel::detail {
 
@@ -38,9 +42,69 @@ inline std::string jsonString(std::string_view text) {
 // The most characters writeJsonInteger and writeJsonFloat write.
 inline constexpr size_t kMaxJsonNumberSize = 32;
 
+// The decimal digits of 0 to 99, two characters each.
+inline constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324"
+    "25262728293031323334353637383940414243444546474849"
+    "50515253545556575859606162636465666768697071727374"
+    "75767778798081828384858687888990919293949596979899";
+
+// The decimal text of `value`, two digits a step from the end, after its length is found without
+// a loop (the length's branches mispredict on numbers of mixed sizes, most of what a record holds).
+template <std::unsigned_integral Unsigned>
+char* writeDecimal(char* out, Unsigned value) noexcept {
+  if (value < 10) {
+    *out = static_cast<char>('0' + value);
+    return out + 1;
+  }
+  static constexpr uint64_t kPowers[] = {1u,
+                                         10u,
+                                         100u,
+                                         1000u,
+                                         10000u,
+                                         100000u,
+                                         1000000u,
+                                         10000000u,
+                                         100000000u,
+                                         1000000000u,
+                                         10000000000u,
+                                         100000000000u,
+                                         1000000000000u,
+                                         10000000000000u,
+                                         100000000000000u,
+                                         1000000000000000u,
+                                         10000000000000000u,
+                                         100000000000000000u,
+                                         1000000000000000000u,
+                                         10000000000000000000u};
+  // log10 from log2 (1233 / 4096 ~ log10(2)), corrected by one comparison.
+  const unsigned estimate = (static_cast<unsigned>(std::bit_width(value)) * 1233) >> 12;
+  char* const end = out + estimate + (value >= kPowers[estimate] ? 1 : 0);
+  char* p = end;
+  while (value >= 100) {
+    const Unsigned rest = value / 100;
+    p -= 2;
+    std::memcpy(p, kDigitPairs + 2 * (value - rest * 100), 2);
+    value = rest;
+  }
+  if (value >= 10) {
+    std::memcpy(p - 2, kDigitPairs + 2 * value, 2);
+  } else {
+    p[-1] = static_cast<char>('0' + value);
+  }
+  return end;
+}
+
 template <std::integral Integer>
 char* writeJsonInteger(char* out, Integer value) noexcept {
-  return std::to_chars(out, out + kMaxJsonNumberSize, value).ptr;
+  using Unsigned = std::make_unsigned_t<Integer>;
+  if constexpr (std::is_signed_v<Integer>) {
+    if (value < 0) {
+      *out++ = '-';
+      return writeDecimal(out, static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value)));
+    }
+  }
+  return writeDecimal(out, static_cast<Unsigned>(value));
 }
 
 template <std::integral Integer>

@@ -961,7 +961,7 @@ class Renderer {
   static char* writeElement(char* p, int32_t v) noexcept { return detail::writeJsonInteger(p, v); }
   static char* writeElement(char* p, uint32_t v) noexcept { return detail::writeJsonInteger(p, v); }
   template <typename Integer>
-    requires std::is_same_v<Integer, int64_t> || std::is_same_v<Integer, uint64_t>
+  requires std::is_same_v<Integer, int64_t> || std::is_same_v<Integer, uint64_t>
   static char* writeElement(char* p, Integer v) noexcept {
     *p++ = '"';
     p = detail::writeJsonInteger(p, v);

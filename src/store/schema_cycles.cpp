@@ -129,8 +129,7 @@ ProtoSchemaStore::~ProtoSchemaStore() {
       if (sameComponent(message, schemaOf(protoField.options()))) protoField.releaseOptions();
     });
     // What was derived from the released types refers to them too.
-    if (detail::SchemaAttachment* plans = message->renderingPlans().get();
-        plans && releasedType) {
+    if (detail::SchemaAttachment* plans = message->renderingPlans().get(); plans && releasedType) {
       plans->releaseTypes();
     }
   }
