@@ -49,14 +49,9 @@ inline constexpr char kDigitPairs[] =
     "50515253545556575859606162636465666768697071727374"
     "75767778798081828384858687888990919293949596979899";
 
-// The decimal text of `value`, two digits a step from the end, after its length is found without
-// a loop (the length's branches mispredict on numbers of mixed sizes, most of what a record holds).
-template <std::unsigned_integral Unsigned>
-char* writeDecimal(char* out, Unsigned value) noexcept {
-  if (value < 10) {
-    *out = static_cast<char>('0' + value);
-    return out + 1;
-  }
+// The number of decimal digits of `value`: log10 from log2 (1233 / 4096 is about log10(2)),
+// corrected by one comparison, with no loop whose branches mispredict on numbers of mixed sizes.
+inline unsigned decimalDigits(uint64_t value) noexcept {
   static constexpr uint64_t kPowers[] = {1u,
                                          10u,
                                          100u,
@@ -77,10 +72,44 @@ char* writeDecimal(char* out, Unsigned value) noexcept {
                                          100000000000000000u,
                                          1000000000000000000u,
                                          10000000000000000000u};
-  // log10 from log2 (1233 / 4096 ~ log10(2)), corrected by one comparison.
   const unsigned estimate = (static_cast<unsigned>(std::bit_width(value)) * 1233) >> 12;
-  char* const end = out + estimate + (value >= kPowers[estimate] ? 1 : 0);
-  char* p = end;
+  return estimate + (value >= kPowers[estimate] ? 1 : 0) + (value == 0 ? 1 : 0);
+}
+
+// The eight digits of `value` (below 10^8), zero-padded, at `out`.
+inline void writeEightDigits(char* out, uint32_t value) noexcept {
+  for (int i = 6; i >= 0; i -= 2) {
+    const uint32_t rest = value / 100;
+    std::memcpy(out + i, kDigitPairs + 2 * (value - rest * 100), 2);
+    value = rest;
+  }
+}
+
+// The `digits` decimal digits of `value` at `out`, which has room for 16 characters: all ten
+// digits are made whatever the length and the wanted ones copied in one 16-byte move, so that
+// nothing branches on the length.
+inline char* writeDecimal32(char* out, uint32_t value, unsigned digits) noexcept {
+  char ten[32] = {};
+  const uint32_t high = value / 100000000;
+  std::memcpy(ten + 6, kDigitPairs + 2 * high, 2);
+  writeEightDigits(ten + 8, value - high * 100000000);
+  std::memcpy(out, ten + 16 - digits, 16);
+  return out + digits;
+}
+
+// The decimal text of `value` at `out`, which has room for 32 characters (what follows the text
+// there may be overwritten).
+template <std::unsigned_integral Unsigned>
+char* writeDecimal(char* out, Unsigned value) noexcept {
+  const unsigned digits = decimalDigits(value);
+  if (value <= UINT32_MAX) return writeDecimal32(out, static_cast<uint32_t>(value), digits);
+  if (digits <= 17) {
+    const uint64_t high = value / 100000000;
+    writeDecimal32(out, static_cast<uint32_t>(high), digits - 8);
+    writeEightDigits(out + digits - 8, static_cast<uint32_t>(value - high * 100000000));
+    return out + digits;
+  }
+  char* p = out + digits;
   while (value >= 100) {
     const Unsigned rest = value / 100;
     p -= 2;
@@ -92,9 +121,11 @@ char* writeDecimal(char* out, Unsigned value) noexcept {
   } else {
     p[-1] = static_cast<char>('0' + value);
   }
-  return end;
+  return out + digits;
 }
 
+// Writes the decimal text of `value` at `out`, which has room for kMaxJsonNumberSize characters
+// (what follows the text there may be overwritten); returns the end of the text.
 template <std::integral Integer>
 char* writeJsonInteger(char* out, Integer value) noexcept {
   using Unsigned = std::make_unsigned_t<Integer>;
