@@ -42,6 +42,9 @@ constexpr size_t kFlushSize = size_t{1} << 16;
 constexpr std::string_view kUnreadableFieldName = "<unreadable>";
 // Field numbers start at 1, so 0 names "no field".
 constexpr int64_t kNoField = 0;
+// The runs a rendering makes room for at its start, and the most a thread keeps for the next.
+constexpr size_t kInitialRuns = 32;
+constexpr size_t kMaxSpareRuns = 4096;
 // Messages whose field numbers all lie below this find their fields by direct index.
 constexpr int64_t kMaxDenseFieldNumber = 4096;
 
@@ -290,6 +293,9 @@ class Output {
   char* end_ = nullptr;
 };
 
+// See Renderer's constructor.
+thread_local std::vector<Run> spareRuns;
+
 // Streams JSON text in a single pass over each message: the message's fields are gathered in one
 // scan (as runs of occurrences), then emitted in field-number order, decoding each value straight
 // into the output. No JSON document is built, and no value is decoded into an intermediate form.
@@ -303,10 +309,20 @@ class Output {
 class Renderer {
  public:
   Renderer(std::string& out, const JsonOptions& options, const JsonSink* sink = nullptr)
-      : out_(out),
-        options_(options),
-        indented_(options.style == JsonStyle::indented),
-        sink_(sink) {}
+      : out_(out), options_(options), indented_(options.style == JsonStyle::indented), sink_(sink) {
+    // The run storage of this thread's last rendering, so that rendering record after record
+    // allocates none; a rendering inside another one's sink finds it taken and makes its own.
+    runs_.swap(spareRuns);
+    runs_.clear();
+    runs_.reserve(kInitialRuns);
+  }
+  ~Renderer() {
+    if (runs_.capacity() > kMaxSpareRuns) return;
+    runs_.clear();
+    spareRuns.swap(runs_);
+  }
+  Renderer(const Renderer&) = delete;
+  Renderer& operator=(const Renderer&) = delete;
 
   // The message at `depth` (the outermost is 1) as its JSON value, members starting at `level`.
   void topLevel(const MessageSchemaDescribing& schema, ByteView bytes) {
