@@ -3,7 +3,7 @@
 // Records as lines of text: the answers of a projection row written straight into the output
 // buffer as a JSON Lines object, or a CSV or TSV row. Numbers are formatted in place and strings
 // escaped by a scan that copies the runs needing no escape whole; nothing is allocated per record
-// except for a message value, which takes the JSON rendering.
+// except for a message value, which takes the JSON rendering, and a Kafka key in JSON Lines.
 
 #include <span>
 #include <string>
