@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -41,6 +43,12 @@ using JsonType = ondemand::json_type;
 // in); deeper text could never encode.
 constexpr size_t kMaxDocumentDepth = 2 * detail::kMaxMessageNesting + 1;
 
+// Messages nested this deep have the whole text checked before the encoder descends further. The
+// encoder takes a few hundred bytes of stack for each message it is in (several kilobytes under
+// sanitizers); a text nested far deeper than the limit is then refused from a shallow stack,
+// rather than after the encoder descended a hundred messages into it.
+constexpr int kCheckedNesting = 8;
+
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
 // text only for an error, so that the common case spends nothing on paths.
 struct Path {
@@ -54,6 +62,13 @@ struct Path {
   Path member(std::string_view memberName) const { return {this, Kind::member, memberName, 0}; }
   Path element(size_t elementIndex) const { return {this, Kind::element, {}, elementIndex}; }
   Path key(std::string_view keyText) const { return {this, Kind::key, keyText, 0}; }
+
+  // How many containers of the text hold the value at this path.
+  size_t depth() const noexcept {
+    size_t depth = 0;
+    for (const Path* p = parent; p; p = p->parent) ++depth;
+    return depth;
+  }
 
   // "$.mids[1].leaf", "$.counts[\"a\"]".
   std::string text() const {
@@ -318,36 +333,79 @@ class IndexSet {
   std::vector<bool> high_;
 };
 
-// The member names of one map object, for telling a key given twice.
-class KeySet {
+// The hashes of one map object's keys, for telling a key given twice once all of them are read.
+// Linear and cache-friendly however large the map: the hashes are split by their top bits into
+// groups of a few hundred, each checked in a small table that stays in the cache. Two keys of one
+// hash are most likely the same key, but only comparing them tells: the caller reads the keys
+// again then.
+class KeyHashes {
  public:
-  // Adds `key` (which must stay valid while the set lives); false when it was there already.
-  bool insert(std::string_view key) {
-    if (hashed_.empty()) {
-      for (const std::string_view seen : few_) {
-        if (seen == key) return false;
-      }
-      if (few_.size() < kFew) {
-        few_.push_back(key);
-        return true;
-      }
-      hashed_.insert(few_.begin(), few_.end());
+  void insert(std::string_view key) {
+    const uint64_t hash = std::hash<std::string_view>{}(key);
+    // Zero marks an empty slot of the tables below; a hash of zero counts as one.
+    const uint64_t kept = hash == 0 ? 1 : hash;
+    if (count_ < kFew) {
+      few_[count_++] = kept;
+      return;
     }
-    return hashed_.insert(key).second;
+    if (count_++ == kFew) many_.assign(few_.begin(), few_.end());
+    many_.push_back(kept);
+  }
+
+  // Whether two of the hashes are the same.
+  bool anySame() const {
+    if (count_ <= kFew) {
+      for (size_t i = 1; i < count_; ++i) {
+        for (size_t j = 0; j < i; ++j) {
+          if (few_[i] == few_[j]) return true;
+        }
+      }
+      return false;
+    }
+    // Groups of about 512 hashes, by their top bits.
+    const int bits = std::clamp(static_cast<int>(std::bit_width(count_)) - 9, 0, 12);
+    const auto groupOf = [bits](uint64_t hash) {
+      return bits == 0 ? size_t{0} : static_cast<size_t>(hash >> (64 - bits));
+    };
+    std::vector<size_t> start((size_t{1} << bits) + 1, 0);
+    for (const uint64_t hash : many_) ++start[groupOf(hash) + 1];
+    for (size_t group = 1; group < start.size(); ++group) start[group] += start[group - 1];
+    std::vector<uint64_t> grouped(count_);
+    {
+      std::vector<size_t> next(start.begin(), start.end() - 1);
+      for (const uint64_t hash : many_) grouped[next[groupOf(hash)]++] = hash;
+    }
+    std::vector<uint64_t> table;
+    for (size_t group = 0; group + 1 < start.size(); ++group) {
+      const size_t size = start[group + 1] - start[group];
+      table.assign(std::bit_ceil(std::max<size_t>(2 * size, 16)), 0);
+      const size_t mask = table.size() - 1;
+      for (size_t i = start[group]; i < start[group + 1]; ++i) {
+        const uint64_t hash = grouped[i];
+        size_t at = hash & mask;
+        for (; table[at] != 0; at = (at + 1) & mask) {
+          if (table[at] == hash) return true;
+        }
+        table[at] = hash;
+      }
+    }
+    return false;
   }
 
  private:
   static constexpr size_t kFew = 16;
-  std::vector<std::string_view> few_;
-  std::unordered_set<std::string_view> hashed_;
+
+  size_t count_ = 0;
+  std::array<uint64_t, kFew> few_{};
+  std::vector<uint64_t> many_;
 };
 
 // Writes the message a JSON text describes as it reads the text: each member's field goes out as
 // soon as its value is read, nested messages in place.
 class Encoder {
  public:
-  Encoder(detail::WireBuffer& out, const JsonParseOptions& options)
-      : out_(out), options_(options) {}
+  Encoder(std::string_view text, detail::WireBuffer& out, const JsonParseOptions& options)
+      : text_(text), out_(out), options_(options) {}
 
   // The top-level message: a well-known type in its JSON form, any other as an object.
   void document(const MessageSchemaDescribing& schema, ondemand::value& root) {
@@ -442,8 +500,11 @@ class Encoder {
       }
       const MessageEntry::Name* found =
           options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
-      // The value of a member ignored is stepped over when the next member is read.
-      if (!found) continue;
+      if (!found) {
+        // A member ignored is still read in full, as the text's own faults are found anywhere.
+        detail::checkValue(field.value(), kMaxDocumentDepth - path.depth() - 1);
+        continue;
+      }
       const MessageEntry::Name& named = *found;
       if (!names.insert(named.index)) throw JsonTextFault{};
       FieldEntry& target = resolve(*named.field);
@@ -497,17 +558,19 @@ class Encoder {
     if (isMap(field)) {
       if (type != JsonType::object) expected(path, "an object");
       ondemand::object object = take(value.get_object());
-      KeySet keys;
-      // Keys with escapes, decoded; a deque so that the views in `keys` stay valid.
-      std::deque<std::string> decoded;
+      KeyHashes keys;
       for (auto member : object) {
         detail::pollInterrupt();
         ondemand::field entry = take(std::move(member));
         std::string_view key = detail::memberName(entry, scratch_);
-        if (key.data() == scratch_.data()) key = decoded.emplace_back(key);
-        if (!keys.insert(key)) throw JsonTextFault{};
+        // A key with escapes is decoded into scratch_, which the entry's value may reuse.
+        std::string decoded;
+        if (key.data() == scratch_.data()) key = decoded.assign(key);
+        keys.insert(key);
         mapEntry(field, key, entry.value(), path.key(key), depth);
       }
+      // A key given twice is the text's own fault, which the caller names.
+      if (keys.anySame() && anyKeyTwice(object)) throw JsonTextFault{};
       return;
     }
     if (type != JsonType::array) expected(path, "an array");
@@ -518,6 +581,17 @@ class Encoder {
       ondemand::value elementValue = take(std::move(element));
       single(field, elementValue, take(elementValue.type()), path.element(index++), depth);
     }
+  }
+
+  // Whether `object`, read in full, has a member name twice: reads the names again.
+  bool anyKeyTwice(ondemand::object& object) {
+    take(object.reset());
+    std::unordered_set<std::string> keys;
+    for (auto member : object) {
+      ondemand::field entry = take(std::move(member));
+      if (!keys.emplace(detail::memberName(entry, scratch_)).second) return true;
+    }
+    return false;
   }
 
   // One entry of a map field, key and value both written.
@@ -622,7 +696,7 @@ class Encoder {
       case Case::enum_:
         return writeInteger(field, enumNumber(field, value, type, path));
       case Case::message: {
-        detail::checkNesting(depth);
+        descending(depth);
         MessageEntry& nested = *field.message;
         const auto content = [&] {
           if (nested.kind == WellKnown::none) {
@@ -800,7 +874,7 @@ class Encoder {
     if (!typeUrl) expected(path, "an object with a member \"@type\"");
     const std::shared_ptr<MessageSchemaDescribing> packed =
         detail::anyType(*entry.schema, *typeUrl);
-    detail::checkNesting(depth);
+    descending(depth);
     MessageEntry& content = messageEntry(*packed, packed);
     writeValue(entry, 1, detail::AnyValueImpl::string(*typeUrl));
     // The content is written in place as field 2, or (for a schema without that field) read and
@@ -830,6 +904,19 @@ class Encoder {
     }
   }
 
+  // Checks the whole text once the encoder is about to nest a message `depth` deep, at the depth
+  // that kCheckedNesting sets: JsonInput::check's error for a text with a fault of its own.
+  void descending(int depth) {
+    detail::checkNesting(depth);
+    if (depth == kCheckedNesting && !textChecked_) {
+      // A parser of its own: the encoder is still reading the text with the other.
+      detail::JsonInput(text_, kMaxDocumentDepth).check();
+      textChecked_ = true;
+    }
+  }
+
+  std::string_view text_;
+  bool textChecked_ = false;
   detail::WireBuffer& out_;
   const JsonParseOptions& options_;
   std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessageEntry>> messages_;
@@ -843,12 +930,11 @@ SchematizedData parseJSON(const MessageSchema& messageSchema, std::string_view j
                           const JsonParseOptions& options) {
   const MessageSchemaDescribing& schema = *messageSchema.impl();
   detail::JsonInput input(json, kMaxDocumentDepth);
-  detail::JsonInput::refuseDeeperThan(json, kMaxDocumentDepth);
   // Wire bytes take less room than their JSON text.
   detail::WireBuffer out(json.size() / 2);
   try {
     ondemand::value root = input.root();
-    Encoder(out, options).document(schema, root);
+    Encoder(json, out, options).document(schema, root);
     input.finish();
   } catch (const JsonTextFault& fault) {
     input.check();
