@@ -132,10 +132,12 @@ JsonNumber readNumber(ondemand::value& value) {
   // Digits before the first nonzero one, and the decimal exponent of the first nonzero digit
   // relative to the point, for telling a number too small for a double from one too large.
   const char* const integerStart = p;
+  // The integer's value while it has at most 19 digits, which any uint64_t holds.
+  uint64_t magnitude = 0;
   if (*p == '0') {
     ++p;
   } else {
-    while (p != end && isDigit(*p)) ++p;
+    while (p != end && isDigit(*p)) magnitude = magnitude * 10 + static_cast<unsigned>(*p++ - '0');
   }
   const auto integerDigits = static_cast<int64_t>(p - integerStart);
   int64_t leadingExponent = *integerStart == '0' ? -1 : integerDigits - 1;
@@ -173,6 +175,18 @@ JsonNumber readNumber(ondemand::value& value) {
   }
 
   JsonNumber number;
+  if (whole && integerDigits <= 19) {
+    if (!negative) {
+      number.kind = JsonNumber::Kind::integer;
+      number.nonNegative = magnitude;
+      return number;
+    }
+    if (magnitude <= uint64_t{1} << 63) {
+      number.kind = JsonNumber::Kind::negativeInteger;
+      number.negative = static_cast<int64_t>(0 - magnitude);
+      return number;
+    }
+  }
   if (whole) {
     if (negative) {
       if (std::from_chars(begin, numberEnd, number.negative).ec == std::errc()) {

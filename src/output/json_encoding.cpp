@@ -251,6 +251,8 @@ struct MessageEntry {
   struct Name {
     FieldEntry* field;
     size_t index;
+    // The name itself, as `names` keeps it.
+    std::string_view text;
   };
 
   std::shared_ptr<MessageSchemaDescribing> owner;
@@ -261,6 +263,23 @@ struct MessageEntry {
   std::unordered_map<const FieldSchemaDescribing*, FieldEntry*> byField;
   bool namesBuilt = false;
   std::unordered_map<std::string, Name, StringHash, std::equal_to<>> names;
+  // The names the last object of this message had, by position: objects of one message mostly
+  // list the same members in the same order, which one comparison then finds.
+  std::vector<const Name*> lastOrder;
+
+  // The name at `position` of the last object, when it is `name`; else null.
+  const Name* predicted(size_t position, std::string_view name) const {
+    // A position where an ignored member stood holds null.
+    if (position < lastOrder.size() && lastOrder[position] && lastOrder[position]->text == name) {
+      return lastOrder[position];
+    }
+    return nullptr;
+  }
+
+  void remember(size_t position, const Name& name) {
+    if (position >= lastOrder.size()) lastOrder.resize(position + 1);
+    lastOrder[position] = &name;
+  }
 
   FieldEntry& entryFor(const FieldSchemaDescribing& field) {
     auto [it, added] = byField.try_emplace(&field, nullptr);
@@ -306,7 +325,9 @@ struct MessageEntry {
 
   const Name& addName(std::string name, const FieldSchemaDescribing& field) {
     const size_t index = names.size();
-    return names.try_emplace(std::move(name), Name{&entryFor(field), index}).first->second;
+    const auto [it, added] = names.try_emplace(std::move(name), Name{&entryFor(field), index, {}});
+    it->second.text = it->first;
+    return it->second;
   }
 };
 
@@ -489,6 +510,7 @@ class Encoder {
     bool typeSeen = false;
     // The member given for each oneof so far.
     std::vector<const FieldEntry*> oneofs;
+    size_t position = 0;
     for (auto member : object) {
       detail::pollInterrupt();
       ondemand::field field = take(std::move(member));
@@ -498,8 +520,12 @@ class Encoder {
         typeSeen = true;
         continue;
       }
-      const MessageEntry::Name* found =
-          options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
+      const MessageEntry::Name* found = entry.predicted(position, name);
+      if (!found) {
+        found = options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
+        if (found) entry.remember(position, *found);
+      }
+      ++position;
       if (!found) {
         // A member ignored is still read in full, as the text's own faults are found anywhere.
         detail::checkValue(field.value(), kMaxDocumentDepth - path.depth() - 1);
@@ -686,12 +712,16 @@ class Encoder {
         if (type != JsonType::string) expected(path, "a string");
         return out_.lengthDelimited(field.key, take(value.get_string()));
       case Case::bytes: {
-        std::optional<Bytes> decoded;
         if (type == JsonType::string) {
-          decoded = detail::base64DecodeEitherAlphabet(take(value.get_string()));
+          // Decoded straight into the buffer, behind its length.
+          const std::string_view text = take(value.get_string());
+          if (const std::optional<size_t> size = detail::base64DecodedSize(text)) {
+            out_.varint(field.key);
+            out_.varint(*size);
+            if (detail::base64DecodeEitherAlphabet(text, out_.extend(*size))) return;
+          }
         }
-        if (!decoded) expected(path, "a base64 string");
-        return out_.lengthDelimited(field.key, asText(*decoded));
+        expected(path, "a base64 string");
       }
       case Case::enum_:
         return writeInteger(field, enumNumber(field, value, type, path));

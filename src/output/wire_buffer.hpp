@@ -55,6 +55,13 @@ class WireBuffer final : public ProtobufWriting {
     size_ += size;
   }
 
+  // Room for `size` bytes at the end, which the caller writes at the pointer returned.
+  std::byte* extend(size_t size) {
+    std::byte* const p = reserve(size);
+    size_ += size;
+    return p;
+  }
+
   void lengthDelimited(uint64_t key, std::string_view bytes) {
     varint(key);
     varint(bytes.size());
