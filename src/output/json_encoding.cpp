@@ -49,6 +49,10 @@ constexpr size_t kMaxDocumentDepth = 2 * detail::kMaxMessageNesting + 1;
 // rather than after the encoder descended a hundred messages into it.
 constexpr int kCheckedNesting = 8;
 
+// How many value names of an enum field the encoder remembers, compared one by one before the
+// enum's own lookup.
+constexpr size_t kRememberedEnumNames = 16;
+
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
 // text only for an error, so that the common case spends nothing on paths.
 struct Path {
@@ -235,6 +239,8 @@ struct FieldEntry {
   enum class Map : uint8_t { unknown, no, yes } map = Map::unknown;
   FieldEntry* mapKey = nullptr;
   FieldEntry* mapValue = nullptr;
+  // Of an enum field: the value names it was given so far (the first few), with their numbers.
+  std::vector<std::pair<std::string, int32_t>> enumNames;
 };
 
 struct StringHash {
@@ -754,19 +760,25 @@ class Encoder {
 
   // An enum value: its name, its number, or its number as a decimal string; null for NullValue.
   // Taken as an int32, which an enum field takes as it is: negative numbers too.
-  int32_t enumNumber(const FieldEntry& field, ondemand::value& value, JsonType type,
-                     const Path& path) {
+  int32_t enumNumber(FieldEntry& field, ondemand::value& value, JsonType type, const Path& path) {
     if (type == JsonType::null && field.nullIsValue) {
       readNull(value);
       return 0;
     }
     if (type == JsonType::string) {
       const std::string_view text = take(value.get_string());
+      // Names already looked up, which no decimal integer is.
+      for (const auto& [name, number] : field.enumNames) {
+        if (name == text) return number;
+      }
       bool outOfRange = false;
       if (const auto number = parseInteger<int32_t>(text, outOfRange)) return *number;
       if (outOfRange) expected(path, "an integer in the range of int32");
       const int64_t number = field.type->enumSchema()->valueNamed(text);
       if (!std::in_range<int32_t>(number)) expected(path, "an integer in the range of int32");
+      if (field.enumNames.size() < kRememberedEnumNames) {
+        field.enumNames.emplace_back(text, static_cast<int32_t>(number));
+      }
       return static_cast<int32_t>(number);
     }
     if (type != JsonType::number) expected(path, "an enum name or number");
