@@ -972,8 +972,9 @@ SchematizedData parseJSON(const MessageSchema& messageSchema, std::string_view j
                           const JsonParseOptions& options) {
   const MessageSchemaDescribing& schema = *messageSchema.impl();
   detail::JsonInput input(json, kMaxDocumentDepth);
-  // Wire bytes take less room than their JSON text.
-  detail::WireBuffer out(json.size() / 2);
+  // Wire bytes mostly take less room than their JSON text (a message's take half to two thirds):
+  // room for as many is set aside, of which pages never written cost nothing.
+  detail::WireBuffer out(json.size());
   try {
     ondemand::value root = input.root();
     Encoder(json, out, options).document(schema, root);
