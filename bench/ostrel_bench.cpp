@@ -786,6 +786,9 @@ void registerManyBenchmarks(const Workload& w, const Ours& ours, Peer& peer, Man
                             pb::Message& order) {
   const uint64_t ten = tenByHand(w);
   add("Floor/HandPass/ten/1KB", ten, [&w] { return tenByHand(w); });
+  // The bare wire scan of the same record: every top-level field stepped over, nothing decoded.
+  add("Floor/SkipAllFields/1KB", floors::skipAllFields(w.small),
+      [&w] { return floors::skipAllFields(w.small); });
   add("Ostrel/Projection/ten/1KB", ten, [&w, &many] { return tenByProjection(many, w); });
   add("Ostrel/ReadPreResolved/ten/1KB", ten,
       [&ours, &many] { return tenBySingleReads(many, ours); });

@@ -3,6 +3,8 @@
 #include "ostrel/paths/projection.hpp"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 #include <limits>
 
 #include "core/field_type_facts.hpp"
@@ -49,30 +51,60 @@ struct ProjectionPlan {
     std::vector<uint32_t> subtreeSlots;
   };
 
-  // The nodes looked for in one message, sorted by field number; the nodes of one number are
-  // found by a table for small numbers and by a binary search beyond it.
+  // What the scan of a level does at a tag it looks for. Most tags are handled in place: a leaf
+  // whose wire type is the one its type is encoded with is decoded straight into its row cell, a
+  // branch's delimited message is scanned. The rest (several nodes of one number, a wire type
+  // that does not fit the type, a packed run read by index, a group, a path asked twice) take the
+  // general step, occurrence().
+  struct Action {
+    enum class Op : uint8_t { general, varint, fixed32, fixed64, payload, descend };
+    Op op = Op::general;
+    TypeCase kind = TypeCase::message;
+    bool indexed = false;
+    // The node, its one cell and, for a branch, its nested level; for `general`, the group.
+    uint32_t node = 0;
+    uint32_t slot = 0;
+    uint32_t childLevel = kNone;
+    uint32_t group = 0;
+  };
+
+  // The nodes looked for in one message, sorted by field number, and the dispatch of its tags.
   struct Level {
     struct Group {
       int64_t number;
       uint32_t first;
       uint32_t count;
+      // The general action of its tags.
+      uint32_t action;
     };
     std::vector<uint32_t> nodes;
     std::vector<Group> groups;
-    // For numbers below its size: the group's index plus one, or 0 for none.
-    std::vector<uint16_t> table;
+    std::vector<Action> actions;
+    // Indexed by the raw tag, for tags below its size (the field numbers below kTableLimit): a
+    // tag not looked for gives its wire type, which says how to step over it (an end-group tag,
+    // or an invalid one, gives kMalformed); a tag looked for gives kFirstAction plus its action.
+    std::vector<uint16_t> dispatch;
+    // The groups from this one on have numbers beyond the dispatch table: found by search.
+    size_t firstBeyond = 0;
 
-    const Group* find(int64_t number) const noexcept {
-      if (static_cast<uint64_t>(number) < table.size()) {
-        const uint16_t entry = table[static_cast<size_t>(number)];
-        return entry == 0 ? nullptr : &groups[entry - 1];
+    // The code of a tag beyond the dispatch table, validated as readTag validates it.
+    [[gnu::noinline]] uint32_t codeBeyond(uint64_t raw) const {
+      if (raw > 0xFFFFFFFEu || raw < 8 || (raw & 7) > 5) [[unlikely]] {
+        throw SerializationError::malformedProtobuf();
       }
+      const int64_t number = static_cast<int64_t>(raw >> 3);
       const auto it = std::lower_bound(
-          groups.begin(), groups.end(), number,
+          groups.begin() + static_cast<std::ptrdiff_t>(firstBeyond), groups.end(), number,
           [](const Group& group, int64_t wanted) { return group.number < wanted; });
-      return it != groups.end() && it->number == number ? &*it : nullptr;
+      if (it != groups.end() && it->number == number) return kFirstAction + it->action;
+      return static_cast<uint32_t>(raw & 7);
     }
   };
+  static constexpr uint32_t kMalformed = static_cast<uint32_t>(ProtoWireType::endGroup);
+  static constexpr uint32_t kFirstAction = 8;
+  // Field numbers below this are dispatched by table: one- and two-byte tags, every number of a
+  // real schema's common fields.
+  static constexpr int64_t kTableLimit = 1024;
 
   std::vector<std::string> texts;
   std::vector<FieldPathAndType> paths;
@@ -97,8 +129,15 @@ struct ProjectionPlan {
   void read(ByteView record, ProjectionRow& row) const;
   void scan(uint32_t level, Reader& reader, int64_t position, int64_t end,
             ProjectionRow& row) const;
+  [[gnu::noinline]] size_t general(const Level& level, uint32_t groupIndex, uint64_t raw,
+                                   Reader& reader, int64_t position, int64_t end,
+                                   ProjectionRow& row) const;
   bool occurrence(uint32_t nodeIndex, FieldTag tag, Reader& reader, ProjectionRow& row) const;
   void decodeLeaf(uint32_t nodeIndex, FieldTag tag, Reader& reader, ProjectionRow& row) const;
+  [[gnu::always_inline]] static void storeVarint(ProjectionRow::Cell& cell, TypeCase kind,
+                                                 uint64_t value);
+  static void storeFixed32(ProjectionRow::Cell& cell, TypeCase kind, uint32_t value);
+  static void storeFixed64(ProjectionRow::Cell& cell, TypeCase kind, uint64_t value);
   struct StoreScalar;
   void fail(const std::vector<uint32_t>& slots, const std::exception_ptr& error,
             ProjectionRow& row) const;
@@ -183,28 +222,72 @@ uint32_t ProjectionPlan::nodeFor(uint32_t level, const FieldPathComponent& compo
 }
 
 void ProjectionPlan::index() {
-  // Field numbers below this get a table entry: every number of a real schema's common fields.
-  constexpr int64_t kTableLimit = 1024;
   for (Level& level : levels) {
     std::stable_sort(level.nodes.begin(), level.nodes.end(),
                      [&](uint32_t a, uint32_t b) { return nodes[a].number < nodes[b].number; });
     for (uint32_t i = 0; i < level.nodes.size(); ++i) {
       const int64_t number = nodes[level.nodes[i]].number;
       if (level.groups.empty() || level.groups.back().number != number) {
-        level.groups.push_back({number, i, 0});
+        level.groups.push_back({number, i, 0, 0});
       }
       ++level.groups.back().count;
     }
-    int64_t highest = -1;
-    for (const Level::Group& group : level.groups) {
-      if (group.number < kTableLimit) highest = std::max(highest, group.number);
-    }
-    level.table.assign(static_cast<size_t>(highest + 1), 0);
+    // The table covers every one-byte tag, and two-byte ones up to the highest number looked for.
+    int64_t highest = 15;
+    level.firstBeyond = level.groups.size();
     for (size_t g = 0; g < level.groups.size(); ++g) {
       const int64_t number = level.groups[g].number;
-      if (number >= 0 && number < kTableLimit) {
-        level.table[static_cast<size_t>(number)] = static_cast<uint16_t>(g + 1);
+      if (number < kTableLimit) {
+        highest = std::max(highest, number);
+      } else if (level.firstBeyond == level.groups.size()) {
+        level.firstBeyond = g;
       }
+    }
+    level.dispatch.resize(static_cast<size_t>(highest + 1) * 8);
+    for (size_t raw = 0; raw < level.dispatch.size(); ++raw) {
+      level.dispatch[raw] = raw < 8 || (raw & 7) > 5 ? kMalformed : static_cast<uint16_t>(raw & 7);
+    }
+    for (size_t g = 0; g < level.groups.size(); ++g) {
+      Level::Group& group = level.groups[g];
+      group.action = static_cast<uint32_t>(level.actions.size());
+      level.actions.push_back({.group = static_cast<uint32_t>(g)});
+      if (group.number < 1 || group.number >= kTableLimit) continue;
+      const auto base = static_cast<size_t>(group.number) * 8;
+      for (size_t wireType = 0; wireType <= 5; ++wireType) {
+        level.dispatch[base + wireType] = static_cast<uint16_t>(kFirstAction + group.action);
+      }
+      if (group.count != 1) continue;
+      const uint32_t nodeIndex = level.nodes[group.first];
+      const Node& node = nodes[nodeIndex];
+      Action action{.indexed = node.index.has_value(), .node = nodeIndex};
+      ProtoWireType wireType = ProtoWireType::lengthDelimited;
+      if (!node.leaf) {
+        action.op = Action::Op::descend;
+        action.childLevel = node.childLevel;
+      } else if (node.slots.size() == 1) {
+        action.kind = node.type->kind();
+        action.slot = node.slots.front();
+        wireType = factsOf(action.kind).wireType;
+        switch (wireType) {
+          case ProtoWireType::varInt:
+            action.op = Action::Op::varint;
+            break;
+          case ProtoWireType::fixed32:
+            action.op = Action::Op::fixed32;
+            break;
+          case ProtoWireType::fixed64:
+            action.op = Action::Op::fixed64;
+            break;
+          default:
+            action.op = Action::Op::payload;
+            break;
+        }
+      } else {
+        continue;
+      }
+      level.dispatch[base + static_cast<size_t>(wireType)] =
+          static_cast<uint16_t>(kFirstAction + level.actions.size());
+      level.actions.push_back(action);
     }
   }
 }
@@ -269,69 +352,224 @@ void ProjectionPlan::read(ByteView record, ProjectionRow& row) const {
   }
 }
 
+// A varint, fixed32 or fixed64 value of a leaf's type stored in its cell, as decodeFixedEncodingAs
+// and StoreScalar store it.
+inline void ProjectionPlan::storeVarint(ProjectionRow::Cell& cell, TypeCase kind, uint64_t value) {
+  auto& s = cell.scalar;
+  switch (kind) {
+    case TypeCase::int32:
+      s.i32 = low32Signed(value);
+      break;
+    case TypeCase::uint32:
+      s.u32 = static_cast<uint32_t>(value);
+      break;
+    case TypeCase::sint32:
+      s.i32 = zigZag32(static_cast<uint32_t>(value));
+      break;
+    case TypeCase::int64:
+      s.i64 = static_cast<int64_t>(value);
+      break;
+    case TypeCase::sint64:
+      s.i64 = zigZag64(value);
+      break;
+    case TypeCase::bool_:
+      s.b = value != 0;
+      break;
+    case TypeCase::enum_:
+      s.i64 = low32Signed(value);
+      break;
+    default:
+      s.u64 = value;
+      break;
+  }
+}
+
+inline void ProjectionPlan::storeFixed32(ProjectionRow::Cell& cell, TypeCase kind, uint32_t value) {
+  auto& s = cell.scalar;
+  if (kind == TypeCase::float_) {
+    s.f32 = std::bit_cast<float>(value);
+  } else if (kind == TypeCase::sfixed32) {
+    s.i32 = static_cast<int32_t>(value);
+  } else {
+    s.u32 = value;
+  }
+}
+
+inline void ProjectionPlan::storeFixed64(ProjectionRow::Cell& cell, TypeCase kind, uint64_t value) {
+  auto& s = cell.scalar;
+  if (kind == TypeCase::double_) {
+    s.f64 = std::bit_cast<double>(value);
+  } else if (kind == TypeCase::sfixed64) {
+    s.i64 = static_cast<int64_t>(value);
+  } else {
+    s.u64 = value;
+  }
+}
+
 // Looks for the nodes of `level` in the message [position, end), as the single read of each of
 // their paths searches it: tag by tag, every field stepped over as skipField steps over it, until
 // every node has its answer. A fault met while some nodes are still looking is the answer of
 // those nodes' paths: their single reads would have met it at the same place.
+//
+// One table lookup per tag says what to do: step over a field not looked for, decode a leaf into
+// its cell or scan a branch's message in place, or take the general step. A fault in place is
+// thrown to this level's handler, which is what the general step and the stepping over the same
+// bytes come to; only a value cut short by the end of the buffer is the leaf's alone, and goes to
+// the general step. The loop keeps the buffer, the position and the row's arrays in locals: the
+// reader's own fields are reloaded after every byte store, which the row's flags are.
 void ProjectionPlan::scan(uint32_t levelIndex, Reader& reader, int64_t position, int64_t end,
                           ProjectionRow& row) const {
   const Level& level = levels[levelIndex];
   size_t unresolved = level.nodes.size();
+  int64_t* const remaining = row.remaining_.data();
+  uint8_t* const done = row.done_.data();
+  ProjectionRow::Cell* const cells = row.cells_.data();
   for (uint32_t node : level.nodes) {
-    row.remaining_[node] = nodes[node].index.value_or(0);
-    row.done_[node] = 0;
+    remaining[node] = nodes[node].index.value_or(0);
+    done[node] = 0;
   }
   reader.setEndPosition(end);
+  const auto* const data = reinterpret_cast<const uint8_t*>(reader.bytes().data());
+  const int64_t size = reader.size();
+  const uint16_t* const dispatch = level.dispatch.data();
+  const uint64_t dispatchSize = level.dispatch.size();
+  const Action* const actions = level.actions.data();
   try {
-    // The search loop of Reader::findField, with the position in a local: tags are validated as
-    // readTag validates them and fields stepped over as skipField steps over them.
     while (position < end) {
-      const uint64_t raw = reader.readVarint(position);
-      if (raw > 0xFFFFFFFEu || raw < 8 || (raw & 7) > 5) [[unlikely]] {
-        throw SerializationError::malformedProtobuf();
+      // A tag of one or two bytes away from the buffer's end, as readVarint reads it.
+      uint64_t raw;
+      if (position < size && data[position] < 0x80) {
+        raw = data[position];
+        ++position;
+      } else if (size - position >= 10 && data[position + 1] < 0x80) {
+        raw = (data[position] & 0x7fu) | static_cast<uint64_t>(data[position + 1]) << 7;
+        position += 2;
+      } else {
+        raw = reader.readVarint(position);
       }
-      const FieldTag tag(static_cast<uint32_t>(raw));
-      if (const Level::Group* group = level.find(tag.fieldNumber())) {
-        for (uint32_t i = group->first; i < group->first + group->count; ++i) {
-          const uint32_t node = level.nodes[i];
-          if (row.done_[node]) continue;
-          reader.setPosition(position);
-          if (occurrence(node, tag, reader, row)) {
-            row.done_[node] = 1;
-            --unresolved;
+      uint32_t code = raw < dispatchSize ? dispatch[raw] : level.codeBeyond(raw);
+      if (code >= kFirstAction) {
+        const Action& action = actions[code - kFirstAction];
+        const uint32_t node = action.node;
+        code = static_cast<uint32_t>(raw & 7);
+        if (action.op == Action::Op::general) {
+          unresolved -= general(level, action.group, raw, reader, position, end, row);
+          if (unresolved == 0) return;
+        } else if (done[node]) {
+          // Stepped over below.
+        } else if (action.indexed && remaining[node] != 0) {
+          --remaining[node];
+        } else {
+          ProjectionRow::Cell& cell = cells[action.slot];
+          const int64_t start = position;
+          bool inPlace = true;
+          switch (action.op) {
+            case Action::Op::varint:
+              storeVarint(cell, action.kind, reader.readVarint(position));
+              break;
+            case Action::Op::fixed32:
+              if (position <= size && size - position >= 4) {
+                uint32_t value;
+                std::memcpy(&value, data + position, sizeof value);
+                storeFixed32(cell, action.kind, value);
+                position += 4;
+              } else {
+                inPlace = false;
+              }
+              break;
+            case Action::Op::fixed64:
+              if (position <= size && size - position >= 8) {
+                uint64_t value;
+                std::memcpy(&value, data + position, sizeof value);
+                storeFixed64(cell, action.kind, value);
+                position += 8;
+              } else {
+                inPlace = false;
+              }
+              break;
+            case Action::Op::payload: {
+              const int64_t length = reader.readLength(position);
+              if (size - position >= length) {
+                cell.payload = ByteView(reinterpret_cast<const std::byte*>(data + position),
+                                        static_cast<size_t>(length));
+                position += length;
+              } else {
+                inPlace = false;
+              }
+              break;
+            }
+            case Action::Op::descend: {
+              const int64_t length = reader.readLength(position);
+              scan(action.childLevel, reader, position, position + length, row);
+              position += length;
+              break;
+            }
+            case Action::Op::general:
+              break;
           }
-          reader.setEndPosition(end);
+          done[node] = 1;
+          if (inPlace) {
+            if (action.op != Action::Op::descend) cell.state = ProjectionRow::State::present;
+            if (--unresolved == 0) return;
+            continue;
+          }
+          // Cut short: the leaf's fault, met by the general decoding; the field is then stepped
+          // over as the other paths' reads step over it.
+          position = start;
+          reader.setPosition(position);
+          decodeLeaf(node, FieldTag(static_cast<uint32_t>(raw)), reader, row);
+          if (--unresolved == 0) return;
         }
-        if (unresolved == 0) return;
       }
-      switch (tag.wireType()) {
-        case ProtoWireType::varInt:
+      switch (code) {
+        case static_cast<uint32_t>(ProtoWireType::varInt):
           reader.readVarint(position);
           break;
-        case ProtoWireType::fixed64:
+        case static_cast<uint32_t>(ProtoWireType::fixed64):
           position += 8;
           break;
-        case ProtoWireType::lengthDelimited:
+        case static_cast<uint32_t>(ProtoWireType::lengthDelimited):
           position += reader.readLength(position);
           break;
-        case ProtoWireType::startGroup:
+        case static_cast<uint32_t>(ProtoWireType::startGroup):
           reader.setPosition(position);
-          reader.skipGroup(tag.fieldNumber());
+          reader.skipGroup(static_cast<int64_t>(raw >> 3));
           position = reader.position();
           break;
-        case ProtoWireType::endGroup:
-          throw SerializationError::malformedProtobuf();
-        case ProtoWireType::fixed32:
+        case static_cast<uint32_t>(ProtoWireType::fixed32):
           position += 4;
           break;
+        default:
+          throw SerializationError::malformedProtobuf();
       }
     }
   } catch (...) {
     const std::exception_ptr error = std::current_exception();
     for (uint32_t node : level.nodes) {
-      if (!row.done_[node]) fail(nodes[node].subtreeSlots, error, row);
+      if (!done[node]) fail(nodes[node].subtreeSlots, error, row);
     }
   }
+}
+
+// The general step at a tag of a group's number, the reader's scratch position just past the tag:
+// each node of the group still looking takes the occurrence. How many it settles.
+size_t ProjectionPlan::general(const Level& level, uint32_t groupIndex, uint64_t raw,
+                               Reader& reader, int64_t position, int64_t end,
+                               ProjectionRow& row) const {
+  const Level::Group& group = level.groups[groupIndex];
+  const FieldTag tag(static_cast<uint32_t>(raw));
+  size_t settled = 0;
+  for (uint32_t i = group.first; i < group.first + group.count; ++i) {
+    const uint32_t node = level.nodes[i];
+    if (row.done_[node]) continue;
+    reader.setPosition(position);
+    if (occurrence(node, tag, reader, row)) {
+      row.done_[node] = 1;
+      ++settled;
+    }
+    reader.setEndPosition(end);
+  }
+  return settled;
 }
 
 // One occurrence of a node's field, the reader just past its tag: whether it settles the node.
@@ -448,6 +686,7 @@ ProjectionRow Projection::makeRow() const {
   ProjectionRow row;
   row.plan_ = plan_;
   row.cells_.resize(plan_->paths.size());
+  for (size_t i = 0; i < row.cells_.size(); ++i) row.cells_[i].kind = plan_->kinds[i];
   row.errors_.resize(plan_->paths.size());
   row.remaining_.resize(plan_->nodes.size());
   row.done_.resize(plan_->nodes.size());
@@ -455,23 +694,20 @@ ProjectionRow Projection::makeRow() const {
   return row;
 }
 
-AnyValue::Case ProjectionRow::kind(size_t i) const { return plan_->kinds.at(i); }
-
 std::exception_ptr ProjectionRow::error(size_t i) const { return errors_.at(i); }
 
-const ProjectionRow::Cell& ProjectionRow::checkedCell(size_t i, AnyValue::Case wanted) const {
-  detail::checkKind(wanted, kind(i));
-  const Cell& cell = cells_[i];
-  if (cell.state == State::failed) std::rethrow_exception(errors_[i]);
-  return cell;
+void ProjectionRow::refuseKind(AnyValue::Case wanted, AnyValue::Case found) {
+  detail::throwWrongValueKind(static_cast<uint8_t>(wanted), static_cast<uint8_t>(found));
 }
+
+void ProjectionRow::rethrowError(size_t i) const { std::rethrow_exception(errors_[i]); }
 
 std::optional<AnyValue> ProjectionRow::value(size_t i) const {
   const Cell& cell = cells_.at(i);
   if (cell.state == State::failed) std::rethrow_exception(errors_[i]);
   if (cell.state == State::absent) return std::nullopt;
   const TypeSchemaDescription& type = plan_->paths[i].type;
-  switch (plan_->kinds[i]) {
+  switch (cell.kind) {
     case AnyValue::Case::int32:
       return AnyValue(cell.scalar.i32);
     case AnyValue::Case::uint32:
@@ -497,22 +733,6 @@ std::optional<AnyValue> ProjectionRow::value(size_t i) const {
   }
   return std::nullopt;
 }
-
-#define OSTREL_ROW_ACCESSOR(Type, name, valueCase, member)        \
-  std::optional<Type> ProjectionRow::name(size_t i) const {       \
-    const Cell& cell = checkedCell(i, AnyValue::Case::valueCase); \
-    if (cell.state == State::absent) return std::nullopt;         \
-    return cell.scalar.member;                                    \
-  }
-OSTREL_ROW_ACCESSOR(int32_t, int32Value, int32, i32)
-OSTREL_ROW_ACCESSOR(uint32_t, uint32Value, uint32, u32)
-OSTREL_ROW_ACCESSOR(int64_t, int64Value, int64, i64)
-OSTREL_ROW_ACCESSOR(uint64_t, uint64Value, uint64, u64)
-OSTREL_ROW_ACCESSOR(float, floatValue, float_, f32)
-OSTREL_ROW_ACCESSOR(double, doubleValue, double_, f64)
-OSTREL_ROW_ACCESSOR(bool, boolValue, bool_, b)
-OSTREL_ROW_ACCESSOR(int64_t, enumNumber, enum_, i64)
-#undef OSTREL_ROW_ACCESSOR
 
 std::optional<ByteView> ProjectionRow::payload(size_t i) const {
   const AnyValue::Case found = kind(i);

@@ -86,19 +86,35 @@ class ProjectionRow {
   // The error of a failed path (rethrow it with std::rethrow_exception); null otherwise.
   std::exception_ptr error(size_t i) const;
   // The kind of value path `i` yields (whether or not it is present).
-  AnyValue::Case kind(size_t i) const;
+  AnyValue::Case kind(size_t i) const { return cells_.at(i).kind; }
 
   // Typed answers without an AnyValue: no value when absent, the error rethrown when failed, and
   // SchematizerError::unexpectedType ("expected int64 value, found string") when the path's values
   // are of another kind. Enum values give their number.
-  std::optional<int32_t> int32Value(size_t i) const;
-  std::optional<uint32_t> uint32Value(size_t i) const;
-  std::optional<int64_t> int64Value(size_t i) const;
-  std::optional<uint64_t> uint64Value(size_t i) const;
-  std::optional<float> floatValue(size_t i) const;
-  std::optional<double> doubleValue(size_t i) const;
-  std::optional<bool> boolValue(size_t i) const;
-  std::optional<int64_t> enumNumber(size_t i) const;
+  std::optional<int32_t> int32Value(size_t i) const {
+    return scalarValue(i, AnyValue::Case::int32, &Scalar::i32);
+  }
+  std::optional<uint32_t> uint32Value(size_t i) const {
+    return scalarValue(i, AnyValue::Case::uint32, &Scalar::u32);
+  }
+  std::optional<int64_t> int64Value(size_t i) const {
+    return scalarValue(i, AnyValue::Case::int64, &Scalar::i64);
+  }
+  std::optional<uint64_t> uint64Value(size_t i) const {
+    return scalarValue(i, AnyValue::Case::uint64, &Scalar::u64);
+  }
+  std::optional<float> floatValue(size_t i) const {
+    return scalarValue(i, AnyValue::Case::float_, &Scalar::f32);
+  }
+  std::optional<double> doubleValue(size_t i) const {
+    return scalarValue(i, AnyValue::Case::double_, &Scalar::f64);
+  }
+  std::optional<bool> boolValue(size_t i) const {
+    return scalarValue(i, AnyValue::Case::bool_, &Scalar::b);
+  }
+  std::optional<int64_t> enumNumber(size_t i) const {
+    return scalarValue(i, AnyValue::Case::enum_, &Scalar::i64);
+  }
   // The encoded payload of a string, bytes or message value, borrowed from the record: a string's
   // bytes as encoded, not checked as UTF-8 (value() decodes them as the single read does).
   std::optional<ByteView> payload(size_t i) const;
@@ -109,21 +125,40 @@ class ProjectionRow {
   // The columnar projection's reads of the cells it has already checked the kinds of.
   friend struct detail::ProjectionCells;
 
+  union Scalar {
+    int32_t i32;
+    uint32_t u32;
+    int64_t i64;
+    uint64_t u64;
+    float f32;
+    double f64;
+    bool b;
+  };
   struct Cell {
     State state = State::absent;
-    union {
-      int32_t i32;
-      uint32_t u32;
-      int64_t i64;
-      uint64_t u64;
-      float f32;
-      double f64;
-      bool b;
-    } scalar{};
+    // The kind of value its path yields, fixed when the row is made.
+    AnyValue::Case kind = AnyValue::Case::int32;
+    Scalar scalar{};
     ByteView payload;
   };
 
-  const Cell& checkedCell(size_t i, AnyValue::Case wanted) const;
+  // The typed accessors are inline, so that reading a row's scalars costs a test or two each.
+  const Cell& checkedCell(size_t i, AnyValue::Case wanted) const {
+    const Cell& cell = cells_.at(i);
+    if (cell.kind != wanted) [[unlikely]]
+      refuseKind(wanted, cell.kind);
+    if (cell.state == State::failed) [[unlikely]]
+      rethrowError(i);
+    return cell;
+  }
+  template <typename T>
+  std::optional<T> scalarValue(size_t i, AnyValue::Case wanted, T Scalar::*member) const {
+    const Cell& cell = checkedCell(i, wanted);
+    if (cell.state == State::absent) return std::nullopt;
+    return cell.scalar.*member;
+  }
+  [[noreturn]] static void refuseKind(AnyValue::Case wanted, AnyValue::Case found);
+  [[noreturn]] void rethrowError(size_t i) const;
 
   std::shared_ptr<const detail::ProjectionPlan> plan_;
   std::vector<Cell> cells_;
