@@ -517,6 +517,28 @@ TEST(OstrelTool, CsvAndTsvFieldsKeepTheirRowsAndShowNoControlCharacters) {
       runTool(get + "csv " + paths).out,
       header + "\"a\tb\nc\\d\re,\"\"" + control +
           "\",/w==,BLUE,18446744073709551615,-9,NaN,\"{\"\"id\"\":1}\",77\n,,,,,,,\n\"\",,,,,,,\n");
+
+  // A long note whose escapes fall on the edges of 8-byte words, with a byte that is not UTF-8
+  // (U+FFFD, as a string decodes) and a C1 control, in each format.
+  const std::string note =
+      "1234567\"89abcde\\\xff"
+      "fghijklm\xe2\x82\xac,nopqrst\xc2\x85uvwxyz01\t";
+  const std::string record = std::string("\x0a") + static_cast<char>(note.size() + 2) + "\x1a" +
+                             static_cast<char>(note.size()) + note;
+  const std::string one = "get $R mid.note -i " + scratchFile("long-note.bin", record) + " -i " +
+                          scratchFile("empty.bin", "") + " --format ";
+  EXPECT_EQ(runTool(one + "jsonl").out,
+            "{\"mid.note\":\"1234567\\\"89abcde\\\\\xef\xbf\xbd"
+            "fghijklm\xe2\x82\xac,nopqrst\xc2\x85"
+            "uvwxyz01\\t\"}\n{\"mid.note\":null}\n");
+  EXPECT_EQ(runTool(one + "csv").out,
+            "mid.note\n\"1234567\"\"89abcde\\\xef\xbf\xbd"
+            "fghijklm\xe2\x82\xac,nopqrst\\xc2\\x85"
+            "uvwxyz01\t\"\n\n");
+  EXPECT_EQ(runTool(one + "tsv").out,
+            "mid.note\n1234567\"89abcde\\\\\xef\xbf\xbd"
+            "fghijklm\xe2\x82\xac,nopqrst\\xc2\\x85"
+            "uvwxyz01\\t\n\\N\n");
 }
 
 // A database file made by `sql`.

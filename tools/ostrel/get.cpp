@@ -1,10 +1,12 @@
+#include <unistd.h>
+
 #include <map>
-#include <nlohmann/json.hpp>
 
 #include "ostrel/core/errors.hpp"
 #include "ostrel/paths/projection.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/wire/schematizer.hpp"
+#include "row_text.hpp"
 #include "tool.hpp"
 
 namespace ostrel::tool {
@@ -67,156 +69,12 @@ map field is a repeated field of entry messages with a key and a value field.
 Every PATH is checked against the schema before the data is read.
 )usage";
 
-enum class OutputFormat { lines, jsonl, csv, tsv };
-
 OutputFormat parseOutputFormat(std::string_view text) {
   if (text == "lines") return OutputFormat::lines;
   if (text == "jsonl") return OutputFormat::jsonl;
   if (text == "csv") return OutputFormat::csv;
   if (text == "tsv") return OutputFormat::tsv;
   throw UsageError("--format must be lines, jsonl, csv or tsv, not \"" + std::string(text) + "\"");
-}
-
-// A value as a CSV or TSV field holds it before quoting: text as text, numbers as numbers, enums
-// by name, bytes as base64, messages as JSON.
-std::string plainText(const AnyValue& value) {
-  switch (value.kind()) {
-    case AnyValue::Case::string:
-      return value.stringValue();
-    case AnyValue::Case::int64:
-      return std::to_string(value.int64Value());
-    case AnyValue::Case::uint64:
-      return std::to_string(value.uint64Value());
-    case AnyValue::Case::bytes:
-      return base64(value.bytesValue());
-    case AnyValue::Case::enum_: {
-      if (std::optional<std::string> name = value.enumValue().findName()) return *name;
-      return std::to_string(value.enumValue().number());
-    }
-    default: {
-      std::string json = valueJSON(value);
-      // NaN and the infinities are JSON strings; a CSV field needs no quotes for them.
-      if (value.kind() != AnyValue::Case::message && json.size() >= 2 && json.front() == '"') {
-        json = json.substr(1, json.size() - 2);
-      }
-      return json;
-    }
-  }
-}
-
-// The length of the UTF-8 sequence at the start of `text` (2 to 4), or 0 when it is not one.
-size_t utf8Length(std::string_view text) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(0);
-  size_t length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-  } else {
-    return 0;
-  }
-  if (text.size() < length) return 0;
-  if (byte(1) < low || byte(1) > high) return 0;
-  for (size_t i = 2; i < length; ++i) {
-    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
-  }
-  return length;
-}
-
-void appendHex(std::string& out, unsigned char c) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  out += "\\x";
-  out += kDigits[c >> 4];
-  out += kDigits[c & 0xF];
-}
-
-// A field's text with nothing in it that a terminal would act on: the control characters of C0
-// and C1 (U+0080 to U+009F), DEL and bytes that are not UTF-8 become \xHH escapes (PostgreSQL's
-// text COPY format reads them back as those bytes). TSV also escapes the backslash, tab, line
-// feed and carriage return, so that a field never breaks its row and COPY reads it back whole;
-// CSV keeps tab and line breaks, inside quotes.
-std::string safeText(std::string_view text, OutputFormat format) {
-  const bool tsv = format == OutputFormat::tsv;
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size();) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x80) {
-      const size_t length = utf8Length(text.substr(i));
-      const bool c1 = length == 2 && c == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-      if (length == 0 || c1) {
-        for (size_t j = 0; j < std::max<size_t>(length, 1); ++j) {
-          appendHex(out, static_cast<unsigned char>(text[i + j]));
-        }
-      } else {
-        out.append(text.substr(i, length));
-      }
-      i += std::max<size_t>(length, 1);
-      continue;
-    }
-    ++i;
-    if (tsv) {
-      if (c == '\\') {
-        out += "\\\\";
-        continue;
-      }
-      if (c == '\t') {
-        out += "\\t";
-        continue;
-      }
-      if (c == '\n') {
-        out += "\\n";
-        continue;
-      }
-      if (c == '\r') {
-        out += "\\r";
-        continue;
-      }
-    } else if (c == '\t' || c == '\n' || c == '\r') {
-      out += static_cast<char>(c);
-      continue;
-    }
-    if (c < 0x20 || c == 0x7F) {
-      appendHex(out, c);
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
-
-// Appends one present value. An absent one is left out: an empty CSV field, or \N in TSV (as
-// PostgreSQL's COPY writes NULL), while an empty text is "" in CSV and an empty TSV field.
-void appendField(std::string& line, std::string_view text, OutputFormat format) {
-  const std::string safe = safeText(text, format);
-  if (format == OutputFormat::tsv) {
-    line += safe;
-    return;
-  }
-  if (!safe.empty() && safe.find_first_of(",\"\r\n") == std::string::npos) {
-    line += safe;
-    return;
-  }
-  line += '"';
-  for (char c : safe) {
-    if (c == '"') line += '"';
-    line += c;
-  }
-  line += '"';
-}
-
-std::string jsonString(std::string_view text) {
-  return nlohmann::json(std::string(text))
-      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 int run(Arguments& args, GlobalOptions& globals) {
@@ -265,104 +123,91 @@ int run(Arguments& args, GlobalOptions& globals) {
   }
 
   const OutputFormat output = format.value_or(OutputFormat::jsonl);
-  const char separator = output == OutputFormat::csv ? ',' : '\t';
   // One projection per message type met, made when the first record of the type comes; a type
   // the paths do not fit keeps its error for each of its records.
   struct Typed {
     std::optional<Projection> projection;
     std::optional<ProjectionRow> row;
+    std::vector<PathText> texts;
     std::string error;
   };
   std::map<const MessageSchema*, Typed> typed;
+  const MessageSchema* lastSchema = nullptr;
+  Typed* last = nullptr;
   std::vector<std::string> columns;
   if (records.provenance) columns = {"@partition", "@offset", "@timestamp", "@key"};
   columns.insert(columns.end(), paths.begin(), paths.end());
-  std::vector<std::string> keys;
-  for (const std::string& column : columns) keys.push_back(jsonString(column) + ":");
-  std::string line;
-  if (output != OutputFormat::jsonl) {
-    for (size_t i = 0; i < columns.size(); ++i) {
-      if (i > 0) line += separator;
-      appendField(line, columns[i], output);
-    }
-    line += '\n';
-    writeOut(line);
-  }
-  // Appends column `i`: JSON text in JSON Lines, `plain` text otherwise; absent without either.
-  const auto cell = [&](size_t i, const std::optional<std::string>& json,
-                        const std::optional<std::string>& plain) {
-    if (output == OutputFormat::jsonl) {
-      if (i > 0) line += ',';
-      line += keys[i];
-      line += json.value_or("null");
-      return;
-    }
-    if (i > 0) line += separator;
-    if (plain) {
-      appendField(line, *plain, output);
-    } else if (output == OutputFormat::tsv) {
-      line += "\\N";
-    }
-  };
+  // On a terminal, and for a topic followed as it grows, each line shows as soon as it is made.
+  OutputBuffer out(::isatty(STDOUT_FILENO) == 1 || (records.kafka && records.kafka->follow));
+  LineWriter line(out, output, columns);
+  line.header();
+  out.endRecord();
   RecordSchemas types(records, input, schemas);
-  return forEachRecord(input, records, types, [&](const StreamRecord& record) {
-    ProjectionRow* row = nullptr;
+  const int status = forEachRecord(input, records, types, [&](const StreamRecord& record) {
+    Typed* type = nullptr;
     if (record.bytes) {
-      Typed& type = typed[record.schema];
-      if (!type.projection && type.error.empty()) {
+      if (record.schema != lastSchema) {
+        lastSchema = record.schema;
+        last = &typed[record.schema];
+      }
+      type = last;
+      if (!type->projection && type->error.empty()) {
         try {
           resolvePaths(*record.schema, paths, false);
-          type.projection.emplace(*record.schema, paths, mode);
-          type.row = type.projection->makeRow();
+          type->projection.emplace(*record.schema, paths, mode);
+          type->row = type->projection->makeRow();
+          type->texts = PathText::of(*type->projection);
         } catch (const std::exception& error) {
-          type.error = record.schema->name() + ": " + error.what();
+          type->error = record.schema->name() + ": " + error.what();
         }
       }
-      if (!type.projection) throw ToolError(type.error);
-      row = &*type.row;
-      type.projection->read(*record.bytes, *row);
+      if (!type->projection) throw ToolError(type->error);
+      ProjectionRow& row = *type->row;
+      type->projection->read(*record.bytes, row);
       // A record is printed whole or not at all: the first failed path makes it a bad record.
-      for (size_t i = 0; i < paths.size(); ++i) {
-        if (row->state(i) != ProjectionRow::State::failed) continue;
+      for (size_t i = 0; row.failed() && i < paths.size(); ++i) {
+        if (row.state(i) != ProjectionRow::State::failed) continue;
         try {
-          std::rethrow_exception(row->error(i));
+          std::rethrow_exception(row.error(i));
         } catch (const Error& error) {
           throw ToolError(paths[i] + ": " + error.what());
         }
       }
     }
-    line.clear();
-    if (output == OutputFormat::jsonl) line += '{';
-    size_t column = 0;
-    if (records.provenance) {
-      const KafkaProvenance& kafka = *record.kafka;
-      const std::string partition = std::to_string(kafka.partition);
-      const std::string offset = std::to_string(kafka.offset);
-      cell(column++, partition, partition);
-      cell(column++, offset, offset);
-      const std::optional<std::string> timestamp =
-          kafka.timestamp ? std::optional(std::to_string(*kafka.timestamp)) : std::nullopt;
-      cell(column++, timestamp, timestamp);
-      if (kafka.key) {
-        cell(column++, jsonString(asText(*kafka.key)), std::string(asText(*kafka.key)));
-      } else {
-        cell(column++, std::nullopt, std::nullopt);
+    const size_t start = out.size();
+    try {
+      line.start();
+      if (records.provenance) {
+        const KafkaProvenance& kafka = *record.kafka;
+        line.integer(kafka.partition);
+        line.integer(kafka.offset);
+        if (kafka.timestamp) {
+          line.integer(*kafka.timestamp);
+        } else {
+          line.absent();
+        }
+        if (kafka.key) {
+          line.text(asText(*kafka.key));
+        } else {
+          line.absent();
+        }
       }
-    }
-    for (size_t i = 0; i < paths.size(); ++i, ++column) {
-      const std::optional<AnyValue> found = row ? row->value(i) : std::nullopt;
-      if (found && output == OutputFormat::jsonl) {
-        cell(column, valueJSON(*found), std::nullopt);
-      } else if (found) {
-        cell(column, std::nullopt, plainText(*found));
-      } else {
-        cell(column, std::nullopt, std::nullopt);
+      for (size_t i = 0; i < paths.size(); ++i) {
+        if (type) {
+          line.answer(*type->row, i, type->texts[i]);
+        } else {
+          line.absent();
+        }
       }
+      line.finish();
+    } catch (...) {
+      out.truncate(start);
+      throw;
     }
-    if (output == OutputFormat::jsonl) line += '}';
-    line += '\n';
-    writeOut(line);
+    out.endRecord();
   });
+  out.flush();
+  return status;
 }
 
 }  // namespace

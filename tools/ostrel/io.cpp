@@ -165,6 +165,51 @@ void writeOut(std::string_view text) {
   if (!std::cout) throw ToolError("cannot write standard output");
 }
 
+OutputBuffer::OutputBuffer(bool eachRecord)
+    : data_(std::make_unique_for_overwrite<char[]>(2 * kBlock)),
+      capacity_(2 * kBlock),
+      eachRecord_(eachRecord) {}
+
+OutputBuffer::~OutputBuffer() {
+  try {
+    flush();
+  } catch (const ToolError&) {
+    // Reported by the explicit flush of a run that gets that far; an unwinding run has its error.
+  }
+}
+
+void OutputBuffer::grow(size_t n) {
+  // A record longer than the buffer (a large message in a cell): the buffer grows to hold it,
+  // since a record is written whole or not at all.
+  const size_t capacity = std::max(2 * capacity_, size_ + n);
+  std::unique_ptr<char[]> data = std::make_unique_for_overwrite<char[]>(capacity);
+  std::memcpy(data.get(), data_.get(), size_);
+  data_ = std::move(data);
+  capacity_ = capacity;
+}
+
+void OutputBuffer::flush() {
+  if (size_ == 0) return;
+  std::cout.flush();
+  if (!std::cout) throw ToolError("cannot write standard output");
+  size_t done = 0;
+  while (done < size_) {
+    const ssize_t wrote = ::write(STDOUT_FILENO, data_.get() + done, size_ - done);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote <= 0) {
+      size_ = 0;
+      throw ToolError("cannot write standard output");
+    }
+    done += static_cast<size_t>(wrote);
+  }
+  size_ = 0;
+  // A buffer grown for one large record goes back to its usual size.
+  if (capacity_ > 2 * kBlock) {
+    data_ = std::make_unique_for_overwrite<char[]>(2 * kBlock);
+    capacity_ = 2 * kBlock;
+  }
+}
+
 bool MessageInput::parse(Arguments& args, bool acceptsFormat) {
   std::string value;
   if (args.value({"-m", "--message"}, value)) {

@@ -368,7 +368,13 @@ int forEachRecord(const MessageInput& input, const RecordOptions& options, Recor
           break;
         }
         if (!record) break;
-        if (!one(name, stream.count(), stream.offset(), stream.null() ? std::nullopt : record)) {
+        // The view is rebuilt from its two words: copying the optional whole reads back, as one
+        // 16-byte load, what next() has just stored as two, and that load stalls on every record.
+        const std::byte* data = record->data();
+        const size_t size = record->size();
+        if (!one(name, stream.count(), stream.offset(),
+                 stream.null() ? std::nullopt
+                               : std::optional<ByteView>(std::in_place, data, size))) {
           return kExitFailure;
         }
         progress.update(records, bytesDone + stream.position());

@@ -4,6 +4,7 @@
 // small argument cursor, the global options and the schemas they load, data input and output, and
 // the JSON text of a single value.
 
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <limits>
@@ -136,6 +137,56 @@ std::string base64(ByteView bytes);
 // Writes `text` to standard output (line-buffered on a terminal, so streamed output shows as it
 // comes); throws ToolError when the write fails.
 void writeOut(std::string_view text);
+
+// Standard output written in large blocks: a command gathers its text here, a record at a time,
+// and the text goes out with write(2) once a block of it has gathered (at once after every record
+// when `eachRecord`: a terminal, or a stream followed as it comes). What std::cout holds is
+// written first. A record's text can be taken back while it is unfinished (truncate), as it is
+// never written out in part. Throws ToolError "cannot write standard output" when a write fails;
+// the destructor writes what is left and ignores a failure.
+class OutputBuffer {
+ public:
+  explicit OutputBuffer(bool eachRecord);
+  ~OutputBuffer();
+  OutputBuffer(const OutputBuffer&) = delete;
+  OutputBuffer& operator=(const OutputBuffer&) = delete;
+
+  // Room for `n` more characters, at the end of the text; advance() then says how many were
+  // written there.
+  char* room(size_t n) {
+    if (capacity_ - size_ < n) grow(n);
+    return data_.get() + size_;
+  }
+  void advance(char* end) noexcept { size_ = static_cast<size_t>(end - data_.get()); }
+  void append(std::string_view text) {
+    std::memcpy(room(text.size()), text.data(), text.size());
+    size_ += text.size();
+  }
+  void push(char c) {
+    *room(1) = c;
+    ++size_;
+  }
+  size_t size() const noexcept { return size_; }
+  // Drops the text after the first `size` characters (at most what the record added).
+  void truncate(size_t size) noexcept { size_ = size; }
+
+  // Ends a record: writes the text out when a block has gathered (or after each record).
+  void endRecord() {
+    if (eachRecord_ || size_ >= kBlock) flush();
+  }
+  // Writes out all the text.
+  void flush();
+
+ private:
+  // How much text gathers before it is written.
+  static constexpr size_t kBlock = size_t{1} << 16;
+  void grow(size_t n);
+
+  std::unique_ptr<char[]> data_;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+  bool eachRecord_;
+};
 
 // One value as JSON, as the JSON rendering of whole messages writes it: 32-bit integers, float and
 // double as numbers (NaN and infinities as strings), 64-bit integers as decimal strings, bytes as
