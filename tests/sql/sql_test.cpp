@@ -439,6 +439,11 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT hex(P_NORMALIZE(x'58020a00', 'ostrel.test.Rich'))", "text:0A005802"},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'mids[0].note', 'x')",
            error(SchematizerError::invalidIndexInKeypath())},
+          // A map key past the path: bare up to an unclosed bracket, or quoted but not JSON.
+          {"SELECT P_SET(x'', 'ostrel.test.Rich', 'counts[a', 1)",
+           error(PropertyPathUtil::Error::missingIndex("counts[a", 7))},
+          {"SELECT P_SET(x'', 'ostrel.test.Rich', 'counts[\"\\x\"]', 1)",
+           error(PropertyPathUtil::Error::missingIndex("counts[\"\\x\"]", 7))},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'color', 'PURPLE')",
            error(SchematizerError::enumValueNotFound("Enum: ostrel.test.Color, PURPLE value"))},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'maybe', 'x')",
