@@ -24,6 +24,7 @@
 #include "access/xact.h"
 #include "catalog/pg_type.h"
 #include "common/base64.h"
+#include "common/jsonapi.h"
 #include "executor/spi.h"
 #include "fmgr.h"
 #include "funcapi.h"
@@ -37,6 +38,7 @@
 #include "utils/fmgrprotos.h"
 #include "utils/inval.h"
 #include "utils/jsonb.h"
+#include "utils/jsonfuncs.h"
 #include "utils/lsyscache.h"
 #include "utils/memutils.h"
 #include "utils/numeric.h"
@@ -170,13 +172,135 @@ json_holds_nul(const char *json, size_t size)
 	return false;
 }
 
+/*
+ * The jsonb made from JSON text as jsonb_in makes it, but polling for cancel and
+ * statement_timeout at every value: jsonb_in does not, and converting the text of a large record
+ * can take several times as long as rendering it.
+ */
+typedef struct JsonbBuild
+{
+	JsonbParseState *parse;
+	JsonbValue *result;
+} JsonbBuild;
+
+static void
+jsonb_push(JsonbBuild *build, JsonbIteratorToken token, JsonbValue *value)
+{
+	CHECK_FOR_INTERRUPTS();
+	build->result = pushJsonbValue(&build->parse, token, value);
+}
+
+static void
+jsonb_string(JsonbValue *out, char *text)
+{
+	size_t		length = strlen(text);
+
+	if (length > JENTRY_OFFLENMASK)
+		ereport(ERROR, (errcode(ERRCODE_PROGRAM_LIMIT_EXCEEDED),
+						errmsg("string too long to represent as jsonb string")));
+	out->type = jbvString;
+	out->val.string.len = (int) length;
+	out->val.string.val = text;
+}
+
+static void
+jsonb_object_start(void *state)
+{
+	jsonb_push(state, WJB_BEGIN_OBJECT, NULL);
+}
+
+static void
+jsonb_object_end(void *state)
+{
+	jsonb_push(state, WJB_END_OBJECT, NULL);
+}
+
+static void
+jsonb_array_start(void *state)
+{
+	jsonb_push(state, WJB_BEGIN_ARRAY, NULL);
+}
+
+static void
+jsonb_array_end(void *state)
+{
+	jsonb_push(state, WJB_END_ARRAY, NULL);
+}
+
+static void
+jsonb_key(void *state, char *name, bool isnull)
+{
+	JsonbValue	key;
+
+	jsonb_string(&key, name);
+	jsonb_push(state, WJB_KEY, &key);
+}
+
+static void
+jsonb_scalar(void *state, char *token, JsonTokenType type)
+{
+	JsonbBuild *build = state;
+	JsonbValue	value;
+
+	switch (type)
+	{
+		case JSON_TOKEN_STRING:
+			jsonb_string(&value, token);
+			break;
+		case JSON_TOKEN_NUMBER:
+			value.type = jbvNumeric;
+			value.val.numeric = DatumGetNumeric(DirectFunctionCall3(numeric_in,
+																	CStringGetDatum(token),
+																	ObjectIdGetDatum(InvalidOid),
+																	Int32GetDatum(-1)));
+			break;
+		case JSON_TOKEN_TRUE:
+		case JSON_TOKEN_FALSE:
+			value.type = jbvBool;
+			value.val.boolean = type == JSON_TOKEN_TRUE;
+			break;
+		default:
+			value.type = jbvNull;
+			break;
+	}
+	if (build->parse == NULL)
+	{
+		/* A scalar alone is stored as a one-element raw scalar array. */
+		JsonbValue	array;
+
+		array.type = jbvArray;
+		array.val.array.rawScalar = true;
+		array.val.array.nElems = 1;
+		jsonb_push(build, WJB_BEGIN_ARRAY, &array);
+		jsonb_push(build, WJB_ELEM, &value);
+		jsonb_push(build, WJB_END_ARRAY, NULL);
+	}
+	else
+		jsonb_push(build, build->parse->contVal.type == jbvArray ? WJB_ELEM : WJB_VALUE, &value);
+}
+
 /* JSON text the library rendered as jsonb; `path` as for refuse_nul. */
 static Datum
 json_to_jsonb(FunctionCallInfo fcinfo, const char *json, size_t size, const char *path)
 {
+	char	   *text;
+	JsonbBuild	build = {NULL, NULL};
+	JsonSemAction actions = {0};
+
 	if (json_holds_nul(json, size))
 		refuse_nul(fcinfo, path, "jsonb");
-	return DirectFunctionCall1(jsonb_in, CStringGetDatum(utf8_to_server(json, size)));
+	text = utf8_to_server(json, size);
+	actions.semstate = &build;
+	actions.object_start = jsonb_object_start;
+	actions.object_end = jsonb_object_end;
+	actions.array_start = jsonb_array_start;
+	actions.array_end = jsonb_array_end;
+	actions.object_field_start = jsonb_key;
+	actions.scalar = jsonb_scalar;
+	pg_parse_json_or_ereport(makeJsonLexContextCstringLen(text, (int) strlen(text),
+														  GetDatabaseEncoding(), true),
+							 &actions);
+	return JsonbPGetDatum(JsonbValueToJsonb(build.result));
 }
 
 /* A text argument as UTF-8 for the library; *size receives its length. */

@@ -284,7 +284,9 @@ class BatchReader {
         break;
     }
     if (reader.leaf == LeafKind::json) {
-      const std::string text = renderJSON(reader.messageSchema->unsafeSchematizedData(*payload));
+      // Strict: a fault fails the record, as every other cell's does, rather than becoming text.
+      const std::string text = renderJSON(reader.messageSchema->unsafeSchematizedData(*payload),
+                                          JsonOptions{.strict = true});
       builder.appendBytes(text.data(), text.size());
       return;
     }

@@ -108,37 +108,63 @@ std::optional<Bytes> base64Decode(std::string_view text) {
 
 namespace detail {
 
-std::optional<Bytes> base64DecodeEitherAlphabet(std::string_view text) {
+namespace {
+
+// The length of `text` without its final padding, which only a text of whole groups has.
+size_t unpaddedLength(std::string_view text) noexcept {
   size_t length = text.size();
   if (length % 4 == 0 && length > 0 && text[length - 1] == '=') {
     --length;
     if (text[length - 1] == '=') --length;
   }
+  return length;
+}
+
+int32_t sextet(char c) noexcept { return kEitherDecodeTable[static_cast<unsigned char>(c)]; }
+
+}  // namespace
+
+std::optional<size_t> base64DecodedSize(std::string_view text) noexcept {
+  const size_t length = unpaddedLength(text);
   // A last group of one character holds no whole byte.
   if (length % 4 == 1) return std::nullopt;
-  Bytes out;
-  out.reserve(length / 4 * 3 + 2);
-  uint32_t group = 0;
-  size_t inGroup = 0;
-  for (size_t i = 0; i < length; ++i) {
-    const int value = kEitherDecodeTable[static_cast<unsigned char>(text[i])];
-    if (value < 0) return std::nullopt;
-    group = group << 6 | static_cast<uint32_t>(value);
-    if (++inGroup == 4) {
-      out.push_back(static_cast<std::byte>(group >> 16));
-      out.push_back(static_cast<std::byte>((group >> 8) & 0xFF));
-      out.push_back(static_cast<std::byte>(group & 0xFF));
-      group = 0;
-      inGroup = 0;
+  return length / 4 * 3 + (length % 4 == 0 ? 0 : length % 4 - 1);
+}
+
+bool base64DecodeEitherAlphabet(std::string_view text, std::byte* out) noexcept {
+  const size_t length = unpaddedLength(text);
+  if (length % 4 == 1) return false;
+  const char* p = text.data();
+  // Whole groups of four characters, three bytes each; a character outside the alphabet has a
+  // negative value.
+  for (const char* const end = p + length / 4 * 4; p != end; p += 4, out += 3) {
+    const int32_t a = sextet(p[0]), b = sextet(p[1]), c = sextet(p[2]), d = sextet(p[3]);
+    if ((a | b | c | d) < 0) return false;
+    const auto group = static_cast<uint32_t>(a << 18 | b << 12 | c << 6 | d);
+    out[0] = static_cast<std::byte>(group >> 16);
+    out[1] = static_cast<std::byte>(group >> 8);
+    out[2] = static_cast<std::byte>(group);
+  }
+  switch (length % 4) {
+    case 2: {
+      const int32_t a = sextet(p[0]), b = sextet(p[1]);
+      if ((a | b) < 0) return false;
+      const auto group = static_cast<uint32_t>(a << 6 | b);
+      out[0] = static_cast<std::byte>(group >> 4);
+      break;
     }
+    case 3: {
+      const int32_t a = sextet(p[0]), b = sextet(p[1]), c = sextet(p[2]);
+      if ((a | b | c) < 0) return false;
+      const auto group = static_cast<uint32_t>(a << 12 | b << 6 | c);
+      out[0] = static_cast<std::byte>(group >> 10);
+      out[1] = static_cast<std::byte>(group >> 2);
+      break;
+    }
+    default:
+      break;
   }
-  if (inGroup == 2) {
-    out.push_back(static_cast<std::byte>(group >> 4));
-  } else if (inGroup == 3) {
-    out.push_back(static_cast<std::byte>(group >> 10));
-    out.push_back(static_cast<std::byte>((group >> 2) & 0xFF));
-  }
-  return out;
+  return true;
 }
 
 }  // namespace detail

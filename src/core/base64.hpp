@@ -16,9 +16,14 @@ constexpr size_t base64Size(size_t size) noexcept { return (size + 2) / 3 * 4; }
 // base64Size(bytes.size()) characters; returns the end.
 char* writeBase64(char* out, ByteView bytes) noexcept;
 
-// The bytes of `text` as ProtoJSON readers take base64: the standard alphabet or the URL-safe one
-// ("-" and "_" for "+" and "/"), with its final padding or without it; no value for anything else
-// (other characters, padding inside the text, a length no base64 text has).
-std::optional<Bytes> base64DecodeEitherAlphabet(std::string_view text);
+// How many bytes base64DecodeEitherAlphabet writes for `text`; no value for a length no base64
+// text has.
+std::optional<size_t> base64DecodedSize(std::string_view text) noexcept;
+
+// Writes the bytes of `text` at `out`, which has room for base64DecodedSize(text) of them, as
+// ProtoJSON readers take base64: the standard alphabet or the URL-safe one ("-" and "_" for "+"
+// and "/"), with its final padding or without it. False for anything else (other characters,
+// padding inside the text, a length no base64 text has), having written some bytes or none.
+bool base64DecodeEitherAlphabet(std::string_view text, std::byte* out) noexcept;
 
 }  // namespace ostrel::detail

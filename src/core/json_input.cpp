@@ -1,6 +1,5 @@
 #include "core/json_input.hpp"
 
-#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <string>
@@ -10,7 +9,6 @@
 
 #include "core/json_text.hpp"
 #include "ostrel/core/errors.hpp"
-#include "ostrel/core/interrupts.hpp"
 
 namespace ostrel::detail {
 namespace {
@@ -134,10 +132,12 @@ JsonNumber readNumber(ondemand::value& value) {
   // Digits before the first nonzero one, and the decimal exponent of the first nonzero digit
   // relative to the point, for telling a number too small for a double from one too large.
   const char* const integerStart = p;
+  // The integer's value while it has at most 19 digits, which any uint64_t holds.
+  uint64_t magnitude = 0;
   if (*p == '0') {
     ++p;
   } else {
-    while (p != end && isDigit(*p)) ++p;
+    while (p != end && isDigit(*p)) magnitude = magnitude * 10 + static_cast<unsigned>(*p++ - '0');
   }
   const auto integerDigits = static_cast<int64_t>(p - integerStart);
   int64_t leadingExponent = *integerStart == '0' ? -1 : integerDigits - 1;
@@ -175,6 +175,18 @@ JsonNumber readNumber(ondemand::value& value) {
   }
 
   JsonNumber number;
+  if (whole && integerDigits <= 19) {
+    if (!negative) {
+      number.kind = JsonNumber::Kind::integer;
+      number.nonNegative = magnitude;
+      return number;
+    }
+    if (magnitude <= uint64_t{1} << 63) {
+      number.kind = JsonNumber::Kind::negativeInteger;
+      number.negative = static_cast<int64_t>(0 - magnitude);
+      return number;
+    }
+  }
   if (whole) {
     if (negative) {
       if (std::from_chars(begin, numberEnd, number.negative).ec == std::errc()) {
@@ -200,10 +212,15 @@ namespace {
 
 // One open container of the text being checked.
 struct Frame : JsonFrame {
-  // In an object: the names read so far, and the first one repeated. Kept here rather than on the
-  // stack, as is all state of a level, so that each level of recursion costs a small frame.
+  // In an object: the names read so far, and the first one repeated.
   std::unordered_set<std::string> names;
   std::optional<std::string> repeated;
+  // Where the walk stands in the container; started once its first member or element was read.
+  bool started = false;
+  ondemand::object_iterator member;
+  ondemand::object_iterator memberEnd;
+  ondemand::array_iterator element;
+  ondemand::array_iterator elementEnd;
 };
 
 // "$.a[2].b": the members of the open objects and the positions in the open arrays; the innermost
@@ -222,46 +239,63 @@ std::string framePath(const std::vector<JsonFrame>& frames, bool withLastKey) {
 }
 
 // Walks values in text order, reading every scalar in full, and throws the first fault:
-// JsonTextFault for malformed text, JsonRefusal for the others.
+// JsonTextFault for malformed text, JsonRefusal for the others. The open containers are kept in a
+// list of their own rather than on the stack, so that a text nested as deep as the limit allows
+// takes no more stack than a flat one.
 class TextCheck {
  public:
   explicit TextCheck(size_t maxDepth) : maxDepth_(maxDepth) {}
 
-  void value(ondemand::value value) {
+  void walk(ondemand::value value) {
+    visit(value);
+    while (!frames_.empty()) {
+      Frame& frame = frames_.back();
+      if (frame.isObject) {
+        if (frame.started) {
+          ++frame.member;
+        }
+        frame.started = true;
+        if (!(frame.member != frame.memberEnd)) {
+          closeObject();
+          continue;
+        }
+        ondemand::field field = take(*frame.member);
+        visit(enter(field));
+      } else {
+        if (frame.started) {
+          ++frame.element;
+          ++frame.position;
+        }
+        frame.started = true;
+        if (!(frame.element != frame.elementEnd)) {
+          frames_.pop_back();
+          continue;
+        }
+        visit(take(*frame.element));
+      }
+    }
+  }
+
+ private:
+  // Reads a scalar in full, or opens a container (whose members walk() reads next).
+  void visit(ondemand::value value) {
     switch (take(value.type())) {
       case ondemand::json_type::object: {
         open(true);
         ondemand::object object = take(value.get_object());
-        for (auto member : object) {
-          ondemand::field field = take(std::move(member));
-          this->value(enter(field));
-        }
-        closeObject();
+        Frame& frame = frames_.back();
+        frame.member = take(object.begin());
+        frame.memberEnd = take(object.end());
         break;
       }
       case ondemand::json_type::array: {
         open(false);
         ondemand::array array = take(value.get_array());
-        for (auto element : array) {
-          this->value(take(std::move(element)));
-          ++frames_.back().position;
-        }
-        frames_.pop_back();
+        Frame& frame = frames_.back();
+        frame.element = take(array.begin());
+        frame.elementEnd = take(array.end());
         break;
       }
-      case ondemand::json_type::number:
-      case ondemand::json_type::string:
-      case ondemand::json_type::boolean:
-      case ondemand::json_type::null:
-        scalar(value);
-        break;
-    }
-  }
-
- private:
-  // Reads a scalar in full. Apart from the recursion, whose frames it would grow.
-  [[gnu::noinline]] static void scalar(ondemand::value& value) {
-    switch (take(value.type())) {
       case ondemand::json_type::number:
         readNumber(value);
         break;
@@ -274,14 +308,11 @@ class TextCheck {
       case ondemand::json_type::null:
         if (!take(value.is_null())) throw JsonTextFault{simdjson::N_ATOM_ERROR};
         break;
-      case ondemand::json_type::object:
-      case ondemand::json_type::array:
-        break;
     }
   }
 
   // Records the member `field` introduces in the innermost object; its value.
-  [[gnu::noinline]] ondemand::value enter(ondemand::field& field) {
+  ondemand::value enter(ondemand::field& field) {
     Frame& frame = frames_.back();
     std::string name(memberName(field, scratch_));
     // Of several repeated names, the first one repeated, reported when the object ends (after
@@ -291,7 +322,7 @@ class TextCheck {
     return field.value();
   }
 
-  [[gnu::noinline]] void closeObject() {
+  void closeObject() {
     if (const std::optional<std::string>& repeated = frames_.back().repeated) {
       JsonRefusal refusal = refuse(JsonRefusal::Kind::repeatedMember);
       refusal.frames.back().key = *repeated;
@@ -302,7 +333,8 @@ class TextCheck {
 
   void open(bool isObject) {
     if (frames_.size() >= maxDepth_) throw refuse(JsonRefusal::Kind::tooDeep);
-    frames_.push_back(Frame{{isObject, {}, 0}, {}, {}});
+    Frame& frame = frames_.emplace_back();
+    frame.isObject = isObject;
   }
 
   JsonRefusal refuse(JsonRefusal::Kind kind) const {
@@ -394,62 +426,18 @@ void JsonInput::finish() {
   }
 }
 
-void JsonInput::refuseDeeperThan(std::string_view text, size_t depth) {
-  // Where the scan stands in each open container: the member being read (its name as written)
-  // or the element's position, as the check's paths name them.
-  struct Open {
-    bool isObject = false;
-    bool expectingName = false;
-    std::string_view name;
-    size_t position = 0;
-  };
-  std::vector<Open> open;
-  constexpr size_t kPollInterval = size_t{1} << 20;
-  size_t nextPoll = kPollInterval;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (i >= nextPoll) {
-      detail::pollInterrupt();
-      nextPoll = i + kPollInterval;
-    }
-    const char c = text[i];
-    if (c == '"') {
-      const size_t start = ++i;
-      while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
-      if (!open.empty() && open.back().isObject && open.back().expectingName) {
-        open.back().name = text.substr(start, std::min(i, text.size()) - start);
-        open.back().expectingName = false;
-      }
-    } else if (c == '{' || c == '[') {
-      if (open.size() >= depth) {
-        std::string path = "$";
-        for (const Open& container : open) {
-          if (container.isObject) {
-            path += '.';
-            path += container.name;
-          } else {
-            path += '[' + std::to_string(container.position) + ']';
-          }
-        }
-        throw SchematizerError::unexpectedType(path + ": nesting deeper than " +
-                                               std::to_string(depth) + " levels");
-      }
-      open.push_back({c == '{', c == '{', {}, 0});
-    } else if ((c == '}' || c == ']') && !open.empty()) {
-      open.pop_back();
-    } else if (c == ',' && !open.empty()) {
-      if (open.back().isObject) {
-        open.back().expectingName = true;
-      } else {
-        ++open.back().position;
-      }
-    }
+void checkValue(ondemand::value value, size_t depth) {
+  try {
+    TextCheck(depth).walk(value);
+  } catch (const JsonRefusal&) {
+    throw JsonTextFault{};
   }
 }
 
 std::optional<JsonRefusal> JsonInput::firstFault() {
   try {
     TextCheck check(maxDepth_);
-    check.value(start());
+    check.walk(start());
     finish();
   } catch (const JsonTextFault& fault) {
     return JsonRefusal{JsonRefusal::Kind::malformed, fault.code, {}};

@@ -72,6 +72,11 @@ JsonNumber readNumber(ondemand::value& value);
 // escape JSON does not allow (a lone surrogate among them).
 std::string_view memberName(ondemand::field& field, std::string& scratch);
 
+// Reads `value` and all it holds in full, as JsonInput::firstFault reads a text, for a value a
+// reader passes over: `depth` more levels of containers may open in it. Throws JsonTextFault when
+// it holds a fault of the text (JsonInput::check then names the first one). Without recursion.
+void checkValue(ondemand::value value, size_t depth);
+
 // One open container of a text, where a fault was found.
 struct JsonFrame {
   bool isObject = false;
@@ -116,12 +121,6 @@ class JsonInput {
   // "<path>: nesting deeper than <maxDepth> levels" for containers nested deeper than maxDepth.
   // Returns when the text has none of them.
   void check();
-
-  // Throws "<path>: nesting deeper than <depth> levels" when the text's brackets and braces,
-  // outside strings, nest deeper than `depth`. A scan without recursion, so that a text too deep
-  // is refused before a reader descends into it and spends a stack frame on each level; the path
-  // names members as they are written, escapes and all.
-  static void refuseDeeperThan(std::string_view text, size_t depth);
 
  private:
   struct Parser;

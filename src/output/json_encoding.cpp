@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -41,6 +43,16 @@ using JsonType = ondemand::json_type;
 // in); deeper text could never encode.
 constexpr size_t kMaxDocumentDepth = 2 * detail::kMaxMessageNesting + 1;
 
+// Messages nested this deep have the whole text checked before the encoder descends further. The
+// encoder takes a few hundred bytes of stack for each message it is in (several kilobytes under
+// sanitizers); a text nested far deeper than the limit is then refused from a shallow stack,
+// rather than after the encoder descended a hundred messages into it.
+constexpr int kCheckedNesting = 8;
+
+// How many value names of an enum field the encoder remembers, compared one by one before the
+// enum's own lookup.
+constexpr size_t kRememberedEnumNames = 16;
+
 // Where a value stands in the document. Built on the stack as the encoder descends and turned into
 // text only for an error, so that the common case spends nothing on paths.
 struct Path {
@@ -54,6 +66,13 @@ struct Path {
   Path member(std::string_view memberName) const { return {this, Kind::member, memberName, 0}; }
   Path element(size_t elementIndex) const { return {this, Kind::element, {}, elementIndex}; }
   Path key(std::string_view keyText) const { return {this, Kind::key, keyText, 0}; }
+
+  // How many containers of the text hold the value at this path.
+  size_t depth() const noexcept {
+    size_t depth = 0;
+    for (const Path* p = parent; p; p = p->parent) ++depth;
+    return depth;
+  }
 
   // "$.mids[1].leaf", "$.counts[\"a\"]".
   std::string text() const {
@@ -220,6 +239,8 @@ struct FieldEntry {
   enum class Map : uint8_t { unknown, no, yes } map = Map::unknown;
   FieldEntry* mapKey = nullptr;
   FieldEntry* mapValue = nullptr;
+  // Of an enum field: the value names it was given so far (the first few), with their numbers.
+  std::vector<std::pair<std::string, int32_t>> enumNames;
 };
 
 struct StringHash {
@@ -236,6 +257,8 @@ struct MessageEntry {
   struct Name {
     FieldEntry* field;
     size_t index;
+    // The name itself, as `names` keeps it.
+    std::string_view text;
   };
 
   std::shared_ptr<MessageSchemaDescribing> owner;
@@ -246,6 +269,23 @@ struct MessageEntry {
   std::unordered_map<const FieldSchemaDescribing*, FieldEntry*> byField;
   bool namesBuilt = false;
   std::unordered_map<std::string, Name, StringHash, std::equal_to<>> names;
+  // The names the last object of this message had, by position: objects of one message mostly
+  // list the same members in the same order, which one comparison then finds.
+  std::vector<const Name*> lastOrder;
+
+  // The name at `position` of the last object, when it is `name`; else null.
+  const Name* predicted(size_t position, std::string_view name) const {
+    // A position where an ignored member stood holds null.
+    if (position < lastOrder.size() && lastOrder[position] && lastOrder[position]->text == name) {
+      return lastOrder[position];
+    }
+    return nullptr;
+  }
+
+  void remember(size_t position, const Name& name) {
+    if (position >= lastOrder.size()) lastOrder.resize(position + 1);
+    lastOrder[position] = &name;
+  }
 
   FieldEntry& entryFor(const FieldSchemaDescribing& field) {
     auto [it, added] = byField.try_emplace(&field, nullptr);
@@ -291,7 +331,9 @@ struct MessageEntry {
 
   const Name& addName(std::string name, const FieldSchemaDescribing& field) {
     const size_t index = names.size();
-    return names.try_emplace(std::move(name), Name{&entryFor(field), index}).first->second;
+    const auto [it, added] = names.try_emplace(std::move(name), Name{&entryFor(field), index, {}});
+    it->second.text = it->first;
+    return it->second;
   }
 };
 
@@ -318,36 +360,79 @@ class IndexSet {
   std::vector<bool> high_;
 };
 
-// The member names of one map object, for telling a key given twice.
-class KeySet {
+// The hashes of one map object's keys, for telling a key given twice once all of them are read.
+// Linear and cache-friendly however large the map: the hashes are split by their top bits into
+// groups of a few hundred, each checked in a small table that stays in the cache. Two keys of one
+// hash are most likely the same key, but only comparing them tells: the caller reads the keys
+// again then.
+class KeyHashes {
  public:
-  // Adds `key` (which must stay valid while the set lives); false when it was there already.
-  bool insert(std::string_view key) {
-    if (hashed_.empty()) {
-      for (const std::string_view seen : few_) {
-        if (seen == key) return false;
-      }
-      if (few_.size() < kFew) {
-        few_.push_back(key);
-        return true;
-      }
-      hashed_.insert(few_.begin(), few_.end());
+  void insert(std::string_view key) {
+    const uint64_t hash = std::hash<std::string_view>{}(key);
+    // Zero marks an empty slot of the tables below; a hash of zero counts as one.
+    const uint64_t kept = hash == 0 ? 1 : hash;
+    if (count_ < kFew) {
+      few_[count_++] = kept;
+      return;
     }
-    return hashed_.insert(key).second;
+    if (count_++ == kFew) many_.assign(few_.begin(), few_.end());
+    many_.push_back(kept);
+  }
+
+  // Whether two of the hashes are the same.
+  bool anySame() const {
+    if (count_ <= kFew) {
+      for (size_t i = 1; i < count_; ++i) {
+        for (size_t j = 0; j < i; ++j) {
+          if (few_[i] == few_[j]) return true;
+        }
+      }
+      return false;
+    }
+    // Groups of about 512 hashes, by their top bits.
+    const int bits = std::clamp(static_cast<int>(std::bit_width(count_)) - 9, 0, 12);
+    const auto groupOf = [bits](uint64_t hash) {
+      return bits == 0 ? size_t{0} : static_cast<size_t>(hash >> (64 - bits));
+    };
+    std::vector<size_t> start((size_t{1} << bits) + 1, 0);
+    for (const uint64_t hash : many_) ++start[groupOf(hash) + 1];
+    for (size_t group = 1; group < start.size(); ++group) start[group] += start[group - 1];
+    std::vector<uint64_t> grouped(count_);
+    {
+      std::vector<size_t> next(start.begin(), start.end() - 1);
+      for (const uint64_t hash : many_) grouped[next[groupOf(hash)]++] = hash;
+    }
+    std::vector<uint64_t> table;
+    for (size_t group = 0; group + 1 < start.size(); ++group) {
+      const size_t size = start[group + 1] - start[group];
+      table.assign(std::bit_ceil(std::max<size_t>(2 * size, 16)), 0);
+      const size_t mask = table.size() - 1;
+      for (size_t i = start[group]; i < start[group + 1]; ++i) {
+        const uint64_t hash = grouped[i];
+        size_t at = hash & mask;
+        for (; table[at] != 0; at = (at + 1) & mask) {
+          if (table[at] == hash) return true;
+        }
+        table[at] = hash;
+      }
+    }
+    return false;
   }
 
  private:
   static constexpr size_t kFew = 16;
-  std::vector<std::string_view> few_;
-  std::unordered_set<std::string_view> hashed_;
+
+  size_t count_ = 0;
+  std::array<uint64_t, kFew> few_{};
+  std::vector<uint64_t> many_;
 };
 
 // Writes the message a JSON text describes as it reads the text: each member's field goes out as
 // soon as its value is read, nested messages in place.
 class Encoder {
  public:
-  Encoder(detail::WireBuffer& out, const JsonParseOptions& options)
-      : out_(out), options_(options) {}
+  Encoder(std::string_view text, detail::WireBuffer& out, const JsonParseOptions& options)
+      : text_(text), out_(out), options_(options) {}
 
   // The top-level message: a well-known type in its JSON form, any other as an object.
   void document(const MessageSchemaDescribing& schema, ondemand::value& root) {
@@ -431,6 +516,7 @@ class Encoder {
     bool typeSeen = false;
     // The member given for each oneof so far.
     std::vector<const FieldEntry*> oneofs;
+    size_t position = 0;
     for (auto member : object) {
       detail::pollInterrupt();
       ondemand::field field = take(std::move(member));
@@ -440,10 +526,17 @@ class Encoder {
         typeSeen = true;
         continue;
       }
-      const MessageEntry::Name* found =
-          options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
-      // The value of a member ignored is stepped over when the next member is read.
-      if (!found) continue;
+      const MessageEntry::Name* found = entry.predicted(position, name);
+      if (!found) {
+        found = options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
+        if (found) entry.remember(position, *found);
+      }
+      ++position;
+      if (!found) {
+        // A member ignored is still read in full, as the text's own faults are found anywhere.
+        detail::checkValue(field.value(), kMaxDocumentDepth - path.depth() - 1);
+        continue;
+      }
       const MessageEntry::Name& named = *found;
       if (!names.insert(named.index)) throw JsonTextFault{};
       FieldEntry& target = resolve(*named.field);
@@ -497,17 +590,19 @@ class Encoder {
     if (isMap(field)) {
       if (type != JsonType::object) expected(path, "an object");
       ondemand::object object = take(value.get_object());
-      KeySet keys;
-      // Keys with escapes, decoded; a deque so that the views in `keys` stay valid.
-      std::deque<std::string> decoded;
+      KeyHashes keys;
       for (auto member : object) {
         detail::pollInterrupt();
         ondemand::field entry = take(std::move(member));
         std::string_view key = detail::memberName(entry, scratch_);
-        if (key.data() == scratch_.data()) key = decoded.emplace_back(key);
-        if (!keys.insert(key)) throw JsonTextFault{};
+        // A key with escapes is decoded into scratch_, which the entry's value may reuse.
+        std::string decoded;
+        if (key.data() == scratch_.data()) key = decoded.assign(key);
+        keys.insert(key);
         mapEntry(field, key, entry.value(), path.key(key), depth);
       }
+      // A key given twice is the text's own fault, which the caller names.
+      if (keys.anySame() && anyKeyTwice(object)) throw JsonTextFault{};
       return;
     }
     if (type != JsonType::array) expected(path, "an array");
@@ -518,6 +613,17 @@ class Encoder {
       ondemand::value elementValue = take(std::move(element));
       single(field, elementValue, take(elementValue.type()), path.element(index++), depth);
     }
+  }
+
+  // Whether `object`, read in full, has a member name twice: reads the names again.
+  bool anyKeyTwice(ondemand::object& object) {
+    take(object.reset());
+    std::unordered_set<std::string> keys;
+    for (auto member : object) {
+      ondemand::field entry = take(std::move(member));
+      if (!keys.emplace(detail::memberName(entry, scratch_)).second) return true;
+    }
+    return false;
   }
 
   // One entry of a map field, key and value both written.
@@ -612,17 +718,21 @@ class Encoder {
         if (type != JsonType::string) expected(path, "a string");
         return out_.lengthDelimited(field.key, take(value.get_string()));
       case Case::bytes: {
-        std::optional<Bytes> decoded;
         if (type == JsonType::string) {
-          decoded = detail::base64DecodeEitherAlphabet(take(value.get_string()));
+          // Decoded straight into the buffer, behind its length.
+          const std::string_view text = take(value.get_string());
+          if (const std::optional<size_t> size = detail::base64DecodedSize(text)) {
+            out_.varint(field.key);
+            out_.varint(*size);
+            if (detail::base64DecodeEitherAlphabet(text, out_.extend(*size))) return;
+          }
         }
-        if (!decoded) expected(path, "a base64 string");
-        return out_.lengthDelimited(field.key, asText(*decoded));
+        expected(path, "a base64 string");
       }
       case Case::enum_:
         return writeInteger(field, enumNumber(field, value, type, path));
       case Case::message: {
-        detail::checkNesting(depth);
+        descending(depth);
         MessageEntry& nested = *field.message;
         const auto content = [&] {
           if (nested.kind == WellKnown::none) {
@@ -650,19 +760,25 @@ class Encoder {
 
   // An enum value: its name, its number, or its number as a decimal string; null for NullValue.
   // Taken as an int32, which an enum field takes as it is: negative numbers too.
-  int32_t enumNumber(const FieldEntry& field, ondemand::value& value, JsonType type,
-                     const Path& path) {
+  int32_t enumNumber(FieldEntry& field, ondemand::value& value, JsonType type, const Path& path) {
     if (type == JsonType::null && field.nullIsValue) {
       readNull(value);
       return 0;
     }
     if (type == JsonType::string) {
       const std::string_view text = take(value.get_string());
+      // Names already looked up, which no decimal integer is.
+      for (const auto& [name, number] : field.enumNames) {
+        if (name == text) return number;
+      }
       bool outOfRange = false;
       if (const auto number = parseInteger<int32_t>(text, outOfRange)) return *number;
       if (outOfRange) expected(path, "an integer in the range of int32");
       const int64_t number = field.type->enumSchema()->valueNamed(text);
       if (!std::in_range<int32_t>(number)) expected(path, "an integer in the range of int32");
+      if (field.enumNames.size() < kRememberedEnumNames) {
+        field.enumNames.emplace_back(text, static_cast<int32_t>(number));
+      }
       return static_cast<int32_t>(number);
     }
     if (type != JsonType::number) expected(path, "an enum name or number");
@@ -800,7 +916,7 @@ class Encoder {
     if (!typeUrl) expected(path, "an object with a member \"@type\"");
     const std::shared_ptr<MessageSchemaDescribing> packed =
         detail::anyType(*entry.schema, *typeUrl);
-    detail::checkNesting(depth);
+    descending(depth);
     MessageEntry& content = messageEntry(*packed, packed);
     writeValue(entry, 1, detail::AnyValueImpl::string(*typeUrl));
     // The content is written in place as field 2, or (for a schema without that field) read and
@@ -830,6 +946,19 @@ class Encoder {
     }
   }
 
+  // Checks the whole text once the encoder is about to nest a message `depth` deep, at the depth
+  // that kCheckedNesting sets: JsonInput::check's error for a text with a fault of its own.
+  void descending(int depth) {
+    detail::checkNesting(depth);
+    if (depth == kCheckedNesting && !textChecked_) {
+      // A parser of its own: the encoder is still reading the text with the other.
+      detail::JsonInput(text_, kMaxDocumentDepth).check();
+      textChecked_ = true;
+    }
+  }
+
+  std::string_view text_;
+  bool textChecked_ = false;
   detail::WireBuffer& out_;
   const JsonParseOptions& options_;
   std::unordered_map<const MessageSchemaDescribing*, std::unique_ptr<MessageEntry>> messages_;
@@ -843,12 +972,12 @@ SchematizedData parseJSON(const MessageSchema& messageSchema, std::string_view j
                           const JsonParseOptions& options) {
   const MessageSchemaDescribing& schema = *messageSchema.impl();
   detail::JsonInput input(json, kMaxDocumentDepth);
-  detail::JsonInput::refuseDeeperThan(json, kMaxDocumentDepth);
-  // Wire bytes take less room than their JSON text.
-  detail::WireBuffer out(json.size() / 2);
+  // Wire bytes mostly take less room than their JSON text (a message's take half to two thirds):
+  // room for as many is set aside, of which pages never written cost nothing.
+  detail::WireBuffer out(json.size());
   try {
     ondemand::value root = input.root();
-    Encoder(out, options).document(schema, root);
+    Encoder(json, out, options).document(schema, root);
     input.finish();
   } catch (const JsonTextFault& fault) {
     input.check();

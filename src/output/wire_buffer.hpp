@@ -7,8 +7,10 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "ostrel/core/field_types.hpp"
@@ -53,6 +55,13 @@ class WireBuffer final : public ProtobufWriting {
     size_ += size;
   }
 
+  // Room for `size` bytes at the end, which the caller writes at the pointer returned.
+  std::byte* extend(size_t size) {
+    std::byte* const p = reserve(size);
+    size_ += size;
+    return p;
+  }
+
   void lengthDelimited(uint64_t key, std::string_view bytes) {
     varint(key);
     varint(bytes.size());
@@ -71,7 +80,7 @@ class WireBuffer final : public ProtobufWriting {
   void endNested(size_t mark) {
     const size_t length = size_ - mark - 1;
     if (length < 0x80) {
-      buffer_[mark] = static_cast<std::byte>(length);
+      buffer_.get()[mark] = static_cast<std::byte>(length);
       return;
     }
     const auto lengthBytes = static_cast<size_t>((std::bit_width(length) + 6) / 7);
@@ -164,17 +173,25 @@ class WireBuffer final : public ProtobufWriting {
   // Where `more` bytes can be written next. Not zero-filled: every byte is written before it is
   // read.
   std::byte* reserve(size_t more) {
-    if (capacity_ - size_ < more) {
-      const size_t capacity = std::max(capacity_ * 2, size_ + more);
-      std::unique_ptr<std::byte[]> grown(new std::byte[capacity]);
-      if (size_ != 0) std::memcpy(grown.get(), buffer_.get(), size_);
-      buffer_ = std::move(grown);
-      capacity_ = capacity;
-    }
+    if (capacity_ - size_ < more) [[unlikely]]
+      grow(more);
     return buffer_.get() + size_;
   }
 
-  std::unique_ptr<std::byte[]> buffer_;
+  // By realloc, which moves a large buffer by remapping its pages rather than copying them.
+  void grow(size_t more) {
+    const size_t capacity = std::max(capacity_ * 2, size_ + more);
+    void* const grown = std::realloc(buffer_.get(), capacity);
+    if (!grown) throw std::bad_alloc();
+    (void)buffer_.release();
+    buffer_.reset(static_cast<std::byte*>(grown));
+    capacity_ = capacity;
+  }
+
+  struct Free {
+    void operator()(std::byte* bytes) const noexcept { std::free(bytes); }
+  };
+  std::unique_ptr<std::byte, Free> buffer_;
   size_t size_ = 0;
   size_t capacity_ = 0;
 };

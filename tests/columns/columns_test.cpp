@@ -262,6 +262,20 @@ TEST(ColumnsTest, AFailingRecordAddsNoRowAndNamesItsNumberAndOffset) {
                                       SerializationError::truncated().what()));
   EXPECT_EQ(projection.rows(), 2);
   EXPECT_EQ(projection.recordsRead(), 4);
+
+  // A message written as ProtoJSON text (one deeper than structDepth) fails its record as strict
+  // rendering does, never holding the fault's text as its value: mid's note is a varint.
+  const SchemaStore richStore(testing_support::generatedManifest("rich.desc"));
+  ColumnOptions shallow;
+  shallow.structDepth = 0;
+  ColumnProjection deep(richStore.messageSchema("ostrel.test.Rich"), {"mid"}, shallow);
+  EXPECT_EQ(catchError([&] { deep.append(asBytes(std::string("\x0a\x02\x18\x01", 4))); }),
+            ColumnError::recordFailed(
+                0, 0,
+                SerializationError::typeMismatch(
+                    TypeSchemaDescription::scalar(TypeSchemaDescription::Case::string),
+                    ProtoWireType::varInt)
+                    .what()));
 }
 
 TEST(ColumnsTest, PathsThatCannotBeColumnsAreRefused) {

@@ -959,6 +959,7 @@ TEST(NonCanonicalDifferentialTest, RendersAndReadsExactlyAsLibprotobufParsesTheB
   strict.strict = true;
   pb::util::JsonPrintOptions theirOptions;
   theirOptions.preserve_proto_field_names = true;
+  pb::DynamicMessageFactory dynamic;
   size_t exactCount = 0;
   const int count = testing_support::generatedMessageCount(300);
   for (int i = 0; i < count && !HasFailure(); ++i) {
@@ -980,6 +981,13 @@ TEST(NonCanonicalDifferentialTest, RendersAndReadsExactlyAsLibprotobufParsesTheB
     ASSERT_TRUE(pb::util::MessageToJsonString(*parsed, &theirs, theirOptions).ok());
     const std::string ours = renderJSON(data, strict);
     ASSERT_TRUE(sameJson(json::parse(ours), json::parse(theirs))) << ours << "\n" << theirs;
+    // Text format as protoc --decode prints it: from a dynamic message's parse.
+    const std::unique_ptr<pb::Message> decoded(
+        dynamic.GetPrototype(subject.prototype->GetDescriptor())->New());
+    ASSERT_TRUE(decoded->ParsePartialFromString(bytes));
+    std::string theirText;
+    ASSERT_TRUE(pb::TextFormat::PrintToString(*decoded, &theirText));
+    ASSERT_EQ(renderText(data), theirText);
 
     std::vector<PathRead> exact;
     exactReads(*parsed, data, "", exact, data);

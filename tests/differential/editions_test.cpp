@@ -1,5 +1,6 @@
-// Editions schemas compiled by buf (Edition 2024 with each feature set at file and field level,
-// and protobuf's conformance messages in Edition 2023, whose file makes message fields DELIMITED):
+// Editions schemas compiled by buf (Edition 2024 and an Edition 2023 file it imports, with each
+// feature set at file, message, enum and field level, and protobuf's conformance messages in
+// Edition 2023, whose file makes message fields DELIMITED):
 // their features decide each field's presence and encoding, and the library reads, projects,
 // iterates, renders and encodes buf's messages as buf's own JSON conversion has them.
 
@@ -37,9 +38,12 @@ struct Sample {
   std::string message;
 };
 
+// The conformance messages are built where the shared schemas are.
 const Sample kSamples[] = {
     {"features", "ostrel.editions.Record", "record"},
+#ifdef OSTREL_SHARED_SCHEMAS
     {"conformance", "protobuf_test_messages.editions.TestAllTypesEdition2023", "all_types_2023"},
+#endif
 };
 
 // Reads every value of buf's JSON by its path (collected, with its JSON, for the projection), and
@@ -158,6 +162,14 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
       {"features", "ostrel.editions.Record.ByNameEntry", "value", false, false},
       {"features", "ostrel.editions.Record", "kind", false, false},
       {"features", "ostrel.editions.Record", "text", false, true},
+      {"features", "ostrel.editions.Record", "old", false, false},
+      // Edition 2023, its file IMPLICIT and DELIMITED too, in a message of its own JSON format.
+      {"features", "ostrel.editions.Old", "implicit", false, true},
+      {"features", "ostrel.editions.Old", "explicit", false, false},
+      {"features", "ostrel.editions.Old", "delimited", true, false},
+      {"features", "ostrel.editions.Old", "prefixed", false, false},
+      {"features", "ostrel.editions.Old", "olds", true, false},
+      {"features", "ostrel.editions.Old", "level", false, true},
       // Edition 2023's default: EXPLICIT presence; the file: DELIMITED.
       {"conformance", all, "optional_int32", false, false},
       {"conformance", all, "repeated_int32", false, false},
@@ -167,7 +179,8 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
       {"conformance", all, "groupliketype", true, false},
       {"conformance", all, "delimited_ext", true, false},  // an extension
   };
-  for (const std::string& set : {std::string("features"), std::string("conformance")}) {
+  for (const Sample& sample : kSamples) {
+    const std::string& set = sample.set;
     const Bytes bytes = generated(set + ".binpb");
     google::protobuf::FileDescriptorSet parsed;
     ASSERT_TRUE(parsed.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())));

@@ -1,5 +1,6 @@
 // A program built against ostrel as users build it (the installed package, or the sources as a
-// subdirectory): a schema from its JSON form, one value read.
+// subdirectory): a schema from its JSON form, one value read; with the optional parts (the
+// installed package's consumer), a .proto text imported and a query written.
 #include <cstdio>
 
 #include "ostrel/ostrel.hpp"
@@ -14,6 +15,16 @@ int main() {
     std::fprintf(stderr, "consumer: unexpected value\n");
     return 1;
   }
+#ifdef OSTREL_CONSUMER_OPTIONAL_PARTS
+  // ostrel::protoc and ostrel::sql: a .proto text imported, a query written over it.
+  const ostrel::SchemaStore parsed(ostrel::schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package a; message Point { sint32 x = 1; }"));
+  if (ostrel::sqlSelect(parsed.messageSchema("a.Point"), "t", "r", {{"x"}}) !=
+      "SELECT\n  P_GET(r, 'x') AS x\nFROM t") {
+    std::fprintf(stderr, "consumer: unexpected query\n");
+    return 1;
+  }
+#endif
   std::printf("consumer: ok, %s\n", ostrel::renderJSON(point).c_str());
   return 0;
 }

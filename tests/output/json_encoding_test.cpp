@@ -109,6 +109,15 @@ struct ErrorRow {
   SchematizerError expected;
 };
 
+// "\"k0\":0,\"k1\":1,...", `count` members.
+std::string manyKeys(int count) {
+  std::string members;
+  for (int i = 0; i < count; ++i) {
+    members += (i == 0 ? "\"k" : ",\"k") + std::to_string(i) + "\":" + std::to_string(i);
+  }
+  return members;
+}
+
 TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
   const auto u = [](const std::string& text) { return SchematizerError::unexpectedType(text); };
   const std::vector<ErrorRow> rows = {
@@ -166,6 +175,9 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"rm":[{}],"sm":{"a":1,"b":2,"a":1}})", u(R"($.sm: duplicate key "a")")},
       {R"({"rm":[{},{"sm":{"\u00fc":1,"\u00fc":2}}]})",
        u("$.rm[1].sm: duplicate key \"\xc3\xbc\"")},
+      // Far apart in a large map, and after a fault of the map's writing.
+      {R"({"sm":{)" + manyKeys(5000) + R"(,"k4321":1}})", u(R"($.sm: duplicate key "k4321")")},
+      {R"({"im":{)" + manyKeys(100) + R"(,"k7":1}})", u(R"($.im: duplicate key "k7")")},
   };
   SchemaStore store(sampleManifest());
   const MessageSchema schema = store.messageSchema("t.Sample");
@@ -210,6 +222,20 @@ TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {
   EXPECT_EQ(renderJSON(parseJSON(schema, json, options)), R"({"i32":3,"child":{"b":true}})");
   EXPECT_EQ(catchError([&] { parseJSON(schema, json); }),
             SchematizerError::fieldNotFound("Schema \"t.Sample\" property with name \"nope\""));
+  // A member ignored is still read for the text's own faults.
+  EXPECT_EQ(catchError([&] { parseJSON(schema, R"({"nope":{"a":[1],"a":2},"i32":1})", options); }),
+            SchematizerError::unexpectedType(R"($.nope: duplicate key "a")"));
+  std::string path = "$.nope";
+  for (int i = 0; i < 200; ++i) path += "[0]";
+  EXPECT_EQ(
+      renderJSON(parseJSON(
+          schema, R"({"nope":)" + std::string(200, '[') + std::string(200, ']') + "}", options)),
+      "{}");
+  EXPECT_EQ(catchError([&] {
+              parseJSON(schema, R"({"nope":)" + std::string(201, '[') + std::string(201, ']') + "}",
+                        options);
+            }),
+            SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
 }
 
 }  // namespace

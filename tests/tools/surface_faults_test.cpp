@@ -1,8 +1,8 @@
 // One request, one answer on every surface: each row of tests/data/surface_faults.tsv is a faulty
-// request (broken record, path to nothing, path to a field that is not repeated, wrong-kind read,
-// hostile manifest) and the one error it must give, as the error's class and text. Here the rows
-// go through the library, the ostrel tool and the SQLite functions; the PostgreSQL suite
-// (extensions/postgres/test/sql/surfaces.sql) reads the same table.
+// request (broken record, length prefix beyond 31 bits, path to nothing, path to a field that is
+// not repeated, wrong-kind read, hostile manifest) and the one error it must give, as the error's
+// class and text. Here the rows go through the library, the ostrel tool and the SQLite functions;
+// the PostgreSQL suite (extensions/postgres/test/sql/surfaces.sql) reads the same table.
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
