@@ -31,6 +31,9 @@ TEST(TypeSchemaDescriptionTest, DescribesAndComparesBySchemaName) {
   EXPECT_EQ(D::enumType(nullptr).describe(), "enum");
   EXPECT_EQ(D::messageType(nullptr).describe(), "message");
   EXPECT_EQ(D::scalar(C::sfixed64).describe(), "sfixed64");
+  // Without their schema they are no scalars: asking for one is the caller's fault, which stops.
+  EXPECT_DEATH(D::scalar(C::enum_), "");
+  EXPECT_DEATH(D::scalar(C::message), "");
 
   struct Row {
     D a;

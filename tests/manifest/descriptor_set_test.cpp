@@ -479,17 +479,6 @@ TEST(SchemaManifestFromData, DecodesEachFormatOrFailsWithItsReadersError) {
         schemaManifestFromData({SchemaManifestType::dscProto, readGenerated("import/group.desc")});
       }),
       SchemaManifestDSCError::invalidValueType("Group is deprecated"));
-}
-
-TEST(FullManifest, GivesBackWhatTheStoreWasMadeOf) {
-  for (const char* name : kDescriptorSets) {
-    SCOPED_TRACE(name);
-    const SchemaManifest manifest = importBytes(readGenerated(name));
-    const SchemaStore store(manifest);
-    EXPECT_EQ(fullManifest(store), withBuiltin(manifest));
-    // Everything is materialised now, so the used schemas are all of them.
-    EXPECT_EQ(manifestEngagementsOnly(store), withBuiltin(manifest));
-  }
   EXPECT_EQ(fullManifest(SchemaStore(SchemaManifest{})), builtinDescriptorManifest());
 }
 

@@ -46,11 +46,14 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
        R"({"fl":3.4028235e+38,"rf":[-3.4028235e+38]})"},
       {"numbers of more than 19 significant digits",
        R"({"db":0.1000000000000000055511151231257827021181583404541015625,)"
-       R"("u64":18446744073709551615,"rf":[1.00000000000000000000000001e-400]})",
-       R"({"u64":"18446744073709551615","db":0.1,"rf":[0]})"},
-      {"member names with escapes",
-       R"({"\u0069\u0033\u0032":1,"sm":{"\u0000\ud83d\ude00\n\ud800\udc00\uDBFF\uDFFF":2}})",
-       "{\"i32\":1,\"sm\":{\"\\u0000\xF0\x9F\x98\x80\\n\xF0\x90\x80\x80\xF4\x8F\xBF\xBF\":\"2\"}}"},
+       R"("u64":18446744073709551615,"rf":[1.00000000000000000000000001e-400,0.)" +
+           std::string(1000, '0') + "1e10]}",
+       R"({"u64":"18446744073709551615","db":0.1,"rf":[0,0]})"},
+      {"member names with escapes, at each UTF-8 length's ends",
+       R"({"\u0069\u0033\u0032":1,"sm":{"\u0000\ud83d\ude00\n\ud800\udc00\uDBFF\uDFFF":2,)"
+       R"("\u007f\u0080\u07ff\u0800\uffff":3}})",
+       "{\"i32\":1,\"sm\":{\"\\u0000\xF0\x9F\x98\x80\\n\xF0\x90\x80\x80\xF4\x8F\xBF\xBF\":\"2\","
+       "\"\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF\":\"3\"}}"},
       {"bool, string and bytes", R"({"b":false,"s":"h\u00e9\n","by":"AP8="})",
        "{\"b\":false,\"s\":\"h\xC3\xA9\\n\",\"by\":\"AP8=\"}"},
       {"enums by name, by number and by numeric string", R"({"e":"ONE","re":[0,"ZERO",7,"-1"]})",
@@ -149,6 +152,8 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"db":1.e5})", u("invalid JSON: Problem while parsing a number")},
       {R"({"db":0.)" + std::string(400, '1') + "e400}",
        u("invalid JSON: Problem while parsing a number")},
+      {R"({"db":1.)" + std::string(400, '0') + "e400}",
+       u("invalid JSON: Problem while parsing a number")},
       {R"({"fl":{}})", u("$.fl: expected a number of type float")},
       {R"({"b":"true"})", u("$.b: expected a boolean")},
       {R"({"s":1})", u("$.s: expected a string")},
@@ -210,6 +215,23 @@ TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
     SCOPED_TRACE(row.json);
     EXPECT_EQ(renderJSON(parseJSON(store.messageSchema(row.type), row.json)), row.rendered);
   }
+}
+
+// Members are told apart by the index of their name, and fields by theirs, past the first 64 too.
+TEST(JsonEncodingTest, RefusesMembersGivenTwiceInAMessageOfManyFields) {
+  SchemaManifest manifest;
+  for (int i = 1; i <= 70; ++i) {
+    manifest.messages["t.Wide"].fields["f_" + std::to_string(i)] = {.type = TypeManifest::int32,
+                                                                    .fieldNumber = i};
+  }
+  const SchemaStore store(manifest);
+  const MessageSchema wide = store.messageSchema("t.Wide");
+  EXPECT_EQ(catchError([&] { parseJSON(wide, R"({"f_70":1,"f_70":2})"); }),
+            SchematizerError::unexpectedType(R"($: duplicate key "f_70")"));
+  EXPECT_EQ(
+      catchError([&] { parseJSON(wide, R"({"f70":1,"f_70":2})"); }),
+      SchematizerError::unexpectedType("$.f_70: expected the field once, under one of its names"));
+  EXPECT_EQ(renderJSON(parseJSON(wide, R"({"f_69":1,"f70":2})")), R"({"f_69":1,"f_70":2})");
 }
 
 TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {

@@ -83,7 +83,8 @@ std::vector<RenderRow> renderRows() {
       {"bool is true for any non-zero varint", var(13, 2), R"({"b":true})"},
       {"strings escaped as JSON requires", len(14, "q\"b\\\n\t\x01/\x7f\xC3\xA9"),
        "{\"s\":\"q\\\"b\\\\\\n\\t\\u0001/\x7f\xC3\xA9\"}"},
-      {"invalid UTF-8 becomes U+FFFD", len(14, "\xC3\x28"), "{\"s\":\"\xEF\xBF\xBD(\"}"},
+      {"invalid UTF-8 becomes U+FFFD", len(14, "\xC3\x28") + len(19, "(\x80"),
+       "{\"s\":\"\xEF\xBF\xBD(\",\"rs\":[\"(\xEF\xBF\xBD\"]}"},
       {"a singular scalar read twice shows its last occurrence, a message its occurrences merged",
        var(1, 1) + len(17, var(1, 1) + var(18, 1)) + var(1, 2) +
            len(17, len(14, "x") + var(18, 2) + len(17, var(2, 3)) + len(17, var(3, 4))),

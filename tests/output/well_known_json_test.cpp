@@ -147,6 +147,7 @@ TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
        "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"timestamp":"2020-01-01T00:00:00.1234567890Z"})", "$.timestamp: expected an RFC"},
       {R"({"timestamp":"2020-01-01T00:00:00"})", "$.timestamp: expected an RFC 3339 timestamp"},
+      {R"({"timestamp":"2020-01-01T00:00:00+05:"})", "$.timestamp: expected an RFC 3339 timestamp"},
       {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
       {R"({"duration":"1.5"})", "$.duration: expected a duration"},
       {R"({"field_mask":"foo_bar"})", "$.field_mask: expected paths in lowerCamelCase"},

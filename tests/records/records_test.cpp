@@ -57,7 +57,7 @@ TEST(RecordSource, SplitsEachFramingIntoRecordsWithTheirOffsets) {
        FramingError::truncated()},
       {"varint prefix over ten bytes",
        Framing::varint,
-       std::string(11, '\xff'),
+       std::string(10, '\x80') + '\0',
        {},
        FramingError::malformedLength()},
       {"varint beyond 2^31-1",
@@ -123,6 +123,13 @@ TEST(RecordSource, SplitsEachFramingIntoRecordsWithTheirOffsets) {
   }
 }
 
+TEST(RecordSource, FramingsByName) {
+  EXPECT_EQ(findFraming("varint"), Framing::varint);
+  EXPECT_EQ(findFraming("u32be"), Framing::u32be);
+  EXPECT_EQ(findFraming("single"), Framing::single);
+  EXPECT_EQ(findFraming("delimited"), std::nullopt);
+}
+
 TEST(RecordSource, CallbacksAndBuffersCountOffsetsBySize) {
   RecordSource buffers = RecordSource::buffers({toBytes(asBytes("ab")), toBytes(asBytes("c"))});
   std::vector<Split> found;
@@ -154,6 +161,7 @@ TEST(ConfluentEnvelope, SplitsIdPathAndPayload) {
       {"path [1]", "\0\0\0\x01\0\x02\x02\x08"s, zigzag, "256", {1}, "\x08"},
       {"nested path [0, 0]", "\0\0\0\0\x07\x04\0\0"s, zigzag, "7", {0, 0}, ""},
       {"large id", "\0\x7f\xff\xff\xff\0"s, zigzag, "2147483647", {0}, ""},
+      {"largest index", "\0\0\0\0\x07\x02\xfe\xff\xff\xff\x0f"s, zigzag, "7", {2147483647}, ""},
       {"unsigned form [1, 2]", "\0\0\0\0\x07\x02\x01\x02\x08"s, plain, "7", {1, 2}, "\x08"},
       {"unsigned form read as zigzag",
        "\0\0\0\0\x07\x01\x01"s,

@@ -439,6 +439,11 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT hex(P_NORMALIZE(x'58020a00', 'ostrel.test.Rich'))", "text:0A005802"},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'mids[0].note', 'x')",
            error(SchematizerError::invalidIndexInKeypath())},
+          // A map key past the path: bare up to an unclosed bracket, or quoted but not JSON.
+          {"SELECT P_SET(x'', 'ostrel.test.Rich', 'counts[a', 1)",
+           error(PropertyPathUtil::Error::missingIndex("counts[a", 7))},
+          {"SELECT P_SET(x'', 'ostrel.test.Rich', 'counts[\"\\x\"]', 1)",
+           error(PropertyPathUtil::Error::missingIndex("counts[\"\\x\"]", 7))},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'color', 'PURPLE')",
            error(SchematizerError::enumValueNotFound("Enum: ostrel.test.Color, PURPLE value"))},
           {"SELECT P_SET(x'5801', 'ostrel.test.Rich', 'maybe', 'x')",
@@ -476,11 +481,13 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT group_concat(key || '=' || value) FROM "
            "P_EACH(x'42050a01781003420210034200', 'counts')",
            "text:x=3,=3,=0"},
-          // P_JSON refuses records nested deeper than 100 messages.
+          // P_JSON and P_NORMALIZE refuse records nested deeper than 100 messages.
           {"SELECT ostrel_register_proto('syntax = \"proto3\"; package d; message N { N n = 1; }')",
            "int:" + std::to_string(richManifest().messages.size() + 1)},
           {"SELECT P_JSON(" + hexLiteral(nested(100)) + ", 'd.N')", "text:" + json},
           {"SELECT P_JSON(" + hexLiteral(nested(101)) + ", 'd.N')",
+           error(SchematizerError::protocolBufferError("Nesting deeper than 100 messages"))},
+          {"SELECT P_NORMALIZE(" + hexLiteral(nested(101)) + ", 'd.N')",
            error(SchematizerError::protocolBufferError("Nesting deeper than 100 messages"))},
       });
 }

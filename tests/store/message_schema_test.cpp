@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "ostrel/store/schemas.hpp"
-#include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 
 namespace ostrel {
@@ -88,21 +87,6 @@ TEST(MessageSchemaTest, ListsAndLooksUpItsMembers) {
             SchematizerError::enumValueNotFound("Enum: shop.State, -3 value"));
 }
 
-TEST(MessageSchemaTest, FieldsAreMaterialisedOnceWhicheverWayTheyAreAskedFor) {
-  const auto store = ProtoSchemaStore::make(orderManifest());
-  const auto order =
-      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order"));
-  ASSERT_TRUE(order);
-  EXPECT_EQ(order->uninitializedCount(), 9);
-  const auto& byNumber = order->fieldWithNumber(3);
-  EXPECT_EQ(byNumber->name(), "alpha");
-  EXPECT_EQ(order->fieldNamed("alpha"), byNumber);
-  EXPECT_EQ(order->fieldsCache().size(), 1u);
-  EXPECT_EQ(order->uninitializedCount(), 8);
-  EXPECT_EQ(order->fieldWithNumber(3), byNumber);
-  EXPECT_EQ(order->uninitializedCount(), 8);
-}
-
 TEST(MessageSchemaTest, TypeResolutionFailuresAreRetriedAndReported) {
   SchemaStore store(orderManifest());
   const MessageSchema broken = store.messageSchema("shop.Broken");
@@ -144,40 +128,6 @@ TEST(MessageSchemaLifetimeTest, MaterialisedMembersOutliveTheStore) {
   // An unknown name is still an unknown name.
   EXPECT_EQ(catchError([&] { order.fieldNamed("x"); }),
             SchematizerError::fieldNotFound("Schema \"shop.Order\" property with name \"x\""));
-}
-
-TEST(MessageSchemaLifetimeTest, FullyMaterialisedMessageLetsGoOfItsStore) {
-  std::optional<SchemaStore> store(orderManifest());
-  const auto order =
-      std::dynamic_pointer_cast<ProtoMessageSchema>(store->messageSchema("shop.Order").impl());
-  order->fieldsByNumber();
-  EXPECT_EQ(order->uninitializedCount(), 2);  // the oneofs
-  EXPECT_TRUE(order->refersToStore());
-  order->fieldsByNumber();  // walks the names again, all materialised
-  order->allOneofs();
-  EXPECT_EQ(order->uninitializedCount(), 0);
-  EXPECT_FALSE(order->refersToStore());
-  store.reset();
-  EXPECT_EQ(order->oneofNamed("delivery")->allFieldNames(), std::set<std::string>{"cash"});
-  EXPECT_EQ(order->fieldsByNumber().size(), 7u);
-  EXPECT_EQ(order->allOneofs().size(), 2u);
-
-  SchemaStore other(orderManifest());
-  const auto empty =
-      std::dynamic_pointer_cast<ProtoMessageSchema>(other.messageSchema("shop.Empty").impl());
-  EXPECT_EQ(empty->uninitializedCount(), 0);
-  EXPECT_FALSE(empty->refersToStore());
-  EXPECT_EQ(catchError([&] { empty->fieldNamed("a"); }),
-            SchematizerError::fieldNotFound("Schema \"shop.Empty\" property with name \"a\""));
-}
-
-using MessageSchemaDeathTest = ::testing::Test;
-
-TEST(MessageSchemaDeathTest, DuplicateOneofNamesStopTheProcess) {
-  SchemaManifest manifest;
-  manifest.messages["a.M"].oneofs = {{.name = "kind"}, {.name = "kind"}};
-  const auto store = ProtoSchemaStore::make(manifest);
-  EXPECT_DEATH(store->messageSchema("a.M"), "Duplicate values for key: 'kind'");
 }
 
 }  // namespace
