@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <type_traits>
 
+#include "core/utf8.hpp"
 #include "ostrel/output/json.hpp"
 
 namespace ostrel::tool {
@@ -18,41 +19,6 @@ namespace {
 
 // The most characters a number takes (to_chars of a uint64, an int64, the shortest double).
 constexpr size_t kMaxNumberSize = 32;
-
-// What one byte sequence starting with a byte of 0x80 or above is: a valid UTF-8 sequence of
-// `length` bytes, or an invalid one whose maximal subpart (the longest prefix that could still
-// have become valid, or else one byte) has `length` bytes. Strict UTF-8: no overlong forms, no
-// surrogates, nothing above U+10FFFF.
-struct Utf8Step {
-  size_t length;
-  bool valid;
-};
-
-Utf8Step classifyUtf8(const unsigned char* p, size_t available) {
-  const unsigned char lead = p[0];
-  size_t continuations = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    continuations = 1;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    continuations = 2;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    continuations = 3;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-  } else {
-    return {1, false};
-  }
-  for (size_t i = 1; i <= continuations; ++i) {
-    if (i >= available || p[i] < low || p[i] > high) return {i, false};
-    low = 0x80;
-    high = 0xBF;
-  }
-  return {continuations + 1, true};
-}
 
 constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 constexpr char kHex[] = "0123456789abcdef";
@@ -145,7 +111,7 @@ void appendJsonString(OutputBuffer& buffer, std::string_view text) {
       continue;
     }
     if (c >= 0x80) {
-      const Utf8Step step = classifyUtf8(p, static_cast<size_t>(end - p));
+      const detail::Utf8Step step = detail::classifyUtf8(p, static_cast<size_t>(end - p));
       if (step.valid) {
         p += step.length;
         continue;
@@ -244,7 +210,7 @@ void appendField(OutputBuffer& buffer, std::string_view text, bool tsv, bool str
       continue;
     }
     if (c >= 0x80) {
-      const Utf8Step step = classifyUtf8(p, static_cast<size_t>(end - p));
+      const detail::Utf8Step step = detail::classifyUtf8(p, static_cast<size_t>(end - p));
       // The C1 controls, U+0080 to U+009F, are escaped like C0's.
       const bool c1 = step.valid && step.length == 2 && c == 0xC2 && p[1] < 0xA0;
       if (step.valid && !c1) {
