@@ -5,10 +5,10 @@
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 
 #include <filesystem>
-#include <limits>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ostrel/core/interrupts.hpp"
@@ -149,7 +149,7 @@ SchemaManifest schemaManifestFromProtoFiles(const std::vector<std::string>& file
 
 SchemaManifest schemaManifestFromProtoText(std::string_view text, std::string_view fileName) {
   // ArrayInputStream takes an int size.
-  if (text.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
+  if (!std::in_range<int>(text.size())) {
     throw SchemaManifestJSONError::invalidValueType(std::string(fileName) + ": File too large");
   }
   TextSourceTree sourceTree{std::string(fileName), text};

@@ -7,7 +7,6 @@
 #include <google/protobuf/text_format.h>
 
 #include <algorithm>
-#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -266,9 +265,8 @@ class PoolFiles {
     for (const auto& [valueName, number] : enumManifest.values) {
       values.emplace_back(number, valueName);
     }
-    std::sort(values.begin(), values.end(), [](const auto& a, const auto& b) {
-      return std::pair(a.first != 0, a) < std::pair(b.first != 0, b);
-    });
+    std::ranges::sort(values, {},
+                      [](const auto& value) { return std::pair(value.first != 0, value); });
     for (size_t i = 0; i < values.size(); ++i) {
       pb::EnumValueDescriptorProto* value = proto->add_value();
       value->set_name(values[i].second);
@@ -363,7 +361,7 @@ std::string renderText(const SchematizedDataDescribing& data) {
   const std::shared_ptr<TextPool> pool = poolOf(schema);
   std::unique_ptr<pb::Message> message(prototypeOf(*pool, schema).New());
   const ByteView bytes = data.bytes();
-  if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max()) ||
+  if (!std::in_range<int>(bytes.size()) ||
       !message->ParsePartialFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
     throw SerializationError::malformedProtobuf();
   }
