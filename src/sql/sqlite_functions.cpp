@@ -242,10 +242,7 @@ class ConnectionSchemas {
     try {
       return body(current);
     } catch (const SchematizerError& error) {
-      if (error.code() != SchematizerError::Code::schemaNotFound &&
-          error.code() != SchematizerError::Code::enumNotFound) {
-        throw;
-      }
+      if (error.code() != SchematizerError::Code::schemaNotFound) throw;
       if (!readNewRows()) throw;
     }
     return body(schemas_);

@@ -153,6 +153,16 @@ class ExtensionTest(unittest.TestCase):
                                    'syntax = "proto3"; package two; message R { string a = 1; }'), 2)
             second.commit()
             self.assertEqual(value(first, "SELECT P_GET(x'0a0178', 'two.R', 'a')"), "x")
+            # A registration that cannot commit, while another connection reads, leaves nothing.
+            first.execute("PRAGMA busy_timeout = 0")
+            reading = second.execute("SELECT id FROM t")
+            reading.fetchone()
+            with self.assertRaisesRegex(sqlite3.OperationalError, "locked"):
+                value(first, "SELECT ostrel_register_proto(?)",
+                      'syntax = "proto3"; package two; message L {}')
+            reading.fetchall()
+            with self.assertRaisesRegex(sqlite3.OperationalError, "two.L"):
+                value(first, "SELECT P_ENCODE('two.L', '{}')")
 
     def test_a_database_file_cannot_register_or_choose_types(self):
         with tempfile.TemporaryDirectory() as work:
