@@ -262,6 +262,12 @@ TEST(JsonRenderingTest, IndentsByTwoSpacesPerLevel) {
             "  \"rm\": [\n    {\n      \"b\": true\n    }\n  ],\n"
             "  \"sm\": {\n    \"a\": \"1\"\n  }\n}");
   EXPECT_EQ(render(store.messageSchema("t.Sample"), "", JsonStyle::indented), "{}");
+  // Defaults written before, between and after the fields the bytes hold, at each level.
+  SchemaStore plain(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package p; message M { int32 a = 1; M m = 2; int32 b = 3; }"));
+  EXPECT_EQ(renderJSON(plain.messageSchema("p.M").schematizedData(len(2, var(3, 5))),
+                       {.style = JsonStyle::indented, .printDefaults = true}),
+            "{\n  \"a\": 0,\n  \"m\": {\n    \"a\": 0,\n    \"b\": 5\n  },\n  \"b\": 0\n}");
 }
 
 // Far deeper nesting is the reliability tests' part; here the limit itself.

@@ -94,6 +94,7 @@ TEST_F(WellKnownJsonTest, RefusesToRenderOutOfRangeValues) {
       {"field_mask { paths: 'fooZar' }", "google.protobuf.FieldMask path"},
       // Its lowerCamelCase form would not read back as the same path.
       {"field_mask { paths: 'a_b_c' }", "google.protobuf.FieldMask path"},
+      {"field_mask { paths: 'a_' }", "google.protobuf.FieldMask path"},
       {"value { number_value: nan }", "google.protobuf.Value number"},
       {"value { number_value: -inf }", "google.protobuf.Value number"},
       {"any { type_url: 'type.googleapis.com/no.Such' }",
