@@ -60,20 +60,19 @@ struct Produced {
   std::optional<std::string> header;
 };
 
+// A producer on a mock cluster of one broker, which librdkafka starts for it.
 class MockCluster {
  public:
   MockCluster() {
     char error[256];
     rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set(conf, "test.mock.num.brokers", "1", error, sizeof error);
     rd_kafka_conf_set(conf, "log_level", "0", error, sizeof error);
-    host_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
-    cluster_ = rd_kafka_mock_cluster_new(host_, 1);
+    producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
+    cluster_ = rd_kafka_handle_mock_cluster(producer_);
     bootstraps_ = rd_kafka_mock_cluster_bootstraps(cluster_);
   }
-  ~MockCluster() {
-    rd_kafka_mock_cluster_destroy(cluster_);
-    rd_kafka_destroy(host_);
-  }
+  ~MockCluster() { rd_kafka_destroy(producer_); }
 
   const std::string& bootstraps() const { return bootstraps_; }
 
@@ -81,18 +80,13 @@ class MockCluster {
   void produce(const std::string& topic, const std::vector<Produced>& records) {
     ASSERT_EQ(rd_kafka_mock_topic_create(cluster_, topic.c_str(), 1, 1),
               RD_KAFKA_RESP_ERR_NO_ERROR);
-    char error[256];
-    rd_kafka_conf_t* conf = rd_kafka_conf_new();
-    rd_kafka_conf_set(conf, "bootstrap.servers", bootstraps_.c_str(), error, sizeof error);
-    rd_kafka_t* producer = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
-    ASSERT_NE(producer, nullptr) << error;
     for (const Produced& record : records) {
       const void* value = record.value ? record.value->data() : nullptr;
       const size_t size = record.value ? record.value->size() : 0;
       // A record without the id header carries another one, which readers pass over.
       const std::string header = record.header.value_or("");
       const rd_kafka_resp_err_t result = rd_kafka_producev(
-          producer, RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_PARTITION(0),
+          producer_, RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_PARTITION(0),
           RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
           RD_KAFKA_V_VALUE(const_cast<void*>(value), size),
           RD_KAFKA_V_KEY(record.key.data(), record.key.size()), RD_KAFKA_V_TIMESTAMP(kTime),
@@ -101,12 +95,11 @@ class MockCluster {
           RD_KAFKA_V_END);
       ASSERT_EQ(result, RD_KAFKA_RESP_ERR_NO_ERROR);
     }
-    ASSERT_EQ(rd_kafka_flush(producer, 10000), RD_KAFKA_RESP_ERR_NO_ERROR);
-    rd_kafka_destroy(producer);
+    ASSERT_EQ(rd_kafka_flush(producer_, 10000), RD_KAFKA_RESP_ERR_NO_ERROR);
   }
 
  private:
-  rd_kafka_t* host_ = nullptr;
+  rd_kafka_t* producer_ = nullptr;
   rd_kafka_mock_cluster_t* cluster_ = nullptr;
   std::string bootstraps_;
 };
