@@ -29,20 +29,6 @@ SchemaManifest shopManifest() {
   return manifest;
 }
 
-TEST(SchemaStoreTest, EmptyManifestHoldsTheBuiltInDescriptorSchemas) {
-  const auto store = ProtoSchemaStore::make(SchemaManifest{});
-  EXPECT_EQ(store->description(), "MessageSchema store size: 12");
-  EXPECT_EQ(store->enumSchemaNames(),
-            (std::set<std::string>{"google.protobuf.FieldDescriptorProto.Label",
-                                   "google.protobuf.FieldDescriptorProto.Type"}));
-  const auto set = store->messageSchema("google.protobuf.FileDescriptorSet");
-  EXPECT_EQ(set->allFieldNames(), std::vector<std::string>{"file"});
-  EXPECT_EQ(
-      store->enumSchema("google.protobuf.FieldDescriptorProto.Type")->valueNamed("TYPE_GROUP"), 10);
-  EXPECT_TRUE(store->hasMessageOptionsSchema());
-  EXPECT_TRUE(store->hasEnumValueOptionsSchema());
-}
-
 TEST(SchemaStoreTest, UnknownNamesAreReportedAsAskedFor) {
   SchemaStore store(shopManifest());
   for (const std::string name : {"", ".shop.Order", "shop.order"}) {

@@ -95,6 +95,11 @@ TEST(OstrelTool, SchemaCommands) {
        "STATE_UNSPECIFIED = 0\nOPEN = 1\nPAID = 2\nSHIPPED = 3\nCANCELLED = 4\n"},
       {"-s " + levels + " describe enum a.Level", 0,
        "NEG = -2\nNONE = 0\nANY = 1\nLOW = 1\nMINOR = 1\nHIGH = 3\n"},
+      // A negative enum number: ten bytes of varint, as protoc writes it.
+      {"-s " + levels + " text -m a.M --input hex", 0, "level: NEG\n", "",
+       "10feffffffffffffffff01"},
+      {"-s " + levels + " encode -m a.M --from text --output hex", 0, "10feffffffffffffffff01\n",
+       "", "level: NEG"},
       // The -s files come first, whatever the order of the options; the first definition wins.
       {"--proto " + kShopProto + " -s " + item + " describe message shop.Item", 0,
        "1\tsku\tsigned integer 32\n2\tquantity\tunsigned integer 32\n3\tprice\tsigned integer "
