@@ -6,50 +6,23 @@
 #include <gtest/gtest.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <memory>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "kafka_orders.pb.h"
+#include "tools/tool_run.hpp"
 
 namespace {
 
 using namespace std::string_literals;
+using namespace ostrel::test;
 
 const std::string kSchema = OSTREL_TEST_GENERATED "/kafka_orders.desc";
 constexpr int64_t kTime = 1700000000000;
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// Runs the shell command `line`, in which $T stands for the tool.
-ToolRun run(std::string line) {
-  static const std::filesystem::path dir = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrel_kafka_XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    return std::filesystem::path(pattern);
-  }();
-  for (size_t at; (at = line.find("$T")) != std::string::npos;) line.replace(at, 2, OSTREL_TOOL);
-  const int status = std::system(
-      ("(" + line + ") > " + (dir / "out").string() + " 2> " + (dir / "err").string()).c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(dir / "out"),
-          readFile(dir / "err")};
-}
 
 // An envelope: magic 0, the id, the index path (the single byte 0 for {0}), then the payload.
 std::string envelope(int32_t id, const std::vector<int32_t>& path, bool zigzag,
@@ -68,27 +41,18 @@ std::string envelope(int32_t id, const std::vector<int32_t>& path, bool zigzag,
   return out + payload;
 }
 
-std::string order(const std::string& id, int64_t amount) {
-  ostrel::kafka::Order message;
+// An Order, an Order.Line or a Refund (whose reason is "late").
+template <typename Message>
+std::string encoded(const std::string& id, int64_t amount) {
+  Message message;
   message.set_id(id);
   message.set_amount(amount);
+  if constexpr (std::is_same_v<Message, ostrel::kafka::Refund>) message.set_reason("late");
   return message.SerializeAsString();
 }
-
-std::string refund(const std::string& id, int64_t amount) {
-  ostrel::kafka::Refund message;
-  message.set_id(id);
-  message.set_amount(amount);
-  message.set_reason("late");
-  return message.SerializeAsString();
-}
-
-std::string line(const std::string& id, int64_t amount) {
-  ostrel::kafka::Order::Line message;
-  message.set_id(id);
-  message.set_amount(amount);
-  return message.SerializeAsString();
-}
+const auto order = encoded<ostrel::kafka::Order>;
+const auto refund = encoded<ostrel::kafka::Refund>;
+const auto line = encoded<ostrel::kafka::Order::Line>;
 
 struct Produced {
   std::optional<std::string> value;
@@ -96,20 +60,19 @@ struct Produced {
   std::optional<std::string> header;
 };
 
+// A producer on a mock cluster of one broker, which librdkafka starts for it.
 class MockCluster {
  public:
   MockCluster() {
     char error[256];
     rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set(conf, "test.mock.num.brokers", "1", error, sizeof error);
     rd_kafka_conf_set(conf, "log_level", "0", error, sizeof error);
-    host_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
-    cluster_ = rd_kafka_mock_cluster_new(host_, 1);
+    producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
+    cluster_ = rd_kafka_handle_mock_cluster(producer_);
     bootstraps_ = rd_kafka_mock_cluster_bootstraps(cluster_);
   }
-  ~MockCluster() {
-    rd_kafka_mock_cluster_destroy(cluster_);
-    rd_kafka_destroy(host_);
-  }
+  ~MockCluster() { rd_kafka_destroy(producer_); }
 
   const std::string& bootstraps() const { return bootstraps_; }
 
@@ -117,40 +80,26 @@ class MockCluster {
   void produce(const std::string& topic, const std::vector<Produced>& records) {
     ASSERT_EQ(rd_kafka_mock_topic_create(cluster_, topic.c_str(), 1, 1),
               RD_KAFKA_RESP_ERR_NO_ERROR);
-    char error[256];
-    rd_kafka_conf_t* conf = rd_kafka_conf_new();
-    rd_kafka_conf_set(conf, "bootstrap.servers", bootstraps_.c_str(), error, sizeof error);
-    rd_kafka_t* producer = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
-    ASSERT_NE(producer, nullptr) << error;
     for (const Produced& record : records) {
       const void* value = record.value ? record.value->data() : nullptr;
       const size_t size = record.value ? record.value->size() : 0;
-      rd_kafka_resp_err_t result;
-      if (record.header) {
-        result = rd_kafka_producev(
-            producer, RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_PARTITION(0),
-            RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
-            RD_KAFKA_V_VALUE(const_cast<void*>(value), size),
-            RD_KAFKA_V_KEY(record.key.data(), record.key.size()), RD_KAFKA_V_TIMESTAMP(kTime),
-            RD_KAFKA_V_HEADER("__value_schema_id", record.header->data(),
-                              static_cast<ssize_t>(record.header->size())),
-            RD_KAFKA_V_END);
-      } else {
-        result =
-            rd_kafka_producev(producer, RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_PARTITION(0),
-                              RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
-                              RD_KAFKA_V_VALUE(const_cast<void*>(value), size),
-                              RD_KAFKA_V_KEY(record.key.data(), record.key.size()),
-                              RD_KAFKA_V_TIMESTAMP(kTime), RD_KAFKA_V_END);
-      }
+      // A record without the id header carries another one, which readers pass over.
+      const std::string header = record.header.value_or("");
+      const rd_kafka_resp_err_t result = rd_kafka_producev(
+          producer_, RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_PARTITION(0),
+          RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
+          RD_KAFKA_V_VALUE(const_cast<void*>(value), size),
+          RD_KAFKA_V_KEY(record.key.data(), record.key.size()), RD_KAFKA_V_TIMESTAMP(kTime),
+          RD_KAFKA_V_HEADER((record.header ? "__value_schema_id" : "trace"), header.data(),
+                            static_cast<ssize_t>(header.size())),
+          RD_KAFKA_V_END);
       ASSERT_EQ(result, RD_KAFKA_RESP_ERR_NO_ERROR);
     }
-    ASSERT_EQ(rd_kafka_flush(producer, 10000), RD_KAFKA_RESP_ERR_NO_ERROR);
-    rd_kafka_destroy(producer);
+    ASSERT_EQ(rd_kafka_flush(producer_, 10000), RD_KAFKA_RESP_ERR_NO_ERROR);
   }
 
  private:
-  rd_kafka_t* host_ = nullptr;
+  rd_kafka_t* producer_ = nullptr;
   rd_kafka_mock_cluster_t* cluster_ = nullptr;
   std::string bootstraps_;
 };
@@ -159,25 +108,25 @@ TEST(KafkaTopic, ReadBackAsProduced) {
   MockCluster cluster;
   const std::string header = "\0\0\0\0\x01\x02\x02"s;  // id 1, path [1]
   const std::vector<Produced> records = {
-      {envelope(1, {0}, true, order("o-1", 10)), "a", std::nullopt},
-      {envelope(1, {1}, true, refund("r-1", -4)), "b", std::nullopt},
-      {envelope(1, {0, 0}, true, line("l-1", 3)), "c", std::nullopt},
+      {envelope(1, {0}, true, order("o-1", 10)), "a"},
+      {envelope(1, {1}, true, refund("r-1", -4)), "b"},
+      {envelope(1, {0, 0}, true, line("l-1", 3)), "c"},
       {refund("r-2", 7), "d", header},
-      {std::nullopt, "gone", std::nullopt},
-      {"\x0a\x01x"s, "e", std::nullopt},
-      {envelope(9, {0}, true, order("o-2", 1)), "f", std::nullopt},
-      {envelope(1, {2}, true, order("o-3", 1)), "g", std::nullopt},
-      {envelope(1, {0}, true, order("o-4", 20)), "h", std::nullopt},
+      {std::nullopt, "gone"},
+      {"\x0a\x01x"s, "e"},
+      {envelope(9, {0}, true, order("o-2", 1)), "f"},
+      {envelope(1, {2}, true, order("o-3", 1)), "g"},
+      {envelope(1, {0}, true, order("o-4", 20)), "h"},
   };
   cluster.produce("orders", records);
-  const std::string tool = "$T get --kafka " + cluster.bootstraps() +
-                           " --topic orders --framing confluent --schema-id 1=" + kSchema;
+  const std::string topic = " --kafka " + cluster.bootstraps() +
+                            " --topic orders --framing confluent --schema-id 1=" + kSchema;
   const auto row = [&](int offset, const std::string& key, const std::string& values) {
     return "{\"@partition\":0,\"@offset\":" + std::to_string(offset) +
            ",\"@timestamp\":" + std::to_string(kTime) + ",\"@key\":\"" + key + "\"," + values +
            "}\n";
   };
-  const ToolRun read = run(tool + " --provenance id amount");
+  const ToolRun read = runTool("get" + topic + " --provenance id amount");
   EXPECT_EQ(read.status, 1);
   EXPECT_EQ(read.out, row(0, "a", R"("id":"o-1","amount":"10")") +
                           row(1, "b", R"("id":"r-1","amount":"-4")") +
@@ -192,18 +141,15 @@ TEST(KafkaTopic, ReadBackAsProduced) {
                 kSchema + ") has no message at index path [2]\n");
 
   // A start offset and a count; json renders whole records, a tombstone as null.
-  const ToolRun json =
-      run("$T json --kafka " + cluster.bootstraps() +
-          " --topic orders --framing confluent --schema-id 1=" + kSchema + " --offset 3 --max 2");
+  const ToolRun json = runTool("json" + topic + " --offset 3 --max 2");
   EXPECT_EQ(json.status, 0) << json.err;
   EXPECT_EQ(json.out, "{\"id\":\"r-2\",\"amount\":\"7\",\"reason\":\"late\"}\nnull\n");
 
   // kcat's %R%s output: the same records, but for the one whose id was in a header kcat leaves
   // out, which is then a bare message without its envelope.
-  const ToolRun piped = run(std::string(OSTREL_KCAT) + " -C -q -b " + cluster.bootstraps() +
-                            " -t orders -e -f '%R%s' | $T get --framing u32be+confluent "
-                            "--schema-id 1=" +
-                            kSchema + " id amount");
+  const ToolRun piped =
+      runTool("get --framing u32be+confluent --schema-id 1=" + kSchema + " id amount", "",
+              OSTREL_KCAT " -C -q -b " + cluster.bootstraps() + " -t orders -e -f '%R%s' | $T");
   EXPECT_EQ(piped.status, 1);
   EXPECT_EQ(piped.out,
             "{\"id\":\"o-1\",\"amount\":\"10\"}\n{\"id\":\"r-1\",\"amount\":\"-4\"}\n"
@@ -218,31 +164,24 @@ TEST(KafkaTopic, ReadBackAsProduced) {
 
 TEST(KafkaTopic, UnsignedIndexFormAndOneType) {
   MockCluster cluster;
-  cluster.produce("legacy", {{envelope(5, {1}, false, refund("r-9", 2)), "k", std::nullopt},
-                             {envelope(5, {0, 0}, false, line("l-9", 4)), "k", std::nullopt}});
-  const std::string tool = "$T get --kafka " + cluster.bootstraps() + " --topic legacy ";
-  const ToolRun read = run(tool +
-                           "--framing confluent --confluent-indexes unsigned "
-                           "--schema-id 5=" +
-                           kSchema + " id --format csv");
+  cluster.produce("legacy", {{envelope(5, {1}, false, refund("r-9", 2)), "k"},
+                             {envelope(5, {0, 0}, false, line("l-9", 4)), "k"}});
+  const std::string tool = "get --kafka " + cluster.bootstraps() +
+                           " --topic legacy --framing confluent --confluent-indexes unsigned ";
+  const ToolRun read = runTool(tool + "--schema-id 5=" + kSchema + " id --format csv");
   EXPECT_EQ(read.status, 0) << read.err;
   EXPECT_EQ(read.out, "id\nr-9\nl-9\n");
   // A folder of registry exports named by id: the .proto source gives the same types.
-  const std::filesystem::path exports =
-      std::filesystem::temp_directory_path() / ("ostrel_kafka_exports_" + std::to_string(getpid()));
-  std::filesystem::create_directories(exports);
-  std::filesystem::copy_file(OSTREL_TEST_DATA "/kafka_orders.proto", exports / "5.proto",
-                             std::filesystem::copy_options::overwrite_existing);
-  const ToolRun fromProto = run(tool +
-                                "--framing confluent --confluent-indexes unsigned "
-                                "--schema-dir " +
-                                exports.string() + " id --format csv");
-  std::filesystem::remove_all(exports);
+  const std::string exports =
+      std::filesystem::path(
+          scratchFile("5.proto", readFile(OSTREL_TEST_DATA "/kafka_orders.proto")))
+          .parent_path();
+  const ToolRun fromProto = runTool(tool + "--schema-dir " + exports + " id --format csv");
   EXPECT_EQ(fromProto.status, 0) << fromProto.err;
   EXPECT_EQ(fromProto.out, read.out);
   // With -m and no schema ids the envelope is stripped and every record read as that type.
-  const ToolRun typed = run(tool + "--framing confluent --confluent-indexes unsigned -s " +
-                            kSchema + " -m ostrel.kafka.Refund reason --format csv");
+  const ToolRun typed =
+      runTool(tool + "-s " + kSchema + " -m ostrel.kafka.Refund reason --format csv");
   EXPECT_EQ(typed.status, 0) << typed.err;
   EXPECT_EQ(typed.out, "reason\nlate\n\n");  // a Line has no reason: an empty field
 }

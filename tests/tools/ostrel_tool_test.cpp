@@ -95,6 +95,11 @@ TEST(OstrelTool, SchemaCommands) {
        "STATE_UNSPECIFIED = 0\nOPEN = 1\nPAID = 2\nSHIPPED = 3\nCANCELLED = 4\n"},
       {"-s " + levels + " describe enum a.Level", 0,
        "NEG = -2\nNONE = 0\nANY = 1\nLOW = 1\nMINOR = 1\nHIGH = 3\n"},
+      // A negative enum number: ten bytes of varint, as protoc writes it.
+      {"-s " + levels + " text -m a.M --input hex", 0, "level: NEG\n", "",
+       "10feffffffffffffffff01"},
+      {"-s " + levels + " encode -m a.M --from text --output hex", 0, "10feffffffffffffffff01\n",
+       "", "level: NEG"},
       // The -s files come first, whatever the order of the options; the first definition wins.
       {"--proto " + kShopProto + " -s " + item + " describe message shop.Item", 0,
        "1\tsku\tsigned integer 32\n2\tquantity\tunsigned integer 32\n3\tprice\tsigned integer "
@@ -105,6 +110,7 @@ TEST(OstrelTool, SchemaCommands) {
        0, "M\n", "libprotobuf warning: No syntax specified..."},
       // A failed write to standard output fails the run.
       {"$S list", 1, "", "cannot write standard output", "", "$T > /dev/full"},
+      {"--version", 0, "ostrel " OSTREL_VERSION "\n"},
   });
 }
 
@@ -136,8 +142,6 @@ TEST(OstrelTool, DataCommands) {
        "", "08e907200240 05"},
       {"$S json $O --input hex --pretty", 0, "{\n  \"id\": \"1001\",\n  \"state\": \"PAID\"\n}\n",
        "", "08e9072002"},
-      // A field that cannot be decoded fails the run; no error text reaches standard output.
-      {"$S json $O --input hex", 1, "", "malformedProtobuf", "08e907120108"},
       // A record written twice over itself: get reads the first occurrences unless --exact; json
       // and --exact give protobuf's parse.
       {"$S get $O --input hex id customer.name", 0, "\"1\"\n\"a\"\n", "", kAppended},
@@ -167,12 +171,6 @@ TEST(OstrelTool, DataCommands) {
        "FROM orders\n"},
       {"$S sql $O --table orders --column record --type-per-call --dialect postgres id", 0,
        "SELECT\n  p_get_numeric(record, 'shop.Order', 'id') AS id\nFROM orders\n"},
-      {"$S sql $O --table t --column r --dialect postgres customer.name state items[0] coupons[0]",
-       0,
-       "SELECT\n  p_get_text(r, 'shop.Order', 'customer.name') AS \"customer.name\",\n"
-       "  p_get_text(r, 'shop.Order', 'state') AS state,\n"
-       "  p_get(r, 'shop.Order', 'items[0]') AS \"items[0]\",\n"
-       "  p_get_bigint(r, 'shop.Order', 'coupons[0]') AS \"coupons[0]\"\nFROM t\n"},
   });
 }
 
@@ -258,6 +256,7 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
       {"$S sql $O --table t --column r items[1].sku items.sku", 1, "",
        "items.sku: repeatedValueAccessNoIndex (items is repeated: name one element by its index, "
        "as in items[0].sku, or all of them with P_EACH)"},
+      // A JSON manifest is known by its first character after white space.
       {"-s " + badJSON + " list", 1, "",
        badJSON + ": invalidValueType: messages: expected an object"},
       // After "--" every argument is a path, "--help" too.
@@ -267,8 +266,6 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
        "items[0].nope: fieldNotFound: Schema \"shop.Item\" property with name \"nope\""},
       {"$S get $O id customer.name", 1, "", "customer.name: malformedProtobuf",
        readFile(kOrder1).substr(0, 8)},
-      {"$S iterate $O -i $1 id", 1, "",
-       "id: unexpectedType: \"id\" is not a repeated field: name one without an index"},
       {"$S json $O --input hex", 1, "", "input is not hex: odd number of digits", "0a0"},
       {"$S json $O --input hex", 1, "", "input is not hex: unexpected character 'g'", "0g"},
       {"$S json $O --input base64", 1, "", "input is not base64", "CO=k"},
@@ -293,33 +290,20 @@ TEST(OstrelTool, HelpOnEveryCommand) {
   }
 }
 
-TEST(OstrelTool, VersionIsTheProjectVersion) {
-  const ToolRun run = runTool("--version");
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.out, "ostrel " OSTREL_VERSION "\n");
-}
-
 TEST(OstrelTool, ManifestExportsReadBack) {
   const ToolRun json = runTool("$S manifest");
   const std::string set =
       scratchFile("set.desc", runTool("$S manifest --format descriptor-set").out);
   const std::string asJSON = runTool("$S json -m google.protobuf.FileDescriptorSet -i " + set).out;
   // A descriptor set without delimited fields goes out as a proto2 file, which every protobuf
-  // runtime reads: its fields have presence, so proto3's implicit presence does not come back.
-  std::string withPresence = json.out;
-  for (size_t at; (at = withPresence.find("\"implicitPresence\":true,")) != std::string::npos;) {
-    withPresence.erase(at, std::string_view("\"implicitPresence\":true,").size());
-  }
-  // Nor does proto3's packing of repeated scalars, and its enums come back closed, as proto2's
-  // are.
-  for (size_t at; (at = withPresence.find("\"packed\":true,")) != std::string::npos;) {
-    withPresence.erase(at, std::string_view("\"packed\":true,").size());
-  }
-  std::string reimported = runTool("-s " + set + " manifest").out;
-  for (size_t at; (at = reimported.find("\"closedEnum\":true,")) != std::string::npos;) {
-    reimported.erase(at, std::string_view("\"closedEnum\":true,").size());
-  }
-  EXPECT_EQ(reimported, withPresence);
+  // runtime reads: its fields have presence, so proto3's implicit presence and packing of repeated
+  // scalars do not come back, and its enums come back closed, as proto2's are.
+  const auto without = [](std::string text, const std::string& member) {
+    for (size_t at; (at = text.find(member)) != std::string::npos;) text.erase(at, member.size());
+    return text;
+  };
+  EXPECT_EQ(without(runTool("-s " + set + " manifest").out, "\"closedEnum\":true,"),
+            without(without(json.out, "\"implicitPresence\":true,"), "\"packed\":true,"));
   expectCases({
       {"-s " + scratchFile("shop.json", json.out) + " list", 0, kShopNames},
       {"-s - list", 0, kShopNames, "", runTool("$S manifest --pretty --format json").out},
@@ -375,50 +359,23 @@ TEST(OstrelTool, Proto2GroupsAreRefusedSkippedOrRead) {
 TEST(OstrelTool, TextFormatIsProtocs) {
   const std::string merged =
       scratchFile("merged.bin", readFile(kOrder1) + readFile(OSTREL_EXAMPLES "/order2.bin"));
+  std::vector<Case> cases = {
+      {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
+      {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
+  };
   for (const std::string& input : {kOrder1, std::string(OSTREL_EXAMPLES "/order3.bin"), merged}) {
     const std::string out = scratchFile("protoc.txt", "");
     const std::string protoc = "protoc --decode=shop.Order -I " OSTREL_EXAMPLES " " + kShopProto +
                                " < " + input + " > " + out;
     ASSERT_EQ(std::system(protoc.c_str()), 0);
-    expectCases({{"$S text $O -i " + input, 0, readFile(out), ""}});
+    cases.push_back({"$S text $O -i " + input, 0, readFile(out)});
   }
-  for (const char* order : {"order1", "order2", "order3"}) {
-    const std::string text = OSTREL_EXAMPLES "/" + std::string(order) + ".txtpb";
-    expectCases({{"$S encode $O --from text -i " + text, 0,
-                  readFile(OSTREL_EXAMPLES "/" + std::string(order) + ".bin"), ""}});
+  for (const std::string order : {"order1", "order2", "order3"}) {
+    const std::string example = OSTREL_EXAMPLES "/" + order;
+    cases.push_back(
+        {"$S encode $O --from text -i " + example + ".txtpb", 0, readFile(example + ".bin")});
   }
-#ifdef OSTREL_SHARED_SCHEMAS
-  // protobuf's proto2 conformance message: groups, a negative enum value, a map of enums, an
-  // extension; the same text read by protoc --encode and by encode --from text.
-  const std::string protos = OSTREL_SHARED_SCHEMAS "/protos";
-  const std::string text =
-      scratchFile("conformance.txt",
-                  "optional_nested_enum: NEG map_string_nested_enum { key: \"k\" value: BAZ }\n"
-                  "Data { group_int32: 1 } MultiWordGroupField { group_uint32: 2 }\n"
-                  "repeated_nested_message { a: 3 } optional_string: \"\\303\\251\"\n"
-                  "[protobuf_test_messages.proto2.extension_int32]: 4\n");
-  const std::string encoded = scratchFile("conformance.bin", "");
-  const std::string decoded = scratchFile("conformance.decoded", "");
-  const std::string protoc = "protoc --" + std::string("%s") +
-                             "=protobuf_test_messages.proto2.TestAllTypesProto2 -I " + protos +
-                             " " + protos + "/google/protobuf/test_messages_proto2.proto";
-  const auto run = [&](const std::string& verb, const std::string& in, const std::string& out) {
-    std::string command = protoc;
-    command.replace(command.find("%s"), 2, verb);
-    ASSERT_EQ(std::system((command + " < " + in + " > " + out).c_str()), 0);
-  };
-  run("encode", text, encoded);
-  run("decode", encoded, decoded);
-  const std::string schema =
-      "-s " OSTREL_SHARED_SCHEMAS "/test_messages_proto2.desc --groups read ";
-  const std::string type = " -m protobuf_test_messages.proto2.TestAllTypesProto2";
-  expectCases({{schema + "text" + type + " -i " + encoded, 0, readFile(decoded), ""},
-               {schema + "encode --from text" + type + " -i " + text, 0, readFile(encoded), ""}});
-#endif
-  expectCases({
-      {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
-      {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
-  });
+  expectCases(cases);
 }
 
 TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {

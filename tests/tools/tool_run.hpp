@@ -14,6 +14,11 @@
 #include <string>
 #include <vector>
 
+// The bundled examples, for suites built without their path: beside the tests' own data.
+#ifndef OSTREL_EXAMPLES
+#define OSTREL_EXAMPLES OSTREL_TEST_DATA "/../../examples"
+#endif
+
 namespace ostrel::test {
 
 inline const std::string kShopDesc = OSTREL_EXAMPLES "/shop.desc";
