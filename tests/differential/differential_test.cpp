@@ -1045,24 +1045,15 @@ class RandomEdit {
     return result;
   }
 
-  // A map entry's key as ProtoJSON writes it.
+  // A map entry's key as ProtoJSON writes it: a string as it is, a number or bool as text format
+  // prints it.
   static std::string keyText(const pb::Message& entry) {
     const Field* key = entry.GetDescriptor()->map_key();
-    const auto* r = entry.GetReflection();
-    switch (key->cpp_type()) {
-      case Field::CPPTYPE_STRING:
-        return r->GetString(entry, key);
-      case Field::CPPTYPE_BOOL:
-        return r->GetBool(entry, key) ? "true" : "false";
-      case Field::CPPTYPE_INT32:
-        return std::to_string(r->GetInt32(entry, key));
-      case Field::CPPTYPE_UINT32:
-        return std::to_string(r->GetUInt32(entry, key));
-      case Field::CPPTYPE_INT64:
-        return std::to_string(r->GetInt64(entry, key));
-      default:
-        return std::to_string(r->GetUInt64(entry, key));
-    }
+    if (key->cpp_type() == Field::CPPTYPE_STRING)
+      return entry.GetReflection()->GetString(entry, key);
+    std::string text;
+    pb::TextFormat::PrintFieldValueToString(entry, key, -1, &text);
+    return text;
   }
 
   // Moves the edit into a message field of the current target (an element of a repeated one that

@@ -78,13 +78,9 @@ constexpr int kNodes = 10'000;
 
 // t.Node nests itself through `child` and `children`.
 SchemaStore nodeStore() {
-  SchemaManifest manifest;
-  MessageManifest& node = manifest.messages["t.Node"];
-  node.fields["child"] = {.type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 1};
-  node.fields["value"] = {.type = TypeManifest::int32, .fieldNumber = 2};
-  node.fields["children"] = {
-      .type = TypeManifest::message, .typeName = "t.Node", .fieldNumber = 3, .isRepeated = true};
-  return SchemaStore(manifest);
+  return SchemaStore(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package t;"
+      "message Node { Node child = 1; int32 value = 2; repeated Node children = 3; }"));
 }
 
 // kNodes t.Node messages, each the `child` of the one before, the innermost holding value 7.
