@@ -185,16 +185,6 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
          m.mutable_repeats()->add_r_int32(2);
        })},
        {"\"n\" | 1", "\"n\" | 2"}},
-      {"64-bit offsets",
-       "ostrel.test.Rich",
-       {"name", "repeats.r_int32", "scalars.f_bytes"},
-       [](ColumnOptions& o) { o.largeOffsets = true; },
-       {rich([](test::Rich& m) {
-          m.set_name("n");
-          m.mutable_repeats()->add_r_int32(1);
-        }),
-        empty},
-       {"\"n\" | [1] | null", "null | null | null"}},
       {"a failing record as a row of nulls",
        "ostrel.test.Rich",
        {"name", "mids"},
