@@ -178,26 +178,12 @@ int main(int argc, char** argv) {
   duckdb_disconnect(&connection);
   duckdb_close(&database);
 
-  if (argc < 4) {
-    std::cout << out;
-    return 0;
-  }
+  std::cout << out;
+  if (argc < 4) return 0;
   std::ifstream expectedFile(argv[3]);
   const std::string expected((std::istreambuf_iterator<char>(expectedFile)),
                              std::istreambuf_iterator<char>());
   if (out == expected) return 0;
-  std::istringstream a(expected), b(out);
-  std::string la, lb;
-  for (int n = 1;; ++n) {
-    const bool moreA = static_cast<bool>(std::getline(a, la));
-    const bool moreB = static_cast<bool>(std::getline(b, lb));
-    if (!moreA && !moreB) break;
-    if (la != lb || moreA != moreB) {
-      std::cerr << "line " << n << " differs\nexpected: " << (moreA ? la : "<end>")
-                << "\nactual:   " << (moreB ? lb : "<end>") << "\n";
-      break;
-    }
-  }
-  std::cout << out;
+  std::cerr << "the output above differs from " << argv[3] << "\n";
   return 1;
 }

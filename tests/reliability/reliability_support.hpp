@@ -1,11 +1,10 @@
 #pragma once
 
-// What the reliability tests share: a thread with a small stack for
-// proving that a walk does not recurse once per level of its input, and a timer.
+// What the reliability tests share: a message with a field or two at every level, and a thread
+// with a small stack for proving that a walk does not recurse once per level of its input.
 
 #include <pthread.h>
 
-#include <chrono>
 #include <exception>
 #include <functional>
 #include <stdexcept>
@@ -64,14 +63,6 @@ inline void onSmallStack(const std::function<void()>& work, size_t stackBytes = 
   if (created != 0) throw std::runtime_error("pthread_create failed");
   pthread_join(thread, nullptr);
   if (job.error) std::rethrow_exception(job.error);
-}
-
-// Seconds taken by `work`.
-template <typename Work>
-double secondsFor(Work&& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 }  // namespace ostrel::testing_support

@@ -7,6 +7,8 @@
 #include <duckdb.h>
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "ostrel/ostrel.hpp"
 #include "rich.pb.h"
 #include "support/random_message.hpp"
@@ -79,24 +81,12 @@ class DuckDB {
   duckdb_connection connection_ = nullptr;
 };
 
+// A scalar as DuckDB writes it as text: its ProtoJSON value, strings (64-bit integers and enum
+// names among them) without their quotes.
 std::string text(const std::optional<AnyValue>& value) {
   if (!value) return "NULL";
-  switch (value->kind()) {
-    case AnyValue::Case::enum_:
-      return value->enumValue().findName().value_or(std::to_string(value->enumValue().number()));
-    case AnyValue::Case::string:
-      return value->stringValue();
-    case AnyValue::Case::int64:
-      return std::to_string(value->int64Value());
-    case AnyValue::Case::uint64:
-      return std::to_string(value->uint64Value());
-    case AnyValue::Case::uint32:
-      return std::to_string(value->uint32Value());
-    case AnyValue::Case::int32:
-      return std::to_string(value->int32Value());
-    default:
-      return value->describe();
-  }
+  const nlohmann::json json = nlohmann::json::parse(renderJSON(*value));
+  return json.is_string() ? json.get<std::string>() : json.dump();
 }
 
 TEST(ColumnsDuckDBTest, DuckDBReadsEveryColumnTypeAsTheSingleReadsGiveIt) {
