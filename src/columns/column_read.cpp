@@ -296,18 +296,11 @@ class BatchReader {
     const SecondsAndNanos time{row.int64Value(0).value_or(0), row.int32Value(1).value_or(0)};
     const bool micros = options_.timeUnit == ColumnOptions::TimeUnit::microseconds;
     if (reader.leaf == LeafKind::timestamp) {
-      if (time.seconds < kMinTimestampSeconds || time.seconds > kMaxTimestampSeconds ||
-          time.nanos < 0 || time.nanos > kMaxNanos) {
-        formatTimestamp(time);  // throws the range error
-      }
+      checkTimestamp(time);
       builder.appendValue<int64_t>(
           inUnit(time.seconds, time.nanos, micros, "google.protobuf.Timestamp"));
     } else {
-      if (time.seconds < -kMaxDurationSeconds || time.seconds > kMaxDurationSeconds ||
-          time.nanos < -kMaxNanos || time.nanos > kMaxNanos ||
-          (time.seconds > 0 && time.nanos < 0) || (time.seconds < 0 && time.nanos > 0)) {
-        formatDuration(time);  // throws the range error
-      }
+      checkDuration(time);
       builder.appendValue<int64_t>(
           inUnit(time.seconds, time.nanos, micros, "google.protobuf.Duration"));
     }

@@ -133,7 +133,6 @@ std::optional<size_t> base64DecodedSize(std::string_view text) noexcept {
 
 bool base64DecodeEitherAlphabet(std::string_view text, std::byte* out) noexcept {
   const size_t length = unpaddedLength(text);
-  if (length % 4 == 1) return false;
   const char* p = text.data();
   // Whole groups of four characters, three bytes each; a character outside the alphabet has a
   // negative value.

@@ -20,10 +20,10 @@ char* writeBase64(char* out, ByteView bytes) noexcept;
 // text has.
 std::optional<size_t> base64DecodedSize(std::string_view text) noexcept;
 
-// Writes the bytes of `text` at `out`, which has room for base64DecodedSize(text) of them, as
-// ProtoJSON readers take base64: the standard alphabet or the URL-safe one ("-" and "_" for "+"
-// and "/"), with its final padding or without it. False for anything else (other characters,
-// padding inside the text, a length no base64 text has), having written some bytes or none.
+// Writes the bytes of `text`, a text of a length base64DecodedSize accepts, at `out`, which has
+// room for base64DecodedSize(text) of them, as ProtoJSON readers take base64: the standard alphabet
+// or the URL-safe one ("-" and "_" for "+" and "/"), with its final padding or without it. False
+// for anything else (other characters, padding inside the text), having written some bytes or none.
 bool base64DecodeEitherAlphabet(std::string_view text, std::byte* out) noexcept;
 
 }  // namespace ostrel::detail

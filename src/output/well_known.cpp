@@ -128,13 +128,17 @@ bool isNullValue(const TypeSchemaDescription& type) {
          type.enumSchema()->name() == "google.protobuf.NullValue";
 }
 
-std::string formatTimestamp(SecondsAndNanos time) {
+void checkTimestamp(SecondsAndNanos time) {
   if (time.seconds < kMinTimestampSeconds || time.seconds > kMaxTimestampSeconds ||
       time.nanos < 0 || time.nanos > kMaxNanos) {
     throw SchematizerError::unexpectedType(
         "google.protobuf.Timestamp out of range (years 1 to 9999): seconds " +
         std::to_string(time.seconds) + ", nanos " + std::to_string(time.nanos));
   }
+}
+
+std::string formatTimestamp(SecondsAndNanos time) {
+  checkTimestamp(time);
   const int64_t days = time.seconds >= 0 ? time.seconds / kSecondsPerDay
                                          : (time.seconds - kSecondsPerDay + 1) / kSecondsPerDay;
   const int64_t secondOfDay = time.seconds - days * kSecondsPerDay;
@@ -198,7 +202,7 @@ std::optional<SecondsAndNanos> parseTimestamp(std::string_view text) {
   return SecondsAndNanos{seconds, nanos};
 }
 
-std::string formatDuration(SecondsAndNanos duration) {
+void checkDuration(SecondsAndNanos duration) {
   if (duration.seconds < -kMaxDurationSeconds || duration.seconds > kMaxDurationSeconds ||
       duration.nanos < -kMaxNanos || duration.nanos > kMaxNanos ||
       (duration.seconds > 0 && duration.nanos < 0) ||
@@ -208,6 +212,10 @@ std::string formatDuration(SecondsAndNanos duration) {
         "seconds' sign): seconds " +
         std::to_string(duration.seconds) + ", nanos " + std::to_string(duration.nanos));
   }
+}
+
+std::string formatDuration(SecondsAndNanos duration) {
+  checkDuration(duration);
   std::string out;
   if (duration.seconds < 0 || duration.nanos < 0) out.push_back('-');
   appendDigits(out, duration.seconds < 0 ? -duration.seconds : duration.seconds, 1);

@@ -43,16 +43,19 @@ struct SecondsAndNanos {
   int32_t nanos = 0;
 };
 
-// "1972-01-01T10:00:20.021Z": UTC, 0, 3, 6 or 9 fractional digits. Throws
-// SchematizerError::unexpectedType for a time outside years 1 to 9999 or nanos outside 0 to
+// Throws SchematizerError::unexpectedType for a time outside years 1 to 9999 or nanos outside 0 to
 // 999,999,999.
+void checkTimestamp(SecondsAndNanos time);
+// "1972-01-01T10:00:20.021Z": UTC, 0, 3, 6 or 9 fractional digits; throws as checkTimestamp.
 std::string formatTimestamp(SecondsAndNanos time);
 // RFC 3339 with "Z" or an offset "+hh:mm" / "-hh:mm", 0 to 9 fractional digits; no value when the
 // text is not one or lies outside years 1 to 9999.
 std::optional<SecondsAndNanos> parseTimestamp(std::string_view text);
 
-// "-1.500s": 0, 3, 6 or 9 fractional digits. Throws SchematizerError::unexpectedType for more than
-// 315,576,000,000 s either way, nanos beyond 999,999,999 or of the other sign than the seconds.
+// Throws SchematizerError::unexpectedType for more than 315,576,000,000 s either way, nanos beyond
+// 999,999,999 or of the other sign than the seconds.
+void checkDuration(SecondsAndNanos duration);
+// "-1.500s": 0, 3, 6 or 9 fractional digits; throws as checkDuration.
 std::string formatDuration(SecondsAndNanos duration);
 std::optional<SecondsAndNanos> parseDuration(std::string_view text);
 

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <vector>
+
 #include "columns/arrow_text.hpp"
 #include "ostrel/ostrel.hpp"
 #include "rich.pb.h"
@@ -115,8 +118,11 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
        "ostrel.test.Rich",
        {"mid"},
        [](ColumnOptions& o) { o.structDepth = 1; },
-       {rich([](test::Rich& m) { m.mutable_mid()->mutable_leaf()->set_id(1); })},
-       {"{leaf=\"{\"id\":1}\",leaves=[],note=null}"}},
+       {rich([](test::Rich& m) {
+         m.mutable_mid()->mutable_leaf()->set_id(1);
+         m.mutable_mid()->add_leaves()->set_id(2);
+       })},
+       {"{leaf=\"{\"id\":1}\",leaves=[\"{\"id\":2}\"],note=null}"}},
       {"exact reads take the last occurrence",
        "ostrel.test.Rich",
        {"name"},
@@ -259,6 +265,29 @@ TEST(ColumnsTest, PathsThatCannotBeColumnsAreRefused) {
                 "Schema \"ostrel.test.Rich\" property with name \"nothing\""));
 }
 
+// Releases `parent` as a consumer does, checking that it releases each child and dictionary it
+// still owns exactly once and is then marked released.
+template <typename T>
+void releaseCountingOwned(T& parent) {
+  static std::map<T*, void (*)(T*)> releases;
+  static int calls;
+  releases.clear();
+  calls = 0;
+  std::vector<T*> owned(parent.children, parent.children + parent.n_children);
+  owned.push_back(parent.dictionary);
+  std::erase_if(owned, [](T* s) { return s == nullptr || s->release == nullptr; });
+  for (T* s : owned) {
+    releases[s] = s->release;
+    s->release = [](T* s) {
+      ++calls;
+      releases[s](s);
+    };
+  }
+  parent.release(&parent);
+  EXPECT_EQ(parent.release, nullptr);
+  EXPECT_EQ(calls, static_cast<int>(owned.size()));
+}
+
 TEST(ColumnsTest, BatchesAndStreamsOutliveTheProjectionAndTheStore) {
   ArrowArray batch;
   ArrowSchema schema;
@@ -289,8 +318,13 @@ TEST(ColumnsTest, BatchesAndStreamsOutliveTheProjectionAndTheStore) {
   ArrowArray end;
   ASSERT_EQ(stream.get_next(&stream, &end), 0);
   EXPECT_EQ(end.release, nullptr);
-  batch.release(&batch);
-  schema.release(&schema);
+  // The color column moved out keeps its dictionary; the parents keep the list column.
+  ArrowSchema color = *schema.children[0];
+  schema.children[0]->release = nullptr;
+  ArrowArray colors = *batch.children[0];
+  batch.children[0]->release = nullptr;
+  for (ArrowSchema* s : {&color, &schema}) releaseCountingOwned(*s);
+  for (ArrowArray* a : {&colors, &batch}) releaseCountingOwned(*a);
   stream.release(&stream);
 }
 
