@@ -45,8 +45,8 @@ TEST(KeyPathTest, ReportsEachFaultOfThePath) {
       {"missing", noField("a.Root", "missing")},
       {"node.nope", noField("a.Node", "nope")},
   };
-  for (const auto& [path, error] : rows) {
-    EXPECT_EQ(catchError([&] { resolvePropertyPath(root(), path); }), error) << path;
+  for (const auto& row : rows) {
+    EXPECT_EQ(catchError([&] { resolvePropertyPath(root(), row.first); }), row.second) << row.first;
   }
 }
 
