@@ -76,6 +76,9 @@ TEST(ReaderTest, Tags) {
       },
       [](Reader& r) -> uint64_t { return r.readTag().rawValue(); });
   EXPECT_EQ(catchError([] { FieldTag(7); }), kMalformed);
+  // A search for a field fails past a tag that is none, as reading the tag does.
+  checkReads({{"field 0 before the field", bytesOf({0x00, 0x08, 1}), std::nullopt, 1}},
+             [](Reader& r) -> uint64_t { return r.findField(1); });
 }
 
 TEST(ReaderTest, LengthDelimitedAndFixedWidth) {
