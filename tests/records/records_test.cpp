@@ -30,74 +30,23 @@ struct StreamRow {
 
 TEST(RecordSource, SplitsEachFramingIntoRecordsWithTheirOffsets) {
   const std::string big(200, 'x');
+  const FramingError truncated = FramingError::truncated();
+  const FramingError badLength = FramingError::malformedLength();
   const std::vector<StreamRow> rows = {
-      {"varint",
-       Framing::varint,
-       "\x02"
-       "ab"
-       "\x00"
-       "\x01"
-       "c"s,
-       {{0, "ab"}, {3, ""}, {4, "c"}}},
-      {"varint two-byte length", Framing::varint, "\xc8\x01" + big, {{0, big}}},
-      {"varint cut in its record",
-       Framing::varint,
-       "\x01"
-       "a"
-       "\x03"
-       "ab"s,
-       {{0, "a"}},
-       FramingError::truncated()},
-      {"varint cut in its prefix",
-       Framing::varint,
-       "\x01"
-       "a"
-       "\x80"s,
-       {{0, "a"}},
-       FramingError::truncated()},
-      {"varint prefix over ten bytes",
-       Framing::varint,
-       std::string(10, '\x80') + '\0',
-       {},
-       FramingError::malformedLength()},
-      {"varint beyond 2^31-1",
-       Framing::varint,
-       "\x80\x80\x80\x80\x08"s,
-       {},
-       FramingError::malformedLength()},
+      {"varint", Framing::varint, "\2ab\0\1c"s, {{0, "ab"}, {3, ""}, {4, "c"}}},
+      {"varint two-byte length", Framing::varint, "\xc8\1" + big, {{0, big}}},
+      {"varint cut in its record", Framing::varint, "\1a\3ab"s, {{0, "a"}}, truncated},
+      {"varint cut in its prefix", Framing::varint, "\1a\x80"s, {{0, "a"}}, truncated},
+      {"varint prefix of 11 bytes", Framing::varint, std::string(10, '\x80') + '\0', {}, badLength},
+      {"varint beyond 2^31-1", Framing::varint, "\x80\x80\x80\x80\x08"s, {}, badLength},
       {"u32be with a null record",
        Framing::u32be,
-       "\0\0\0\x02"
-       "ab"
-       "\xff\xff\xff\xff"
-       "\0\0\0\0"s,
+       "\0\0\0\2ab\xff\xff\xff\xff\0\0\0\0"s,
        {{0, "ab"}, {6, std::nullopt}, {10, ""}}},
-      {"u32be short prefix",
-       Framing::u32be,
-       "\0\0\0\x01"
-       "a"
-       "\0\0"s,
-       {{0, "a"}},
-       FramingError::truncated()},
-      {"u32be cut in its record",
-       Framing::u32be,
-       "\0\0\0\x05"
-       "abc"s,
-       {},
-       FramingError::truncated()},
-      {"u32be below -1",
-       Framing::u32be,
-       "\xff\xff\xff\xfe"
-       "ab"s,
-       {},
-       FramingError::malformedLength()},
-      {"single",
-       Framing::single,
-       "\x02"
-       "ab"s,
-       {{0,
-         "\x02"
-         "ab"s}}},
+      {"u32be short prefix", Framing::u32be, "\0\0\0\1a\0\0"s, {{0, "a"}}, truncated},
+      {"u32be cut in its record", Framing::u32be, "\0\0\0\5abc"s, {}, truncated},
+      {"u32be below -1", Framing::u32be, "\xff\xff\xff\376ab"s, {}, badLength},
+      {"single", Framing::single, "\2ab"s, {{0, "\2ab"s}}},
       {"single empty", Framing::single, "", {{0, ""}}},
       {"empty varint stream", Framing::varint, "", {}},
   };
@@ -149,70 +98,51 @@ struct EnvelopeRow {
   std::string id;
   std::vector<int32_t> indexes;
   std::string payload;
-  std::optional<FramingError> fault;
 };
 
 TEST(ConfluentEnvelope, SplitsIdPathAndPayload) {
   const auto zigzag = ConfluentIndexForm::zigzag;
   const auto plain = ConfluentIndexForm::unsignedVarint;
-  const std::string guid = "\x01\x23\x45\x67\x89\xab\xcd\xef\x01\x23\x45\x67\x89\xab\xcd\xef"s;
+  // The magic byte of the GUID form, 16 bytes of GUID, the path [0] and the payload.
+  const std::string guid = "\1\1\x23\x45\x67\x89\xab\xcd\xef\1\x23\x45\x67\x89\xab\xcd\xef\0\x08"s;
   const std::vector<EnvelopeRow> rows = {
-      {"first message", "\0\0\0\0\x2a\0\x08\x01"s, zigzag, "42", {0}, "\x08\x01"},
-      {"path [1]", "\0\0\0\x01\0\x02\x02\x08"s, zigzag, "256", {1}, "\x08"},
-      {"nested path [0, 0]", "\0\0\0\0\x07\x04\0\0"s, zigzag, "7", {0, 0}, ""},
+      {"first message", "\0\0\0\0\x2a\0\x08\1"s, zigzag, "42", {0}, "\x08\1"},
+      {"path [1]", "\0\0\0\1\0\2\2\x08"s, zigzag, "256", {1}, "\x08"},
+      {"nested path [0, 0]", "\0\0\0\0\7\4\0\0"s, zigzag, "7", {0, 0}, ""},
       {"large id", "\0\x7f\xff\xff\xff\0"s, zigzag, "2147483647", {0}, ""},
-      {"largest index", "\0\0\0\0\x07\x02\xfe\xff\xff\xff\x0f"s, zigzag, "7", {2147483647}, ""},
-      {"unsigned form [1, 2]", "\0\0\0\0\x07\x02\x01\x02\x08"s, plain, "7", {1, 2}, "\x08"},
-      {"unsigned form read as zigzag",
-       "\0\0\0\0\x07\x01\x01"s,
-       zigzag,
-       "",
-       {},
-       "",
-       FramingError::malformedIndexes()},
-      {"GUID",
-       "\x01"s + guid + "\0\x08"s,
-       zigzag,
-       "01234567-89ab-cdef-0123-456789abcdef",
-       {0},
-       "\x08"},
-      {"wrong magic", "\x08\x01"s, zigzag, "", {}, "", FramingError::wrongMagic("0x08")},
-      {"empty", "", zigzag, "", {}, "", FramingError::truncated()},
-      {"short id", "\0\0\0"s, zigzag, "", {}, "", FramingError::truncated()},
-      {"short GUID", "\x01\x02\x03"s, zigzag, "", {}, "", FramingError::truncated()},
-      {"no path", "\0\0\0\0\x07"s, zigzag, "", {}, "", FramingError::truncated()},
-      {"path count past the end",
-       "\0\0\0\0\x07\x06\x02"s,
-       zigzag,
-       "",
-       {},
-       "",
-       FramingError::truncated()},
-      {"negative index",
-       "\0\0\0\0\x07\x02\x01"s,
-       zigzag,
-       "",
-       {},
-       "",
-       FramingError::malformedIndexes()},
-      {"index beyond 32 bits",
-       "\0\0\0\0\x07\x02\xff\xff\xff\xff\x7f"s,
-       zigzag,
-       "",
-       {},
-       "",
-       FramingError::malformedIndexes()},
+      {"largest index", "\0\0\0\0\7\2\xfe\xff\xff\xff\x0f"s, zigzag, "7", {2147483647}, ""},
+      {"unsigned form [1, 2]", "\0\0\0\0\7\2\1\2\x08"s, plain, "7", {1, 2}, "\x08"},
+      {"GUID", guid, zigzag, "01234567-89ab-cdef-0123-456789abcdef", {0}, "\x08"},
   };
   for (const EnvelopeRow& row : rows) {
     SCOPED_TRACE(row.name);
+    const ConfluentEnvelope envelope = decodeConfluent(asBytes(row.value), row.form);
+    EXPECT_EQ(envelope.schema.idText(), row.id);
+    EXPECT_EQ(envelope.schema.indexes, row.indexes);
+    EXPECT_EQ(asText(envelope.payload), row.payload);
+  }
+}
+
+TEST(ConfluentEnvelope, RefusesEachFaultOfTheHeader) {
+  const FramingError truncated = FramingError::truncated();
+  const FramingError badIndexes = FramingError::malformedIndexes();
+  const std::vector<std::tuple<std::string, std::string, FramingError>> rows = {
+      {"unsigned form read as zigzag", "\0\0\0\0\7\1\1"s, badIndexes},
+      {"wrong magic", "\x08\1"s, FramingError::wrongMagic("0x08")},
+      {"empty", "", truncated},
+      {"short id", "\0\0\0"s, truncated},
+      {"short GUID", "\1\2\3"s, truncated},
+      {"no path", "\0\0\0\0\7"s, truncated},
+      {"path count past the end", "\0\0\0\0\7\6\2"s, truncated},
+      {"negative index", "\0\0\0\0\7\2\1"s, badIndexes},
+      {"index beyond 32 bits", "\0\0\0\0\7\2\xff\xff\xff\xff\x7f"s, badIndexes},
+  };
+  for (const auto& [name, value, fault] : rows) {
     try {
-      const ConfluentEnvelope envelope = decodeConfluent(asBytes(row.value), row.form);
-      EXPECT_FALSE(row.fault);
-      EXPECT_EQ(envelope.schema.idText(), row.id);
-      EXPECT_EQ(envelope.schema.indexes, row.indexes);
-      EXPECT_EQ(asText(envelope.payload), row.payload);
+      decodeConfluent(asBytes(value), ConfluentIndexForm::zigzag);
+      ADD_FAILURE() << name << ": no fault";
     } catch (const FramingError& error) {
-      EXPECT_EQ(std::optional(error), row.fault);
+      EXPECT_EQ(error, fault) << name;
     }
   }
 }

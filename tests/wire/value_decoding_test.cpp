@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <bit>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -53,24 +52,6 @@ AnyValue enumNumber(int64_t number) {
   return EnumValue(detail::EnumValueImpl{schemas().color, number});
 }
 
-// Equal kind and value; floating-point values must have the same bit pattern, so that NaNs and
-// signed zeros are told apart.
-::testing::AssertionResult sameValue(const detail::AnyValueImpl& decoded,
-                                     const AnyValue& expected) {
-  const AnyValue actual = AnyValue::from(decoded);
-  using K = AnyValue::Case;
-  const bool same =
-      actual.kind() == expected.kind() &&
-      (actual.kind() == K::float_ ? std::bit_cast<uint32_t>(actual.floatValue()) ==
-                                        std::bit_cast<uint32_t>(expected.floatValue())
-       : actual.kind() == K::double_ ? std::bit_cast<uint64_t>(actual.doubleValue()) ==
-                                           std::bit_cast<uint64_t>(expected.doubleValue())
-                                     : actual == expected);
-  if (same) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << "decoded " << actual.describe() << ", expected " << expected.describe();
-}
-
 // Encodings libprotobuf never writes (its own are read in the differential suite): varints wider
 // than their type, invalid UTF-8, and the message type, which carries its schema. Each value is
 // followed by whatever the row needs, which the reader must not take.
@@ -90,8 +71,8 @@ TEST(DecodeValueTest, DecodesWhatNoEncoderWrites) {
   for (const auto& [kind, bytes, expected, positionAfter] : rows) {
     SCOPED_TRACE(expected.describe());
     Reader reader(bytes);
-    EXPECT_TRUE(
-        sameValue(decodeValue(reader, typeOf(kind), detail::factsOf(kind).wireType), expected));
+    EXPECT_EQ(AnyValue::from(decodeValue(reader, typeOf(kind), detail::factsOf(kind).wireType)),
+              expected);
     EXPECT_EQ(reader.position(), positionAfter);
   }
 }
@@ -123,8 +104,8 @@ TEST(DecodeValueTest, MessagesReadDelimitedUpToTheirEndTag) {
             SerializationError::typeMismatch(typeOf(Case::int32), ProtoWireType::startGroup));
 }
 
-TEST(DecodeValueTest, BytesAndMessagesBorrowEnumsKeepTheirSchema) {
-  const Bytes bytes = bytesOf({0x0a, 0x02, 0x08, 0x01, 0x2a});
+TEST(DecodeValueTest, BytesAndMessagesBorrowTheirPayload) {
+  const Bytes bytes = bytesOf({0x0a, 0x02, 0x08, 0x01});
   Reader reader(bytes);
   reader.setPosition(1);
   const detail::AnyValueImpl message =
@@ -136,10 +117,6 @@ TEST(DecodeValueTest, BytesAndMessagesBorrowEnumsKeepTheirSchema) {
   const AnyValue owned = AnyValue::from(message);
   EXPECT_EQ(owned.messageValue().data(), bytesOf({0x08, 0x01}));
   EXPECT_NE(owned.messageValue().bytes().data(), bytes.data() + 2);
-  const detail::AnyValueImpl enumValue =
-      decodeValue(reader, typeOf(Case::enum_), ProtoWireType::varInt);
-  EXPECT_EQ(enumValue.enumValue().type, schemas().color);
-  EXPECT_EQ(std::get<int64_t>(enumValue.enumValue().container), 42);
 
   reader.setPosition(1);
   const detail::AnyValueImpl payload =
@@ -147,29 +124,6 @@ TEST(DecodeValueTest, BytesAndMessagesBorrowEnumsKeepTheirSchema) {
   EXPECT_EQ(payload.bytesValue().view().data(), bytes.data() + 2);
   EXPECT_EQ(payload.bytesValue().view().size(), 2u);
 }
-
-// U+FFFD REPLACEMENT CHARACTER.
-#define R "\xEF\xBF\xBD"
-
-// The rule at work on the cases that show it; the comparison with the reference decoder below
-// covers the rest.
-TEST(DecodeUtf8LossyTest, ReplacesEachMaximalSubpart) {
-  const std::vector<std::pair<Bytes, std::string>> rows = {
-      {Bytes{}, ""},
-      {bytesOf({'a', 0x00, 0xc3, 0xa9, 0xe2, 0x82, 0xac, 0xf4, 0x8f, 0xbf, 0xbf}),
-       std::string("a\0\xC3\xA9\xE2\x82\xAC\xF4\x8F\xBF\xBF", 11)},
-      {bytesOf({0xed, 0xa0, 0x80}), R R R},
-      {bytesOf({'a', 0xe2, 0x82}), "a" R},
-      {toBytes("abcdefghijk\xff"
-               "lmnopqrstu"),
-       "abcdefghijk" R "lmnopqrstu"},
-      {bytesOf({0x61, 0xf1, 0x80, 0x80, 0xe1, 0x80, 0xc2, 0x62, 0x80, 0x63, 0x80, 0xbf, 0x64}),
-       "a" R R R "b" R "c" R R "d"},
-  };
-  for (const auto& [bytes, expected] : rows) EXPECT_EQ(decodeUtf8Lossy(bytes), expected);
-}
-
-#undef R
 
 void appendCodePoint(std::string& out, uint32_t cp) {
   if (cp < 0x80) {
