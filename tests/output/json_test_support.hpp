@@ -20,7 +20,7 @@ namespace ostrel::testing_support {
 // maps, a repeated message that is not a map and a field whose message type the store lacks;
 // t.Node nests itself. Every singular field has presence.
 inline SchemaManifest sampleManifest() {
-  SchemaManifest manifest = schemaManifestFromProtoText(R"(syntax = "proto3";
+  SchemaManifest manifest = schemaManifestFromProtoText(R"(syntax = "proto2";
     package t;
     enum Kind { ZERO = 0; ONE = 1; }
     message Sample {
@@ -30,7 +30,7 @@ inline SchemaManifest sampleManifest() {
       optional sfixed64 sf64 = 10; optional float fl = 11; optional double db = 12;
       optional bool b = 13; optional string s = 14; optional bytes by = 15;
       optional Kind e = 16;
-      Sample child = 17;
+      optional Sample child = 17;
       repeated int32 ri = 18;
       repeated string rs = 19;
       repeated Sample rm = 20;
@@ -43,7 +43,11 @@ inline SchemaManifest sampleManifest() {
       repeated Pair pairs = 27;
       oneof pick { int32 o1 = 28; Sample o2 = 29; }
     }
-    message Node { Node child = 1; optional int32 value = 2; })");
+    message Node { optional Node child = 1; optional int32 value = 2; })");
+  // Its enums are open, as proto3's are.
+  for (auto& [name, message] : manifest.messages) {
+    for (auto& [fieldName, field] : message.fields) field.closedEnum = false;
+  }
   manifest.messages["t.Sample"].fields["missing"] = {
       .type = TypeManifest::message, .typeName = "t.Missing", .fieldNumber = 26};
   return manifest;

@@ -113,20 +113,6 @@ class Db {
   }
   void exec(const std::string& sql) { ASSERT_EQ(one(sql), "rows:0") << sql; }
 
-  // A table `orders` (id, record) of `count` random Rich records.
-  std::vector<std::string> fillOrders(int count, uint32_t seed) {
-    exec("CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB)");
-    testing_support::RandomMessageFiller filler(seed);
-    std::vector<std::string> records;
-    for (int i = 0; i < count; ++i) {
-      test::Rich message;
-      filler.fill(message);
-      records.push_back(message.SerializeAsString());
-      exec("INSERT INTO orders (record) VALUES (" + hexLiteral(records.back()) + ")");
-    }
-    return records;
-  }
-
  private:
   sqlite3* db_ = nullptr;
 };
@@ -171,11 +157,7 @@ TEST(SqlSelectTest, SelectText) {
   EXPECT_EQ(sqlSelect(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
             "SELECT\n  p_get_text(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\n"
             "FROM \"Orders\"");
-}
-
-TEST(SqlSelectTest, PostgresReadsTheTypeOfEachPath) {
-  const SchemaStore store(richManifest());
-  const MessageSchema rich = store.messageSchema(kRich);
+  // Each PostgreSQL function reads one SQL type.
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"scalars.f_int32", "p_get_bigint"},    {"scalars.f_uint32", "p_get_bigint"},
       {"scalars.f_sint32", "p_get_bigint"},   {"scalars.f_fixed32", "p_get_bigint"},
@@ -218,7 +200,16 @@ TEST(SqlSelectTest, RefusedBeforeAnyTextIsMade) {
 
 TEST(SqliteFunctionsTest, ReadsMatchTheLibrary) {
   Db db;
-  const std::vector<std::string> records = db.fillOrders(150, 7);
+  // A table of random Rich records.
+  db.exec("CREATE TABLE orders (id INTEGER PRIMARY KEY, record BLOB)");
+  testing_support::RandomMessageFiller filler(7);
+  std::vector<std::string> records;
+  for (int i = 0; i < 150; ++i) {
+    test::Rich message;
+    filler.fill(message);
+    records.push_back(message.SerializeAsString());
+    db.exec("INSERT INTO orders (record) VALUES (" + hexLiteral(records.back()) + ")");
+  }
   const SchemaStore store(richManifest());
   const MessageSchema rich = store.messageSchema(kRich);
   for (const std::string path :
