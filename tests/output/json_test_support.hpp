@@ -18,57 +18,38 @@ namespace ostrel::testing_support {
 
 // t.Sample has a field of every type (numbers 1 to 15 in the order below), repeated fields, three
 // maps, a repeated message that is not a map and a field whose message type the store lacks;
-// t.Node nests itself.
+// t.Node nests itself. Every singular field has presence.
 inline SchemaManifest sampleManifest() {
-  using T = TypeManifest;
-  SchemaManifest manifest;
-  manifest.enums["t.Kind"].values = {{"ZERO", 0}, {"ONE", 1}};
-  auto& fields = manifest.messages["t.Sample"].fields;
-  const std::pair<const char*, T> scalars[] = {
-      {"i32", T::int32},     {"i64", T::int64},     {"u32", T::uint32},  {"u64", T::uint64},
-      {"s32", T::sint32},    {"s64", T::sint64},    {"f32", T::fixed32}, {"f64", T::fixed64},
-      {"sf32", T::sfixed32}, {"sf64", T::sfixed64}, {"fl", T::float_},   {"db", T::double_},
-      {"b", T::bool_},       {"s", T::string},      {"by", T::bytes}};
-  int64_t number = 0;
-  for (const auto& [name, type] : scalars) fields[name] = {.type = type, .fieldNumber = ++number};
-  const auto field = [&](const char* name, T type, std::optional<std::string> typeName, int64_t n,
-                         bool repeated) {
-    fields[name] = {
-        .type = type, .typeName = std::move(typeName), .fieldNumber = n, .isRepeated = repeated};
-  };
-  field("e", T::enum_, "t.Kind", 16, false);
-  field("child", T::message, "t.Sample", 17, false);
-  field("ri", T::int32, {}, 18, true);
-  field("rs", T::string, {}, 19, true);
-  field("rm", T::message, "t.Sample", 20, true);
-  field("sm", T::message, "t.Sample.SmEntry", 21, true);
-  field("bm", T::message, "t.Sample.BmEntry", 22, true);
-  field("im", T::message, "t.Sample.ImEntry", 23, true);
-  field("rf", T::float_, {}, 24, true);
-  field("re", T::enum_, "t.Kind", 25, true);
-  field("missing", T::message, "t.Missing", 26, false);
-  field("pairs", T::message, "t.Sample.Pair", 27, true);
-  manifest.messages["t.Sample"].oneofs = {{.name = "pick"}};
-  fields["o1"] = {.type = T::int32, .fieldNumber = 28, .oneofIndex = 0};
-  fields["o2"] = {.type = T::message, .typeName = "t.Sample", .fieldNumber = 29, .oneofIndex = 0};
-
-  const auto entry = [&](const char* name, FieldManifest key, FieldManifest value, bool isMap) {
-    MessageManifest& message = manifest.messages[name];
-    key.fieldNumber = 1;
-    value.fieldNumber = 2;
-    message.fields["key"] = key;
-    message.fields["value"] = value;
-    // Raw MessageOptions with map_entry (field 7) set.
-    if (isMap) message.options = Bytes{std::byte{0x38}, std::byte{0x01}};
-  };
-  entry("t.Sample.SmEntry", {.type = T::string}, {.type = T::int64}, true);
-  entry("t.Sample.BmEntry", {.type = T::bool_}, {.type = T::enum_, .typeName = "t.Kind"}, true);
-  entry("t.Sample.ImEntry", {.type = T::int32}, {.type = T::message, .typeName = "t.Sample"}, true);
-  entry("t.Sample.Pair", {.type = T::string}, {.type = T::int32}, false);
-
-  auto& node = manifest.messages["t.Node"].fields;
-  node["child"] = {.type = T::message, .typeName = "t.Node", .fieldNumber = 1};
-  node["value"] = {.type = T::int32, .fieldNumber = 2};
+  SchemaManifest manifest = schemaManifestFromProtoText(R"(syntax = "proto2";
+    package t;
+    enum Kind { ZERO = 0; ONE = 1; }
+    message Sample {
+      optional int32 i32 = 1; optional int64 i64 = 2; optional uint32 u32 = 3;
+      optional uint64 u64 = 4; optional sint32 s32 = 5; optional sint64 s64 = 6;
+      optional fixed32 f32 = 7; optional fixed64 f64 = 8; optional sfixed32 sf32 = 9;
+      optional sfixed64 sf64 = 10; optional float fl = 11; optional double db = 12;
+      optional bool b = 13; optional string s = 14; optional bytes by = 15;
+      optional Kind e = 16;
+      optional Sample child = 17;
+      repeated int32 ri = 18;
+      repeated string rs = 19;
+      repeated Sample rm = 20;
+      map<string, int64> sm = 21;
+      map<bool, Kind> bm = 22;
+      map<int32, Sample> im = 23;
+      repeated float rf = 24;
+      repeated Kind re = 25;
+      message Pair { optional string key = 1; optional int32 value = 2; }
+      repeated Pair pairs = 27;
+      oneof pick { int32 o1 = 28; Sample o2 = 29; }
+    }
+    message Node { optional Node child = 1; optional int32 value = 2; })");
+  // Its enums are open, as proto3's are.
+  for (auto& [name, message] : manifest.messages) {
+    for (auto& [fieldName, field] : message.fields) field.closedEnum = false;
+  }
+  manifest.messages["t.Sample"].fields["missing"] = {
+      .type = TypeManifest::message, .typeName = "t.Missing", .fieldNumber = 26};
   return manifest;
 }
 
