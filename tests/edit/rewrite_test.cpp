@@ -86,5 +86,24 @@ TEST(RewriteTest, NormalizesOccurrencesOfAnotherWireTypeAsLibprotobuf) {
   }
 }
 
+// A map entry is a message of its own, as protobuf's parse counts them: 50 levels of a map whose
+// values are maps are a hundred messages.
+TEST(RewriteTest, NestsAtMostAHundredMessagesCountingMapEntries) {
+  SchemaStore store(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package p; message N { map<int32, N> m = 1; }"));
+  const MessageSchema schema = store.messageSchema("p.N");
+  std::string record;
+  for (int level = 1; level <= 51; ++level) {
+    record = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, record))));
+    SCOPED_TRACE(level);
+    if (level < 50) {
+      EXPECT_EQ(normalizeRecord(schema, toBytes(record)), toBytes(record));
+    } else {
+      EXPECT_EQ(testing_support::catchError([&] { normalizeRecord(schema, toBytes(record)); }),
+                SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ostrel

@@ -55,8 +55,9 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
       {"timestamp { seconds: -1 nanos: 1000000 }", R"({"timestamp":"1969-12-31T23:59:59.001Z"})"},
       {"timestamp { seconds: 951782400 nanos: 1000 }",
        R"({"timestamp":"2000-02-29T00:00:00.000001Z"})"},
-      {"duration { nanos: -500000000 }", R"({"duration":"-0.500s"})"},
-      {"duration { seconds: 315576000000 }", R"({"duration":"315576000000s"})"},
+      {"duration { nanos: -999999999 }", R"({"duration":"-0.999999999s"})"},
+      {"duration { seconds: 315576000000 nanos: 999999999 }",
+       R"({"duration":"315576000000.999999999s"})"},
       {"field_mask {}", R"({"field_mask":""})"},
   };
   testing_support::MessageComparison comparison;
