@@ -59,6 +59,7 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
       {"duration { seconds: 315576000000 nanos: 999999999 }",
        R"({"duration":"315576000000.999999999s"})"},
       {"field_mask {}", R"({"field_mask":""})"},
+      {"field_mask { paths: 'a_a' paths: 'z_z.y' }", R"({"field_mask":"aA,zZ.y"})"},
   };
   testing_support::MessageComparison comparison;
   for (const auto& [proto, expected] : rows) {
