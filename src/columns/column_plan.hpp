@@ -66,11 +66,10 @@ struct ColumnReader {
   std::shared_ptr<MessageSchemaDescribing> messageSchema;  // json
 
   // Lists: the repeated field and how its elements are read. A message element is read by the
-  // child node: into a struct of its columns, or (`items[*].sku`, elementSingle) straight into the
-  // list's child as the node's one column.
+  // child node: into a struct of its columns, or (`items[*].sku`) straight into the list's child
+  // as the node's one column.
   int64_t fieldNumber = 0;
   bool elementIsMessage = false;
-  bool elementSingle = false;
   bool isMap = false;
 
   // Lists: how each element is written.

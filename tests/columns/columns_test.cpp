@@ -67,6 +67,8 @@ struct OptionRow {
 TEST(ColumnsTest, OptionsShapeTheColumns) {
   const SchemaStore richStore(testing_support::generatedManifest("rich.desc"));
   const SchemaStore wktStore(testing_support::generatedManifest("well_known.desc"));
+  // repeats { r_int32: [1, 2] packed, then [3] packed }
+  const std::string twoRuns("\x1a\x07\x2a\x02\x01\x02\x2a\x01\x03", 9);
   // An enum whose numbers span more than a small range, its lowest below its zero.
   const SchemaStore farStore(schemaManifestFromProtoText(
       "syntax = \"proto3\"; package far;"
@@ -123,20 +125,20 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
          m.mutable_mid()->add_leaves()->set_id(2);
        })},
        {"{leaf=\"{\"id\":1}\",leaves=[\"{\"id\":2}\"],note=null}"}},
-      {"exact reads take the last occurrence",
+      {"exact reads take the last occurrence and every run",
        "ostrel.test.Rich",
-       {"name"},
+       {"name", "repeats.r_int32"},
        [](ColumnOptions& o) { o.mode = ReadMode::exact; },
        {rich([](test::Rich& m) { m.set_name("first"); }) +
-        rich([](test::Rich& m) { m.set_name("last"); })},
-       {"\"last\""}},
-      {"first reads take the first occurrence",
+        rich([](test::Rich& m) { m.set_name("last"); }) + twoRuns},
+       {"\"last\" | [1,2,3]"}},
+      {"first reads take the first occurrence and the first run",
        "ostrel.test.Rich",
-       {"name"},
+       {"name", "repeats.r_int32"},
        none,
        {rich([](test::Rich& m) { m.set_name("first"); }) +
-        rich([](test::Rich& m) { m.set_name("last"); })},
-       {"\"first\""}},
+        rich([](test::Rich& m) { m.set_name("last"); }) + twoRuns},
+       {"\"first\" | [1,2]"}},
       {"invalid UTF-8 as the single read decodes it",
        "ostrel.test.Rich",
        {"name", "scalars.f_bytes"},
