@@ -50,6 +50,16 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
   Rewrite broken(scalars);
   broken.set("f_message", AnyValue(toBytes("\xff")));
   EXPECT_THROW(broken.apply(toBytes(record)), SerializationError);
+  Rewrite byNumber(scalars);
+  byNumber.set("f_enum", EditValue::text("7"));
+  EXPECT_EQ(toString(byNumber.apply(toBytes(record))), record + wire(Wire().varintField(14, 7)));
+  // A repeated field or a map within a path needs an index, and a map cannot be stepped through.
+  Rewrite rich(store.messageSchema("ostrel.test.Rich"));
+  for (const char* path : {"mids.note", "leaves_by_id[1].id"}) {
+    EXPECT_EQ(testing_support::catchError([&] { rich.set(path, AnyValue(int32_t{1})); }),
+              SchematizerError::repeatedValueAccessNoIndex())
+        << path;
+  }
 }
 
 // An occurrence whose wire type is not its field's own (nor a packed run of a repeated scalar) is

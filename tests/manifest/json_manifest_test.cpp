@@ -205,6 +205,7 @@ TEST(SchemaManifestFromJSON, RejectsWhatIsNotAManifestNamingThePath) {
       {withInt(R"("oneofIndex":1)"), f + ".oneofIndex: expected an index into oneofs"},
       {withInt(R"("oneofIndex":-1)"), f + ".oneofIndex: expected an index into oneofs"},
       {withInt(R"("oneofIndex":2147483648)"), f + ".oneofIndex: expected an index into oneofs"},
+      {withInt(R"("oneofIndex":4294967296)"), f + ".oneofIndex: expected an index into oneofs"},
       // The largest int32 passes the field's own check; the message's check comes after all fields.
       {R"({"messages":{"M":{"fields":{"f":{"type":"int","fieldNumber":1,"oneofIndex":2147483647},)"
        R"("g":{"type":4,"fieldNumber":2}}}}})",

@@ -244,17 +244,21 @@ TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {
   // A member ignored is still read for the text's own faults.
   EXPECT_EQ(catchError([&] { parseJSON(schema, R"({"nope":{"a":[1],"a":2},"i32":1})", options); }),
             SchematizerError::unexpectedType(R"($.nope: duplicate key "a")"));
-  std::string path = "$.nope";
-  for (int i = 0; i < 200; ++i) path += "[0]";
-  EXPECT_EQ(
-      renderJSON(parseJSON(
-          schema, R"({"nope":)" + std::string(200, '[') + std::string(200, ']') + "}", options)),
-      "{}");
-  EXPECT_EQ(catchError([&] {
-              parseJSON(schema, R"({"nope":)" + std::string(201, '[') + std::string(201, ']') + "}",
-                        options);
-            }),
-            SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
+  // Its nesting counts from the document, at the top and within a message.
+  for (const std::string at : {"", "child"}) {
+    const int room = at.empty() ? 200 : 199;
+    const auto text = [&](int levels) {
+      const std::string member =
+          R"({"nope":)" + std::string(levels, '[') + std::string(levels, ']') + "}";
+      return at.empty() ? member : R"({")" + at + R"(":)" + member + "}";
+    };
+    std::string path = at.empty() ? "$.nope" : "$." + at + ".nope";
+    for (int i = 0; i < room; ++i) path += "[0]";
+    EXPECT_EQ(renderJSON(parseJSON(schema, text(room), options)),
+              at.empty() ? "{}" : R"({"child":{}})");
+    EXPECT_EQ(catchError([&] { parseJSON(schema, text(room + 1), options); }),
+              SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
+  }
 }
 
 }  // namespace
