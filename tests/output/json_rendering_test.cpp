@@ -214,6 +214,19 @@ TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
             renderJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
 }
 
+// A field that fails after the sink has taken part of the text is withdrawn from what is left:
+// the streamed text is the whole one.
+TEST(JsonRenderingTest, StreamsTheWholeTextPastAFailedField) {
+  SchemaStore store(sampleManifest());
+  const SchematizedData data = store.messageSchema("t.Sample")
+                                   .schematizedData(len(14, std::string(100000, 'x')) + f32(16, 1));
+  LogCapture log;
+  std::string streamed;
+  renderJSON(data, [&](std::string_view piece) { streamed += piece; });
+  EXPECT_EQ(streamed, renderJSON(data));
+  EXPECT_NE(streamed.find(error("e", "typeMismatch(enum(t.Kind), fixed32)")), std::string::npos);
+}
+
 TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
   struct Stop {};
   SchemaStore store(sampleManifest());
