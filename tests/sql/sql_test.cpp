@@ -288,9 +288,9 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
           {"SELECT P_ENCODE('a.Q', '{}')", error(SchematizerError::schemaNotFound("a.Q"))},
           {proto("package a; enum E { Z = 0; }"), count(rich + 1)},
           // Registered types are rows of the database, which stay as they are.
-          {"SELECT group_concat(name) FROM (SELECT name FROM ostrel_schemas WHERE name GLOB 'a.*' "
-           "ORDER BY name)",
-           "text:a.E,a.M"},
+          {"SELECT group_concat(name || is_message) FROM (SELECT name, is_message FROM "
+           "ostrel_schemas WHERE name GLOB 'a.*' ORDER BY name)",
+           "text:a.E0,a.M1"},
           {"DELETE FROM ostrel_schemas",
            "error:registered ostrel schemas cannot be changed or removed; register a new name"},
           // Only the application's own reads may register: a statement that writes may run what
