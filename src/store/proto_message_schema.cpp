@@ -190,8 +190,7 @@ std::vector<std::shared_ptr<OneofSchemaDescribing>> ProtoMessageSchema::allOneof
     if (!slot.value.materialised() && !lock.owns_lock()) lock.lock();
     indexed.emplace_back(slot.index, materialiseOneof(slot));
   }
-  std::sort(indexed.begin(), indexed.end(),
-            [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::ranges::sort(indexed, {}, [](const auto& entry) { return entry.first; });
   std::vector<std::shared_ptr<OneofSchemaDescribing>> result;
   result.reserve(indexed.size());
   for (auto& entry : indexed) result.push_back(std::move(entry.second));
