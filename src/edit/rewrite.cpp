@@ -122,11 +122,6 @@ std::string memberName(const FieldSchemaDescribing& field) {
   return field.extensionName() ? "[" + *field.extensionName() + "]" : field.name();
 }
 
-bool isIntegerText(std::string_view text) {
-  if (text.starts_with('-')) text.remove_prefix(1);
-  return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
-}
-
 // The value's JSON for a field of `target`'s type.
 std::string jsonOf(const EditValue& value, const FieldSchemaDescribing& target) {
   if (const auto* typed = std::get_if<AnyValue>(&value.form())) return renderJSON(*typed);
@@ -141,7 +136,8 @@ std::string jsonOf(const EditValue& value, const FieldSchemaDescribing& target) 
       return detail::jsonString(base64);
     }
     case Kind::enum_:
-      return isIntegerText(text) ? text : detail::jsonString(text);
+      // A name, or a number, which the JSON reader takes in quotes as it does bare.
+      return detail::jsonString(text);
     case Kind::bool_:
       if (text == "1" || text == "true") return "true";
       if (text == "0" || text == "false") return "false";

@@ -50,9 +50,21 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
   Rewrite broken(scalars);
   broken.set("f_message", AnyValue(toBytes("\xff")));
   EXPECT_THROW(broken.apply(toBytes(record)), SerializationError);
-  Rewrite byNumber(scalars);
-  byNumber.set("f_enum", EditValue::text("7"));
-  EXPECT_EQ(toString(byNumber.apply(toBytes(record))), record + wire(Wire().varintField(14, 7)));
+  // Text as a person types it: an enum by its number, a bool as 0.
+  const std::string flagged = record + wire(Wire().varintField(8, 1));
+  const struct {
+    const char* path;
+    const char* text;
+    std::string expected;
+  } texts[] = {
+      {"f_enum", "7", flagged + wire(Wire().varintField(14, 7))},
+      {"f_bool", "0", record},
+  };
+  for (const auto& row : texts) {
+    Rewrite byText(scalars);
+    byText.set(row.path, EditValue::text(row.text));
+    EXPECT_EQ(toString(byText.apply(toBytes(flagged))), row.expected) << row.path;
+  }
   // A repeated field or a map within a path needs an index, and a map cannot be stepped through.
   Rewrite rich(store.messageSchema("ostrel.test.Rich"));
   for (const char* path : {"mids.note", "leaves_by_id[1].id"}) {
