@@ -72,6 +72,12 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
               SchematizerError::repeatedValueAccessNoIndex())
         << path;
   }
+  // Appending names a repeated field that is not a map, without an index or a key.
+  for (const char* path : {"mids[0]", "counts", "counts[k]"}) {
+    EXPECT_EQ(testing_support::catchError([&] { rich.append(path, AnyValue(int32_t{1})); }),
+              SchematizerError::invalidIndexInKeypath())
+        << path;
+  }
 }
 
 // An occurrence whose wire type is not its field's own (nor a packed run of a repeated scalar) is

@@ -145,6 +145,7 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"e":"2147483648"})", u("$.e: expected an integer in the range of int32")},
       {R"({"db":"inf"})", u("$.db: expected a number of type double")},
       {R"({"sm":{"\udc00":1}})", u("invalid JSON: Problem while parsing a string")},
+      {R"({"sm":{"\udfff":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"\ud800x":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"a\ud800":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"db":1e999})", u("invalid JSON: Problem while parsing a number")},
