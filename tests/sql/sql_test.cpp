@@ -112,6 +112,7 @@ class Db {
     return result.size() == 1 ? result[0] : "rows:" + std::to_string(result.size());
   }
   void exec(const std::string& sql) { ASSERT_EQ(one(sql), "rows:0") << sql; }
+  sqlite3* handle() { return db_; }
 
  private:
   sqlite3* db_ = nullptr;
@@ -333,6 +334,28 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
       });
   db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
   EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
+  // Another statement in progress names the function without calling it.
+  sqlite3_stmt* outer = nullptr;
+  sqlite3_prepare_v2(db.handle(), "SELECT 'ostrel_default_type' FROM (VALUES (1), (2))", -1, &outer,
+                     nullptr);
+  ASSERT_EQ(sqlite3_step(outer), SQLITE_ROW);
+  EXPECT_EQ(db.one("SELECT ostrel_default_type('a.M')").substr(0, 48),
+            "error:ostrel_default_type runs only from the app");
+  sqlite3_finalize(outer);
+  // A row the table gained by plain SQL inside a transaction is read when it ends: while it
+  // cannot be read, every call fails alike, none reads through the schemas of before.
+  std::string broken;
+  try {
+    schemaManifestFromJSON("{");
+  } catch (const Error& e) {
+    broken = error(e);
+  }
+  expectRows(db, {{"BEGIN", "rows:0"},
+                  {proto("package t; message T { int32 x = 1; }"), count(rich + 3 + 27 + 1)},
+                  {"INSERT INTO ostrel_schemas VALUES ('u.U', 1, '{')", "rows:0"},
+                  {"COMMIT", "rows:0"},
+                  {"SELECT P_GET(x'0805', 't.T', 'x')", broken},
+                  {"SELECT P_GET(x'0805', 't.T', 'x')", broken}});
 }
 
 // `levels` messages of `message N { N n = 1; }`, each inside the one before.
