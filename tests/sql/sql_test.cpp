@@ -331,6 +331,11 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
                  "google.protobuf.FieldOptions { int32 flag = 50000; }"),
            count(rich + 3 + 27)},
           {"SELECT P_GET(x'80b51807', 'google.protobuf.FieldOptions', 'flag')", "int:7"},
+          // Cleared, a packed run of a closed enum leaves the numbers it does not declare.
+          {"SELECT ostrel_register_proto('syntax = \"proto2\"; package l; enum E { A = 1; B = 2; "
+           "} message M { repeated E e = 1 [packed = true]; }')",
+           count(rich + 3 + 27 + 1)},
+          {"SELECT hex(P_SET(x'0a050163020a62', 'l.M', 'e', NULL))", "text:0A03630A62"},
       });
   db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
   EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
@@ -351,7 +356,7 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
     broken = error(e);
   }
   expectRows(db, {{"BEGIN", "rows:0"},
-                  {proto("package t; message T { int32 x = 1; }"), count(rich + 3 + 27 + 1)},
+                  {proto("package t; message T { int32 x = 1; }"), count(rich + 3 + 27 + 2)},
                   {"INSERT INTO ostrel_schemas VALUES ('u.U', 1, '{')", "rows:0"},
                   {"COMMIT", "rows:0"},
                   {"SELECT P_GET(x'0805', 't.T', 'x')", broken},
