@@ -67,3 +67,8 @@ SELECT p_get(r, 't.Rec', 'i64'), p_get(r, 't.Rec', chr(0)) FROM recs;
 -- Type and path from columns: each row reads with its own (A.v is set; A.w, B.v and B.w are not).
 SELECT ostrel_register_proto('syntax = "proto3"; package c; message A { int32 v = 1; string w = 2; } message B { int32 v = 3; string w = 4; }');
 SELECT list(p_has(unhex('0807'), t, p) ORDER BY i) FROM (VALUES (1, 'c.A', 'v'), (2, 'c.A', 'w'), (3, 'c.B', 'w'), (4, 'c.B', 'v'), (5, 'c.A', 'v')) x(i, t, p);
+-- A registration runs when its statement does, not when it is prepared.
+PREPARE q AS SELECT ostrel_register_proto('syntax = "proto3"; package e; message E { int32 x = 1; }');
+SELECT p_json(unhex('0801'), 'e.E');
+EXECUTE q;
+SELECT p_json(unhex('0801'), 'e.E');
