@@ -332,10 +332,14 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
            count(rich + 3 + 27)},
           {"SELECT P_GET(x'80b51807', 'google.protobuf.FieldOptions', 'flag')", "int:7"},
           // Cleared, a packed run of a closed enum leaves the numbers it does not declare.
-          {"SELECT ostrel_register_proto('syntax = \"proto2\"; package l; enum E { A = 1; B = 2; "
-           "} message M { repeated E e = 1 [packed = true]; }')",
-           count(rich + 3 + 27 + 1)},
+          {"SELECT ostrel_register_proto('syntax = \"proto2\"; package l; enum E { Z = 0; A = 1; B "
+           "= 2; "
+           "} message M { repeated E e = 1 [packed = true]; } message N { map<int32, E> m = 1; }')",
+           count(rich + 3 + 27 + 3)},
           {"SELECT hex(P_SET(x'0a050163020a62', 'l.M', 'e', NULL))", "text:0A03630A62"},
+          // Of a map whose values are a closed enum, an entry with an undeclared value is not
+          // the map's: {7: A} goes, {1: 99} stays.
+          {"SELECT hex(P_SET(x'0a04080710010a0408011063', 'l.N', 'm', NULL))", "text:0A0408011063"},
       });
   db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
   EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
@@ -356,7 +360,7 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
     broken = error(e);
   }
   expectRows(db, {{"BEGIN", "rows:0"},
-                  {proto("package t; message T { int32 x = 1; }"), count(rich + 3 + 27 + 2)},
+                  {proto("package t; message T { int32 x = 1; }"), count(rich + 3 + 27 + 4)},
                   {"INSERT INTO ostrel_schemas VALUES ('u.U', 1, '{')", "rows:0"},
                   {"COMMIT", "rows:0"},
                   {"SELECT P_GET(x'0805', 't.T', 'x')", broken},
