@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <span>
 
 #include "core/field_type_facts.hpp"
 #include "ostrel/paths/property_path.hpp"
@@ -431,8 +432,9 @@ void ProjectionPlan::scan(uint32_t levelIndex, Reader& reader, int64_t position,
   reader.setEndPosition(end);
   const auto* const data = reinterpret_cast<const uint8_t*>(reader.bytes().data());
   const int64_t size = reader.size();
-  const uint16_t* const dispatch = level.dispatch.data();
-  const uint64_t dispatchSize = level.dispatch.size();
+  // A span, not the vector: kept in registers across the stores into the row, and bounds-checked
+  // where the standard library's assertions are on.
+  const std::span<const uint16_t> dispatch(level.dispatch);
   const Action* const actions = level.actions.data();
   try {
     while (position < end) {
@@ -447,7 +449,7 @@ void ProjectionPlan::scan(uint32_t levelIndex, Reader& reader, int64_t position,
       } else {
         raw = reader.readVarint(position);
       }
-      uint32_t code = raw < dispatchSize ? dispatch[raw] : level.codeBeyond(raw);
+      uint32_t code = raw < dispatch.size() ? dispatch[raw] : level.codeBeyond(raw);
       if (code >= kFirstAction) {
         const Action& action = actions[code - kFirstAction];
         const uint32_t node = action.node;

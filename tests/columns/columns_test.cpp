@@ -83,7 +83,8 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
        "far.M",
        {"e"},
        none,
-       {"\x08\x88\x27", "\x08\x07"},
+       // The second record opens with field 16, the first number past the tag table.
+       {"\x08\x88\x27", "\x80\x01\x05\x08\x07"},
        {"\"FAR\"", "\"7\""}},
       {"an absent enum's default is its zero, not its lowest",
        "far.M",

@@ -82,8 +82,9 @@ std::string expectedText(const std::optional<AnyValue>& value) {
 class Db {
  public:
   explicit Db(const std::optional<std::string>& defaultType = kRich,
-              const SchemaManifest& manifest = richManifest()) {
-    sqlite3_open(":memory:", &db_);
+              const SchemaManifest& manifest = richManifest(), const char* file = ":memory:") {
+    sqlite3_open_v2(file, &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI,
+                    nullptr);
     registerSqliteFunctions(db_, manifest, defaultType);
   }
   ~Db() { sqlite3_close(db_); }
@@ -343,6 +344,13 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
       });
   db.exec("CREATE VIEW v AS SELECT ostrel_register_proto('package p; message P {}')");
   EXPECT_EQ(db.one("SELECT * FROM v"), "error:unsafe use of ostrel_register_proto()");
+  // A type another connection registers is found when it is first asked for.
+  Db first(std::nullopt, {}, "file:shared?mode=memory&cache=shared");
+  Db second(std::nullopt, {}, "file:shared?mode=memory&cache=shared");
+  expectRows(second,
+             {{"SELECT P_JSON(x'0801', 'x.X')", error(SchematizerError::schemaNotFound("x.X"))}});
+  expectRows(first, {{proto("package x; message X { int32 v = 1; }"), count(1)}});
+  expectRows(second, {{"SELECT P_JSON(x'0801', 'x.X')", "text:{\"v\":1}"}});
   // Another statement in progress names the function without calling it.
   sqlite3_stmt* outer = nullptr;
   sqlite3_prepare_v2(db.handle(), "SELECT 'ostrel_default_type' FROM (VALUES (1), (2))", -1, &outer,
