@@ -365,6 +365,14 @@ TEST(DescriptorSetImport, HandEncodedSets) {
                               lengthField(2, "x"))),
             packaged);
   EXPECT_EQ(importBytes(std::string_view()), SchemaManifest{});
+  // An Editions file's repeated_field_encoding (features 50.3: 1 PACKED, 2 EXPANDED) reaches a
+  // repeated int32 field.
+  for (const int encoding : {1, 2}) {
+    const SchemaManifest editions = importBytes(setOf(
+        lengthField(12, "editions") + lengthField(8, lengthField(50, varintField(3, encoding))) +
+        lengthField(4, lengthField(1, "M") + lengthField(2, fieldBytes() + varintField(4, 3)))));
+    EXPECT_EQ(editions.messages.at("M").fields.at("a").packed, encoding == 1) << encoding;
+  }
 }
 
 std::string nestedMessages(int depth) {

@@ -7,15 +7,9 @@
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -209,6 +203,7 @@ TEST(OstrelTool, UsageErrorsExitTwo) {
       {"$S get $O --provenance id", 2, "", "--provenance applies to --kafka"},
       {"$S encode $O --input hex", 2, "", "unknown option --input"},
       {"$S encode $O --output json", 2, "", "--output must be binary, hex or base64, not \"json\""},
+      {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
       {"$S encode $O --delimited --output hex", 2, "",
        "--delimited writes binary records; --output must be binary"},
       {"$S encode $O --fail-fast", 2, "", "--fail-fast applies to --delimited only"},
@@ -269,6 +264,7 @@ TEST(OstrelTool, SchemaAndDataErrorsExitOne) {
       {"$S json $O --input hex", 1, "", "input is not hex: odd number of digits", "0a0"},
       {"$S json $O --input hex", 1, "", "input is not hex: unexpected character 'g'", "0g"},
       {"$S json $O --input base64", 1, "", "input is not base64", "CO=k"},
+      {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
   });
 }
 
@@ -351,31 +347,6 @@ TEST(OstrelTool, Proto2GroupsAreRefusedSkippedOrRead) {
   });
   const ToolRun run = runTool("-s " + desc + " --skip-groups" + get, packed);
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 5) << run.err;
-}
-
-// text prints what Debian's protoc --decode prints, also for a record whose singular fields occur
-// twice (two orders concatenated), and encode --from text reads the bundled .txtpb files to the
-// bundled encodings, as protoc --encode does.
-TEST(OstrelTool, TextFormatIsProtocs) {
-  const std::string merged =
-      scratchFile("merged.bin", readFile(kOrder1) + readFile(OSTREL_EXAMPLES "/order2.bin"));
-  std::vector<Case> cases = {
-      {"$S encode $O --from text", 1, "", "unexpectedType: 1:5: Expected integer, got: x", "id: x"},
-      {"$S encode $O --from yaml", 2, "", "--from must be json or text, not \"yaml\""},
-  };
-  for (const std::string& input : {kOrder1, std::string(OSTREL_EXAMPLES "/order3.bin"), merged}) {
-    const std::string out = scratchFile("protoc.txt", "");
-    const std::string protoc = "protoc --decode=shop.Order -I " OSTREL_EXAMPLES " " + kShopProto +
-                               " < " + input + " > " + out;
-    ASSERT_EQ(std::system(protoc.c_str()), 0);
-    cases.push_back({"$S text $O -i " + input, 0, readFile(out)});
-  }
-  for (const std::string order : {"order1", "order2", "order3"}) {
-    const std::string example = OSTREL_EXAMPLES "/" + order;
-    cases.push_back(
-        {"$S encode $O --from text -i " + example + ".txtpb", 0, readFile(example + ".bin")});
-  }
-  expectCases(cases);
 }
 
 TEST(OstrelTool, DelimitedStreamsSkipBadRecordsAndNameThem) {
