@@ -24,22 +24,9 @@ using namespace ostrel::test;
 const std::string kSchema = OSTREL_TEST_GENERATED "/kafka_orders.desc";
 constexpr int64_t kTime = 1700000000000;
 
-// An envelope: magic 0, the id, the index path (the single byte 0 for {0}), then the payload.
-std::string envelope(int32_t id, const std::vector<int32_t>& path, bool zigzag,
-                     const std::string& payload) {
-  std::string out = "\0"s;
-  for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>((id >> shift) & 0xFF);
-  const auto varint = [&](int32_t n) {
-    out += static_cast<char>(zigzag ? n * 2 : n);  // every count and index here is under 64
-  };
-  if (path == std::vector<int32_t>{0}) {
-    out += '\0';
-  } else {
-    varint(static_cast<int32_t>(path.size()));
-    for (const int32_t index : path) varint(index);
-  }
-  return out + payload;
-}
+// Confluent envelopes: magic 0, the schema id in four bytes, the index path (its length, then
+// each index, as zigzag varints unless unsigned; the single byte 0 for [0]), then the payload.
+const std::string kId1 = "\0\0\0\0\1"s;
 
 // An Order, an Order.Line or a Refund (whose reason is "late").
 template <typename Message>
@@ -106,17 +93,17 @@ class MockCluster {
 
 TEST(KafkaTopic, ReadBackAsProduced) {
   MockCluster cluster;
-  const std::string header = "\0\0\0\0\x01\x02\x02"s;  // id 1, path [1]
+  const std::string header = kId1 + "\2\2";  // path [1]
   const std::vector<Produced> records = {
-      {envelope(1, {0}, true, order("o-1", 10)), "a"},
-      {envelope(1, {1}, true, refund("r-1", -4)), "b"},
-      {envelope(1, {0, 0}, true, line("l-1", 3)), "c"},
+      {kId1 + "\0"s + order("o-1", 10), "a"},
+      {kId1 + "\2\2" + refund("r-1", -4), "b"},
+      {kId1 + "\4\0\0"s + line("l-1", 3), "c"},
       {refund("r-2", 7), "d", header},
       {std::nullopt, "gone"},
       {"\x0a\x01x"s, "e"},
-      {envelope(9, {0}, true, order("o-2", 1)), "f"},
-      {envelope(1, {2}, true, order("o-3", 1)), "g"},
-      {envelope(1, {0}, true, order("o-4", 20)), "h"},
+      {"\0\0\0\0\x09\0"s + order("o-2", 1), "f"},
+      {kId1 + "\2\4" + order("o-3", 1), "g"},
+      {kId1 + "\0"s + order("o-4", 20), "h"},
   };
   cluster.produce("orders", records);
   const std::string topic = " --kafka " + cluster.bootstraps() +
@@ -164,8 +151,8 @@ TEST(KafkaTopic, ReadBackAsProduced) {
 
 TEST(KafkaTopic, UnsignedIndexFormAndOneType) {
   MockCluster cluster;
-  cluster.produce("legacy", {{envelope(5, {1}, false, refund("r-9", 2)), "k"},
-                             {envelope(5, {0, 0}, false, line("l-9", 4)), "k"}});
+  cluster.produce("legacy", {{"\0\0\0\0\5\1\1"s + refund("r-9", 2), "k"},
+                             {"\0\0\0\0\5\2\0\0"s + line("l-9", 4), "k"}});
   const std::string tool = "get --kafka " + cluster.bootstraps() +
                            " --topic legacy --framing confluent --confluent-indexes unsigned ";
   const ToolRun read = runTool(tool + "--schema-id 5=" + kSchema + " id --format csv");

@@ -365,6 +365,14 @@ TEST(DescriptorSetImport, HandEncodedSets) {
                               lengthField(2, "x"))),
             packaged);
   EXPECT_EQ(importBytes(std::string_view()), SchemaManifest{});
+  // An Editions file's repeated_field_encoding (features 50.3: 1 PACKED, 2 EXPANDED) reaches a
+  // repeated int32 field.
+  for (const int encoding : {1, 2}) {
+    const SchemaManifest editions = importBytes(setOf(
+        lengthField(12, "editions") + lengthField(8, lengthField(50, varintField(3, encoding))) +
+        lengthField(4, lengthField(1, "M") + lengthField(2, fieldBytes() + varintField(4, 3)))));
+    EXPECT_EQ(editions.messages.at("M").fields.at("a").packed, encoding == 1) << encoding;
+  }
 }
 
 std::string nestedMessages(int depth) {
@@ -462,7 +470,9 @@ SchemaManifest withBuiltin(const SchemaManifest& manifest) {
   return merged;
 }
 
-TEST(SchemaManifestFromData, DecodesEachFormatOrFailsWithItsReadersError) {
+// Each format is decoded by its reader, whose errors pass through as they are (the importers'
+// tests); a store of the manifest holds it beside the built-in one.
+TEST(SchemaManifestFromData, DecodesEachFormat) {
   const SchemaManifest rich = importBytes(readGenerated("rich.desc"));
   for (const SchemaManifestData& data :
        {SchemaManifestData{SchemaManifestType::dscProto, readGenerated("rich.desc")},
@@ -470,16 +480,6 @@ TEST(SchemaManifestFromData, DecodesEachFormatOrFailsWithItsReadersError) {
     EXPECT_EQ(schemaManifestFromData(data), rich);
     EXPECT_EQ(fullManifest(SchemaStore(schemaManifestFromData(data))), withBuiltin(rich));
   }
-  EXPECT_EQ(catchError([] {
-              schemaManifestFromData({SchemaManifestType::jsonProto, toBytes("{\"messages\": 3}")});
-            }),
-            SchemaManifestJSONError::invalidValueType("messages: expected an object"));
-  EXPECT_EQ(
-      catchError([] {
-        schemaManifestFromData({SchemaManifestType::dscProto, readGenerated("import/group.desc")});
-      }),
-      SchemaManifestDSCError::invalidValueType("Group is deprecated"));
-  EXPECT_EQ(fullManifest(SchemaStore(SchemaManifest{})), builtinDescriptorManifest());
 }
 
 // A store of another implementation, forwarding to a library store.
@@ -731,16 +731,9 @@ TEST(Proto2Import, GroupsAreLeftOutOnRequestAndExtensionsSharingANameAreBothKept
     EXPECT_FALSE(manifest.messages.at("ostrel.proto2.Legacy.Header").fields.contains("entry"));
     EXPECT_TRUE(manifest.messages.contains("ostrel.proto2.Legacy.Header.Entry"));
     EXPECT_TRUE(manifest.messages.contains("ostrel.proto2.Marker"));
-    // Extensions sharing a simple name are both kept under their full names; one named like a
-    // field of the message leaves the field its name. Each knows its full name.
-    EXPECT_EQ(fields.at("ostrel.proto2.First.message_set_extension"),
-              (FieldManifest{.type = TypeManifest::message,
-                             .typeName = "ostrel.proto2.First",
-                             .fieldNumber = 1547769}));
-    EXPECT_EQ(fields.at("ostrel.proto2.Second.message_set_extension").fieldNumber, 4135312);
-    EXPECT_EQ(fields.at("note").fieldNumber, 9);
+    // Each extension knows its full name, not the field it shares a simple name with. (Their keys
+    // and numbers: the next test reads and writes data by them.)
     EXPECT_EQ(fields.at("note").extensionName, std::nullopt);
-    EXPECT_EQ(fields.at("ostrel.proto2.note").fieldNumber, 111);
     EXPECT_EQ(fields.at("ostrel.proto2.note").extensionName, "ostrel.proto2.note");
     EXPECT_EQ(fields.at("ext_values").extensionName, "ostrel.proto2.ext_values");
   }
@@ -763,9 +756,6 @@ TEST(Proto2Import, SchemasWithoutGroupsReadAndWriteTheirData) {
                 "Schema \"ostrel.proto2.Legacy\" property with name \"message_set_extension\" is "
                 "ambiguous between ostrel.proto2.First.message_set_extension and "
                 "ostrel.proto2.Second.message_set_extension"));
-  EXPECT_EQ(catchError([&] { legacy.fieldNamed("absent"); }),
-            SchematizerError::fieldNotFound(
-                "Schema \"ostrel.proto2.Legacy\" property with name \"absent\""));
   EXPECT_EQ(legacy.fieldWithNumber(4135312).name(), "ostrel.proto2.Second.message_set_extension");
 
   proto2::Legacy message;

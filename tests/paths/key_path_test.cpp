@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/paths/property_path.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "support/test_support.hpp"
@@ -11,24 +12,12 @@ namespace {
 using testing_support::bytesOf;
 using testing_support::catchError;
 
-// a.Root { int32 x = 1; a.Node node = 2; repeated a.Node nodes = 3; repeated int32 r = 4;
-//          a.Kind kind = 5; }  a.Node { string name = 1; a.Node next = 2; }
 MessageSchema root() {
-  static const SchemaStore store = [] {
-    SchemaManifest manifest;
-    MessageManifest& root = manifest.messages["a.Root"];
-    root.fields["x"] = {.type = TypeManifest::int32, .fieldNumber = 1};
-    root.fields["node"] = {.type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 2};
-    root.fields["nodes"] = {
-        .type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 3, .isRepeated = true};
-    root.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
-    root.fields["kind"] = {.type = TypeManifest::enum_, .typeName = "a.Kind", .fieldNumber = 5};
-    MessageManifest& node = manifest.messages["a.Node"];
-    node.fields["name"] = {.type = TypeManifest::string, .fieldNumber = 1};
-    node.fields["next"] = {.type = TypeManifest::message, .typeName = "a.Node", .fieldNumber = 2};
-    manifest.enums["a.Kind"].values = {{"LEAF", 0}, {"TREE", 1}};
-    return SchemaStore(manifest);
-  }();
+  static const SchemaStore store(schemaManifestFromProtoText(R"(syntax = "proto3"; package a;
+      message Root { int32 x = 1; Node node = 2; repeated Node nodes = 3; repeated int32 r = 4;
+                     Kind kind = 5; }
+      message Node { string name = 1; Node next = 2; }
+      enum Kind { LEAF = 0; TREE = 1; })"));
   return store.messageSchema("a.Root");
 }
 

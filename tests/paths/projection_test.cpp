@@ -48,6 +48,8 @@ struct Case {
   Bytes bytes;
   // Per path: the single read's answer, as outcome() writes it.
   std::vector<std::pair<std::string, std::string>> answers;
+  // What follows the record in memory, which the projection must not read.
+  Bytes beyond = {};
 };
 
 TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
@@ -109,6 +111,10 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
          thrown(SchematizerError::protocolBufferError(
              "Element at intermediate path must have length delimited wire type (message)"))},
         {"color", "enum(ostrel.test.Color(1))"}}},
+      {"a message running past the record's end is malformed there",
+       bytesOf({0x0a, 5}),
+       {{"mid.note", malformed}},
+       bytesOf({0x25})},  // read as a tag, field 4 of 4 bytes would end the message
   };
   for (const auto& [schema, cases] :
        {std::pair(legacyStore.messageSchema("ostrel.legacy.Unpacked"), &unpacked),
@@ -120,7 +126,9 @@ TEST(ProjectionTest, HandEncodedRecordsAnswerAsTheSingleReads) {
       for (const auto& answer : row.answers) paths.push_back(answer.first);
       const Projection projection(schema, paths);
       ProjectionRow answers = projection.makeRow();
-      projection.read(row.bytes, answers);
+      Bytes buffer = row.bytes;
+      buffer.insert(buffer.end(), row.beyond.begin(), row.beyond.end());
+      projection.read(ByteView(buffer).first(row.bytes.size()), answers);
       for (size_t i = 0; i < paths.size(); ++i) {
         SCOPED_TRACE(paths[i]);
         // The expectation is the single read's, so that the table cannot drift from it.

@@ -44,13 +44,6 @@ std::string work(const Bytes& richSet, const Bytes& descriptorSet, const std::st
     const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
     const SchematizedData data = rich.schematizedData(message);
     EXPECT_EQ(data.value("mids[0].leaves[0].codes[0]"), AnyValue(int32_t{9}));
-    // Reads with scalar types need no store: every thread reads the one shared buffer.
-    Schematizer::RepeatableFieldIterator sints(
-        Schematizer::value(asBytes(message), 3,
-                           TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::bytes)))
-            ->bytesValue(),
-        18, TypeSchema(TypeSchemaDescription::scalar(TypeSchema::Case::sint64)));
-    EXPECT_EQ(sints.next(), AnyValue(int64_t{-3}));
 
     const SchemaStore full = SchemaStore(
         schemaManifestFromData({.type = SchemaManifestType::dscProto, .data = descriptorSet}));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "support/test_support.hpp"
 
@@ -10,28 +11,21 @@ using testing_support::catchError;
 
 // shop.Order: fields numbered out of name order, two oneofs declared out of text order.
 SchemaManifest orderManifest() {
-  SchemaManifest manifest;
-  MessageManifest& order = manifest.messages["shop.Order"];
-  order.fields["zeta"] = {.type = TypeManifest::string, .fieldNumber = 1};
-  order.fields["alpha"] = {.type = TypeManifest::int32, .fieldNumber = 3};
-  order.fields["mid"] = {.type = TypeManifest::uint64, .fieldNumber = 2, .oneofIndex = 0};
-  order.fields["card"] = {.type = TypeManifest::string, .fieldNumber = 5, .oneofIndex = 0};
-  order.fields["cash"] = {.type = TypeManifest::bool_, .fieldNumber = 4, .oneofIndex = 1};
-  order.fields["item"] = {.type = TypeManifest::message, .typeName = "shop.Item", .fieldNumber = 6};
-  order.fields["state"] = {.type = TypeManifest::enum_, .typeName = "shop.State", .fieldNumber = 7};
-  order.oneofs = {{.name = "payment"}, {.name = "delivery"}};
-  manifest.messages["shop.Item"].fields["sku"] = {.type = TypeManifest::string, .fieldNumber = 1};
-  manifest.messages["shop.Empty"];
-  manifest.messages["shop.Broken"].fields["dangling"] = {
-      .type = TypeManifest::message, .typeName = "shop.Missing", .fieldNumber = 1};
-  manifest.messages["shop.Broken"].fields["untyped"] = {.type = TypeManifest::message,
-                                                        .fieldNumber = 2};
-  manifest.messages["shop.Broken"].fields["unnamedEnum"] = {.type = TypeManifest::enum_,
-                                                            .fieldNumber = 3};
-  manifest.messages["shop.Broken"].fields["relative"] = {
-      .type = TypeManifest::message, .typeName = ".shop.Item", .fieldNumber = 4};
-  manifest.enums["shop.State"].values = {{"OPEN", 0}, {"PAID", 1}, {"SETTLED", 1}};
-  return manifest;
+  return schemaManifestFromJSON(R"({"messages": {
+    "shop.Order": {"oneofs": [{"name": "payment"}, {"name": "delivery"}], "fields": {
+      "zeta": {"type": "string", "fieldNumber": 1}, "alpha": {"type": "int", "fieldNumber": 3},
+      "mid": {"type": "uint64", "fieldNumber": 2, "oneofIndex": 0},
+      "card": {"type": "string", "fieldNumber": 5, "oneofIndex": 0},
+      "cash": {"type": "bool", "fieldNumber": 4, "oneofIndex": 1},
+      "item": {"type": "schema", "typeName": "shop.Item", "fieldNumber": 6},
+      "state": {"type": "enum", "typeName": "shop.State", "fieldNumber": 7}}},
+    "shop.Item": {"fields": {"sku": {"type": "string", "fieldNumber": 1}}}, "shop.Empty": {},
+    "shop.Broken": {"fields": {
+      "dangling": {"type": "schema", "typeName": "shop.Missing", "fieldNumber": 1},
+      "untyped": {"type": "schema", "fieldNumber": 2},
+      "unnamedEnum": {"type": "enum", "fieldNumber": 3},
+      "relative": {"type": "schema", "typeName": ".shop.Item", "fieldNumber": 4}}}},
+    "enums": {"shop.State": {"values": {"OPEN": 0, "PAID": 1, "SETTLED": 1}}}})");
 }
 
 // Names listed in their fixed orders; fields, oneofs and enum values looked up by name and number,

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
@@ -18,15 +19,12 @@ FieldManifest scalar(TypeManifest type, int64_t number) {
 }
 
 SchemaManifest shopManifest() {
-  SchemaManifest manifest;
-  MessageManifest& order = manifest.messages["shop.Order"];
-  order.fields["id"] = scalar(TypeManifest::uint64, 1);
-  order.fields["item"] = {
-      .type = TypeManifest::message, .typeName = "shop.Item", .fieldNumber = 2, .isRepeated = true};
-  order.fields["state"] = {.type = TypeManifest::enum_, .typeName = "shop.State", .fieldNumber = 3};
-  manifest.messages["shop.Item"].fields["sku"] = scalar(TypeManifest::string, 1);
-  manifest.enums["shop.State"].values = {{"OPEN", 0}, {"PAID", 1}};
-  return manifest;
+  return schemaManifestFromJSON(R"({"messages": {"shop.Order": {"fields": {
+      "id": {"type": "uint64", "fieldNumber": 1},
+      "item": {"type": "schema", "typeName": "shop.Item", "fieldNumber": 2, "isRepeated": true},
+      "state": {"type": "enum", "typeName": "shop.State", "fieldNumber": 3}}},
+    "shop.Item": {"fields": {"sku": {"type": "string", "fieldNumber": 1}}}},
+    "enums": {"shop.State": {"values": {"OPEN": 0, "PAID": 1}}}})");
 }
 
 TEST(SchemaStoreTest, UnknownNamesAreReportedAsAskedFor) {
