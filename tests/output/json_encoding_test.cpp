@@ -193,10 +193,14 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
 }
 
 // Fields without presence of their own are left out when they hold their default, as ProtoJSON
-// parsers leave them; fields with presence (oneof members, proto3 optional, messages) are kept.
+// parsers leave them; fields with presence (oneof members, proto3 optional, messages,
+// extensions) are kept.
 TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
   SchemaManifest manifest = testing_support::generatedManifest("rich.desc");
   manifest.merge(testing_support::generatedManifest("well_known.desc"), MergePolicy::keepExisting);
+  manifest.merge(schemaManifestFromProtoText("syntax = \"proto2\"; message M { extensions 1; }"
+                                             " extend M { optional int32 x = 1; }"),
+                 MergePolicy::keepExisting);
   const SchemaStore store(manifest);
   const struct {
     std::string type;
@@ -210,6 +214,7 @@ TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
       {"ostrel.test.Rich", R"({"name":"","maybe":0,"counts":{"":0}})",
        R"({"name":"","counts":{"":0},"maybe":0})"},
       {"ostrel.test.wkt.Holder", R"({"null_value":null,"nulls":[null]})", R"({"nulls":[null]})"},
+      {"M", R"({"[x]":0})", R"({"[x]":0})"},  // an extension, its member named however short
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.json);

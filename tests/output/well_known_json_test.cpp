@@ -70,6 +70,13 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
     EXPECT_TRUE(comparison.equal(message, parse(parseJSON(holder_, text))))
         << comparison.differences();
   }
+  // A well-known type packed in an Any is its "value" member, indented as the "@type" one.
+  const wkt::Holder any =
+      holder("any { [type.googleapis.com/google.protobuf.Duration] { seconds: 1 } }");
+  EXPECT_EQ(
+      renderJSON(holder_.schematizedData(any.SerializeAsString()), {.style = JsonStyle::indented}),
+      "{\n  \"any\": {\n    \"@type\": \"type.googleapis.com/google.protobuf.Duration\",\n"
+      "    \"value\": \"1s\"\n  }\n}");
 }
 
 // The Anys packed in one another count toward the hundred messages a rendering nests at most.
