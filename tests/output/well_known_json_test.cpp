@@ -52,14 +52,10 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
       {"timestamp { seconds: -62135596800 }", R"({"timestamp":"0001-01-01T00:00:00Z"})"},
       {"timestamp { seconds: 253402300799 nanos: 999999999 }",
        R"({"timestamp":"9999-12-31T23:59:59.999999999Z"})"},
-      {"timestamp { seconds: -1 nanos: 1000000 }", R"({"timestamp":"1969-12-31T23:59:59.001Z"})"},
       {"timestamp { seconds: 951782400 nanos: 1000 }",
        R"({"timestamp":"2000-02-29T00:00:00.000001Z"})"},
-      {"duration { nanos: -999999999 }", R"({"duration":"-0.999999999s"})"},
       {"duration { seconds: 315576000000 nanos: 999999999 }",
        R"({"duration":"315576000000.999999999s"})"},
-      {"field_mask {}", R"({"field_mask":""})"},
-      {"field_mask { paths: 'a_a' paths: 'z_z.y' }", R"({"field_mask":"aA,zZ.y"})"},
   };
   testing_support::MessageComparison comparison;
   for (const auto& [proto, expected] : rows) {
