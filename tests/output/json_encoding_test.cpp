@@ -94,6 +94,12 @@ TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   for (int i = 1; i < 202; ++i) path += ".child";
   EXPECT_EQ(catchError([&] { parseJSON(node, nested(202)); }),
             SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
+  // Messages eight deep, where the whole text is checked before the encoder goes deeper: it is
+  // checked once, not again for each of them (which would take minutes for this text).
+  const std::string wide = testing_support::repeated(R"({"child":)", 7) + R"({"rm":[{})" +
+                           testing_support::repeated(",{}", 19999) + "]}" +
+                           testing_support::repeated("}", 7);
+  EXPECT_EQ(renderJSON(parseJSON(store.messageSchema("t.Sample"), wide)), wide);
   // The path counts the elements and names the members before the deep one.
   path = "$.rm[1].ri[1]";
   for (int i = 0; i < 197; ++i) path += "[0]";
