@@ -56,6 +56,8 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
        R"({"timestamp":"2000-02-29T00:00:00.000001Z"})"},
       {"duration { seconds: 315576000000 nanos: 999999999 }",
        R"({"duration":"315576000000.999999999s"})"},
+      // The ends of the letters that may follow an underscore.
+      {"field_mask { paths: 'a_a' paths: 'z_z.y' }", R"({"field_mask":"aA,zZ.y"})"},
   };
   testing_support::MessageComparison comparison;
   for (const auto& [proto, expected] : rows) {
