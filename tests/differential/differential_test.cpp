@@ -19,9 +19,7 @@
 #include <google/protobuf/duration.pb.h>
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/field_mask.pb.h>
-#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/tokenizer.h>
-#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/struct.pb.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/timestamp.pb.h>
@@ -58,6 +56,7 @@ namespace pb = google::protobuf;
 namespace wkt = test::wkt;
 using Field = pb::FieldDescriptor;
 using nlohmann::json;
+using testing_support::deterministic;
 
 constexpr int64_t kMinSeconds = -62135596800;
 constexpr int64_t kMaxSeconds = 253402300799;
@@ -252,15 +251,6 @@ std::vector<std::string> occurrences(const pb::Message& message, const Field* fi
     }
   }
   return out;
-}
-
-std::string deterministic(const pb::Message& message) {
-  std::string bytes;
-  pb::io::StringOutputStream stream(&bytes);
-  pb::io::CodedOutputStream coded(&stream);
-  coded.SetSerializationDeterministic(true);
-  message.SerializePartialToCodedStream(&coded);
-  return bytes;
 }
 
 // Map entries ("message:" and their bytes) written again deterministically and sorted: the order

@@ -4,8 +4,6 @@
 
 #include "ostrel/edit/rewrite.hpp"
 
-#include <google/protobuf/io/coded_stream.h>
-#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -14,6 +12,7 @@
 #include "ostrel/core/errors.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "rich.pb.h"
+#include "support/reflected_value.hpp"
 #include "support/test_support.hpp"
 #include "support/wire.hpp"
 
@@ -86,13 +85,7 @@ TEST(RewriteTest, NormalizesOccurrencesOfAnotherWireTypeAsLibprotobuf) {
   SchemaStore store(testing_support::generatedManifest("rich.desc"));
   const auto canonical = [](google::protobuf::Message&& message, const std::string& bytes) {
     EXPECT_TRUE(message.ParseFromString(bytes));
-    std::string out;
-    google::protobuf::io::StringOutputStream stream(&out);
-    google::protobuf::io::CodedOutputStream coded(&stream);
-    coded.SetSerializationDeterministic(true);
-    message.SerializeToCodedStream(&coded);
-    coded.Trim();
-    return out;
+    return testing_support::deterministic(message);
   };
   const struct {
     const char* type;

@@ -94,6 +94,12 @@ TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   for (int i = 1; i < 202; ++i) path += ".child";
   EXPECT_EQ(catchError([&] { parseJSON(node, nested(202)); }),
             SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
+  // Messages eight deep, where the whole text is checked before the encoder goes deeper: it is
+  // checked once, not again for each of them (which would take minutes for this text).
+  const std::string wide = testing_support::repeated(R"({"child":)", 7) + R"({"rm":[{})" +
+                           testing_support::repeated(",{}", 19999) + "]}" +
+                           testing_support::repeated("}", 7);
+  EXPECT_EQ(renderJSON(parseJSON(store.messageSchema("t.Sample"), wide)), wide);
   // The path counts the elements and names the members before the deep one.
   path = "$.rm[1].ri[1]";
   for (int i = 0; i < 197; ++i) path += "[0]";
@@ -193,10 +199,14 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
 }
 
 // Fields without presence of their own are left out when they hold their default, as ProtoJSON
-// parsers leave them; fields with presence (oneof members, proto3 optional, messages) are kept.
+// parsers leave them; fields with presence (oneof members, proto3 optional, messages,
+// extensions) are kept.
 TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
   SchemaManifest manifest = testing_support::generatedManifest("rich.desc");
   manifest.merge(testing_support::generatedManifest("well_known.desc"), MergePolicy::keepExisting);
+  manifest.merge(schemaManifestFromProtoText("syntax = \"proto2\"; message M { extensions 1; }"
+                                             " extend M { optional int32 x = 1; }"),
+                 MergePolicy::keepExisting);
   const SchemaStore store(manifest);
   const struct {
     std::string type;
@@ -210,6 +220,7 @@ TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
       {"ostrel.test.Rich", R"({"name":"","maybe":0,"counts":{"":0}})",
        R"({"name":"","counts":{"":0},"maybe":0})"},
       {"ostrel.test.wkt.Holder", R"({"null_value":null,"nulls":[null]})", R"({"nulls":[null]})"},
+      {"M", R"({"[x]":0})", R"({"[x]":0})"},  // an extension, its member named however short
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.json);

