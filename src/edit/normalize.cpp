@@ -46,7 +46,7 @@ void writeUnknown(ByteView message, const Occurrence& occurrence, int depth, Wir
       return;
     }
     case ProtoWireType::startGroup: {
-      if (depth >= kMaxEditDepth) throw tooDeep();
+      if (depth > kMaxEditDepth) throw tooDeep();
       const ByteView payload = occurrence.payload(message);
       forEachOccurrence(
           payload, [&](const Occurrence& inner) { writeUnknown(payload, inner, depth + 1, out); });

@@ -107,6 +107,29 @@ TEST(RewriteTest, NormalizesOccurrencesOfAnotherWireTypeAsLibprotobuf) {
   }
 }
 
+// Unknown groups nest as far as protobuf's parse lets them, at the top and inside a message:
+// one level more is refused.
+TEST(RewriteTest, NormalizesUnknownGroupsNestedAsFarAsLibprotobufParses) {
+  SchemaStore store(testing_support::generatedManifest("rich.desc"));
+  const MessageSchema rich = store.messageSchema("ostrel.test.Rich");
+  for (const bool inMid : {false, true}) {
+    for (int levels = 97; levels <= 102; ++levels) {
+      Wire groups;
+      for (int i = 0; i < levels; ++i) groups.tag(900, Wire::startGroup);
+      for (int i = 0; i < levels; ++i) groups.tag(900, Wire::endGroup);
+      const std::string bytes =
+          inMid ? Wire().bytesField(1, groups.bytes()).bytes() : groups.bytes();
+      SCOPED_TRACE(std::to_string(levels) + (inMid ? " in mid" : ""));
+      if (test::Rich().ParseFromString(bytes)) {
+        EXPECT_EQ(normalizeRecord(rich, toBytes(bytes)), toBytes(bytes));
+      } else {
+        EXPECT_EQ(testing_support::catchError([&] { normalizeRecord(rich, toBytes(bytes)); }),
+                  SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+      }
+    }
+  }
+}
+
 // A map entry is a message of its own, as protobuf's parse counts them: 50 levels of a map whose
 // values are maps are a hundred messages.
 TEST(RewriteTest, NestsAtMostAHundredMessagesCountingMapEntries) {
