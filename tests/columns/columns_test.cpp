@@ -67,8 +67,8 @@ struct OptionRow {
 TEST(ColumnsTest, OptionsShapeTheColumns) {
   const SchemaStore richStore(testing_support::generatedManifest("rich.desc"));
   const SchemaStore wktStore(testing_support::generatedManifest("well_known.desc"));
-  // repeats { r_int32: [1, 2] packed, then [3] packed }
-  const std::string twoRuns("\x1a\x07\x2a\x02\x01\x02\x2a\x01\x03", 9);
+  // repeats { r_int32: [1, 2] packed, an empty run, then [3] packed }
+  const std::string twoRuns("\x1a\x09\x2a\x02\x01\x02\x2a\x00\x2a\x01\x03", 11);
   // An enum whose numbers span more than a small range, its lowest below its zero.
   const SchemaStore farStore(schemaManifestFromProtoText(
       "syntax = \"proto3\"; package far;"

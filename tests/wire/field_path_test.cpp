@@ -111,6 +111,11 @@ TEST(ForEachValueTest, VisitsEveryValueOfOneField) {
   EXPECT_EQ(visitAll(bytesOf({0x22, 0, 0x22, 1, 0x7f}), "r"), V{127});
   EXPECT_EQ(visitAll(bytesOf({0x32, 0, 0x08, 1}), "d"), V{});
   EXPECT_EQ(visitAll(bytesOf({0x28, 1, 0x28, 2}), "single"), V{1});
+  // Iterated exactly, an empty run among the elements is passed over.
+  Schematizer::RepeatableFieldIterator exact(bytesOf({0x20, 1, 0x22, 0, 0x22, 1, 2}), 4,
+                                             messageM().fieldNamed("r").type(), ReadMode::exact);
+  for (const int32_t expected : {1, 2}) EXPECT_EQ(exact.next()->int32Value(), expected);
+  EXPECT_FALSE(exact.next());
   // An element running over its run's end is malformed and is not visited.
   V seen;
   EXPECT_EQ(catchError([&] {
