@@ -194,6 +194,16 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
          m.mutable_repeats()->add_r_int32(2);
        })},
        {"\"n\" | 1", "\"n\" | 2"}},
+      {"[*] below a message",
+       "ostrel.test.Rich",
+       {"mid.leaves[*].id"},
+       none,
+       {rich([](test::Rich& m) {
+          m.mutable_mid()->add_leaves()->set_id(1);
+          m.mutable_mid()->add_leaves()->set_id(2);
+        }),
+        empty},
+       {"[1,2]", "null"}},
       {"a failing record as a row of nulls",
        "ostrel.test.Rich",
        {"name", "mids"},
