@@ -222,6 +222,10 @@ TEST(FirstOfTest, FindsTheFirstPresentMember) {
   const int64_t path[] = {1};
   EXPECT_EQ(ProtoFirstOfHelper::firstOf(members, path, bytesOf({0x0a, 2, 0x10, 1})), 2);
   EXPECT_EQ(ProtoFirstOfHelper::firstOf(members, path, bytesOf({0x10, 1})), std::nullopt);
+  // Through a group: only its own fields, not the one after its end.
+  EXPECT_EQ(ProtoFirstOfHelper::firstOf(members, path, bytesOf({0x0b, 0x08, 1, 0x0c, 0x10, 1})),
+            std::nullopt);
+  EXPECT_EQ(ProtoFirstOfHelper::firstOf(members, path, bytesOf({0x0b, 0x18, 1, 0x0c, 0x10, 1})), 3);
   EXPECT_EQ(catchError([&] {
               ProtoFirstOfHelper::firstOf(members, path, bytesOf({0x08, 1}));
             }),
