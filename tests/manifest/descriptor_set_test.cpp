@@ -663,6 +663,8 @@ TEST(ProtoFileImport, ErrorsNameFileLineAndColumn) {
        "first.proto:1:42: Expected field number."},
       {write("imports.proto", "syntax = \"proto3\";\nimport \"missing.proto\";\n"),
        "missing.proto: File not found."},
+      {write("weak.proto", "syntax = \"proto3\";\nimport weak \"missing.proto\";\n"),
+       "missing.proto: File not found."},
       {"absent.proto", "absent.proto: File not found."},
   };
   for (const auto& [file, expected] : rows) {

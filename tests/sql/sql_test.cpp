@@ -448,6 +448,9 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT hex(P_NORMALIZE(x'58020a00'))", "text:0A005802"},
           {"SELECT P_SET(x'5801', 'mids[0].note', 'x')",
            error(SchematizerError::invalidIndexInKeypath())},
+          // A map key, bare or as a JSON string.
+          {"SELECT hex(P_SET(x'', 'counts[k]', 5))", "text:42050A016B1005"},
+          {"SELECT hex(P_SET(x'', 'counts[\"k]\"]', 5))", "text:42060A026B5D1005"},
           // A map key past the path: bare up to an unclosed bracket, or quoted but not JSON.
           {"SELECT P_SET(x'', 'counts[a', 1)",
            error(PropertyPathUtil::Error::missingIndex("counts[a", 7))},
