@@ -154,6 +154,7 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"sm":{"\udfff":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"\ud800x":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"a\ud800":1}})", u("invalid JSON: Problem while parsing a string")},
+      {R"({"db\q":1})", u("invalid JSON: Problem while parsing a string")},
       {R"({"db":1e999})", u("invalid JSON: Problem while parsing a number")},
       {R"({"db":1.e5})", u("invalid JSON: Problem while parsing a number")},
       {R"({"db":0.)" + std::string(400, '1') + "e400}",
