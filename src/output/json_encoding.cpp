@@ -399,7 +399,7 @@ class KeyHashes {
     for (size_t group = 1; group < start.size(); ++group) start[group] += start[group - 1];
     std::vector<uint64_t> grouped(count_);
     {
-      std::vector<size_t> next(start.begin(), start.end() - 1);
+      std::vector<size_t> next(start);
       for (const uint64_t hash : many_) grouped[next[groupOf(hash)]++] = hash;
     }
     std::vector<uint64_t> table;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <map>
 
 #include "ostrel/core/errors.hpp"
@@ -14,10 +15,11 @@ constexpr std::string_view kPackage = "google.protobuf.";
 constexpr int64_t kSecondsPerDay = 86400;
 
 // Days since 1970-01-01 of a date of the proleptic Gregorian calendar, and back (after Howard
-// Hinnant's algorithms: eras of 400 years, March-based years so that leap days come last).
+// Hinnant's algorithms: eras of 400 years, March-based years so that leap days come last). Only
+// the years 1 to 9999 come here, so no era is negative.
 int64_t daysFromCivil(int64_t year, unsigned month, unsigned day) {
   year -= month <= 2;
-  const int64_t era = (year >= 0 ? year : year - 399) / 400;
+  const int64_t era = year / 400;
   const auto yearOfEra = static_cast<unsigned>(year - era * 400);
   const unsigned dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
   const unsigned dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
@@ -26,7 +28,7 @@ int64_t daysFromCivil(int64_t year, unsigned month, unsigned day) {
 
 void civilFromDays(int64_t days, int64_t& year, unsigned& month, unsigned& day) {
   days += 719468;
-  const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+  const int64_t era = days / 146097;
   const auto dayOfEra = static_cast<unsigned>(days - era * 146097);
   const unsigned yearOfEra =
       (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
@@ -218,8 +220,8 @@ std::string formatDuration(SecondsAndNanos duration) {
   checkDuration(duration);
   std::string out;
   if (duration.seconds < 0 || duration.nanos < 0) out.push_back('-');
-  appendDigits(out, duration.seconds < 0 ? -duration.seconds : duration.seconds, 1);
-  appendFraction(out, duration.nanos < 0 ? -duration.nanos : duration.nanos);
+  appendDigits(out, std::abs(duration.seconds), 1);
+  appendFraction(out, std::abs(duration.nanos));
   out.push_back('s');
   return out;
 }

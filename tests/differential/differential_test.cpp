@@ -36,6 +36,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <ranges>
 
 #include "ostrel/ostrel.hpp"
 #include "proto2_record.pb.h"
@@ -1208,6 +1209,131 @@ TEST_P(DifferentialTest, NormalizesMergesAndEditsAsLibprotobuf) {
   }
   EXPECT_GT(edits, static_cast<size_t>(count));
   EXPECT_GT(exactCount, 50u * static_cast<size_t>(count));
+}
+
+// Texts at the edges of each JSON value form (integers of every width, bare and quoted; floating
+// point; bools; base64; enum names; timestamps; durations; field masks), and random one-character
+// edits of them. What the library accepts, libprotobuf's JSON reader accepts and reads as the same
+// message; what libprotobuf refuses, the library refuses; each edge text libprotobuf accepts the
+// library accepts, but for the forms libprotobuf 3.21 takes beyond ProtoJSON, which the library
+// refuses (an edited text of such a form is not compared that way).
+TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
+  struct Form {
+    std::vector<std::string> fields;  // members of the message taking the texts
+    std::string_view texts;           // separated by '|'
+    std::string_view edits;           // characters an edit inserts or puts in place of another
+    std::string_view beyondProtoJson = {};
+  };
+  const auto split = [](std::string_view texts) {
+    std::vector<std::string> out;
+    for (const auto part : std::views::split(texts, '|'))
+      out.emplace_back(part.begin(), part.end());
+    return out;
+  };
+  const std::vector<Form> forms = {
+      {{"scalars.f_int32", "scalars.f_sint32", "scalars.f_sfixed32", "scalars.f_uint32",
+        "scalars.f_fixed32", "scalars.f_int64", "scalars.f_uint64", "scalars.f_sint64",
+        "scalars.f_fixed64", "scalars.f_sfixed64"},
+       R"(0|-0|1|-1|1.0|1.5|1e2|1E+2|1e-2|0.1e1|-1e0|127|2147483647|2147483648|-2147483648|)"
+       R"(-2147483649|4294967295|4294967296|9223372036854775807|9223372036854775808|)"
+       R"(-9223372036854775808|-9223372036854775809|18446744073709551615|18446744073709551616|)"
+       R"(1e19|1e20|"1"|"-1"|"-12"|"4294967295"|"18446744073709551615"|"9223372036854775807"|)"
+       R"("-9223372036854775808"|"1e2"|"1.0"|" 1"|""|"-"|"-1x"|true|null|"+1")",
+       "0123456789-+.eE\" ",
+       R"("+1")"},
+      {{"scalars.f_float", "scalars.f_double"},
+       R"(0|-0|1.5|-2.25|1e38|3.4028235e38|3.4028236e38|-3.5e38|1e-46|1.7976931348623157e308|)"
+       R"(1e309|-1e309|"NaN"|"Infinity"|"-Infinity"|"1.5"|"1e3"|"nan"|""|"-"|1E2|null)",
+       "0123456789-+.eE\"IN"},
+      {{"scalars.f_bool"}, R"(true|false|"true"|1|0|null|True)", "tf\"1", R"("true")"},
+      // Numbers of enums are taken quoted as well; libprotobuf takes them bare only. (Base64 is
+      // not here: the library reads it in either alphabet character by character, ignoring the
+      // bits past the last byte, where libprotobuf 3.21 refuses mixed alphabets and such bits.)
+      {{"scalars.f_enum"}, R"("RED"|"BLUE"|2|"red"|7|-1|"")", "RDEBLU\""},
+      // Out of range once the offset is applied; ten fraction digits; a one-digit month.
+      {{"holder.timestamp"},
+       R"("1970-01-01T00:00:00Z"|"0001-01-01T00:00:00Z"|"9999-12-31T23:59:59.999999999Z"|)"
+       R"("2020-02-29T12:34:56.123+01:30"|"2021-02-29T00:00:00Z"|"1972-06-30T23:59:60Z"|)"
+       R"("2000-01-01T00:00:00.5-08:00"|"0001-01-01T00:00:00+00:01"|)"
+       R"("9999-12-31T23:59:59-00:01"|"2000-01-01T00:00:00.0000000001Z"|)"
+       R"("2000-01-01 00:00:00Z"|"2000-01-01T00:00:00z"|"2000-1-01T00:00:00Z"|)"
+       R"("2000-01-01T24:00:00Z"|"2000-01-01T00:00:00+24:00"|"0000-02-29T00:00:00Z")",
+       "0123456789-+:.TZ\"",
+       R"("0001-01-01T00:00:00+00:01"|"9999-12-31T23:59:59-00:01"|)"
+       R"("2000-01-01T00:00:00.0000000001Z"|"2000-1-01T00:00:00Z")"},
+      {{"holder.duration"},
+       R"("1s"|"-1.5s"|"0s"|"-0s"|"315576000000s"|"-315576000000s"|"315576000001s"|)"
+       R"("315576000000.000000001s"|"0.000000001s"|"1.0000000001s"|".5s"|"5.s"|"-.5s"|"1"|)"
+       R"("1S"|" 1s"|"+1s")",
+       "0123456789-+.s\"",
+       R"("5.s"|" 1s"|"+1s")"},
+      // Empty paths, and underscores, which no lowerCamelCase name holds.
+      {{"holder.field_mask"},
+       R"(""|"fooBar"|"fooBar,baz"|"a.bC"|"aB.cD,e"|","|"a,"|"foo_bar"|"fooBAR"|"a1B")",
+       "aBz_.,1\"",
+       R"(","|"a,"|"foo_bar")"},
+  };
+  const SchemaStore richStore = storeOf(kSubjects[0]);
+  const SchemaStore wellKnownStore = storeOf(kSubjects[2]);
+  std::mt19937 rng(20261124);
+  testing_support::MessageComparison comparison;
+  size_t accepted = 0;
+  size_t refused = 0;
+  for (const Form& form : forms) {
+    const std::vector<std::string> edges = split(form.texts);
+    const std::vector<std::string> beyond = split(form.beyondProtoJson);
+    std::vector<std::string> texts = edges;
+    for (const std::string& text : edges) {
+      for (int e = 0; e < 12; ++e) {
+        std::string edited = text;
+        const size_t at = rng() % (edited.size() + 1);
+        const char c = form.edits[rng() % form.edits.size()];
+        const uint32_t kind = rng() % 3;
+        if (kind == 0) edited.insert(at, 1, c);
+        if (kind == 1 && at < edited.size()) edited.erase(at, 1);
+        if (kind == 2 && at < edited.size()) edited[at] = c;
+        texts.push_back(edited);
+      }
+    }
+    for (const std::string& path : form.fields) {
+      const bool holder = path.starts_with("holder.");
+      const std::string member = path.substr(path.find('.') + 1);
+      const pb::Message& prototype =
+          holder ? static_cast<const pb::Message&>(wkt::Holder::default_instance())
+                 : test::Rich::default_instance();
+      const MessageSchema schema = (holder ? wellKnownStore : richStore)
+                                       .messageSchema(prototype.GetDescriptor()->full_name());
+      for (size_t t = 0; t < texts.size(); ++t) {
+        const std::string& text = texts[t];
+        const std::string document = holder ? "{\"" + member + "\":" + text + "}"
+                                            : "{\"scalars\":{\"" + member + "\":" + text + "}}";
+        // libprotobuf 3.21 reads texts that are not JSON ("1.E0", ".5", "01"): the JSON reader's
+        // to refuse.
+        if (!json::accept(document)) continue;
+        std::unique_ptr<pb::Message> theirs(prototype.New());
+        const bool theyAccept = pb::util::JsonStringToMessage(document, theirs.get()).ok();
+        std::optional<std::string> ours;
+        try {
+          ours = std::string(asText(parseJSON(schema, document).data()));
+        } catch (const Error&) {
+        }
+        if (!ours) {
+          ++refused;
+          const bool edge = t < edges.size();
+          EXPECT_TRUE(!theyAccept || !edge || std::ranges::count(beyond, text) > 0)
+              << "refused: " << document;
+          continue;
+        }
+        ++accepted;
+        ASSERT_TRUE(theyAccept) << "accepted: " << document;
+        std::unique_ptr<pb::Message> read(prototype.New());
+        ASSERT_TRUE(read->ParseFromString(*ours)) << document;
+        ASSERT_TRUE(comparison.equal(*read, *theirs)) << document << comparison.differences();
+      }
+    }
+  }
+  EXPECT_GT(accepted, 400u);
+  EXPECT_GT(refused, 1000u);
 }
 
 }  // namespace
