@@ -838,9 +838,10 @@ class Renderer {
       entry.keyLength = keys_.size() - entry.keyStart;
       entries_.push_back(entry);
     });
+    // The field occurs, and each occurrence is an entry: there is at least one.
     const size_t count = entries_.size() - first;
     std::optional<Hold> hold;
-    if (sink_ && count > 0 && valuePlan.kind() == Case::message) {
+    if (sink_ && valuePlan.kind() == Case::message) {
       checkMessage(valuePlan, depth);
       if (failsInside(valuePlan)) hold.emplace(holds_);
     }

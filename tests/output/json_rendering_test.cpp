@@ -217,6 +217,25 @@ TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
             renderJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
 }
 
+// Of each of a dozen oneofs, more than the renderer keeps at hand, the last member given wins.
+TEST(JsonRenderingTest, KeepsTheLastMemberOfEachOfManyOneofs) {
+  std::string proto = "syntax = \"proto3\"; message M {";
+  std::string forward, backward, first, second;
+  for (int i = 1; i <= 12; ++i) {
+    const std::string n = std::to_string(i);
+    proto += " oneof o" + n + " { int32 a" + n + " = " + std::to_string(2 * i - 1) + "; int32 b" +
+             n + " = " + std::to_string(2 * i) + "; }";
+    forward += var(2 * i - 1, i) + var(2 * i, i);
+    backward += var(2 * i, i) + var(2 * i - 1, i);
+    first += (i == 1 ? "{\"" : ",\"") + ("b" + n) + "\":" + n;
+    second += (i == 1 ? "{\"" : ",\"") + ("a" + n) + "\":" + n;
+  }
+  SchemaStore store(schemaManifestFromProtoText(proto + " }"));
+  const MessageSchema schema = store.messageSchema("M");
+  EXPECT_EQ(render(schema, forward), first + "}");
+  EXPECT_EQ(render(schema, backward), second + "}");
+}
+
 // A field that fails after the sink has taken part of the text is withdrawn from what is left:
 // the streamed text is the whole one.
 TEST(JsonRenderingTest, StreamsTheWholeTextPastAFailedField) {
@@ -228,6 +247,19 @@ TEST(JsonRenderingTest, StreamsTheWholeTextPastAFailedField) {
   renderJSON(data, [&](std::string_view piece) { streamed += piece; });
   EXPECT_EQ(streamed, renderJSON(data));
   EXPECT_NE(streamed.find(error("e", "typeMismatch(enum(t.Kind), fixed32)")), std::string::npos);
+
+  // A well-known value fails once its element has begun: thousands of Timestamps, the last out of
+  // range.
+  SchemaStore wellKnown(generatedManifest("well_known.desc"));
+  std::string times;
+  for (int i = 0; i < 5000; ++i) times += len(20, var(1, static_cast<uint64_t>(i)));
+  times += len(20, var(1, 253402300800));
+  const SchematizedData held =
+      wellKnown.messageSchema("ostrel.test.wkt.Holder").schematizedData(times);
+  streamed.clear();
+  renderJSON(held, [&](std::string_view piece) { streamed += piece; });
+  EXPECT_EQ(streamed, renderJSON(held));
+  EXPECT_EQ(streamed.find("1970"), std::string::npos);
 }
 
 TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
