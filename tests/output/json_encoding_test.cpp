@@ -95,9 +95,9 @@ TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
   EXPECT_EQ(catchError([&] { parseJSON(node, nested(202)); }),
             SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
   // Messages eight deep, where the whole text is checked before the encoder goes deeper: it is
-  // checked once, not again for each of them (which would take minutes for this text).
+  // checked once, not again for each of them (which would take a quarter of an hour for this text).
   const std::string wide = testing_support::repeated(R"({"child":)", 7) + R"({"rm":[{})" +
-                           testing_support::repeated(",{}", 19999) + "]}" +
+                           testing_support::repeated(",{}", 199999) + "]}" +
                            testing_support::repeated("}", 7);
   EXPECT_EQ(renderJSON(parseJSON(store.messageSchema("t.Sample"), wide)), wide);
   // The path counts the elements and names the members before the deep one.
