@@ -147,6 +147,10 @@ TEST(ConfluentEnvelope, HeaderHoldsIdAndPathOnly) {
             std::vector<int32_t>{1});
   EXPECT_EQ(decodeConfluentHeader(asBytes("\0\0\0\0\x09"s)).indexes, std::vector<int32_t>{0});
   EXPECT_EQ(decodeConfluentHeader(asBytes("\0\0\0\0\x09"s)).idText(), "9");
+  EXPECT_EQ(decodeConfluentHeader(
+                asBytes("\1\1\x23\x45\x67\x89\xab\xcd\xef\1\x23\x45\x67\x89\xab\xcd\xef"s))
+                .idText(),
+            "01234567-89ab-cdef-0123-456789abcdef");
   EXPECT_THROW(decodeConfluentHeader(asBytes("\0\0\0\0\x09\0\x08"s)), FramingError);
 }
 
