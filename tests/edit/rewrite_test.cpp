@@ -65,10 +65,15 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
     byText.set(row.path, EditValue::text(row.text));
     EXPECT_EQ(toString(byText.apply(toBytes(flagged))), row.expected) << row.path;
   }
-  // A repeated field or a map within a path needs an index, and a map cannot be stepped through.
+  // A repeated field or a map within a path needs an index, and a map cannot be stepped through;
+  // a whole repeated field is not one value.
   Rewrite rich(store.messageSchema("ostrel.test.Rich"));
-  for (const char* path : {"mids.note", "leaves_by_id[1].id"}) {
-    EXPECT_EQ(testing_support::catchError([&] { rich.set(path, AnyValue(int32_t{1})); }),
+  for (const char* path : {"mids.note", "leaves_by_id[1].id", "repeats.r_int32"}) {
+    EXPECT_EQ(testing_support::catchError([&] {
+                Rewrite one(store.messageSchema("ostrel.test.Rich"));
+                one.set(path, AnyValue(int32_t{1}));
+                one.apply(ByteView{});
+              }),
               SchematizerError::repeatedValueAccessNoIndex())
         << path;
   }
