@@ -100,14 +100,20 @@ TEST(RecordMerge, FieldAnnotationsComeFromEitherSide) {
   FieldManifest annotated = field(1);
   annotated.extensionName = "a.ext";
   annotated.jsonName = "j";
+  annotated.implicitPresence = annotated.packed = annotated.closedEnum = true;
+  const auto flags = [](const FieldManifest& f) {
+    return std::tuple(f.implicitPresence, f.packed, f.closedEnum);
+  };
   for (const MergePolicy policy : {P::keepExisting, P::takeIncoming, P::requireEqual}) {
     FieldManifest plain = field(1);
     EXPECT_EQ(plain.merge(annotated, policy).extensionName, "a.ext");
     EXPECT_EQ(plain.jsonName, "j");
+    EXPECT_EQ(flags(plain), std::tuple(true, true, true));
     FieldManifest kept = annotated;
     kept.merge(field(1), policy);
     EXPECT_EQ(kept.extensionName, "a.ext");
     EXPECT_EQ(kept.jsonName, "j");
+    EXPECT_EQ(flags(kept), std::tuple(true, true, true));
   }
 }
 
