@@ -14,6 +14,7 @@ SQLITE_EXTENSION_INIT3
 #include <limits>
 #include <memory>
 #include <new>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -655,14 +656,14 @@ int eachDisconnect(sqlite3_vtab* table) {
 int eachBestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
   int argument[3] = {-1, -1, -1};
   int unusable = 0;
-  for (int i = 0; i < info->nConstraint; ++i) {
-    const auto& constraint = info->aConstraint[i];
+  const std::span constraints(info->aConstraint, static_cast<size_t>(info->nConstraint));
+  for (const auto& constraint : constraints) {
     if (constraint.iColumn < kRecord) continue;
     const int hidden = constraint.iColumn - kRecord;
     if (!constraint.usable) {
       unusable |= 1 << hidden;
     } else if (constraint.op == SQLITE_INDEX_CONSTRAINT_EQ) {
-      argument[hidden] = i;
+      argument[hidden] = static_cast<int>(&constraint - constraints.data());
     }
   }
   // An argument that comes from a table not yet scanned: this plan cannot run, another order
