@@ -31,6 +31,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -449,6 +450,44 @@ bool sameJson(const json& a, const json& b) {
   return a == b;
 }
 
+// Two JSON texts alike token by token, in order: strings by their values (libprotobuf escapes
+// more characters), numbers as sameJson compares them, the rest character by character, white
+// space aside (libprotobuf indents by one space).
+bool sameText(std::string_view a, std::string_view b) {
+  const auto tokenEnd = [](std::string_view t, size_t i) {
+    if (t[i] == '"') {
+      for (++i; i < t.size() && t[i] != '"'; ++i) i += t[i] == '\\' ? 1 : 0;
+      return i + 1;
+    }
+    while (i < t.size() && std::strchr("-+.eE0123456789", t[i]) != nullptr) ++i;
+    return i;
+  };
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (std::isspace(static_cast<unsigned char>(a[i])) != 0) {
+      ++i;
+    } else if (std::isspace(static_cast<unsigned char>(b[j])) != 0) {
+      ++j;
+    } else if (a[i] == '"' || a[i] == '-' || (a[i] >= '0' && a[i] <= '9')) {
+      const size_t ai = tokenEnd(a, i);
+      const size_t bj = tokenEnd(b, j);
+      if (!sameJson(json::parse(a.substr(i, ai - i)), json::parse(b.substr(j, bj - j)))) {
+        return false;
+      }
+      i = ai;
+      j = bj;
+    } else if (a[i++] != b[j++]) {
+      return false;
+    }
+  }
+  const auto blank = [](std::string_view rest) {
+    return std::ranges::all_of(rest,
+                               [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+  };
+  return blank(a.substr(i)) && blank(b.substr(j));
+}
+
 // Takes from the texts of `message` what only one writer puts there: the library's extensions
 // (libprotobuf 3.21 prints none), group fields (libprotobuf 3.21 leaves a singular group out and
 // writes a repeated one as two empty arrays; the library's rendering of groups is checked by
@@ -588,6 +627,12 @@ class DifferentialTest : public ::testing::TestWithParam<Subject> {
         data, [&](std::string_view piece) { streamed += piece; }, options.ours);
     ASSERT_EQ(streamed, ourText);
 
+    // Without defaults, the two texts have the same members in the same order (proto2's groups
+    // and extensions aside).
+    if (!options.ours.printDefaults &&
+        known.GetDescriptor()->file()->syntax() == pb::FileDescriptor::SYNTAX_PROTO3) {
+      ASSERT_TRUE(sameText(ourText, theirText)) << ourText << "\n" << theirText;
+    }
     json ours = json::parse(ourText);
     json theirs = json::parse(theirText);
     keepCommonFields(known, options.ours.jsonNames, ours, theirs);
