@@ -1268,6 +1268,8 @@ TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
     std::string_view texts;           // separated by '|'
     std::string_view edits;           // characters an edit inserts or puts in place of another
     std::string_view beyondProtoJson = {};
+    // What the library's error says of a text it refuses (of a well-known form: all are strings).
+    std::string_view refusal = {};
   };
   const auto split = [](std::string_view texts) {
     std::vector<std::string> out;
@@ -1302,21 +1304,27 @@ TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
        R"("2000-01-01T00:00:00.5-08:00"|"0001-01-01T00:00:00+00:01"|)"
        R"("9999-12-31T23:59:59-00:01"|"2000-01-01T00:00:00.0000000001Z"|)"
        R"("2000-01-01 00:00:00Z"|"2000-01-01T00:00:00z"|"2000-1-01T00:00:00Z"|)"
-       R"("2000-01-01T24:00:00Z"|"2000-01-01T00:00:00+24:00"|"0000-02-29T00:00:00Z")",
+       R"("2000-01-01T24:00:00Z"|"2000-01-01T00:00:00+24:00"|"0000-02-29T00:00:00Z"|)"
+       R"("0000-12-31T23:59:59Z"|"10000-01-01T00:00:00Z"|"2020-02-30T00:00:00Z"|)"
+       R"("2020-01-01T:00:00Z"|"2020-01-01T00:00:00.Z"|"2020-01-01T00:00:00"|)"
+       R"("2020-01-01T00:00:00+05:")",
        "0123456789-+:.TZ\"",
        R"("0001-01-01T00:00:00+00:01"|"9999-12-31T23:59:59-00:01"|)"
-       R"("2000-01-01T00:00:00.0000000001Z"|"2000-1-01T00:00:00Z")"},
+       R"("2000-01-01T00:00:00.0000000001Z"|"2000-1-01T00:00:00Z")",
+       "expected an RFC 3339 timestamp"},
       {{"holder.duration"},
        R"("1s"|"-1.5s"|"0s"|"-0s"|"315576000000s"|"-315576000000s"|"315576000001s"|)"
        R"("315576000000.000000001s"|"0.000000001s"|"1.0000000001s"|".5s"|"5.s"|"-.5s"|"1"|)"
-       R"("1S"|" 1s"|"+1s")",
+       R"("1S"|" 1s"|"+1s"|"1.5")",
        "0123456789-+.s\"",
-       R"("5.s"|" 1s"|"+1s")"},
+       R"("5.s"|" 1s"|"+1s")",
+       "expected a duration"},
       // Empty paths, and underscores, which no lowerCamelCase name holds.
       {{"holder.field_mask"},
-       R"(""|"fooBar"|"fooBar,baz"|"a.bC"|"aB.cD,e"|","|"a,"|"foo_bar"|"fooBAR"|"a1B")",
+       R"(""|"fooBar"|"fooBar,baz"|"a.bC"|"aB.cD,e"|","|"a,"|"a,,b"|"foo_bar"|"fooBAR"|"a1B")",
        "aBz_.,1\"",
-       R"(","|"a,"|"foo_bar")"},
+       R"(","|"a,"|"a,,b"|"foo_bar")",
+       "expected paths in lowerCamelCase"},
   };
   const SchemaStore richStore = storeOf(kSubjects[0]);
   const SchemaStore wellKnownStore = storeOf(kSubjects[2]);
@@ -1368,12 +1376,15 @@ TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
           const MessageSchema schema = (holder ? wellKnownStore : richStore)
                                            .messageSchema(prototype->GetDescriptor()->full_name());
           std::optional<SchematizedData> ours;
-          try {
-            ours = parseJSON(schema, document);
-          } catch (const Error&) {
-          }
+          const std::string error =
+              testing_support::catchError([&] { ours = parseJSON(schema, document); }).description;
           if (!ours) {
             ++refused;
+            const std::string expected =
+                (prototype == alone ? "$: " : "$." + member + ": ") + std::string(form.refusal);
+            EXPECT_TRUE(!error.starts_with("std::") &&
+                        (form.refusal.empty() || error.find(expected) != std::string::npos))
+                << document << ": " << error;
             const bool edge = t < edges.size();
             EXPECT_TRUE(!theyAccept || !edge || std::ranges::count(beyond, text) > 0)
                 << "refused: " << document;

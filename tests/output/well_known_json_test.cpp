@@ -145,23 +145,9 @@ TEST_F(WellKnownJsonTest, EncodesTimestampOffsetsBothFieldNamesAndAnyTypesAnywhe
 }
 
 TEST_F(WellKnownJsonTest, EncodingRefusesOutOfRangeForms) {
-  const std::string rfc = "$.timestamp: expected an RFC 3339 timestamp";
+  // Timestamps, Durations and FieldMasks are refused as libprotobuf refuses them in the
+  // differential suite, which checks their errors too.
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {R"({"timestamp":"0000-12-31T23:59:59Z"})", rfc},
-      {R"({"timestamp":"10000-01-01T00:00:00Z"})", rfc},
-      {R"({"timestamp":"2020-02-30T00:00:00Z"})", rfc},
-      {R"({"timestamp":"2021-02-29T00:00:00Z"})", rfc},
-      {R"({"timestamp":"2020-01-01T:00:00Z"})", rfc},
-      {R"({"timestamp":"2020-01-01T00:00:00.Z"})", rfc},
-      {R"({"timestamp":"2020-01-01T00:00:00+24:00"})", rfc},
-      {R"({"timestamp":"2020-01-01T00:00:00.1234567890Z"})", rfc},
-      {R"({"timestamp":"2020-01-01T00:00:00"})", rfc},
-      {R"({"timestamp":"2020-01-01T00:00:00+05:"})", rfc},
-      {R"({"duration":"315576000001s"})", "$.duration: expected a duration"},
-      {R"({"duration":"1.5"})", "$.duration: expected a duration"},
-      {R"({"field_mask":"foo_bar"})", "$.field_mask: expected paths in lowerCamelCase"},
-      {R"({"field_mask":"a,,b"})", "$.field_mask: expected paths in lowerCamelCase"},
-      {R"({"field_mask":"a,"})", "$.field_mask: expected paths in lowerCamelCase"},
       {R"({"any":{"@type":"type.googleapis.com/no.Such"}})",
        "google.protobuf.Any of unknown type URL \"type.googleapis.com/no.Such\""},
       {R"({"any":{"big_id":"1"}})", "$.any: expected an object with a member \"@type\""},
