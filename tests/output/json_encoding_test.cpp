@@ -1,5 +1,6 @@
 // JSON encoding: the value forms each type accepts and the errors with their exact texts.
-// Renderings of random messages are encoded back in the differential suite.
+// Renderings of random messages are encoded back, and the edges of each scalar's forms are
+// compared with libprotobuf's reader, in the differential suite.
 
 #include <gtest/gtest.h>
 
@@ -26,23 +27,13 @@ struct EncodeRow {
 TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
   const std::vector<EncodeRow> rows = {
       {"null is an absent field", R"({"i32":null,"ri":null,"e":null})", "{}"},
-      {"integers as numbers or decimal strings",
-       R"({"i32":"-5","i64":5,"u32":"4294967295","u64":18446744073709551615,"s32":-2147483648,)"
-       R"("s64":"-9223372036854775808","f32":7,"f64":"0","sf32":"12","sf64":-3})",
-       R"({"i32":-5,"i64":"5","u32":4294967295,"u64":"18446744073709551615","s32":-2147483648,)"
-       R"("s64":"-9223372036854775808","f32":7,"f64":"0","sf32":12,"sf64":"-3"})"},
       {"integers written as exact floating-point numbers",
        R"({"i32":1e2,"i64":-9.223372036854775808e18,"u64":1E19})",
        R"({"i32":100,"i64":"-9223372036854775808","u64":"10000000000000000000"})"},
-      {"floats and doubles as numbers, strings and special values",
-       R"({"fl":0.1,"db":"1.5","rf":["NaN","Infinity","-Infinity",3,"-0.25"]})",
-       R"({"fl":0.1,"db":1.5,"rf":["NaN","Infinity","-Infinity",3,-0.25]})"},
       {"negative zeros keep their sign", R"({"fl":-0.0,"db":-0.0})", R"({"fl":-0.0,"db":-0.0})"},
       {"bytes in the URL-safe alphabet, padded or not", R"({"by":"-_8","rm":[{"by":"-_8="}]})",
        R"({"by":"+/8=","rm":[{"by":"+/8="}]})"},
       {"null leaves a oneof member out", R"({"o1":null,"o2":{}})", R"({"o2":{}})"},
-      {"the largest float", R"({"fl":3.4028235e+38,"rf":[-3.4028235e38]})",
-       R"({"fl":3.4028235e+38,"rf":[-3.4028235e+38]})"},
       {"numbers of more than 19 significant digits",
        R"({"db":0.1000000000000000055511151231257827021181583404541015625,)"
        R"("u64":18446744073709551615,"rf":[1.00000000000000000000000001e-400,0.)" +
