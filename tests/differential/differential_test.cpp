@@ -1350,6 +1350,19 @@ TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
         texts.push_back(edited);
       }
     }
+    // Numbers of up to 24 digits before and after the point, exponents past either end of double.
+    const auto digits = [&](uint32_t count) {
+      std::string out;
+      while (out.size() < count) out += static_cast<char>('0' + rng() % 10);
+      return out;
+    };
+    for (int n = 0; n < 200 && form.edits.starts_with("0123456789"); ++n) {
+      std::string number = rng() % 4 == 0 ? "-" : "";
+      number += std::to_string(1 + rng() % 9) + digits(rng() % 24);
+      if (rng() % 2 == 0) number += "." + digits(1 + rng() % 24);
+      if (rng() % 2 == 0) number += (rng() % 2 == 0 ? "e-" : "e") + std::to_string(rng() % 420);
+      texts.push_back(rng() % 8 == 0 ? "\"" + number + "\"" : number);
+    }
     for (const std::string& path : form.fields) {
       const bool holder = path.starts_with("holder.");
       const std::string member = path.substr(path.find('.') + 1);
