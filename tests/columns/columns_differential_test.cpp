@@ -202,6 +202,7 @@ TEST(ColumnsDifferentialTest, EveryCellIsTheSingleReadOfItsPath) {
   EXPECT_GT(present, 5 * count);
   arrowSchema.release(&arrowSchema);
   stream.release(&stream);
+  EXPECT_EQ(stream.release, nullptr);
 }
 
 }  // namespace

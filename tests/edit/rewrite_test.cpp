@@ -77,9 +77,15 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
               SchematizerError::repeatedValueAccessNoIndex())
         << path;
   }
-  // Appending names a repeated field that is not a map, without an index or a key.
+  // Appending names a repeated field that is not a map, without an index or a key; clearing
+  // takes no index but a map's key.
   for (const char* path : {"mids[0]", "counts", "counts[k]"}) {
     EXPECT_EQ(testing_support::catchError([&] { rich.append(path, AnyValue(int32_t{1})); }),
+              SchematizerError::invalidIndexInKeypath())
+        << path;
+  }
+  for (const char* path : {"mids[0]", "mid[\"k\"]"}) {
+    EXPECT_EQ(testing_support::catchError([&] { rich.clear(path); }),
               SchematizerError::invalidIndexInKeypath())
         << path;
   }
@@ -150,15 +156,42 @@ TEST(RewriteTest, NestsAtMostAHundredMessagesCountingMapEntries) {
   SchemaStore store(schemaManifestFromProtoText(
       "syntax = \"proto3\"; package p; message N { map<int32, N> m = 1; }"));
   const MessageSchema schema = store.messageSchema("p.N");
-  std::string record;
-  for (int level = 1; level <= 51; ++level) {
-    record = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, record))));
-    SCOPED_TRACE(level);
-    if (level < 50) {
-      EXPECT_EQ(normalizeRecord(schema, toBytes(record)), toBytes(record));
-    } else {
-      EXPECT_EQ(testing_support::catchError([&] { normalizeRecord(schema, toBytes(record)); }),
+  // The innermost entry holds a value (an empty N), or only its key: written with its value.
+  for (const bool keyOnly : {false, true}) {
+    std::string full = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, ""))));
+    std::string record =
+        keyOnly ? wire(Wire().bytesField(1, wire(Wire().varintField(1, 1)))) : full;
+    for (int level = 1; level <= 51; ++level) {
+      SCOPED_TRACE(std::to_string(level) + (keyOnly ? " key only" : ""));
+      if (level < 50) {
+        EXPECT_EQ(normalizeRecord(schema, toBytes(record)), toBytes(full));
+      } else {
+        EXPECT_EQ(testing_support::catchError([&] { normalizeRecord(schema, toBytes(record)); }),
+                  SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+      }
+      full = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, full))));
+      record = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, record))));
+    }
+  }
+  // A map of scalars below 49 levels of maps: its entries are the 100th message, or (one plain
+  // message deeper) the 101st.
+  SchemaStore leaves(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; message L { map<int32, L> m = 1; map<int32, int32> s = 2; L c = 3; }"));
+  for (const bool deeper : {false, true}) {
+    std::string record =
+        wire(Wire().bytesField(2, wire(Wire().varintField(1, 1).varintField(2, 1))));
+    if (deeper) record = wire(Wire().bytesField(3, record));
+    for (int level = 0; level < 49; ++level) {
+      record = wire(Wire().bytesField(1, wire(Wire().varintField(1, 1).bytesField(2, record))));
+    }
+    const auto normalized = [&] {
+      return normalizeRecord(leaves.messageSchema("L"), toBytes(record));
+    };
+    if (deeper) {
+      EXPECT_EQ(testing_support::catchError(normalized),
                 SchematizerError::protocolBufferError("Nesting deeper than 100 messages"));
+    } else {
+      EXPECT_EQ(normalized(), toBytes(record));
     }
   }
 }
