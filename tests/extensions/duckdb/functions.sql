@@ -2,6 +2,7 @@
 SELECT ostrel_register_proto('syntax = "proto3";
 package t;
 import "google/protobuf/timestamp.proto";
+import "google/protobuf/duration.proto";
 enum Kind { KIND_UNSPECIFIED = 0; SMALL = 1; LARGE = 2; }
 message Part { string sku = 1; uint32 quantity = 2; bytes tag = 3; }
 message Rec {
@@ -9,7 +10,7 @@ message Rec {
   bool b = 7; string s = 8; bytes raw = 9; Kind kind = 10; Part part = 11;
   repeated Part parts = 12; map<string, int64> counts = 13; google.protobuf.Timestamp at = 14;
   repeated sint64 nums = 15; sfixed64 sf = 16; fixed32 fx = 17; map<int32, Part> byId = 18;
-  Rec child = 19;
+  Rec child = 19; google.protobuf.Duration took = 20;
 }');
 -- The same definition again changes nothing; a changed one is refused.
 SELECT ostrel_register_proto('syntax = "proto3"; package t; message Part { string sku = 1; uint32 quantity = 2; bytes tag = 3; }');
@@ -45,6 +46,17 @@ SELECT p_json(r, 't.Rec') FROM recs WHERE n = 2;
 SELECT p_json(p_encode('t.Part', '{"sku": "Z", "quantity": 4}'), 't.Part');
 SELECT p_get(NULL, 't.Rec', 'i64'), p_has(NULL, 't.Rec', 'i64'), p_json(NULL, 't.Rec');
 -- Hostile input: malformed bytes, a wrong wire type, unknown names and bad paths are errors.
+-- Timestamps and Durations at the ends of their ranges read; one step past either end fails.
+SELECT p_get(unhex('720d08ff82d1ffaf0710ff93ebdc03'), 't.Rec', 'at') = TIMESTAMPTZ '9999-12-31 23:59:59.999999+00',
+  p_get(unhex('a2010d0880bcaece970910ff93ebdc03'), 't.Rec', 'took');
+SELECT p_get(unhex('7209088083d1ffaf071000'), 't.Rec', 'at');
+SELECT p_get(unhex('720d08ff91b8c398feffffff011000'), 't.Rec', 'at');
+SELECT p_get(unhex('720d080010ffffffffffffffffff01'), 't.Rec', 'at');
+SELECT p_get(unhex('72080800108094ebdc03'), 't.Rec', 'at');
+SELECT p_get(unhex('a201090881bcaece97091000'), 't.Rec', 'took');
+SELECT p_get(unhex('a2010d08ffc3d1b1e8f6ffffff011000'), 't.Rec', 'took');
+SELECT p_get(unhex('a201080800108094ebdc03'), 't.Rec', 'took');
+SELECT p_get(unhex('a2010d08001080ec94a3fcffffffff01'), 't.Rec', 'took');
 SELECT p_get(unhex('0a'), 't.Rec', 'i64');
 SELECT p_get(unhex('08'), 't.Rec', 'i64');
 SELECT p_get(unhex('0d00000000'), 't.Rec', 'i64');
