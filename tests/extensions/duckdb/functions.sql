@@ -46,6 +46,8 @@ SELECT p_json(r, 't.Rec') FROM recs WHERE n = 2;
 SELECT p_json(p_encode('t.Part', '{"sku": "Z", "quantity": 4}'), 't.Part');
 SELECT p_get(NULL, 't.Rec', 'i64'), p_has(NULL, 't.Rec', 'i64'), p_json(NULL, 't.Rec');
 -- Hostile input: malformed bytes, a wrong wire type, unknown names and bad paths are errors.
+-- A map entry without its key has the key type's default.
+SELECT p_get(unhex('92010512030a0151'), 't.Rec', 'byId')[0].sku;
 -- Timestamps and Durations at the ends of their ranges read; one step past either end fails.
 SELECT p_get(unhex('720d08ff82d1ffaf0710ff93ebdc03'), 't.Rec', 'at') = TIMESTAMPTZ '9999-12-31 23:59:59.999999+00',
   p_get(unhex('a2010d0880bcaece970910ff93ebdc03'), 't.Rec', 'took');
