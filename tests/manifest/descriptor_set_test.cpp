@@ -373,6 +373,10 @@ TEST(DescriptorSetImport, HandEncodedSets) {
         lengthField(4, lengthField(1, "M") + lengthField(2, fieldBytes() + varintField(4, 3)))));
     EXPECT_EQ(editions.messages.at("M").fields.at("a").packed, encoding == 1) << encoding;
   }
+  // A field's other options are not its [packed].
+  const SchemaManifest deprecated = schemaManifestFromProtoText(
+      "syntax = \"proto2\"; message M { repeated int32 r = 1 [deprecated = true]; }");
+  EXPECT_FALSE(deprecated.messages.at("M").fields.at("r").packed);
 }
 
 std::string nestedMessages(int depth) {
