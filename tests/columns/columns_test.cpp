@@ -76,6 +76,8 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
   const std::string colored = rich([](test::Rich& m) { m.set_color(test::BLUE); });
   const std::string unknownColor =
       rich([](test::Rich& m) { m.set_color(static_cast<test::Color>(7)); });
+  const std::string pastLastColor =
+      rich([](test::Rich& m) { m.set_color(static_cast<test::Color>(4)); });
   const std::string empty;
   const auto none = [](ColumnOptions&) {};
   const OptionRow rows[] = {
@@ -102,8 +104,8 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
        "ostrel.test.Rich",
        {"color"},
        [](ColumnOptions& o) { o.enums = ColumnOptions::Enums::strings; },
-       {colored, unknownColor},
-       {"\"BLUE\"", "\"7\""}},
+       {colored, unknownColor, pastLastColor},
+       {"\"BLUE\"", "\"7\"", "\"4\""}},
       {"defaults fill absent scalars, not messages",
        "ostrel.test.Rich",
        {"scalars.f_int32", "name", "color", "scalars.f_bool", "mid", "repeats.r_int32"},

@@ -50,7 +50,7 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
   Rewrite broken(scalars);
   broken.set("f_message", AnyValue(toBytes("\xff")));
   EXPECT_THROW(broken.apply(toBytes(record)), SerializationError);
-  // Text as a person types it: an enum by its number, a bool as 0.
+  // Text as a person types it: an enum by its number, a bool as 0 or as true.
   const std::string flagged = record + wire(Wire().varintField(8, 1));
   const struct {
     const char* path;
@@ -59,12 +59,18 @@ TEST(RewriteTest, WritesTypedValuesAsTheirFieldsHoldThem) {
   } texts[] = {
       {"f_enum", "7", flagged + wire(Wire().varintField(14, 7))},
       {"f_bool", "0", record},
+      {"f_bool", "true", flagged},
   };
   for (const auto& row : texts) {
     Rewrite byText(scalars);
     byText.set(row.path, EditValue::text(row.text));
     EXPECT_EQ(toString(byText.apply(toBytes(flagged))), row.expected) << row.path;
   }
+  // A text that closes its member and opens another sets no other field.
+  Rewrite injected(scalars);
+  injected.set("f_message", EditValue::text("null,\"f_bool\":true"));
+  EXPECT_EQ(testing_support::catchError([&] { injected.apply(toBytes(record)); }),
+            SchematizerError::unexpectedType("$.f_message: expected one value"));
   // A repeated field or a map within a path needs an index, and a map cannot be stepped through;
   // a whole repeated field is not one value.
   Rewrite rich(store.messageSchema("ostrel.test.Rich"));
@@ -125,6 +131,24 @@ TEST(RewriteTest, NormalizesOccurrencesProtobufKeepsAsUnknownAsLibprotobuf) {
     EXPECT_EQ(toString(normalizeRecord(store.messageSchema(name), toBytes(row.bytes))),
               testing_support::deterministic(*message));
   }
+}
+
+// Map keys of the zigzag types sort by their signed values, as libprotobuf's deterministic
+// encoding writes them, and no two of them are taken for one.
+TEST(RewriteTest, NormalizesZigzagMapKeysInSignedOrder) {
+  const SchemaStore store(schemaManifestFromProtoText(
+      "syntax = \"proto3\"; message M { map<sint64, int32> m = 1; map<sint32, int32> n = 2; }"));
+  const auto entries = [](int field, std::initializer_list<int64_t> keys) {
+    Wire out;
+    for (const int64_t k : keys) {
+      const uint64_t zigzag = (static_cast<uint64_t>(k) << 1) ^ static_cast<uint64_t>(k >> 63);
+      out.bytesField(field, wire(Wire().varintField(1, zigzag).varintField(2, 1)));
+    }
+    return wire(out);
+  };
+  const std::string record = entries(1, {0, 7, -4, 3, -1}) + entries(2, {-1, 3, -4, 7, 0});
+  EXPECT_EQ(toString(normalizeRecord(store.messageSchema("M"), toBytes(record))),
+            entries(1, {-4, -1, 0, 3, 7}) + entries(2, {-4, -1, 0, 3, 7}));
 }
 
 // Unknown groups nest as far as protobuf's parse lets them, at the top and inside a message:

@@ -33,6 +33,7 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
       {"negative zeros keep their sign", R"({"fl":-0.0,"db":-0.0})", R"({"fl":-0.0,"db":-0.0})"},
       {"bytes in the URL-safe alphabet, padded or not", R"({"by":"-_8","rm":[{"by":"-_8="}]})",
        R"({"by":"+/8=","rm":[{"by":"+/8="}]})"},
+      {"bytes of zero bits, unpadded", R"({"by":"AAA"})", R"({"by":"AAA="})"},
       {"null leaves a oneof member out", R"({"o1":null,"o2":{}})", R"({"o2":{}})"},
       {"numbers of more than 19 significant digits",
        R"({"db":0.1000000000000000055511151231257827021181583404541015625,)"
