@@ -373,6 +373,16 @@ TEST(DescriptorSetImport, HandEncodedSets) {
         lengthField(4, lengthField(1, "M") + lengthField(2, fieldBytes() + varintField(4, 3)))));
     EXPECT_EQ(editions.messages.at("M").fields.at("a").packed, encoding == 1) << encoding;
   }
+  // Two extensions of M named x, from the packages p and q, keep their full names also when the
+  // first file is met again after the second.
+  const std::string extension = lengthField(1, "x") + varintField(5, 5) + lengthField(2, ".p.M");
+  const std::string p = setOf(lengthField(2, "p") + lengthField(4, lengthField(1, "M")) +
+                              lengthField(7, extension + varintField(3, 1)));
+  const std::string q = setOf(lengthField(2, "q") + lengthField(7, extension + varintField(3, 2)));
+  const SchemaManifest twice = importBytes(p + q + p);
+  std::vector<std::string> names;
+  for (const auto& [name, field] : twice.messages.at("p.M").fields) names.push_back(name);
+  EXPECT_EQ(names, (std::vector<std::string>{"p.x", "q.x"}));
   // A field's other options are not its [packed].
   const SchemaManifest deprecated = schemaManifestFromProtoText(
       "syntax = \"proto2\"; message M { repeated int32 r = 1 [deprecated = true]; }");
