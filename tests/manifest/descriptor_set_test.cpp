@@ -383,10 +383,16 @@ TEST(DescriptorSetImport, HandEncodedSets) {
   std::vector<std::string> names;
   for (const auto& [name, field] : twice.messages.at("p.M").fields) names.push_back(name);
   EXPECT_EQ(names, (std::vector<std::string>{"p.x", "q.x"}));
-  // A field's other options are not its [packed].
+  // A field's other options are not its [packed]; proto3 packs no strings, bytes or messages.
   const SchemaManifest deprecated = schemaManifestFromProtoText(
       "syntax = \"proto2\"; message M { repeated int32 r = 1 [deprecated = true]; }");
   EXPECT_FALSE(deprecated.messages.at("M").fields.at("r").packed);
+  const SchemaManifest proto3 = schemaManifestFromProtoText(
+      "syntax = \"proto3\"; message M { repeated string s = 1; repeated bytes b = 2; "
+      "repeated M m = 3; repeated int32 i = 4; }");
+  for (const auto& [name, field] : proto3.messages.at("M").fields) {
+    EXPECT_EQ(field.packed, name == "i") << name;
+  }
 }
 
 std::string nestedMessages(int depth) {
