@@ -289,6 +289,12 @@ TEST(SqliteFunctionsTest, RegistrationMergesAndRefusesChangedDefinitions) {
           {proto("package a; message Q {} message M { int64 x = 1; }"), refused("Message", "a.M")},
           {"SELECT P_ENCODE('a.Q', '{}')", error(SchematizerError::schemaNotFound("a.Q"))},
           {proto("package a; enum E { Z = 0; }"), count(rich + 1)},
+          // A registration rolled back with its transaction is gone once it has ended.
+          {"BEGIN", "rows:0"},
+          {proto("package r; message R { int32 x = 1; }"), count(rich + 2)},
+          {"SELECT hex(P_ENCODE('r.R', '{\"x\": 5}'))", "text:0805"},
+          {"ROLLBACK", "rows:0"},
+          {"SELECT P_ENCODE('r.R', '{}')", error(SchematizerError::schemaNotFound("r.R"))},
           // Registered types are rows of the database, which stay as they are.
           {"SELECT group_concat(name || is_message) FROM (SELECT name, is_message FROM "
            "ostrel_schemas WHERE name GLOB 'a.*' ORDER BY name)",
