@@ -69,10 +69,12 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
   const SchemaStore wktStore(testing_support::generatedManifest("well_known.desc"));
   // repeats { r_int32: [1, 2] packed, an empty run, then [3] packed }
   const std::string twoRuns("\x1a\x09\x2a\x02\x01\x02\x2a\x00\x2a\x01\x03", 11);
-  // An enum whose numbers span more than a small range, its lowest below its zero.
+  // An enum whose numbers span more than a small range, its lowest below its zero; one of a
+  // small range below zero.
   const SchemaStore farStore(schemaManifestFromProtoText(
       "syntax = \"proto3\"; package far;"
-      "enum E { Z = 0; NEG = -1; FAR = 5000; } message M { E e = 1; }"));
+      "enum E { Z = 0; NEG = -1; FAR = 5000; } enum S { NIL = 0; LOW = -2; }"
+      "message M { E e = 1; S s = 2; }"));
   const std::string colored = rich([](test::Rich& m) { m.set_color(test::BLUE); });
   const std::string unknownColor =
       rich([](test::Rich& m) { m.set_color(static_cast<test::Color>(7)); });
@@ -90,10 +92,10 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
        {"\"FAR\"", "\"7\""}},
       {"an absent enum's default is its zero, not its lowest",
        "far.M",
-       {"e"},
+       {"e", "s"},
        [](ColumnOptions& o) { o.defaults = true; },
        {empty},
-       {"\"Z\""}},
+       {"\"Z\" | \"NIL\""}},
       {"enums as numbers",
        "ostrel.test.Rich",
        {"color"},

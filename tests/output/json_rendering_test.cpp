@@ -236,18 +236,17 @@ TEST(JsonRenderingTest, KeepsTheLastMemberOfEachOfManyOneofs) {
   EXPECT_EQ(render(schema, backward), second + "}");
 }
 
-// A field that fails after the sink has taken part of the text is withdrawn from what is left:
+// A field that fails after the sink has taken part of the text is withdrawn from what is left,
+// and so is a field left out (a zero without presence) that begins where the sink took the text:
 // the streamed text is the whole one.
-TEST(JsonRenderingTest, StreamsTheWholeTextPastAFailedField) {
+TEST(JsonRenderingTest, StreamsTheWholeTextPastAFieldWithdrawn) {
   SchemaStore store(sampleManifest());
-  const SchematizedData data = store.messageSchema("t.Sample")
-                                   .schematizedData(len(14, std::string(100000, 'x')) + f32(16, 1));
-  LogCapture log;
-  std::string streamed;
-  renderJSON(data, [&](std::string_view piece) { streamed += piece; });
-  EXPECT_EQ(streamed, renderJSON(data));
-  EXPECT_NE(streamed.find(error("e", "typeMismatch(enum(t.Kind), fixed32)")), std::string::npos);
-
+  const std::string longText = std::string(100000, 'x');
+  const SchematizedData failed =
+      store.messageSchema("t.Sample").schematizedData(len(14, longText) + f32(16, 1));
+  SchemaStore rich(generatedManifest("rich.desc"));
+  const SchematizedData zero =
+      rich.messageSchema("ostrel.test.Scalars").schematizedData(len(9, longText) + var(14, 0));
   // A well-known value fails once its element has begun: thousands of Timestamps, the last out of
   // range.
   SchemaStore wellKnown(generatedManifest("well_known.desc"));
@@ -256,10 +255,16 @@ TEST(JsonRenderingTest, StreamsTheWholeTextPastAFailedField) {
   times += len(20, var(1, 253402300800));
   const SchematizedData held =
       wellKnown.messageSchema("ostrel.test.wkt.Holder").schematizedData(times);
-  streamed.clear();
-  renderJSON(held, [&](std::string_view piece) { streamed += piece; });
-  EXPECT_EQ(streamed, renderJSON(held));
-  EXPECT_EQ(streamed.find("1970"), std::string::npos);
+  LogCapture log;
+  for (const SchematizedData* data : {&failed, &zero, &held}) {
+    std::string streamed;
+    renderJSON(*data, [&](std::string_view piece) { streamed += piece; });
+    EXPECT_EQ(streamed, renderJSON(*data));
+  }
+  EXPECT_NE(renderJSON(failed).find(error("e", "typeMismatch(enum(t.Kind), fixed32)")),
+            std::string::npos);
+  EXPECT_EQ(renderJSON(zero), "{\"f_string\":\"" + longText + "\"}");
+  EXPECT_EQ(renderJSON(held).find("1970"), std::string::npos);
 }
 
 TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {

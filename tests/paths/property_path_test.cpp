@@ -124,6 +124,7 @@ TEST(PropertyPathErrorTest, IndentsTheArrowByUserPerceivedCharacters) {
        "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7.", 2},
       {"CR LF", "a\r\nb", 3},
       {"LF CR", "a\n\rb", 4},
+      {"LF first", "\na", 2},
       {"malformed bytes", "\xFF\xFE.", 3},
       {"truncated sequence", "\xE6\x97.", 3},
       {"overlong encoding", "\xC0\xAF", 2},

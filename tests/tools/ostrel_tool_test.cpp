@@ -94,6 +94,21 @@ TEST(OstrelTool, SchemaCommands) {
        "10feffffffffffffffff01"},
       {"-s " + levels + " encode -m a.M --from text --output hex", 0, "10feffffffffffffffff01\n",
        "", "level: NEG"},
+      // An enum whose every name is an alias of another, beside a message whose name starts with
+      // a dot.
+      {"-s " + scratchFile("aliases.json", R"({"enums": {"a.E": {"values": {"ZERO": 0, "NONE": 0}}},
+          "messages": {".lead": {}, "a.M": {"fields": {"e": {"type": "enum", "typeName": "a.E",
+          "fieldNumber": 1}}}}})") +
+           " text -m a.M --input hex",
+       0, "e: NONE\n", "", "0800"},
+      // Messages of one package that refer to each other, one through a message that needs
+      // proto2 (C's field has presence).
+      {"-s " + scratchFile("cycle.json", R"({"messages": {"p.A": {"fields": {"b": {"type": "schema",
+          "typeName": "p.B", "fieldNumber": 1}}}, "p.B": {"fields": {"a": {"type": "schema",
+          "typeName": "p.A", "fieldNumber": 1}, "c": {"type": "schema", "typeName": "p.C",
+          "fieldNumber": 2}}}, "p.C": {"fields": {"x": {"type": "int", "fieldNumber": 1}}}}})") +
+           " text -m p.A --input hex",
+       0, "b {\n  a {\n    b {\n    }\n  }\n}\n", "", "0a04 0a02 0a00"},
       // The -s files come first, whatever the order of the options; the first definition wins.
       {"--proto " + kShopProto + " -s " + item + " describe message shop.Item", 0,
        "1\tsku\tsigned integer 32\n2\tquantity\tunsigned integer 32\n3\tprice\tsigned integer "
