@@ -128,7 +128,7 @@ TEST(ConfluentEnvelope, RefusesEachFaultOfTheHeader) {
       {"short id", "\0\0\0"s, truncated},
       {"short GUID", "\1\2\3"s, truncated},
       {"no path", "\0\0\0\0\7"s, truncated},
-      {"path count past the end", "\0\0\0\0\7\6\2"s, truncated},
+      {"path count past the end, a negative index after it", "\0\0\0\0\7\6\1"s, truncated},
       {"negative index", "\0\0\0\0\7\2\1"s, badIndexes},
       {"index beyond 32 bits", "\0\0\0\0\7\2\xff\xff\xff\xff\x7f"s, badIndexes},
   };
