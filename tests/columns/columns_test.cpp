@@ -70,11 +70,15 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
   // repeats { r_int32: [1, 2] packed, an empty run, then [3] packed }
   const std::string twoRuns("\x1a\x09\x2a\x02\x01\x02\x2a\x00\x2a\x01\x03", 11);
   // An enum whose numbers span more than a small range, its lowest below its zero; one of a
-  // small range below zero.
-  const SchemaStore farStore(schemaManifestFromProtoText(
+  // small range below zero; one without values, as a manifest may hold it.
+  SchemaManifest far = schemaManifestFromProtoText(
       "syntax = \"proto3\"; package far;"
       "enum E { Z = 0; NEG = -1; FAR = 5000; } enum S { NIL = 0; LOW = -2; }"
-      "message M { E e = 1; S s = 2; }"));
+      "message M { E e = 1; S s = 2; }");
+  far.enums["far.None"];
+  far.messages["far.M"].fields["n"] = {
+      .type = TypeManifest::enum_, .typeName = "far.None", .fieldNumber = 3};
+  const SchemaStore farStore(far);
   const std::string colored = rich([](test::Rich& m) { m.set_color(test::BLUE); });
   const std::string unknownColor =
       rich([](test::Rich& m) { m.set_color(static_cast<test::Color>(7)); });
@@ -85,11 +89,11 @@ TEST(ColumnsTest, OptionsShapeTheColumns) {
   const OptionRow rows[] = {
       {"enums whose numbers lie far apart",
        "far.M",
-       {"e"},
+       {"e", "n"},
        none,
        // The second record opens with field 16, the first number past the tag table.
-       {"\x08\x88\x27", "\x80\x01\x05\x08\x07"},
-       {"\"FAR\"", "\"7\""}},
+       {"\x08\x88\x27\x18\x02", "\x80\x01\x05\x08\x07"},
+       {"\"FAR\" | \"2\"", "\"7\" | null"}},
       {"an absent enum's default is its zero, not its lowest",
        "far.M",
        {"e", "s"},

@@ -1281,6 +1281,7 @@ TEST(DifferentialJsonValueTest, AcceptsAndRefusesValueTextsAsLibprotobuf) {
       {{"scalars.f_int32", "scalars.f_sint32", "scalars.f_sfixed32", "scalars.f_uint32",
         "scalars.f_fixed32", "scalars.f_int64", "scalars.f_uint64", "scalars.f_sint64",
         "scalars.f_fixed64", "scalars.f_sfixed64"},
+       "1 \t\r\n|"
        R"(0|-0|1|-1|1.0|1.5|1e2|1E+2|1e-2|0.1e1|-1e0|127|2147483647|2147483648|-2147483648|)"
        R"(-2147483649|4294967295|4294967296|9223372036854775807|9223372036854775808|)"
        R"(-9223372036854775808|-9223372036854775809|18446744073709551615|18446744073709551616|)"

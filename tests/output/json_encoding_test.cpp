@@ -145,6 +145,7 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       {R"({"sm":{"\udc00":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"\udfff":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"\ud800x":1}})", u("invalid JSON: Problem while parsing a string")},
+      {R"({"sm":{"\ud800\u0041":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"sm":{"a\ud800":1}})", u("invalid JSON: Problem while parsing a string")},
       {R"({"db\q":1})", u("invalid JSON: Problem while parsing a string")},
       {R"({"db":1e999})", u("invalid JSON: Problem while parsing a number")},
@@ -182,6 +183,8 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
       // Far apart in a large map, and after a fault of the map's writing.
       {R"({"sm":{)" + manyKeys(5000) + R"(,"k4321":1}})", u(R"($.sm: duplicate key "k4321")")},
       {R"({"im":{)" + manyKeys(100) + R"(,"k7":1}})", u(R"($.im: duplicate key "k7")")},
+      // Of 33 keys, whose hashes share no slot of the table but those of the key given twice.
+      {R"({"sm":{)" + manyKeys(32) + R"(,"k0":1}})", u(R"($.sm: duplicate key "k0")")},
   };
   SchemaStore store(sampleManifest());
   const MessageSchema schema = store.messageSchema("t.Sample");
