@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <tuple>
 #include <vector>
 
 #include "columns/arrow_text.hpp"
@@ -290,6 +291,22 @@ TEST(ColumnsTest, PathsThatCannotBeColumnsAreRefused) {
   EXPECT_EQ(catchError([&] { ColumnProjection(schema, {"nothing"}); }),
             SchematizerError::fieldNotFound(
                 "Schema \"ostrel.test.Rich\" property with name \"nothing\""));
+  // An explode of no repeated path among the paths, or with paths below elements that are not
+  // messages.
+  const std::tuple<std::string, std::vector<std::string>, const char*> explodes[] = {
+      {"mids", {"name"}, "explode names one of the paths, a repeated field"},
+      {"name", {"name"}, "explode names one of the paths, a repeated field"},
+      {"repeats.r_int32",
+       {"repeats.r_int32", "repeats.r_int32.x"},
+       "paths below an exploded field need a repeated message"},
+      {"counts", {"counts", "counts.key"}, "paths below an exploded field need a repeated message"},
+  };
+  for (const auto& [explode, paths, why] : explodes) {
+    ColumnOptions options;
+    options.explode = explode;
+    EXPECT_EQ(catchError([&] { ColumnProjection(schema, paths, options); }),
+              ColumnError::unsupportedPath(explode, why));
+  }
 }
 
 // Releases `parent` as a consumer does, checking that it releases each child and dictionary it

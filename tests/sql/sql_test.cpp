@@ -468,6 +468,9 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
            error(SchematizerError::unexpectedType("$.maybe: expected an integer of type int32"))},
           {"SELECT P_SET(x'5801', 'mid', x'0a05')", truncated},
           {"SELECT P_SET(x'2a05', 'color', 1)", truncated},
+          // An element in the third of three packed runs, the second of them empty.
+          {"SELECT hex(P_SET(x'1a092a0201022a002a0103', 'repeats.r_int32[2]', 7))",
+           "text:1A092A0201022A002A0107"},
           // A packed run of fixed32 that does not end on an element boundary, a field after it.
           {"SELECT P_SET(x'1a073a030102034001', 'repeats.r_fixed32[0]', 1)", truncated},
           {"SELECT P_MERGE(x'5801', 'x')",
@@ -495,11 +498,14 @@ TEST(SqliteFunctionsTest, NullsErrorsAndEdges) {
           {"SELECT group_concat(key || '=' || value) FROM "
            "P_EACH(x'42050a01781003420210034200', 'counts')",
            "text:x=3,=3,=0"},
-          // P_JSON and P_NORMALIZE refuse records nested deeper than 100 messages.
+          // P_JSON and P_NORMALIZE refuse records nested deeper than 100 messages, not 100.
           {"SELECT ostrel_register_proto('syntax = \"proto3\"; package d; message N { N n = 1; }')",
            "int:" + std::to_string(richManifest().messages.size() + 1)},
           {"SELECT P_JSON(" + hexLiteral(nested(101)) + ", 'd.N')",
            error(SchematizerError::protocolBufferError("Nesting deeper than 100 messages"))},
+          {"SELECT P_NORMALIZE(" + hexLiteral(nested(100)) +
+               ", 'd.N') = " + hexLiteral(nested(100)),
+           "int:1"},
           {"SELECT P_NORMALIZE(" + hexLiteral(nested(101)) + ", 'd.N')",
            error(SchematizerError::protocolBufferError("Nesting deeper than 100 messages"))},
       });
