@@ -137,8 +137,10 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
       }
     }
   }
-  // Defaults are printed for the fields without presence only.
   const SchemaStore store(schemaManifestFromDescriptorSet(generated("features.binpb")));
+  // An enum of a file whose enum_type is CLOSED is closed.
+  EXPECT_TRUE(store.messageSchema("ostrel.editions.Record").fieldNamed("kind").hasClosedEnum());
+  // Defaults are printed for the fields without presence only.
   EXPECT_EQ(renderJSON(store.messageSchema("ostrel.editions.Record").schematizedData(std::string()),
                        JsonOptions{.printDefaults = true}),
             R"({"implicit":0,"leaves":[],"prefixed_leaves":[],"by_name":{},"expanded":[],)"
