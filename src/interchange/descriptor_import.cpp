@@ -233,6 +233,29 @@ void applyFeatures(FieldManifest& field, const Features& features, bool group) {
   field.closedEnum = field.type == TypeManifest::enum_ && features.closedEnums;
 }
 
+void EnumClosedness::addEnum(const std::string& fullName, const Features& file,
+                             const RawOptions& options) {
+  closedEnums_.insert_or_assign(fullName,
+                                withFeatures(file, options, kEnumFeaturesNumber).closedEnums);
+}
+
+void EnumClosedness::addEditionsField(std::string fullName) {
+  editionsFields_.insert(std::move(fullName));
+}
+
+void EnumClosedness::apply(SchemaManifest& manifest) const {
+  for (auto& [messageName, message] : manifest.messages) {
+    for (auto& [name, field] : message.fields) {
+      if (field.type != TypeManifest::enum_ || !field.typeName) continue;
+      const bool editions = field.extensionName
+                                ? editionsFields_.contains(*field.extensionName)
+                                : editionsFields_.contains(messageName + "." + name);
+      const auto enumType = closedEnums_.find(*field.typeName);
+      if (editions && enumType != closedEnums_.end()) field.closedEnum = enumType->second;
+    }
+  }
+}
+
 void keepMapsLengthPrefixed(SchemaManifest& manifest) {
   const auto isMapEntry = [&](const MessageManifest& message) {
     std::optional<uint64_t> mapEntry;

@@ -89,8 +89,8 @@ class ExtensionFields {
 };
 
 // What a field's Editions features (or its file's syntax) decide that the library acts on: its
-// presence and its message encoding. Both can be set on files and fields only (those are their
-// feature targets), so a field's value comes from its own options or else from its file's.
+// presence, its message encoding and its packing, which files and fields set (those are their
+// feature targets), and whether enums are closed, which files and enums set.
 struct Features {
   bool explicitPresence = true;
   bool delimited = false;
@@ -101,9 +101,10 @@ struct Features {
   bool closedEnums = false;
 };
 
-// The field number of `features` in google.protobuf.FileOptions and FieldOptions.
+// The field number of `features` in google.protobuf.FileOptions, FieldOptions and EnumOptions.
 inline constexpr int64_t kFileFeaturesNumber = 50;
 inline constexpr int64_t kFieldFeaturesNumber = 21;
+inline constexpr int64_t kEnumFeaturesNumber = 7;
 
 // The defaults of a file's syntax: "proto3" has implicit presence, "proto2" (or none) and
 // "editions" (2023 and 2024 alike) explicit presence; all of them length-prefixed messages;
@@ -122,6 +123,24 @@ void applyFeatures(FieldManifest& field, const Features& features, bool group);
 // Map fields and the fields of their entries are length-prefixed whatever their features say:
 // clears `delimited` of the fields whose type is a map entry and of the fields of map entries.
 void keepMapsLengthPrefixed(SchemaManifest& manifest);
+
+// Whether enum fields are closed. A field of an Editions file is closed when its enum is: by the
+// enum's own features, else by its file's. A field of a proto2 file stays closed and one of a
+// proto3 file open whatever its enum, as protobuf treats them, so those keep what their file's
+// features decided. Enums and fields are recorded as they are read, in any order; `apply` settles
+// the fields once the whole schema is read.
+class EnumClosedness {
+ public:
+  // An enum: `file` are the features of the file that declares it, `options` its EnumOptions.
+  void addEnum(const std::string& fullName, const Features& file, const RawOptions& options);
+  // A field of enum type declared in an Editions file, by its full name (an extension's too).
+  void addEditionsField(std::string fullName);
+  void apply(SchemaManifest& manifest) const;
+
+ private:
+  std::map<std::string, bool, std::less<>> closedEnums_;
+  std::set<std::string, std::less<>> editionsFields_;
+};
 
 // What the importers do with group fields: refuse them ("Group is deprecated", thrown by the
 // importer itself), leave them out (each one reported once) or read them as delimited messages,

@@ -95,6 +95,7 @@ class DescriptorSetReader {
     if (const auto change = detail::builtinTypeChange(manifest_)) {
       throw MergeConflict::conflict(change->second);
     }
+    enumClosedness_.apply(manifest_);
     detail::keepMapsLengthPrefixed(manifest_);
     return std::move(manifest_);
   }
@@ -191,7 +192,9 @@ class DescriptorSetReader {
       throw SchemaManifestDSCError::invalidValueType(std::move(*text));
     }
     enumManifest.values = detail::uniqueEnumValues(std::move(values));
-    manifest_.enums.insert_or_assign(detail::fullName(path, *name), std::move(enumManifest));
+    const std::string full = detail::fullName(path, *name);
+    enumClosedness_.addEnum(full, features_, enumManifest.options);
+    manifest_.enums.insert_or_assign(full, std::move(enumManifest));
   }
 
   static std::pair<std::string, int64_t> readEnumValue(const detail::AnyValueImpl& value,
@@ -260,6 +263,9 @@ class DescriptorSetReader {
     field.fieldNumber = *number;
     detail::applyFeatures(
         field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
+    if (field.type == TypeManifest::enum_ && syntax_ == "editions") {
+      enumClosedness_.addEditionsField(detail::fullName(scope, *name));
+    }
     if (auto json = declaredJsonName(value.messageValue().bytes());
         json && *json != detail::jsonName(*name)) {
       field.jsonName = std::move(json);
@@ -331,6 +337,7 @@ class DescriptorSetReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
+  detail::EnumClosedness enumClosedness_;
   // Of the file being read.
   std::string syntax_;
   detail::Features features_;

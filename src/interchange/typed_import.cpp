@@ -41,6 +41,7 @@ class TypedDescriptorReader {
     if (const auto change = detail::builtinTypeChange(manifest_)) {
       throw MergeConflict::conflict(change->second);
     }
+    enumClosedness_.apply(manifest_);
     detail::keepMapsLengthPrefixed(manifest_);
     return std::move(manifest_);
   }
@@ -111,8 +112,9 @@ class TypedDescriptorReader {
       throw SchemaManifestJSONError::invalidValueType(std::move(*text));
     }
     enumManifest.values = detail::uniqueEnumValues(std::move(values));
-    manifest_.enums.insert_or_assign(detail::fullName(path, descriptor.name()),
-                                     std::move(enumManifest));
+    const std::string full = detail::fullName(path, descriptor.name());
+    enumClosedness_.addEnum(full, features_, enumManifest.options);
+    manifest_.enums.insert_or_assign(full, std::move(enumManifest));
   }
 
   // The field's name and record; nothing for a group field left out. `scope` is the path of the
@@ -158,6 +160,9 @@ class TypedDescriptorReader {
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
     detail::applyFeatures(
         field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
+    if (field.type == TypeManifest::enum_ && syntax_ == "editions") {
+      enumClosedness_.addEditionsField(detail::fullName(scope, descriptor.name()));
+    }
     // An extension always has presence, whatever its file's.
     if (descriptor.has_extendee()) field.implicitPresence = false;
     return std::pair(descriptor.name(), std::move(field));
@@ -179,6 +184,7 @@ class TypedDescriptorReader {
   SchemaManifest manifest_;
   detail::ExtensionFields extensions_;
   detail::GroupFields groups_;
+  detail::EnumClosedness enumClosedness_;
   // Of the file being read.
   std::string syntax_;
   detail::Features features_;

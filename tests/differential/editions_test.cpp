@@ -87,6 +87,7 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
     std::string field;
     bool delimited;
     bool implicitPresence;
+    bool closedEnum = false;
   };
   const std::string all = "protobuf_test_messages.editions.TestAllTypesEdition2023";
   const Row rows[] = {
@@ -101,7 +102,8 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
       {"features", "ostrel.editions.Record", "chosen", true, false},    // in a oneof
       {"features", "ostrel.editions.Record", "by_name", false, false},  // a map
       {"features", "ostrel.editions.Record.ByNameEntry", "value", false, false},
-      {"features", "ostrel.editions.Record", "kind", false, false},
+      {"features", "ostrel.editions.Record", "kind", false, false, true},  // the file's CLOSED
+      {"features", "ostrel.editions.Record", "open", false, true},         // the enum's own OPEN
       {"features", "ostrel.editions.Record", "text", false, true},
       {"features", "ostrel.editions.Record", "old", false, false},
       // Edition 2023, its file IMPLICIT and DELIMITED too, in a message of its own JSON format.
@@ -110,9 +112,11 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
       {"features", "ostrel.editions.Old", "delimited", true, false},
       {"features", "ostrel.editions.Old", "prefixed", false, false},
       {"features", "ostrel.editions.Old", "olds", true, false},
-      {"features", "ostrel.editions.Old", "level", false, true},
+      {"features", "ostrel.editions.Old", "level", false, true},            // the enum's own OPEN
+      {"features", "ostrel.editions.Legacy", "level", false, false, true},  // of a proto2 file
       // Edition 2023's default: EXPLICIT presence; the file: DELIMITED.
       {"conformance", all, "optional_int32", false, false},
+      {"conformance", all, "optional_nested_enum", false, false},  // open
       {"conformance", all, "repeated_int32", false, false},
       {"conformance", all, "optional_nested_message", false, false},
       {"conformance", all, "map_recursive", false, false},
@@ -134,12 +138,11 @@ TEST(Editions, FeaturesResolveFromTheFileTheFieldAndTheEditionsDefaults) {
         const FieldSchema field = store.messageSchema(row.message).fieldNamed(row.field);
         EXPECT_EQ(field.isDelimited(), row.delimited);
         EXPECT_EQ(field.hasImplicitPresence(), row.implicitPresence);
+        EXPECT_EQ(field.hasClosedEnum(), row.closedEnum);
       }
     }
   }
   const SchemaStore store(schemaManifestFromDescriptorSet(generated("features.binpb")));
-  // An enum of a file whose enum_type is CLOSED is closed.
-  EXPECT_TRUE(store.messageSchema("ostrel.editions.Record").fieldNamed("kind").hasClosedEnum());
   // Defaults are printed for the fields without presence only.
   EXPECT_EQ(renderJSON(store.messageSchema("ostrel.editions.Record").schematizedData(std::string()),
                        JsonOptions{.printDefaults = true}),
