@@ -58,33 +58,6 @@ TEST(TypeSchemaDescriptionTest, DescribesAndComparesBySchemaName) {
   }
 }
 
-TEST(ErrorsTest, EqualityIsByCaseAndTextAndWhatNamesBoth) {
-  EXPECT_EQ(SchematizerError::internalError("a"), SchematizerError::internalError("a"));
-  EXPECT_FALSE(SchematizerError::internalError("a") == SchematizerError::internalError("b"));
-  EXPECT_FALSE(SchematizerError::schemaNotFound("x") == SchematizerError::enumNotFound("x"));
-  EXPECT_EQ(SchematizerError::fieldNotFound("t").code(), SchematizerError::Code::fieldNotFound);
-  EXPECT_STREQ(SchematizerError::oneofNotFound().what(), "oneofNotFound");
-
-  const auto mismatch =
-      SerializationError::typeMismatch(D::scalar(C::fixed32), ProtoWireType::varInt);
-  EXPECT_EQ(mismatch.wireType(), ProtoWireType::varInt);
-  EXPECT_FALSE(mismatch ==
-               SerializationError::typeMismatch(D::scalar(C::fixed32), ProtoWireType::fixed64));
-  const auto invalid =
-      SerializationError::invalidIntType(AnyValue(uint32_t{5}), D::scalar(C::int32));
-  EXPECT_STREQ(invalid.what(), "invalidIntType(uint32(5), int32)");
-  EXPECT_EQ(invalid.value()->uint32Value(), 5u);
-  // It carries this value and this type, not merely an integer mismatch.
-  EXPECT_FALSE(invalid ==
-               SerializationError::invalidIntType(AnyValue(uint32_t{6}), D::scalar(C::int32)));
-  EXPECT_FALSE(invalid ==
-               SerializationError::invalidIntType(AnyValue(uint32_t{5}), D::scalar(C::int64)));
-  EXPECT_FALSE(SerializationError::truncated() == SerializationError::malformedProtobuf());
-  EXPECT_FALSE(SchemaManifestDSCError::invalidValueType("x") ==
-               SchemaManifestDSCError::invalidDescriptor("x"));
-  EXPECT_STREQ(SchemaManifestDSCError::cannotLoadDescriptor().what(), "cannotLoadDescriptor");
-}
-
 // Enum values and messages compare by the name of their schema, not its object, then by number
 // (whether held by name or by number) or by bytes.
 TEST(ValuesTest, EnumsAndMessagesCompareBySchemaNameAndContent) {
@@ -117,38 +90,6 @@ TEST(ValuesTest, EnumsAndMessagesCompareBySchemaNameAndContent) {
     const auto& [a, b, equal] = rows[i];
     EXPECT_EQ(a == b, equal) << "row " << i;
   }
-}
-
-TEST(ValuesTest, PublicValuesOwnWhatInternalValuesBorrow) {
-  std::optional<Bytes> buffer = bytesOf({1, 2, 3});
-  const AnyValue owned = AnyValue::from(detail::AnyValueImpl::bytes(ByteView(*buffer).subspan(1)));
-  buffer.reset();
-  EXPECT_EQ(owned.bytesValue(), bytesOf({2, 3}));
-  EXPECT_EQ(owned.kind(), AnyValue::Case::bytes);
-  EXPECT_EQ(AnyValue("abc").impl().stringValue(), "abc");
-
-  const Bytes bytes = bytesOf({9, 8, 7});
-  EXPECT_EQ(BorrowedData(ByteView(bytes).first(2)).copy(), bytesOf({9, 8}));
-  EXPECT_EQ(BorrowedData().copy(), Bytes{});
-  const OwnedData data(bytes);
-  const OwnedData shared = data;
-  EXPECT_EQ(shared.view().data(), data.view().data());
-  EXPECT_EQ(data.copy(), bytes);
-  EXPECT_NE(data.copy().data(), data.view().data());
-}
-
-// Reading a value as another kind is the library's own error, naming both kinds, for the owned
-// and the internal form alike.
-TEST(ValuesTest, ReadingAsTheWrongKindNamesBothKinds) {
-  using testing_support::catchError;
-  const AnyValue number(int64_t{5});
-  EXPECT_EQ(catchError([&] { number.stringValue(); }),
-            SchematizerError::unexpectedType("expected string value, found int64"));
-  EXPECT_EQ(catchError([&] { number.impl().uint64Value(); }),
-            SchematizerError::unexpectedType("expected uint64 value, found int64"));
-  EXPECT_EQ(catchError([&] { AnyValue("x").messageValue(); }),
-            SchematizerError::unexpectedType("expected message value, found string"));
-  EXPECT_EQ(number.int64Value(), 5);
 }
 
 }  // namespace

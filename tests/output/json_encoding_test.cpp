@@ -61,13 +61,6 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
   }
 }
 
-TEST(JsonEncodingTest, WritesMapEntriesWithKeyAndValue) {
-  SchemaStore store(sampleManifest());
-  const SchematizedData data = parseJSON(store.messageSchema("t.Sample"), R"({"sm":{"":0}})");
-  // Field 21, length 4: key "" (0A 00) and value 0 (10 00).
-  EXPECT_EQ(data.data(), testing_support::bytesOf({0xAA, 0x01, 0x04, 0x0A, 0x00, 0x10, 0x00}));
-}
-
 // Far deeper text is the reliability tests' part; here the limits themselves: a hundred messages,
 // and text nested deeper than any message can be, refused while it is parsed.
 TEST(JsonEncodingTest, NestsAtMostAHundredMessages) {
@@ -194,36 +187,6 @@ TEST(JsonEncodingTest, RejectsWhatItCannotWrite) {
   }
 }
 
-// Fields without presence of their own are left out when they hold their default, as ProtoJSON
-// parsers leave them; fields with presence (oneof members, proto3 optional, messages,
-// extensions) are kept.
-TEST(JsonEncodingTest, LeavesOutDefaultsOfFieldsWithoutPresence) {
-  SchemaManifest manifest = testing_support::generatedManifest("rich.desc");
-  manifest.merge(testing_support::generatedManifest("well_known.desc"), MergePolicy::keepExisting);
-  manifest.merge(schemaManifestFromProtoText("syntax = \"proto2\"; message M { extensions 1; }"
-                                             " extend M { optional int32 x = 1; }"),
-                 MergePolicy::keepExisting);
-  const SchemaStore store(manifest);
-  const struct {
-    std::string type;
-    std::string json;
-    std::string rendered;
-  } rows[] = {
-      {"ostrel.test.Scalars",
-       R"({"f_int32":0,"f_string":"","f_bytes":"","f_bool":false,"f_double":0,"f_float":-0.0,)"
-       R"("f_sint64":"0","f_fixed32":0,"f_enum":"COLOR_UNSPECIFIED","f_uint64":1})",
-       R"({"f_float":-0.0,"f_uint64":"1"})"},
-      {"ostrel.test.Rich", R"({"name":"","maybe":0,"counts":{"":0}})",
-       R"({"name":"","counts":{"":0},"maybe":0})"},
-      {"ostrel.test.wkt.Holder", R"({"null_value":null,"nulls":[null]})", R"({"nulls":[null]})"},
-      {"M", R"({"[x]":0})", R"({"[x]":0})"},  // an extension, its member named however short
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.json);
-    EXPECT_EQ(renderJSON(parseJSON(store.messageSchema(row.type), row.json)), row.rendered);
-  }
-}
-
 // Members are told apart by the index of their name, and fields by theirs, past the first 64 too.
 TEST(JsonEncodingTest, RefusesMembersGivenTwiceInAMessageOfManyFields) {
   SchemaManifest manifest;
@@ -239,34 +202,6 @@ TEST(JsonEncodingTest, RefusesMembersGivenTwiceInAMessageOfManyFields) {
       catchError([&] { parseJSON(wide, R"({"f70":1,"f_70":2})"); }),
       SchematizerError::unexpectedType("$.f_70: expected the field once, under one of its names"));
   EXPECT_EQ(renderJSON(parseJSON(wide, R"({"f_69":1,"f70":2})")), R"({"f_69":1,"f_70":2})");
-}
-
-TEST(JsonEncodingTest, IgnoresUnknownMembersWhenAsked) {
-  SchemaStore store(sampleManifest());
-  const MessageSchema schema = store.messageSchema("t.Sample");
-  const std::string json =
-      R"({"nope":{"deep":[1,{"x":null}]},"i32":3,"child":{"zz":"y","b":true}})";
-  JsonParseOptions options;
-  options.ignoreUnknownFields = true;
-  EXPECT_EQ(renderJSON(parseJSON(schema, json, options)), R"({"i32":3,"child":{"b":true}})");
-  // A member ignored is still read for the text's own faults.
-  EXPECT_EQ(catchError([&] { parseJSON(schema, R"({"nope":{"a":[1],"a":2},"i32":1})", options); }),
-            SchematizerError::unexpectedType(R"($.nope: duplicate key "a")"));
-  // Its nesting counts from the document, at the top and within a message.
-  for (const std::string at : {"", "child"}) {
-    const int room = at.empty() ? 200 : 199;
-    const auto text = [&](int levels) {
-      const std::string member =
-          R"({"nope":)" + std::string(levels, '[') + std::string(levels, ']') + "}";
-      return at.empty() ? member : R"({")" + at + R"(":)" + member + "}";
-    };
-    std::string path = at.empty() ? "$.nope" : "$." + at + ".nope";
-    for (int i = 0; i < room; ++i) path += "[0]";
-    EXPECT_EQ(renderJSON(parseJSON(schema, text(room), options)),
-              at.empty() ? "{}" : R"({"child":{}})");
-    EXPECT_EQ(catchError([&] { parseJSON(schema, text(room + 1), options); }),
-              SchematizerError::unexpectedType(path + ": nesting deeper than 201 levels"));
-  }
 }
 
 }  // namespace

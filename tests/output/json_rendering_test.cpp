@@ -185,57 +185,6 @@ TEST(JsonRenderingTest, RendersHandMadeBytes) {
   }
 }
 
-// What an interrupt check throws ends the long operations with that exception, even the renderer,
-// which writes ostrel::Error faults into the text instead; without a check they run to the end.
-// A field without presence that holds its default is not a field protobuf's parse keeps: the
-// rendering leaves it out, whichever occurrence set it, and keeps what differs from zero bits.
-TEST(JsonRenderingTest, LeavesOutFieldsWithoutPresenceHoldingTheirDefault) {
-  SchemaStore store(testing_support::generatedManifest("rich.desc"));
-  const MessageSchema schema = store.messageSchema("ostrel.test.Scalars");
-  const struct {
-    std::string bytes;
-    std::string expected;
-  } rows[] = {
-      {var(5, 0) + var(8, 0) + var(14, 0) + len(9, "") + len(12, "") + f32(7, 0) + f64(6, 0), "{}"},
-      {var(5, 3) + var(5, 0) + len(9, "x") + len(9, ""), "{}"},
-      {var(5, 0) + var(5, 3), R"({"f_int32":3})"},
-      {f32(2, bits(-0.0f)) + f64(1, bits(-0.0)), R"({"f_double":-0.0,"f_float":-0.0})"},
-      {len(19, ""), R"({"f_message":{}})"},
-      {f32(5, 0), R"({"f_int32":"#"})"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.expected);
-    LogCapture log;
-    std::string expected = row.expected;
-    if (const size_t hash = expected.find('#'); hash != std::string::npos) {
-      expected.replace(hash, 1, error("f_int32", "typeMismatch(int32, fixed32)"));
-    }
-    EXPECT_EQ(render(schema, row.bytes), expected);
-  }
-  const std::string zeros = var(5, 0) + var(14, 0);
-  EXPECT_EQ(renderJSON(schema.schematizedData(zeros), JsonOptions{.printDefaults = true}),
-            renderJSON(schema.schematizedData(std::string()), JsonOptions{.printDefaults = true}));
-}
-
-// Of each of a dozen oneofs, more than the renderer keeps at hand, the last member given wins.
-TEST(JsonRenderingTest, KeepsTheLastMemberOfEachOfManyOneofs) {
-  std::string proto = "syntax = \"proto3\"; message M {";
-  std::string forward, backward, first, second;
-  for (int i = 1; i <= 12; ++i) {
-    const std::string n = std::to_string(i);
-    proto += " oneof o" + n + " { int32 a" + n + " = " + std::to_string(2 * i - 1) + "; int32 b" +
-             n + " = " + std::to_string(2 * i) + "; }";
-    forward += var(2 * i - 1, i) + var(2 * i, i);
-    backward += var(2 * i, i) + var(2 * i - 1, i);
-    first += (i == 1 ? "{\"" : ",\"") + ("b" + n) + "\":" + n;
-    second += (i == 1 ? "{\"" : ",\"") + ("a" + n) + "\":" + n;
-  }
-  SchemaStore store(schemaManifestFromProtoText(proto + " }"));
-  const MessageSchema schema = store.messageSchema("M");
-  EXPECT_EQ(render(schema, forward), first + "}");
-  EXPECT_EQ(render(schema, backward), second + "}");
-}
-
 // A field that fails after the sink has taken part of the text is withdrawn from what is left,
 // and so is a field left out (a zero without presence) that begins where the sink took the text:
 // the streamed text is the whole one.
@@ -304,23 +253,6 @@ TEST(JsonRenderingTest, InterruptCheckStopsLongOperations) {
   setInterruptCheck(nullptr);
 }
 
-TEST(JsonRenderingTest, IndentsByTwoSpacesPerLevel) {
-  SchemaStore store(sampleManifest());
-  const std::string bytes = var(1, 1) + len(17, "") + var(18, 1) + var(18, 2) +
-                            len(20, var(13, 1)) + len(21, len(1, "a") + var(2, 1));
-  EXPECT_EQ(render(store.messageSchema("t.Sample"), bytes, JsonStyle::indented),
-            "{\n  \"i32\": 1,\n  \"child\": {},\n  \"ri\": [\n    1,\n    2\n  ],\n"
-            "  \"rm\": [\n    {\n      \"b\": true\n    }\n  ],\n"
-            "  \"sm\": {\n    \"a\": \"1\"\n  }\n}");
-  EXPECT_EQ(render(store.messageSchema("t.Sample"), "", JsonStyle::indented), "{}");
-  // Defaults written before, between and after the fields the bytes hold, at each level.
-  SchemaStore plain(schemaManifestFromProtoText(
-      "syntax = \"proto3\"; package p; message M { int32 a = 1; M m = 2; int32 b = 3; }"));
-  EXPECT_EQ(renderJSON(plain.messageSchema("p.M").schematizedData(len(2, var(3, 5))),
-                       {.style = JsonStyle::indented, .printDefaults = true}),
-            "{\n  \"a\": 0,\n  \"m\": {\n    \"a\": 0,\n    \"b\": 5\n  },\n  \"b\": 0\n}");
-}
-
 // Far deeper nesting is the reliability tests' part; here the limit itself.
 TEST(JsonRenderingTest, NestsAtMostAHundredMessages) {
   SchemaStore store(sampleManifest());
@@ -339,18 +271,6 @@ TEST(JsonRenderingTest, NestsAtMostAHundredMessages) {
   EXPECT_EQ(render(node, nested(101)), testing_support::repeated(R"({"child":)", 100) + "\"" +
                                            tooDeep + "\"" + testing_support::repeated("}", 100));
   EXPECT_EQ(log.lines, std::vector<std::string>{tooDeep});
-}
-
-TEST(JsonRenderingTest, RendersMessageOptions) {
-  // descriptor.proto gives MessageOptions its fields; the built-in schema knows none.
-  SchemaManifest withDescriptor = generatedManifest("rich.desc");
-  withDescriptor.merge(generatedManifest("descriptor.desc"), MergePolicy::keepExisting);
-  const SchemaStore full(withDescriptor);
-  const SchemaStore plain(generatedManifest("rich.desc"));
-  const std::string entry = "ostrel.test.Rich.CountsEntry";
-  EXPECT_EQ(renderJSON(*full.messageSchema(entry).options()), R"({"map_entry":true})");
-  EXPECT_EQ(renderJSON(*plain.messageSchema(entry).options()), "{}");
-  EXPECT_EQ(full.messageSchema("ostrel.test.Rich").options(), std::nullopt);
 }
 
 }  // namespace

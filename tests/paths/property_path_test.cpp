@@ -75,32 +75,6 @@ TEST(PropertyPathParseTest, RejectsMalformedPathsAtThePosition) {
   }
 }
 
-TEST(PropertyPathErrorTest, CarriesItsPayload) {
-  const Error illegal = Error::propertyNameStartsWithIllegalCharacter("1a", "x.1a", 2);
-  EXPECT_EQ(illegal.code(), Error::Code::propertyNameStartsWithIllegalCharacter);
-  EXPECT_EQ(illegal.propertyName(), "1a");
-  EXPECT_EQ(illegal.in(), "x.1a");
-  EXPECT_EQ(illegal.at(), 2u);
-  EXPECT_EQ(Error::negativeIndex(-3, "a[-3]", 2).index(), -3);
-}
-
-TEST(PropertyPathErrorTest, DescribesTheFaultWithAnArrow) {
-  EXPECT_STREQ(
-      Error::propertyNameStartsWithIllegalCharacter("1a", "x.1a", 2).what(),
-      "PropertyPathUtil Error: Property name starts with illegal character (fieldName: 1a)\n"
-      "  \xE2\x87\xA9 Here\nx.1a");
-  EXPECT_STREQ(
-      Error::negativeIndex(-12, "a[-12]", 2).what(),
-      "PropertyPathUtil Error: Index can't be negative (index: -12)\n  \xE2\x87\xA9 Here\na[-12]");
-  EXPECT_STREQ(Error::missingPropertyName(".a", 0).what(),
-               "PropertyPathUtil Error: Missing field name\n\xE2\x87\xA9 Here\n.a");
-  // A position past the end points after the last character.
-  EXPECT_STREQ(Error::missingClosingBracket("a[1", 7).what(),
-               "PropertyPathUtil Error: Missing closing bracket\n   \xE2\x87\xA9 Here\na[1");
-  EXPECT_STREQ(Error::zeroLengthPropertyPath().what(),
-               "PropertyPathUtil Error: string cannot be zero-length");
-}
-
 // Positions are byte offsets, but the arrow is indented by the characters a person sees before
 // it, so multi-byte and composed characters take one column each.
 TEST(PropertyPathErrorTest, IndentsTheArrowByUserPerceivedCharacters) {

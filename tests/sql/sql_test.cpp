@@ -1,5 +1,4 @@
-// The SQL layer: the text of projections, and the SQLite function set, whose reads must give what
-// the library's own reads give.
+// The SQLite function set, whose reads must give what the library's own reads give.
 
 #include "ostrel/sql/sql.hpp"
 
@@ -126,79 +125,6 @@ void expectRows(Db& db, const std::vector<std::pair<std::string, std::string>>& 
 }
 
 std::string error(const Error& e) { return "error:" + std::string(e.what()); }
-
-TEST(SqlSelectTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
-  const SqlDialect lite = SqlDialect::sqlite;
-  const SqlDialect pg = SqlDialect::postgres;
-  const std::vector<std::tuple<SqlDialect, std::string, std::string>> rows = {
-      {lite, "Aa0z9Z_", "Aa0z9Z_"}, {lite, "_x", "_x"},           {lite, "select", "\"select\""},
-      {lite, "FROM", "\"FROM\""},   {lite, "abort", "\"abort\""}, {lite, "9", "\"9\""},
-      {lite, "", "\"\""},           {lite, "a b", "\"a b\""},     {lite, "a\"b", "\"a\"\"b\""},
-      {lite, "é", "\"é\""},         {lite, "x.y", "\"x.y\""},     {lite, "a'b", "\"a'b\""},
-      {lite, "a`", "\"a`\""},       {pg, "a0z9_", "a0z9_"},       {pg, "Who", "\"Who\""},
-      {pg, "abort", "abort"},       {pg, "user", "\"user\""},     {pg, "order", "\"order\""},
-      {pg, "with", "\"with\""},     {pg, "all", "\"all\""},
-  };
-  for (const auto& [dialect, name, sql] : rows) EXPECT_EQ(sqlIdentifier(name, dialect), sql);
-  EXPECT_EQ(sqlStringLiteral("it's"), "'it''s'");
-  EXPECT_EQ(sqlStringLiteral(""), "''");
-}
-
-TEST(SqlSelectTest, SelectText) {
-  const SchemaStore store(richManifest());
-  const MessageSchema rich = store.messageSchema(kRich);
-  EXPECT_EQ(
-      sqlSelect(rich, "orders", "orders_blob",
-                {{"mid.leaf.label", {}}, {"mids[0].note", "first_note"}, {"color", "c"}}),
-      "SELECT\n  P_GET(orders_blob, 'mid.leaf.label') AS \"mid.leaf.label\",\n"
-      "  P_GET(orders_blob, 'mids[0].note') AS first_note,\n  P_GET(orders_blob, 'color') AS c\n"
-      "FROM orders");
-  EXPECT_EQ(sqlSelect(rich, "Orders", "a b", {{"color", "Who"}}, {SqlDialect::sqlite, true}),
-            "SELECT\n  P_GET(\"a b\", 'ostrel.test.Rich', 'color') AS Who\nFROM Orders");
-  // PostgreSQL's functions always take the type.
-  EXPECT_EQ(sqlSelect(rich, "Orders", "Record", {{"color", "Who"}}, {SqlDialect::postgres}),
-            "SELECT\n  p_get_text(\"Record\", 'ostrel.test.Rich', 'color') AS \"Who\"\n"
-            "FROM \"Orders\"");
-  // Each PostgreSQL function reads one SQL type.
-  const std::vector<std::pair<std::string, std::string>> rows = {
-      {"scalars.f_int32", "p_get_bigint"},    {"scalars.f_uint32", "p_get_bigint"},
-      {"scalars.f_sint32", "p_get_bigint"},   {"scalars.f_fixed32", "p_get_bigint"},
-      {"scalars.f_sfixed32", "p_get_bigint"}, {"scalars.f_int64", "p_get_bigint"},
-      {"scalars.f_sint64", "p_get_bigint"},   {"scalars.f_sfixed64", "p_get_bigint"},
-      {"scalars.f_uint64", "p_get_numeric"},  {"scalars.f_fixed64", "p_get_numeric"},
-      {"scalars.f_double", "p_get_double"},   {"scalars.f_float", "p_get_double"},
-      {"scalars.f_bool", "p_get_bool"},       {"scalars.f_string", "p_get_text"},
-      {"scalars.f_enum", "p_get_text"},       {"scalars.f_bytes", "p_get_bytea"},
-      {"scalars.f_message", "p_get"},         {"mids[1]", "p_get"},
-  };
-  for (const auto& [path, function] : rows) {
-    SCOPED_TRACE(path);
-    EXPECT_EQ(sqlSelect(rich, "t", "r", {{path, "v"}}, {SqlDialect::postgres}),
-              "SELECT\n  " + function + "(r, 'ostrel.test.Rich', '" + path + "') AS v\nFROM t");
-  }
-}
-
-TEST(SqlSelectTest, RefusedBeforeAnyTextIsMade) {
-  const SchemaStore store(richManifest());
-  const auto refusal = [&](const std::string& table, const std::string& column,
-                           const std::vector<SqlColumn>& columns) {
-    try {
-      return "accepted: " + sqlSelect(store.messageSchema(kRich), table, column, columns);
-    } catch (const Error& error) {
-      return std::string(error.what());
-    }
-  };
-  const std::vector<SqlColumn> color = {{"color", std::nullopt}};
-  EXPECT_EQ(refusal("t", "c", {{"mid.", std::nullopt}}),
-            PropertyPathUtil::Error::missingPropertyName("mid.", 4).what());
-  EXPECT_EQ(refusal("t", "c", {{"mids.note", std::nullopt}}),
-            SchematizerError::repeatedValueAccessNoIndex().what());
-  EXPECT_EQ(refusal("t", "c", {}), "no property paths to project");
-  EXPECT_EQ(refusal("", "c", color), "empty SQL table name");
-  EXPECT_EQ(refusal(std::string("a\0b", 3), "c", color), "NUL character in SQL table name");
-  EXPECT_EQ(refusal("t", "", color), "empty SQL column name");
-  EXPECT_EQ(refusal("t", "c", {{"color", ""}}), "empty SQL alias");
-}
 
 TEST(SqliteFunctionsTest, ReadsMatchTheLibrary) {
   Db db;

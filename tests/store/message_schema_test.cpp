@@ -81,48 +81,6 @@ TEST(MessageSchemaTest, ListsAndLooksUpItsMembers) {
             SchematizerError::enumValueNotFound("Enum: shop.State, -3 value"));
 }
 
-TEST(MessageSchemaTest, TypeResolutionFailuresAreRetriedAndReported) {
-  SchemaStore store(orderManifest());
-  const MessageSchema broken = store.messageSchema("shop.Broken");
-  const FieldSchema dangling = broken.fieldNamed("dangling");
-  EXPECT_EQ(catchError([&] { dangling.type(); }), SchematizerError::schemaNotFound("shop.Missing"));
-  EXPECT_EQ(catchError([&] { dangling.type(); }), SchematizerError::schemaNotFound("shop.Missing"));
-  EXPECT_EQ(catchError([&] { broken.fieldNamed("untyped").type(); }),
-            SchematizerError::missingFieldSchemaName());
-  EXPECT_EQ(catchError([&] { broken.fieldNamed("unnamedEnum").type(); }),
-            SchematizerError::missingFieldEnumName());
-  EXPECT_EQ(catchError([&] { broken.fieldNamed("relative").type(); }),
-            SchematizerError::schemaNotFound(".shop.Item"));
-}
-
-// What buildData builds is compared with libprotobuf in the differential suite; here the order of
-// its asks, in which the fields are written, and that a value of the wrong kind stops it at once.
-TEST(MessageSchemaTest, BuildDataAsksForFieldsInNameOrderAndStopsAtAMismatch) {
-  SchemaStore store(orderManifest());
-  const MessageSchema order = store.messageSchema("shop.Order");
-  std::vector<std::string> asked;
-  const SchematizedData data = order.buildData([&](const FieldSchema& field) {
-    asked.push_back(field.name());
-    if (field.name() == "zeta") return std::vector<AnyValue>{std::string("h")};
-    return field.name() == "alpha" ? std::vector<AnyValue>{int32_t{7}} : std::vector<AnyValue>{};
-  });
-  EXPECT_EQ(asked,
-            (std::vector<std::string>{"alpha", "card", "cash", "item", "mid", "state", "zeta"}));
-  EXPECT_EQ(data.messageSchema(), order);
-  EXPECT_EQ(data.data(), testing_support::bytesOf({0x18, 7, 0x0a, 1, 'h'}));
-  asked.clear();
-  EXPECT_EQ(catchError([&] {
-              order.buildData([&](const FieldSchema& field) {
-                asked.push_back(field.name());
-                return std::vector<AnyValue>{uint32_t{5}};
-              });
-            }),
-            SerializationError::invalidIntType(
-                AnyValue(uint32_t{5}),
-                TypeSchemaDescription::scalar(TypeSchemaDescription::Case::int32)));
-  EXPECT_EQ(asked, std::vector<std::string>{"alpha"});
-}
-
 TEST(MessageSchemaLifetimeTest, MaterialisedMembersOutliveTheStore) {
   std::optional<SchemaStore> store(orderManifest());
   const MessageSchema order = store->messageSchema("shop.Order");

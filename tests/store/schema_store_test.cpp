@@ -77,19 +77,6 @@ TEST(SchemaStoreTest, HandBuiltManifestsAreCheckedAsImportsAre) {
   }
 }
 
-TEST(SchemaStoreTest, LookupsMaterialiseOnceAndReturnTheSameObject) {
-  const auto store = ProtoSchemaStore::make(shopManifest());
-  EXPECT_EQ(store->description(), "MessageSchema store size: 14");
-  EXPECT_TRUE(store->messageSchemaNames().contains("shop.Item"));
-  const auto first = store->messageSchema("shop.Order");
-  EXPECT_EQ(store->messageSchema("shop.Order"), first);
-
-  const auto state = store->enumSchema("shop.State");
-  EXPECT_EQ(store->enumSchema("shop.State"), state);
-  SchemaStore wrapper(store);
-  EXPECT_EQ(wrapper.messageSchema("shop.Order"), wrapper.messageSchema("shop.Order"));
-}
-
 TEST(SchemaStoreTest, CallerFieldsAreAddedToTheBuiltInOptionsMessages) {
   SchemaManifest manifest;
   manifest.messages["google.protobuf.FieldOptions"].fields["packed"] =
@@ -103,70 +90,6 @@ TEST(SchemaStoreTest, CallerFieldsAreAddedToTheBuiltInOptionsMessages) {
   EXPECT_EQ(store.messageSchema("google.protobuf.FileDescriptorSet").fieldNamed("file").type(),
             TypeSchema(TypeSchemaDescription::messageType(
                 store.messageSchema("google.protobuf.FileDescriptorProto").impl())));
-}
-
-TEST(SchemaStoreTest, OptionsAreKeptAsDataOfTheirOptionsMessage) {
-  SchemaManifest manifest = shopManifest();
-  manifest.messages["shop.Order"].options = testing_support::bytesOf({0x38, 0x01});
-  manifest.messages["shop.Order"].fields["id"].options = testing_support::bytesOf({0x10, 0x01});
-  manifest.enums["shop.State"].options = Bytes{};
-  manifest.enums["shop.State"].valueOptions[1] = testing_support::bytesOf({0x08, 0x01});
-  SchemaStore store(manifest);
-
-  const MessageSchema order = store.messageSchema("shop.Order");
-  EXPECT_EQ(order.options()->messageSchema().name(), "google.protobuf.MessageOptions");
-  EXPECT_EQ(order.options()->data(), testing_support::bytesOf({0x38, 0x01}));
-  EXPECT_EQ(order.fieldNamed("id").options()->messageSchema().name(),
-            "google.protobuf.FieldOptions");
-  EXPECT_FALSE(order.fieldNamed("state").options());
-
-  const EnumSchema state = store.enumSchema("shop.State");
-  ASSERT_TRUE(state.options());  // an empty buffer is not the same as no options
-  EXPECT_TRUE(state.options()->data().empty());
-  ASSERT_EQ(state.valueOptions().size(), 1u);
-  EXPECT_EQ(state.valueOptions().at(1).messageSchema().name(), "google.protobuf.EnumValueOptions");
-}
-
-TEST(SchemaStoreTest, SchemaThatCannotBeCreatedStaysInManifestForm) {
-  // An options message carrying options of its own kind would need itself to be created.
-  SchemaManifest manifest;
-  manifest.messages["google.protobuf.MessageOptions"].options = Bytes{};
-  const auto store = ProtoSchemaStore::make(manifest);
-  const auto expected = SchematizerError::internalError(
-      "Schema \"google.protobuf.MessageOptions\" needs itself to be created");
-  EXPECT_EQ(catchError([&] { store->messageSchema("google.protobuf.MessageOptions"); }), expected);
-  EXPECT_EQ(catchError([&] { store->messageSchema("google.protobuf.MessageOptions"); }), expected);
-}
-
-// The tool's describe command shows the descriptions of message, enum, integer and string types;
-// these are the others.
-// Types added later resolve the references that failed before; a materialised schema stays the
-// object it was, and a name still in manifest form merges the way construction merges.
-TEST(SchemaStoreTest, AddedTypesJoinWithoutChangingMaterialisedOnes) {
-  SchemaManifest order;
-  order.messages["shop.Order"] = shopManifest().messages["shop.Order"];
-  const auto store = ProtoSchemaStore::make(order);
-  const auto schema = store->messageSchema("shop.Order");
-  EXPECT_EQ(catchError([&] { schema->fieldNamed("item")->type(); }),
-            SchematizerError::schemaNotFound("shop.Item"));
-
-  SchemaManifest more = shopManifest();
-  more.messages["shop.Order"].fields["late"] = scalar(TypeManifest::string, 9);
-  more.messages["google.protobuf.FieldOptions"].fields["tag"] = scalar(TypeManifest::string, 50000);
-  store->add(more);
-  EXPECT_EQ(store->messageSchema("shop.Order"), schema);
-  EXPECT_FALSE(schema->fieldsByNumber().contains(9));
-  EXPECT_EQ(schema->fieldNamed("item")->type().messageSchema()->name(), "shop.Item");
-  EXPECT_EQ(schema->fieldNamed("state")->type().enumSchema()->valueNamed("PAID"), 1);
-  EXPECT_EQ(store->messageSchema("google.protobuf.FieldOptions")->allFieldNames(),
-            std::vector<std::string>{"tag"});
-}
-
-TEST(TypeSchemaTest, DescriptionsForDeveloperTooling) {
-  using C = TypeSchema::Case;
-  EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(C::double_)).descriptionText(),
-            "double floating point");
-  EXPECT_EQ(TypeSchema(TypeSchemaDescription::scalar(C::bytes)).descriptionText(), "binary data");
 }
 
 }  // namespace

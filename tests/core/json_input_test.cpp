@@ -1,26 +1,14 @@
-// The JSON text helpers of the core, where no caller in the library reaches every case: appending
-// to text already written, and the nesting limit of the JSON reader's check.
+// The nesting limit of the core JSON reader's check, which no caller in the library reaches on
+// both sides.
 
-#include "core/json_text.hpp"
+#include "core/json_input.hpp"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "core/json_input.hpp"
-
 namespace ostrel {
 namespace {
-
-TEST(JsonTextTest, AppendsAfterWhatTheStringHolds) {
-  for (const auto& [text, quoted] :
-       {std::pair<std::string, std::string>{"a\"\x01", R"("a\"\u0001")"},
-        {"\xC3\x28", "\"\xEF\xBF\xBD(\""}}) {
-    std::string out = "x:";
-    detail::appendJsonString(out, text);
-    EXPECT_EQ(out, "x:" + quoted);
-  }
-}
 
 TEST(JsonInputTest, RefusesContainersNestedDeeperThanTheLimit) {
   for (const auto& [text, refused] : {std::pair<std::string, bool>{"[{},[[]]]", false},
