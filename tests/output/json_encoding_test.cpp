@@ -30,6 +30,8 @@ TEST(JsonEncodingTest, AcceptsEveryFormOfEachType) {
       {"integers written as exact floating-point numbers",
        R"({"i32":1e2,"i64":-9.223372036854775808e18,"u64":1E19})",
        R"({"i32":100,"i64":"-9223372036854775808","u64":"10000000000000000000"})"},
+      {"2^63 is no int64 but a uint64", R"({"u64":9.223372036854775808e18})",
+       R"({"u64":"9223372036854775808"})"},
       {"negative zeros keep their sign", R"({"fl":-0.0,"db":-0.0})", R"({"fl":-0.0,"db":-0.0})"},
       {"bytes in the URL-safe alphabet, padded or not", R"({"by":"-_8","rm":[{"by":"-_8="}]})",
        R"({"by":"+/8=","rm":[{"by":"+/8="}]})"},

@@ -56,6 +56,7 @@ TEST_F(WellKnownJsonTest, RendersEdgeValuesAndEncodesThemBack) {
        R"({"timestamp":"2000-02-29T00:00:00.000001Z"})"},
       {"duration { seconds: 315576000000 nanos: 999999999 }",
        R"({"duration":"315576000000.999999999s"})"},
+      {"duration { seconds: -1 nanos: -999999999 }", R"({"duration":"-1.999999999s"})"},
       // The ends of the letters that may follow an underscore.
       {"field_mask { paths: 'a_a' paths: 'z_z.y' }", R"({"field_mask":"aA,zZ.y"})"},
   };
@@ -142,6 +143,12 @@ TEST_F(WellKnownJsonTest, EncodesTimestampOffsetsBothFieldNamesAndAnyTypesAnywhe
     EXPECT_TRUE(comparison.equal(holder(proto), parse(parseJSON(holder_, json))))
         << comparison.differences();
   }
+  // An Any names its type once.
+  EXPECT_EQ(testing_support::catchError([&] {
+              parseJSON(holder_,
+                        R"({"any":{"@type":")" + inner + R"(","@type":")" + inner + "\"}}");
+            }),
+            SchematizerError::unexpectedType(R"($.any: duplicate key "@type")"));
 }
 
 }  // namespace
