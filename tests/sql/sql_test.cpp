@@ -1,4 +1,5 @@
-// The SQLite function set, whose reads must give what the library's own reads give.
+// The SQL layer: identifiers in SQL text, and the SQLite function set, whose reads must give what
+// the library's own reads give.
 
 #include "ostrel/sql/sql.hpp"
 
@@ -125,6 +126,23 @@ void expectRows(Db& db, const std::vector<std::pair<std::string, std::string>>& 
 }
 
 std::string error(const Error& e) { return "error:" + std::string(e.what()); }
+
+TEST(SqlSelectTest, IdentifiersQuoteOnlyWhatCannotStandBare) {
+  const SqlDialect lite = SqlDialect::sqlite;
+  const SqlDialect pg = SqlDialect::postgres;
+  const std::vector<std::tuple<SqlDialect, std::string, std::string>> rows = {
+      {lite, "Aa0z9Z_", "Aa0z9Z_"}, {lite, "_x", "_x"},           {lite, "select", "\"select\""},
+      {lite, "FROM", "\"FROM\""},   {lite, "abort", "\"abort\""}, {lite, "9", "\"9\""},
+      {lite, "", "\"\""},           {lite, "a b", "\"a b\""},     {lite, "a\"b", "\"a\"\"b\""},
+      {lite, "é", "\"é\""},         {lite, "x.y", "\"x.y\""},     {lite, "a'b", "\"a'b\""},
+      {lite, "a`", "\"a`\""},       {pg, "a0z9_", "a0z9_"},       {pg, "Who", "\"Who\""},
+      {pg, "abort", "abort"},       {pg, "user", "\"user\""},     {pg, "order", "\"order\""},
+      {pg, "with", "\"with\""},     {pg, "all", "\"all\""},
+  };
+  for (const auto& [dialect, name, sql] : rows) EXPECT_EQ(sqlIdentifier(name, dialect), sql);
+  EXPECT_EQ(sqlStringLiteral("it's"), "'it''s'");
+  EXPECT_EQ(sqlStringLiteral(""), "''");
+}
 
 TEST(SqliteFunctionsTest, ReadsMatchTheLibrary) {
   Db db;
