@@ -239,8 +239,11 @@ void EnumClosedness::addEnum(const std::string& fullName, const Features& file,
                                 withFeatures(file, options, kEnumFeaturesNumber).closedEnums);
 }
 
-void EnumClosedness::addEditionsField(std::string fullName) {
-  editionsFields_.insert(std::move(fullName));
+void EnumClosedness::addField(std::string fullName, const FieldManifest& field,
+                              std::string_view syntax) {
+  if (field.type == TypeManifest::enum_ && syntax == "editions") {
+    editionsFields_.insert(std::move(fullName));
+  }
 }
 
 void EnumClosedness::apply(SchemaManifest& manifest) const {

@@ -133,8 +133,9 @@ class EnumClosedness {
  public:
   // An enum: `file` are the features of the file that declares it, `options` its EnumOptions.
   void addEnum(const std::string& fullName, const Features& file, const RawOptions& options);
-  // A field of enum type declared in an Editions file, by its full name (an extension's too).
-  void addEditionsField(std::string fullName);
+  // A field read from a file of `syntax`, by its full name (an extension's too); only the enum
+  // fields of Editions files are kept.
+  void addField(std::string fullName, const FieldManifest& field, std::string_view syntax);
   void apply(SchemaManifest& manifest) const;
 
  private:

@@ -263,9 +263,7 @@ class DescriptorSetReader {
     field.fieldNumber = *number;
     detail::applyFeatures(
         field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
-    if (field.type == TypeManifest::enum_ && syntax_ == "editions") {
-      enumClosedness_.addEditionsField(detail::fullName(scope, *name));
-    }
+    enumClosedness_.addField(detail::fullName(scope, *name), field, syntax_);
     if (auto json = declaredJsonName(value.messageValue().bytes());
         json && *json != detail::jsonName(*name)) {
       field.jsonName = std::move(json);

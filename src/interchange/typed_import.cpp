@@ -160,9 +160,7 @@ class TypedDescriptorReader {
     if (descriptor.has_options()) field.options = serialized(descriptor.options());
     detail::applyFeatures(
         field, detail::withFeatures(features_, field.options, detail::kFieldFeaturesNumber), group);
-    if (field.type == TypeManifest::enum_ && syntax_ == "editions") {
-      enumClosedness_.addEditionsField(detail::fullName(scope, descriptor.name()));
-    }
+    enumClosedness_.addField(detail::fullName(scope, descriptor.name()), field, syntax_);
     // An extension always has presence, whatever its file's.
     if (descriptor.has_extendee()) field.implicitPresence = false;
     return std::pair(descriptor.name(), std::move(field));
