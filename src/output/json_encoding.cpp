@@ -508,12 +508,11 @@ class Encoder {
   }
 
   // The members of `object` as fields of `entry`; the member "@type" is passed over when `inAny`
-  // (the object is the content of an Any).
+  // (the object is the content of an Any, whose "@type" any() has already read, and found once).
   void members(MessageEntry& entry, ondemand::object& object, const Path& path, int depth,
                bool inAny) {
     IndexSet names;
     IndexSet fields;
-    bool typeSeen = false;
     // The member given for each oneof so far.
     std::vector<const FieldEntry*> oneofs;
     size_t position = 0;
@@ -521,11 +520,7 @@ class Encoder {
       detail::pollInterrupt();
       ondemand::field field = take(std::move(member));
       const std::string_view name = detail::memberName(field, scratch_);
-      if (inAny && name == "@type") {
-        if (typeSeen) throw JsonTextFault{};
-        typeSeen = true;
-        continue;
-      }
+      if (inAny && name == "@type") continue;
       const MessageEntry::Name* found = entry.predicted(position, name);
       if (!found) {
         found = options_.ignoreUnknownFields ? entry.findNamed(name) : &entry.named(name);
@@ -602,7 +597,7 @@ class Encoder {
         mapEntry(field, key, entry.value(), path.key(key), depth);
       }
       // A key given twice is the text's own fault, which the caller names.
-      if (keys.anySame() && anyKeyTwice(object)) throw JsonTextFault{};
+      if (keys.anySame()) requireDistinctKeys(object);
       return;
     }
     if (type != JsonType::array) expected(path, "an array");
@@ -615,15 +610,15 @@ class Encoder {
     }
   }
 
-  // Whether `object`, read in full, has a member name twice: reads the names again.
-  bool anyKeyTwice(ondemand::object& object) {
+  // Throws JsonTextFault when `object`, read in full, has a member name twice: reads the names
+  // again.
+  void requireDistinctKeys(ondemand::object& object) {
     take(object.reset());
     std::unordered_set<std::string> keys;
     for (auto member : object) {
       ondemand::field entry = take(std::move(member));
-      if (!keys.emplace(detail::memberName(entry, scratch_)).second) return true;
+      if (!keys.emplace(detail::memberName(entry, scratch_)).second) throw JsonTextFault{};
     }
-    return false;
   }
 
   // One entry of a map field, key and value both written.
