@@ -193,16 +193,16 @@ TEST(DescriptorSetImport, SetsImportAlikeThroughBothImporters) {
 TEST(DescriptorSetImport, JsonNameIsKeptWhereItDiffersFromTheDefault) {
   const std::pair<std::string, std::optional<std::string>> rows[] = {
       {"", std::nullopt},
-      {R"(json_name: "myField")", std::nullopt},
+      {R"(json_name: "aZAField")", std::nullopt},
       {R"(json_name: "custom")", "custom"}};
   for (const auto& [declared, expected] : rows) {
     const pb::FileDescriptorSet set = textSet(
         {{"oneof_decl {",
-          R"(field { name: "my_field" number: 2 type: TYPE_MESSAGE type_name: ".t.M" options { deprecated: true } )" +
+          R"(field { name: "a_z_a_field" number: 2 type: TYPE_MESSAGE type_name: ".t.M" options { deprecated: true } )" +
               declared + "} oneof_decl {"}});
     for (const SchemaManifest& manifest :
          {importBytes(serialize(set)), schemaManifestFromDescriptorSet(set)}) {
-      EXPECT_EQ(manifest.messages.at("t.M").fields.at("my_field").jsonName, expected);
+      EXPECT_EQ(manifest.messages.at("t.M").fields.at("a_z_a_field").jsonName, expected);
     }
   }
 }

@@ -92,7 +92,8 @@ std::vector<RenderRow> renderRows() {
       {"of a oneof's members the last present wins, a message member merging only after it",
        var(28, 1) + len(29, var(1, 1)) + var(28, 2) + len(29, var(2, 2)) + len(29, var(3, 3)),
        R"({"o2":{"i64":"2","u32":3}})"},
-      {"a oneof member before another is dropped", len(29, var(1, 1)) + var(28, 5), R"({"o1":5})"},
+      {"a oneof member before another is dropped, in a nested message too",
+       var(13, 1) + len(17, len(29, var(1, 1)) + var(28, 5)), R"({"b":true,"child":{"o1":5}})"},
       {"an occurrence of a singular field with the wrong wire type fails it", f32(1, 5) + var(1, 1),
        R"({"i32":"#"})", "i32", "typeMismatch(int32, fixed32)"},
       {"every element of packed and unpacked runs in the order of the bytes, unknown fields "

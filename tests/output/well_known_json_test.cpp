@@ -126,6 +126,7 @@ TEST_F(WellKnownJsonTest, EncodesTimestampOffsetsBothFieldNamesAndAnyTypesAnywhe
       {R"({"timestamp":"1970-01-01T01:00:00+01:00","plainText":"a","int64_values":[1]})",
        "timestamp {} plain_text: 'a' int64_values { value: 1 }"},
       {R"({"timestamp":"1970-01-01T00:00:00-05:30"})", "timestamp { seconds: 19800 }"},
+      {R"({"nulls":["NULL_VALUE",0,null]})", "nulls: NULL_VALUE nulls: NULL_VALUE nulls: 0"},
       {R"({"field_mask":"Foo,fooAbc,fooBAR,aBCd"})",
        "field_mask { paths: 'foo' paths: 'foo_abc' paths: 'foo_bar' paths: 'a_b_cd' }"},
       {R"({"any":{"big_id":"7","@type":")" + inner + R"("}})",
