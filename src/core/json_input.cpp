@@ -18,6 +18,9 @@ namespace {
 // they are done, so that one large text does not pin its buffers to the thread.
 constexpr size_t kCachedTextSize = size_t{4} << 20;
 
+// Where a number's decimal exponent stops growing as its digits are read.
+constexpr int64_t kExponentLimit = int64_t{1} << 56;
+
 int hexDigit(char c) noexcept {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -161,8 +164,9 @@ JsonNumber readNumber(ondemand::value& value) {
     if (p != end && (*p == '+' || *p == '-')) ++p;
     if (p == end || !isDigit(*p)) throw JsonTextFault{simdjson::NUMBER_ERROR};
     for (; p != end && isDigit(*p); ++p) {
-      // Saturated: past a million the answer is zero or overflow either way.
-      if (exponent < 1000000) exponent = exponent * 10 + (*p - '0');
+      // Saturated far beyond the digits any text holds before its point (leadingExponent), so
+      // that the sign of their sum still tells zero from overflow.
+      if (exponent < kExponentLimit) exponent = exponent * 10 + (*p - '0');
     }
     if (negativeExponent) exponent = -exponent;
     whole = false;
