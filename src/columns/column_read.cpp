@@ -402,8 +402,7 @@ class BatchReader {
           }
         });
         wire.setPosition(end);
-        if (first && !exact) return;
-        first = false;
+        if (!exact) return;
         continue;
       }
       first = false;
